@@ -1,0 +1,18 @@
+#!/usr/bin/env bash
+# Installs what the build and the host tests need (Debian packages). Idempotent: packages
+# already present are not touched, and apt is not contacted when nothing is missing.
+set -euo pipefail
+
+packages=(cmake g++ make libgtest-dev libgmock-dev)
+
+missing=()
+for p in "${packages[@]}"; do
+    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+
+if ((${#missing[@]})); then
+    echo "install-deps: installing ${missing[*]}"
+    export DEBIAN_FRONTEND=noninteractive
+    apt-get update -qq
+    apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi

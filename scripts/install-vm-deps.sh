@@ -1,0 +1,59 @@
+#!/bin/sh
+# Installs what the VM test bed needs: qemu, a static busybox and a stock
+# Debian kernel unpacked into a cache outside the work tree. Idempotent: a
+# second run with everything present does nothing and needs no network.
+set -eu
+
+CACHE="${TAVRINE_CACHE:-$HOME/.cache/tavrine}"
+KDIR="$CACHE/kernel"
+
+die() { echo "install-vm-deps: $*" >&2; exit 1; }
+
+have_tools() {
+    command -v qemu-system-x86_64 >/dev/null 2>&1 && [ -x /bin/busybox ] &&
+        /bin/busybox --list 2>/dev/null | grep -qx insmod
+}
+
+install_tools() {
+    have_tools && return 0
+    [ "$(id -u)" = 0 ] || die "qemu-system-x86 and busybox-static are missing; run as root to install them"
+    export DEBIAN_FRONTEND=noninteractive
+    apt-get update -qq || die "apt-get update failed"
+    apt-get install -y -qq --no-install-recommends qemu-system-x86 busybox-static >/dev/null ||
+        die "apt-get install qemu-system-x86 busybox-static failed"
+    have_tools || die "qemu-system-x86_64 or a static busybox is still missing after install"
+}
+
+# Prints the versioned kernel package that linux-image-amd64 depends on.
+resolve_kernel_package() {
+    apt-cache depends linux-image-amd64 2>/dev/null |
+        awk '/Depends: linux-image-[0-9]/ { print $2; exit }'
+}
+
+install_kernel() {
+    if [ -f "$KDIR/ready" ]; then return 0; fi
+    pkg=$(resolve_kernel_package)
+    if [ -z "$pkg" ]; then
+        apt-get update -qq || true
+        pkg=$(resolve_kernel_package)
+    fi
+    [ -n "$pkg" ] || die "cannot resolve the package behind linux-image-amd64 (apt-cache depends found nothing)"
+    tmp="$CACHE/download.$$"
+    rm -rf "$tmp" "$KDIR"
+    mkdir -p "$tmp"
+    (cd "$tmp" && apt-get download -qq "$pkg" >/dev/null 2>&1) || { rm -rf "$tmp"; die "apt-get download $pkg failed"; }
+    deb=$(ls "$tmp"/*.deb 2>/dev/null | head -n 1)
+    [ -n "$deb" ] || { rm -rf "$tmp"; die "no .deb for $pkg after download"; }
+    mkdir -p "$KDIR"
+    dpkg -x "$deb" "$KDIR/root" || { rm -rf "$tmp" "$KDIR"; die "dpkg -x $deb failed"; }
+    rm -rf "$tmp"
+    vmlinuz=$(ls "$KDIR"/root/boot/vmlinuz-* 2>/dev/null | head -n 1)
+    [ -n "$vmlinuz" ] || die "the package $pkg has no /boot/vmlinuz-*"
+    ln -sf "$vmlinuz" "$KDIR/vmlinuz"
+    echo "$pkg" > "$KDIR/ready"
+}
+
+mkdir -p "$CACHE"
+install_tools
+install_kernel
+echo "install-vm-deps: ready (kernel $(cat "$KDIR/ready"), cache $CACHE)"

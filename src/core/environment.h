@@ -1,0 +1,42 @@
+// What the daemon learns about the running system once at start-up. Written only here,
+// before any device thread exists; read anywhere afterwards.
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <atomic>
+
+struct KernelVersionInfo {
+    int32_t major;
+    int32_t minor;
+    int32_t patch;
+};
+
+struct AndroidVersionInfo {
+    int32_t major;
+    int32_t minor;
+};
+
+extern KernelVersionInfo KernelVersion;    // 0.0.0 when unknown
+extern int32_t bOldKernel;                 // 1 on 2.6.x with x <= 34
+extern AndroidVersionInfo AndroidVersion;  // 0.0 when not on Android
+
+// Set by the SIGUSR2 handler and by device threads; read and cleared by the scan loop.
+extern std::atomic<uint8_t> bDeviceExistCheck;
+
+// The whole probe: Android, kernel and CPU versions, the maker's USB devices, the root
+// check (ends the process unless root) and the SIGUSR2 handler.
+void GetEnvironment();
+void GetAndroidVersion();
+void GetKernelVersion();
+void GetCPUinfo();
+void ListQEVOUsbDevice();
+
+// Parses the text of /proc/version (len bytes, not terminated) into version; missing
+// pieces are 0. Never reads past len.
+void ParseKernelVersion(const char* text, size_t len, KernelVersionInfo* version);
+// Parses an Android release such as "4.0.4" or "10" (a missing minor is 0).
+void ParseAndroidVersion(const char* release, AndroidVersionInfo* version);
+// 1 for 2.6.x with x <= 34, else 0.
+int32_t IsOldKernel(const KernelVersionInfo& version);

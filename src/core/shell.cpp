@@ -1,0 +1,92 @@
+#include "core/shell.h"
+
+#include <errno.h>
+#include <signal.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "log/debug_log.h"
+
+#ifdef __ANDROID__
+#define TAVRINE_SHELL "/system/bin/sh"
+#else
+#define TAVRINE_SHELL "/bin/sh"
+#endif
+
+namespace {
+
+long MonotonicMs() {
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return ts.tv_sec * 1000L + ts.tv_nsec / 1000000L;
+}
+
+void SleepMs(long ms) {
+    struct timespec ts = {ms / 1000, (ms % 1000) * 1000000L};
+    while (nanosleep(&ts, &ts) != 0 && errno == EINTR) {
+    }
+}
+
+// In the child: only async-signal-safe calls between fork and exec.
+[[noreturn]] void ExecShell(const char* command) {
+    setpgid(0, 0);
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    signal(SIGUSR1, SIG_DFL);
+    signal(SIGUSR2, SIG_DFL);
+    signal(SIGPIPE, SIG_DFL);
+    execl(TAVRINE_SHELL, "sh", "-c", command, static_cast<char*>(nullptr));
+    _exit(127);
+}
+
+}  // namespace
+
+int RunShell(const char* command, int timeout_ms) {
+    pid_t pid = fork();
+    if (pid < 0) return -1;
+    if (pid == 0) ExecShell(command);
+    setpgid(pid, pid);  // also from the parent, so a kill below cannot miss the group
+
+    const long deadline = MonotonicMs() + timeout_ms;
+    long pause_ms = 1;
+    for (;;) {
+        int status = 0;
+        pid_t done = waitpid(pid, &status, WNOHANG);
+        if (done == pid) return status;
+        if (done < 0 && errno != EINTR) return -1;
+        if (MonotonicMs() >= deadline) {
+            kill(-pid, SIGKILL);
+            kill(pid, SIGKILL);
+            while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+            }
+            TLOG_ERR(LOG_INIT, "Command [%s] did not finish within %d ms and was killed", command,
+                     timeout_ms);
+            return -1;
+        }
+        SleepMs(pause_ms);
+        if (pause_ms < 20) pause_ms *= 2;
+    }
+}
+
+FILE* RunShellCommand(const char* command, const char* output_path) {
+    char line[kShellCommandMax];
+    memset(line, 0, sizeof(line));
+    snprintf(line, sizeof(line), "%s 1>/dev/null 2>/dev/null", command);
+    if (RunShell(line) != 0) {
+        TLOG(LOG_MAIN, "Command %s output to /dev/null failed.", command);
+        return nullptr;
+    }
+    unlink(output_path);
+    snprintf(line, sizeof(line), "%s 1>%s 2>%s", command, output_path, output_path);
+    if (RunShell(line) != 0) {
+        TLOG(LOG_MAIN, "Couldn't get system kernel version.");
+        return nullptr;
+    }
+    FILE* stream = fopen(output_path, "re");
+    if (!stream) TLOG(LOG_INIT, "fopen file %s failed", output_path);
+    return stream;
+}

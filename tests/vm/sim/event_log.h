@@ -1,0 +1,32 @@
+// Timestamped record of everything a test program sends, receives or notices.
+// One line per entry: "<sec>.<usec> <kind> <text>", with the time taken from
+// CLOCK_MONOTONIC so it lines up with evdev traces recorded with that clock.
+// Each line is written with one write(2), so a killed process loses nothing.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "hex.h"
+#include "unique_fd.h"
+
+namespace tvm {
+
+class EventLog {
+public:
+    // Opens (truncates) 'path'; "-" means standard error. Null on failure,
+    // after printing why to standard error.
+    static std::unique_ptr<EventLog> Create(const std::string& path);
+
+    void Write(const std::string& kind, const std::string& text);
+    void WriteBytes(const std::string& kind, const Bytes& bytes) { Write(kind, FormatHex(bytes)); }
+
+private:
+    explicit EventLog(UniqueFd fd) : fd_(std::move(fd)) {}
+    UniqueFd fd_;
+};
+
+// Microseconds of CLOCK_MONOTONIC.
+uint64_t MonotonicUs();
+
+}  // namespace tvm

@@ -1,0 +1,106 @@
+// The controller simulator's script: which port to play, what the controller
+// answers to each command it receives, and a timed list of steps.
+//
+// Line format (one directive per line, '#' starts a comment, times are
+// milliseconds unless suffixed "s" or "ms"):
+//
+//   port usb | port rs232 <link path> | port ps2 <link path>
+//   vendor <id>  product <id>  version <n>  name <text>  phys <text>
+//   descriptor <hex bytes...>          appends to the USB report descriptor
+//   descriptor-file <path>             appends the hex words of a file
+//                                      (relative paths: the script's folder)
+//   getreport <report id> reply <hex bytes...> | error <errno>
+//   on <hex prefix> [times <n>] <action> [; <action>]...
+//        action: reply [after <time>] (<hex bytes...> | garbage <n>)
+//              | silent | unplug
+//   at <time> <step action>            at a time after the start
+//   after <time> <step action>         after the previous step ended
+//   wait rx <hex prefix> [timeout <time>]
+//   wait open [timeout <time>]         USB: until the hidraw node is opened
+//   wait speed <baud> [timeout <time>] serial: until the line is set to it
+//        step action: send <hex bytes...> | send garbage <n>
+//              | rate <n>/s for <time> send <hex bytes...>
+//              | plug | unplug | exit [<status>] | note <text>
+//
+// The first 'on' rule whose prefix starts a received packet and that has
+// uses left answers it; later rules with the same prefix serve once the
+// earlier ones are used up. Received packets no rule matches are only logged.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "hex.h"
+
+namespace tvm {
+
+enum class PortKind { kUsb, kRs232, kPs2 };
+
+struct Reply {
+    uint64_t after_ms = 0;
+    Bytes bytes;
+    size_t garbage_len = 0;  // > 0: send this many pseudo-random bytes instead
+};
+
+struct Rule {
+    int line = 0;
+    Bytes prefix;
+    int64_t times_left = -1;  // -1: unlimited
+    std::vector<Reply> replies;
+    bool unplug = false;
+};
+
+struct GetReportRule {
+    int line = 0;
+    uint8_t report_id = 0;
+    Bytes data;
+    uint16_t error = 0;  // non-zero: answer with this errno and no data
+};
+
+enum class ActionKind { kSend, kSendGarbage, kRate, kPlug, kUnplug, kExit, kNote };
+
+struct Action {
+    ActionKind kind = ActionKind::kNote;
+    Bytes bytes;
+    size_t garbage_len = 0;
+    uint64_t rate_per_s = 0;
+    uint64_t duration_ms = 0;
+    int status = 0;
+    std::string text;
+};
+
+enum class StepKind { kAt, kAfter, kWaitRx, kWaitOpen, kWaitSpeed };
+
+struct Step {
+    int line = 0;
+    StepKind kind = StepKind::kAt;
+    uint64_t ms = 0;          // kAt, kAfter
+    uint64_t timeout_ms = 0;  // waits; 0 = no limit
+    Bytes prefix;             // kWaitRx
+    uint32_t speed = 0;       // kWaitSpeed
+    Action action;            // kAt, kAfter
+};
+
+struct Script {
+    PortKind port = PortKind::kUsb;
+    std::string link;  // serial and PS/2: path linked to the pty slave
+    uint16_t vendor = 0x3c7a;
+    uint16_t product = 0x0001;
+    uint32_t version = 0x0100;
+    std::string name = "Tavrine Test Controller";
+    std::string phys = "usb-tavrine-sim/input0";
+    Bytes descriptor;
+    std::vector<Rule> rules;
+    std::vector<GetReportRule> get_reports;
+    std::vector<Step> steps;
+};
+
+// Parses 'text'. 'base_dir' resolves relative descriptor-file paths.
+// On failure returns false and sets 'error' to "line N: what".
+bool ParseScript(const std::string& text, const std::string& base_dir, Script* script, std::string* error);
+
+// Reads and parses a script file.
+bool LoadScript(const std::string& path, Script* script, std::string* error);
+
+}  // namespace tvm
