@@ -4,6 +4,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <stdio.h>
 
 #include <atomic>
 
@@ -40,3 +41,7 @@ void ParseKernelVersion(const char* text, size_t len, KernelVersionInfo* version
 void ParseAndroidVersion(const char* release, AndroidVersionInfo* version);
 // 1 for 2.6.x with x <= 34, else 0.
 int32_t IsOldKernel(const KernelVersionInfo& version);
+
+// Logs every word of a "busybox lsusb" listing that contains "3c7a:" with its count from
+// 1 and the text after its first five characters. Reads until the end of stream.
+void ListQEVOUsbDeviceFrom(FILE* stream);

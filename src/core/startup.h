@@ -3,3 +3,7 @@
 
 // Never returns unless start-up ends the process (usage, version, -k, errors).
 int TavrineMain(int argc, char** argv);
+
+class CManager;
+// The one device manager, set by TavrineMain before the scan loop starts.
+extern CManager* g_Manager;

@@ -1,0 +1,19 @@
+// The daemon's command line: options "vVfkhDEd:p:r:u:z:", applied on top of the settings
+// file, and the informational options that end the process before it detaches.
+#pragma once
+
+struct GlobalSettings;
+
+constexpr const char* kOptionString = "vVfkhDEd:p:r:u:z:";
+
+// Applies the options in the order given. Unknown letters are ignored silently; a -r or -u
+// argument that does not fit a 64-byte path buffer (more than 63 characters) is refused
+// with a message on standard output and the previous value stays.
+void ParseCommandLine(int argc, char** argv, GlobalSettings* settings);
+
+// Acts on the flags, the first that applies wins: -h (usage, exit 0); -k with -f/-D/-E
+// (error, exit 1); -v (version, exit 0); -V (full version, exit 0). Otherwise returns.
+void HandleStartupFlags(const GlobalSettings* settings);
+
+// Prints the usage text to standard output.
+void PrintUsage();
