@@ -1,0 +1,35 @@
+// Word-level reading of the settings file, shared by the device block reader and the
+// file maintenance. Every word is read with a bounded conversion; nothing here allocates.
+#pragma once
+
+#include <stdint.h>
+#include <stdio.h>
+
+#include "config/global_settings.h"
+
+// Result of ReadIniWord.
+enum IniWordResult { kIniWordEnd = 0, kIniWordOk = 1 };
+
+// Text stored for a word longer than kTextMax - 1 characters. It holds blanks, so it never
+// equals a word of the file, a key or an address read from a file.
+constexpr const char* kOverlongWord = "[ overlong word ]";
+
+// Reads the next white-space separated word into word (kTextMax bytes). A longer word is
+// consumed whole and stored as kOverlongWord. The stream is left just after the word (the
+// white space after it is not consumed). Returns kIniWordOk, or kIniWordEnd at end of file
+// or on a read error (word is then "").
+IniWordResult ReadIniWord(FILE* stream, char word[kTextMax]);
+
+// A whole word that is a decimal number in the signed 32-bit range, with an optional sign.
+// Returns true and stores it in *value; false for anything else ("12abc", "0x10", "").
+bool ParseIniNumber(const char* word, int32_t* value);
+
+// The block number 0-9 of a header word "[Device_No.<digit>]", or -1 when word is not
+// exactly such a header ("[Device_No.99]", "[Device_No.x]" and the like are not headers).
+int IniBlockNumber(const char* word);
+
+constexpr const char* kIniHeaderWord = "[TavrineA.ini]";
+constexpr const char* kEndOfDeviceWord = "[EndOfDevice]";
+constexpr const char* kEndOfFileWord = "[EndOfFile]";
+constexpr int kBlockHeaderLen = 13;  // strlen("[Device_No.0]")
+constexpr int kMaxBlockNumber = 9;
