@@ -2,6 +2,7 @@
 // object owns. Opening the port and starting the thread are in device_object.cpp.
 #include <string.h>
 
+#include "device/cmd_internal.h"
 #include "device/device_object.h"
 #include "log/debug_log.h"
 #include "output/uinput_device.h"
@@ -10,7 +11,7 @@
 CDeviceObject::CDeviceObject(const char* port_path, GlobalSettings* settings) : pSettings(settings) {
     snprintf(PortPath, sizeof(PortPath), "%s", port_path ? port_path : "");
     pthread_mutex_init(&CmdMutex, nullptr);
-    pthread_cond_init(&CmdCond, nullptr);
+    InitCmdCond(this);  // once per object; deadlines on CmdCondClock()
     for (int i = 0; i < kVKeyCount; ++i) VKeyCode[i] = -1;
     for (int i = 0; i < kMaxContacts; ++i) CurContacts[i].State = -1;
     snprintf(TypeName, sizeof(TypeName), "UNREACHABLE");
