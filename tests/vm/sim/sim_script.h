@@ -9,6 +9,10 @@
 //   descriptor <hex bytes...>          appends to the USB report descriptor
 //   descriptor-file <path>             appends the hex words of a file
 //                                      (relative paths: the script's folder)
+//   pad on | off                       USB: fill input reports shorter than
+//                                      the descriptor declares with zeros
+//                                      (default on; the kernel drops short
+//                                      reports before hidraw sees them)
 //   getreport <report id> reply <hex bytes...> | error <errno>
 //   on <hex prefix> [times <n>] <action> [; <action>]...
 //        action: reply [after <time>] (<hex bytes...> | garbage <n>)
@@ -91,6 +95,7 @@ struct Script {
     std::string name = "Tavrine Test Controller";
     std::string phys = "usb-tavrine-sim/input0";
     Bytes descriptor;
+    bool pad_reports = true;  // USB: pad input reports to their declared size
     std::vector<Rule> rules;
     std::vector<GetReportRule> get_reports;
     std::vector<Step> steps;

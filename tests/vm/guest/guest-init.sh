@@ -1,0 +1,77 @@
+#!/bin/sh
+# Runs inside the test VM as busybox init's sysinit action: mounts the
+# kernel file systems, loads the input modules, runs each scenario named in
+# /bed/run-list and prints its files between markers on the console, then
+# powers the VM off. Markers may be preceded by terminal noise on a line.
+export PATH=/bed/bin:/bin:/sbin
+export HOME=/tmp
+
+mount -t proc proc /proc
+mount -t sysfs sysfs /sys
+mount -t devtmpfs devtmpfs /dev
+mkdir -p /dev/pts /data /tmp
+mount -t devpts devpts /dev/pts
+mount -t tmpfs -o mode=0771 data /data
+mount -t tmpfs tmp /tmp
+echo 1 > /proc/sys/kernel/printk    # keep kernel messages off the marker stream
+
+for m in hid uhid hid-generic hid-multitouch uinput evdev serio_raw serport; do
+    insmod "/lib/modules/$m.ko" 2>/tmp/insmod.err || echo "@@BED-WARN insmod $m: $(cat /tmp/insmod.err)"
+done
+echo "@@BED-BOOTED $(cut -d' ' -f1 /proc/uptime)"
+
+# Prints one file base64-encoded between markers.
+emit_file() {
+    echo "@@BED-FILE $1 $2"
+    base64 < "$3"
+    echo "@@BED-FILE-END"
+}
+
+# Kills what a scenario left running: daemons, simulators, recorders.
+kill_leftovers() {
+    local status name pid
+    for status in /proc/[0-9]*/status; do
+        name=$(sed -n 's/^Name:[[:space:]]*//p' "$status" 2>/dev/null)
+        case "$name" in
+        TavrineD | tavrine-sim | tavrine-evrec)
+            pid=${status#/proc/}
+            kill -9 "${pid%/status}" 2>/dev/null
+            ;;
+        esac
+    done
+}
+
+run_scenario() {
+    local name dir out limit start end rc rel
+    name=$1
+    dir=/bed/scenarios/$name
+    out=/tmp/out/$name
+    rm -rf /data/* /data/.[!.]* /tmp/bed.*
+    mkdir -p "$out"
+    dmesg -c > /dev/null
+    limit=60
+    [ -f "$dir/timeout" ] && limit=$(cat "$dir/timeout")
+    echo "@@BED-SCENARIO-BEGIN $name"
+    start=$(cut -d' ' -f1 /proc/uptime)
+    (cd "$dir" && OUT=$out SCENARIO=$name timeout -s KILL "$limit" sh ./run.sh > "$out/run.out" 2>&1)
+    rc=$?
+    end=$(cut -d' ' -f1 /proc/uptime)
+    [ "$rc" = 137 ] && echo "scenario killed after $limit s" >> "$out/run.out"
+    kill_leftovers
+    sleep 0.2
+    dmesg > "$out/dmesg.txt"
+    mkdir -p "$out/data"
+    for f in /data/*; do
+        [ -f "$f" ] && cp "$f" "$out/data/"
+    done
+    (cd "$out" && find . -type f | sed 's|^\./||') | while read -r rel; do
+        emit_file "$name" "$rel" "$out/$rel"
+    done
+    echo "@@BED-SCENARIO-END $name rc=$rc start=$start end=$end"
+}
+
+for name in $(cat /bed/run-list); do
+    run_scenario "$name"
+done
+echo "@@BED-DONE $(cut -d' ' -f1 /proc/uptime)"
+poweroff -f

@@ -1,0 +1,77 @@
+// tavrine-sim: plays one touch controller on USB (uhid), RS232 or PS/2 (pty)
+// as a script says, answers the commands it receives from its reply table,
+// and records every byte both ways with CLOCK_MONOTONIC times.
+//
+//   tavrine-sim SCRIPT --log FILE [--ready FILE] [--max-ms N] [--check]
+//
+// --ready FILE is created once the port exists; --max-ms ends the run after
+// N ms; --check only parses the script. Exit status: 0 after the last step
+// when the run was stopped by SIGTERM/SIGINT, --max-ms or 'exit'; 2 for bad
+// usage or script; 3 when a 'wait' timed out; 4 when the port failed.
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "sim_engine.h"
+
+namespace {
+
+volatile sig_atomic_t g_stop = 0;
+
+void OnStop(int) { g_stop = 1; }
+
+int Usage()
+{
+    std::fprintf(stderr, "usage: tavrine-sim SCRIPT --log FILE [--ready FILE] [--max-ms N] [--check]\n");
+    return 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    std::string script_path, log_path = "-", ready_path;
+    uint64_t max_ms = 0;
+    bool check_only = false;
+    for (int i = 1; i < argc; ++i) {
+        std::string arg = argv[i];
+        bool has_value = i + 1 < argc;
+        if (arg == "--log" && has_value) {
+            log_path = argv[++i];
+        } else if (arg == "--ready" && has_value) {
+            ready_path = argv[++i];
+        } else if (arg == "--max-ms" && has_value) {
+            if (!tvm::ParseNumber(argv[++i], 24ull * 3600 * 1000, &max_ms)) return Usage();
+        } else if (arg == "--check") {
+            check_only = true;
+        } else if (script_path.empty() && arg[0] != '-') {
+            script_path = arg;
+        } else {
+            return Usage();
+        }
+    }
+    if (script_path.empty()) return Usage();
+
+    tvm::Script script;
+    std::string error;
+    if (!tvm::LoadScript(script_path, &script, &error)) {
+        std::fprintf(stderr, "tavrine-sim: %s\n", error.c_str());
+        return 2;
+    }
+    if (check_only) return 0;
+
+    struct sigaction sa {};
+    sa.sa_handler = OnStop;
+    sigaction(SIGTERM, &sa, nullptr);
+    sigaction(SIGINT, &sa, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+
+    auto log = tvm::EventLog::Create(log_path);
+    if (!log) return 2;
+    tvm::SimEngine engine(script, log.get(), max_ms);
+    return engine.Run(ready_path, &g_stop);
+}

@@ -1,0 +1,391 @@
+#include "sim_script.h"
+
+#include <fstream>
+#include <sstream>
+
+namespace tvm {
+
+namespace {
+
+constexpr size_t kMaxDescriptor = 4096;  // HID_MAX_DESCRIPTOR_SIZE
+constexpr size_t kMaxPacket = 4096;      // UHID_DATA_MAX
+constexpr uint64_t kMaxMs = 24ull * 3600 * 1000;
+
+// The words of one line, with ';' split off as a word of its own.
+std::vector<std::string> SplitWords(const std::string& line)
+{
+    std::vector<std::string> words;
+    std::string word;
+    auto flush = [&] {
+        if (!word.empty()) words.push_back(word);
+        word.clear();
+    };
+    for (char c : line) {
+        if (c == ' ' || c == '\t' || c == '\r') {
+            flush();
+        } else if (c == ';') {
+            flush();
+            words.emplace_back(";");
+        } else {
+            word += c;
+        }
+    }
+    flush();
+    return words;
+}
+
+std::string Trim(const std::string& text)
+{
+    size_t begin = text.find_first_not_of(" \t\r");
+    if (begin == std::string::npos) return "";
+    size_t end = text.find_last_not_of(" \t\r");
+    return text.substr(begin, end - begin + 1);
+}
+
+bool ReadFile(const std::string& path, std::string* text)
+{
+    std::ifstream in(path);
+    if (!in) return false;
+    std::ostringstream all;
+    all << in.rdbuf();
+    *text = all.str();
+    return true;
+}
+
+class LineParser {
+public:
+    LineParser(std::vector<std::string> words, std::string* error) : words_(std::move(words)), error_(error) {}
+
+    bool AtEnd() const { return pos_ >= words_.size(); }
+    const std::string& Peek() const { return words_[pos_]; }
+    std::string Next() { return AtEnd() ? std::string() : words_[pos_++]; }
+    bool Accept(const std::string& word)
+    {
+        if (AtEnd() || words_[pos_] != word) return false;
+        ++pos_;
+        return true;
+    }
+
+    bool Fail(const std::string& what)
+    {
+        *error_ = what;
+        return false;
+    }
+
+    bool Number(uint64_t max, uint64_t* out, const char* what)
+    {
+        std::string word = Next();
+        if (!ParseNumber(word, max, out)) return Fail(std::string("bad ") + what + " '" + word + "'");
+        return true;
+    }
+
+    // "250", "250ms" or "2s", as milliseconds.
+    bool Duration(uint64_t* ms)
+    {
+        std::string word = Next();
+        uint64_t scale = 1;
+        if (word.size() > 2 && word.compare(word.size() - 2, 2, "ms") == 0) {
+            word.resize(word.size() - 2);
+        } else if (word.size() > 1 && word.back() == 's') {
+            word.pop_back();
+            scale = 1000;
+        }
+        uint64_t value = 0;
+        if (!ParseNumber(word, kMaxMs / scale, &value)) return Fail("bad time '" + word + "'");
+        *ms = value * scale;
+        return true;
+    }
+
+    // One or more hex bytes, up to the first word that is not one.
+    bool HexRun(size_t max, Bytes* out)
+    {
+        uint8_t byte = 0;
+        size_t start = out->size();
+        while (!AtEnd() && ParseHexByte(Peek(), &byte)) {
+            if (out->size() >= max) return Fail("more than " + std::to_string(max) + " bytes");
+            out->push_back(byte);
+            ++pos_;
+        }
+        if (out->size() == start) return Fail(AtEnd() ? "hex bytes expected" : "bad hex byte '" + Peek() + "'");
+        return true;
+    }
+
+    bool End()
+    {
+        if (!AtEnd()) return Fail("unexpected '" + Peek() + "'");
+        return true;
+    }
+
+private:
+    std::vector<std::string> words_;
+    size_t pos_ = 0;
+    std::string* error_;
+};
+
+bool ParseReply(LineParser& p, Reply* reply)
+{
+    if (p.Accept("after") && !p.Duration(&reply->after_ms)) return false;
+    if (p.Accept("garbage")) {
+        uint64_t n = 0;
+        if (!p.Number(kMaxPacket, &n, "garbage length") || n == 0) return p.Fail("bad garbage length");
+        reply->garbage_len = n;
+        return true;
+    }
+    return p.HexRun(kMaxPacket, &reply->bytes);
+}
+
+bool ParseRule(LineParser& p, int line, Script* script)
+{
+    Rule rule;
+    rule.line = line;
+    if (!p.HexRun(kMaxPacket, &rule.prefix)) return false;
+    if (p.Accept("times")) {
+        uint64_t n = 0;
+        if (!p.Number(1u << 30, &n, "count")) return false;
+        rule.times_left = static_cast<int64_t>(n);
+    }
+    do {
+        if (p.Accept("reply")) {
+            Reply reply;
+            if (!ParseReply(p, &reply)) return false;
+            rule.replies.push_back(reply);
+        } else if (p.Accept("unplug")) {
+            rule.unplug = true;
+        } else if (!p.Accept("silent")) {
+            return p.Fail("reply, silent or unplug expected");
+        }
+    } while (p.Accept(";"));
+    if (!p.End()) return false;
+    script->rules.push_back(rule);
+    return true;
+}
+
+bool ParseGetReport(LineParser& p, int line, Script* script)
+{
+    GetReportRule rule;
+    rule.line = line;
+    uint64_t id = 0;
+    if (!p.Number(255, &id, "report id")) return false;
+    rule.report_id = static_cast<uint8_t>(id);
+    if (p.Accept("error")) {
+        uint64_t err = 0;
+        if (!p.Number(0xffff, &err, "errno") || err == 0) return p.Fail("bad errno");
+        rule.error = static_cast<uint16_t>(err);
+    } else if (!p.Accept("reply") || !p.HexRun(kMaxPacket, &rule.data)) {
+        return p.Fail("reply <hex> or error <errno> expected");
+    }
+    if (!p.End()) return false;
+    script->get_reports.push_back(rule);
+    return true;
+}
+
+bool ParseAction(LineParser& p, const std::string& rest_of_line, Action* action)
+{
+    std::string verb = p.Next();
+    if (verb == "send") {
+        if (p.Accept("garbage")) {
+            uint64_t n = 0;
+            if (!p.Number(kMaxPacket, &n, "garbage length") || n == 0) return p.Fail("bad garbage length");
+            action->kind = ActionKind::kSendGarbage;
+            action->garbage_len = n;
+        } else {
+            action->kind = ActionKind::kSend;
+            if (!p.HexRun(kMaxPacket, &action->bytes)) return false;
+        }
+    } else if (verb == "rate") {
+        std::string word = p.Next();
+        if (word.size() < 3 || word.compare(word.size() - 2, 2, "/s") != 0) return p.Fail("rate <n>/s expected");
+        if (!ParseNumber(word.substr(0, word.size() - 2), 100000, &action->rate_per_s) || action->rate_per_s == 0)
+            return p.Fail("bad rate '" + word + "'");
+        if (!p.Accept("for") || !p.Duration(&action->duration_ms)) return p.Fail("rate <n>/s for <time> expected");
+        if (!p.Accept("send") || !p.HexRun(kMaxPacket, &action->bytes)) return p.Fail("send <hex> expected");
+        action->kind = ActionKind::kRate;
+    } else if (verb == "plug") {
+        action->kind = ActionKind::kPlug;
+    } else if (verb == "unplug") {
+        action->kind = ActionKind::kUnplug;
+    } else if (verb == "exit") {
+        action->kind = ActionKind::kExit;
+        uint64_t status = 0;
+        if (!p.AtEnd() && !p.Number(255, &status, "exit status")) return false;
+        action->status = static_cast<int>(status);
+    } else if (verb == "note") {
+        action->kind = ActionKind::kNote;
+        action->text = rest_of_line;
+        return true;
+    } else {
+        return p.Fail("unknown action '" + verb + "'");
+    }
+    return p.End();
+}
+
+// Text after the first 'skip' words of 'line' (for free-text arguments).
+std::string RestAfterWords(const std::string& line, int skip)
+{
+    size_t pos = 0;
+    for (int i = 0; i < skip; ++i) {
+        pos = line.find_first_not_of(" \t", pos);
+        if (pos == std::string::npos) return "";
+        pos = line.find_first_of(" \t", pos);
+        if (pos == std::string::npos) return "";
+    }
+    return Trim(line.substr(pos));
+}
+
+bool ParseTimedStep(LineParser& p, StepKind kind, const std::string& line, int line_no, Script* script)
+{
+    Step step;
+    step.line = line_no;
+    step.kind = kind;
+    if (!p.Duration(&step.ms)) return false;
+    if (!ParseAction(p, RestAfterWords(line, 3), &step.action)) return false;
+    script->steps.push_back(step);
+    return true;
+}
+
+bool ParseWait(LineParser& p, int line_no, Script* script)
+{
+    Step step;
+    step.line = line_no;
+    std::string what = p.Next();
+    if (what == "rx") {
+        step.kind = StepKind::kWaitRx;
+        if (!p.HexRun(kMaxPacket, &step.prefix)) return false;
+    } else if (what == "open") {
+        step.kind = StepKind::kWaitOpen;
+    } else if (what == "speed") {
+        step.kind = StepKind::kWaitSpeed;
+        uint64_t speed = 0;
+        if (!p.Number(4000000, &speed, "speed")) return false;
+        step.speed = static_cast<uint32_t>(speed);
+    } else {
+        return p.Fail("wait rx, open or speed expected");
+    }
+    if (p.Accept("timeout") && !p.Duration(&step.timeout_ms)) return false;
+    if (!p.End()) return false;
+    script->steps.push_back(step);
+    return true;
+}
+
+bool ParseId(LineParser& p, uint16_t* out, const char* what)
+{
+    uint64_t value = 0;
+    if (!p.Number(0xffff, &value, what)) return false;
+    *out = static_cast<uint16_t>(value);
+    return p.End();
+}
+
+bool AppendDescriptorFile(const std::string& path, const std::string& base_dir, Script* script, std::string* error)
+{
+    std::string full = (!path.empty() && path[0] == '/') || base_dir.empty() ? path : base_dir + "/" + path;
+    std::string text;
+    if (!ReadFile(full, &text)) {
+        *error = "cannot read descriptor file " + full;
+        return false;
+    }
+    std::istringstream lines(text);
+    std::string line;
+    int line_no = 0;
+    while (std::getline(lines, line)) {
+        ++line_no;
+        line = line.substr(0, line.find('#'));
+        LineParser p(SplitWords(line), error);
+        if (p.AtEnd()) continue;
+        if (!p.HexRun(kMaxDescriptor - script->descriptor.size(), &script->descriptor) || !p.End()) {
+            *error = full + " line " + std::to_string(line_no) + ": " + *error;
+            return false;
+        }
+    }
+    return true;
+}
+
+bool ParseLine(const std::string& raw, int line_no, const std::string& base_dir, Script* script, std::string* error)
+{
+    std::string line = raw.substr(0, raw.find('#'));
+    LineParser p(SplitWords(line), error);
+    if (p.AtEnd()) return true;
+    std::string verb = p.Next();
+    if (verb == "port") {
+        std::string kind = p.Next();
+        if (kind == "usb") {
+            script->port = PortKind::kUsb;
+            return p.End();
+        }
+        if (kind != "rs232" && kind != "ps2") return p.Fail("port usb, rs232 or ps2 expected");
+        script->port = kind == "rs232" ? PortKind::kRs232 : PortKind::kPs2;
+        script->link = p.Next();
+        if (script->link.empty() || script->link[0] != '/') return p.Fail("absolute link path expected");
+        return p.End();
+    }
+    if (verb == "vendor") return ParseId(p, &script->vendor, "vendor id");
+    if (verb == "product") return ParseId(p, &script->product, "product id");
+    if (verb == "version") {
+        uint64_t value = 0;
+        if (!p.Number(0xffffffffu, &value, "version")) return false;
+        script->version = static_cast<uint32_t>(value);
+        return p.End();
+    }
+    if (verb == "name" || verb == "phys") {
+        std::string text = RestAfterWords(line, 1);
+        if (text.empty() || text.size() > 127) return p.Fail(verb + " needs 1 to 127 characters");
+        (verb == "name" ? script->name : script->phys) = text;
+        return true;
+    }
+    if (verb == "descriptor") return p.HexRun(kMaxDescriptor - script->descriptor.size(), &script->descriptor) && p.End();
+    if (verb == "descriptor-file") {
+        std::string path = p.Next();
+        return p.End() && AppendDescriptorFile(path, base_dir, script, error);
+    }
+    if (verb == "pad") {
+        std::string mode = p.Next();
+        if (mode != "on" && mode != "off") return p.Fail("pad on or off expected");
+        script->pad_reports = mode == "on";
+        return p.End();
+    }
+    if (verb == "getreport") return ParseGetReport(p, line_no, script);
+    if (verb == "on") return ParseRule(p, line_no, script);
+    if (verb == "at") return ParseTimedStep(p, StepKind::kAt, line, line_no, script);
+    if (verb == "after") return ParseTimedStep(p, StepKind::kAfter, line, line_no, script);
+    if (verb == "wait") return ParseWait(p, line_no, script);
+    return p.Fail("unknown directive '" + verb + "'");
+}
+
+}  // namespace
+
+bool ParseScript(const std::string& text, const std::string& base_dir, Script* script, std::string* error)
+{
+    std::istringstream lines(text);
+    std::string line;
+    int line_no = 0;
+    while (std::getline(lines, line)) {
+        ++line_no;
+        std::string why;
+        if (!ParseLine(line, line_no, base_dir, script, &why)) {
+            *error = "line " + std::to_string(line_no) + ": " + why;
+            return false;
+        }
+    }
+    if (script->port == PortKind::kUsb && script->descriptor.empty()) {
+        *error = "a usb port needs a descriptor (descriptor or descriptor-file)";
+        return false;
+    }
+    return true;
+}
+
+bool LoadScript(const std::string& path, Script* script, std::string* error)
+{
+    std::string text;
+    if (!ReadFile(path, &text)) {
+        *error = "cannot read script " + path;
+        return false;
+    }
+    size_t slash = path.rfind('/');
+    std::string base_dir = slash == std::string::npos ? "." : path.substr(0, slash);
+    if (!ParseScript(text, base_dir, script, error)) {
+        *error = path + " " + *error;
+        return false;
+    }
+    return true;
+}
+
+}  // namespace tvm
