@@ -1,0 +1,344 @@
+// Event emission: the frame rule of each touch protocol, pen and eraser samples, scaling to
+// the output range and the release of every contact. The descriptors are datagram
+// socketpairs; the expected event lists are written by hand from the protocol rules.
+#include "output/emit.h"
+
+#include <gtest/gtest.h>
+
+#include "support/touch_test_util.h"
+
+using namespace touchtest;
+
+namespace {
+
+TouchPoint Contact(int id, int state, int x, int y) {
+    TouchPoint p = {};
+    p.ID = id;
+    p.State = state;
+    p.X = x;
+    p.Y = y;
+    return p;
+}
+
+void Send(TouchRig& rig, int id, int state, int x, int y) {
+    TouchPoint p = Contact(id, state, x, y);
+    DispatchTouchEvent(rig.dev.get(), &p);
+}
+
+}  // namespace
+
+// Two fingers down, moving and lifted one after the other, slot protocol (Android 4+).
+TEST(EmitFrameRule, SlotProtocolWritesOneFramePerScanAndEachLiftOnce) {
+    VersionGuard version(9);
+    TouchRig rig;
+
+    Send(rig, 0, 1, 100, 200);  // new contact: frame at once
+    std::vector<Ev> want;
+    AddSlotDown(&want, 0, 100, 200);
+    want.push_back(Syn());
+    EXPECT_EQ(want, rig.TouchEvents());
+
+    Send(rig, 1, 1, 300, 400);  // second contact: state change, frame with both
+    want.clear();
+    AddSlotDown(&want, 0, 100, 200);
+    AddSlotDown(&want, 1, 300, 400);
+    want.push_back(Syn());
+    EXPECT_EQ(want, rig.TouchEvents());
+    EXPECT_EQ(1, rig.dev->LastContactID);
+
+    Send(rig, 0, 1, 110, 210);  // next scan begins (0 is not above 1): frame
+    want.clear();
+    AddSlotDown(&want, 0, 110, 210);
+    AddSlotDown(&want, 1, 300, 400);
+    want.push_back(Syn());
+    EXPECT_EQ(want, rig.TouchEvents());
+    EXPECT_EQ(0, rig.dev->LastContactID);
+
+    Send(rig, 1, 1, 310, 410);  // rising within the scan, unchanged: nothing yet
+    EXPECT_TRUE(rig.TouchEvents().empty());
+    EXPECT_EQ(1, rig.dev->LastContactID);
+
+    Send(rig, 0, 0, 110, 210);  // lift of 0: written once
+    want.clear();
+    AddSlotUp(&want, 0);
+    AddSlotDown(&want, 1, 310, 410);
+    want.push_back(Syn());
+    EXPECT_EQ(want, rig.TouchEvents());
+    EXPECT_EQ(-1, rig.dev->CurContacts[0].State);
+    EXPECT_EQ(0, rig.dev->LastContacts[0].State);
+
+    Send(rig, 1, 1, 320, 420);  // 1 above 0, unchanged: waits
+    EXPECT_TRUE(rig.TouchEvents().empty());
+    Send(rig, 1, 0, 320, 420);  // lift of 1: slot 0 no longer appears
+    want.clear();
+    AddSlotUp(&want, 1);
+    want.push_back(Syn());
+    EXPECT_EQ(want, rig.TouchEvents());
+
+    Send(rig, 1, 1, 500, 600);  // the empty table takes a new touch again
+    want.clear();
+    AddSlotDown(&want, 1, 500, 600);
+    want.push_back(Syn());
+    EXPECT_EQ(want, rig.TouchEvents());
+}
+
+TEST(EmitFrameRule, AndroidMultiSyncProtocolOnAndroid1To3) {
+    VersionGuard version(2);
+    TouchRig rig;
+    Send(rig, 0, 1, 100, 200);
+    std::vector<Ev> want = {Abs(ABS_MT_TRACKING_ID, 0), Abs(ABS_MT_TOUCH_MAJOR, 1),
+                            Abs(ABS_MT_POSITION_X, 100), Abs(ABS_MT_POSITION_Y, 200),
+                            Abs(ABS_MT_WIDTH_MAJOR, 0), MtSyn(), Syn()};
+    EXPECT_EQ(want, rig.TouchEvents());
+
+    Send(rig, 0, 0, 100, 200);
+    want = {Abs(ABS_MT_TRACKING_ID, 0), Abs(ABS_MT_TOUCH_MAJOR, 0), Abs(ABS_MT_POSITION_X, 100),
+            Abs(ABS_MT_POSITION_Y, 200), Abs(ABS_MT_WIDTH_MAJOR, 0), MtSyn(), Syn()};
+    EXPECT_EQ(want, rig.TouchEvents());
+
+    // A pen sample on Android 2.3 is a touch contact of the multi sync protocol.
+    TouchPoint pen = Contact(0, 1, 700, 800);
+    pen.bPen = 1;
+    pen.inrange = 1;
+    pen.tip = 1;
+    DispatchTouchEvent(rig.dev.get(), &pen);
+    want = {Abs(ABS_MT_TRACKING_ID, 0), Abs(ABS_MT_TOUCH_MAJOR, 1), Abs(ABS_MT_POSITION_X, 700),
+            Abs(ABS_MT_POSITION_Y, 800), Abs(ABS_MT_WIDTH_MAJOR, 0), MtSyn(), Syn()};
+    EXPECT_EQ(want, rig.TouchEvents());
+    EXPECT_TRUE(rig.PenEvents().empty());
+
+    // Android 3 still uses it; Android 4 does not.
+    VersionGuard honeycomb(3);
+    Send(rig, 1, 1, 10, 20);
+    EXPECT_EQ(Abs(ABS_MT_TRACKING_ID, 0), rig.TouchEvents().at(0));
+}
+
+TEST(EmitFrameRule, TypeAProtocolEndsWithAnEmptyFrameWhenTheLastFingerLifts) {
+    VersionGuard version(9);
+    TouchRig rig;
+    rig.dev->Param.EventType = 4;
+
+    Send(rig, 0, 1, 100, 200);
+    std::vector<Ev> want = {Abs(ABS_MT_POSITION_X, 100), Abs(ABS_MT_POSITION_Y, 200), MtSyn(),
+                            Syn()};
+    EXPECT_EQ(want, rig.TouchEvents());
+
+    Send(rig, 1, 1, 300, 400);
+    want = {Abs(ABS_MT_POSITION_X, 100), Abs(ABS_MT_POSITION_Y, 200), MtSyn(),
+            Abs(ABS_MT_POSITION_X, 300), Abs(ABS_MT_POSITION_Y, 400), MtSyn(), Syn()};
+    EXPECT_EQ(want, rig.TouchEvents());
+
+    Send(rig, 0, 0, 100, 200);  // one finger left: no empty frame
+    want = {Abs(ABS_MT_POSITION_X, 100), Abs(ABS_MT_POSITION_Y, 200), MtSyn(),
+            Abs(ABS_MT_POSITION_X, 300), Abs(ABS_MT_POSITION_Y, 400), MtSyn(), Syn()};
+    EXPECT_EQ(want, rig.TouchEvents());
+
+    Send(rig, 1, 0, 300, 400);  // last finger: final position, then the empty frame
+    want = {Abs(ABS_MT_POSITION_X, 300), Abs(ABS_MT_POSITION_Y, 400), MtSyn(), Syn(), MtSyn(),
+            Syn()};
+    EXPECT_EQ(want, rig.TouchEvents());
+}
+
+TEST(EmitFrameRule, SupportPointsBoundsTheFrame) {
+    VersionGuard version(9);
+    {
+        TouchRig rig;
+        rig.dev->Param.SupportPoints = 0;
+        TouchPoint p = Contact(0, 1, 1, 2);
+        EmitSlotEvent(rig.dev.get(), &p);
+        EXPECT_EQ(std::vector<Ev>{Syn()}, rig.TouchEvents());
+        rig.dev->Param.EventType = 4;
+        p = Contact(1, 1, 1, 2);
+        EmitTypeAEvent(rig.dev.get(), &p);
+        EXPECT_EQ((std::vector<Ev>{Syn(), MtSyn(), Syn()}), rig.TouchEvents());
+    }
+    {
+        // A settings file may claim 255 contacts; the 20-entry tables still bound the frame
+        // and contact numbers from 20 on are never used as an index.
+        TouchRig rig;
+        rig.dev->Param.SupportPoints = 255;
+        Send(rig, 19, 1, 5, 6);
+        std::vector<Ev> want;
+        AddSlotDown(&want, 19, 5, 6);
+        want.push_back(Syn());
+        EXPECT_EQ(want, rig.TouchEvents());
+        for (int id : {20, 21, 100, 255, -1}) {
+            TouchPoint p = Contact(id, 1, 7, 8);
+            EmitSlotEvent(rig.dev.get(), &p);
+            EmitTypeAEvent(rig.dev.get(), &p);
+            EmitAndroidMultiSyncEvent(rig.dev.get(), &p);
+            EmitPenEvent(rig.dev.get(), &p);
+            EmitEraserEvent(rig.dev.get(), &p);
+        }
+        EXPECT_TRUE(rig.TouchEvents().empty());
+        EXPECT_TRUE(rig.PenEvents().empty());
+    }
+}
+
+TEST(EmitFrameRule, LastContactIdIsPerDevice) {
+    VersionGuard version(9);
+    TouchRig first;
+    TouchRig second;
+    Send(first, 0, 1, 1, 1);
+    Send(first, 1, 1, 2, 2);
+    (void)first.TouchEvents();
+    Send(second, 0, 1, 3, 3);  // another device's record must not end the first one's scan
+    (void)second.TouchEvents();
+    EXPECT_EQ(1, first.dev->LastContactID);
+    Send(first, 1, 1, 2, 3);  // 1 is not above 1: frame
+    EXPECT_FALSE(first.TouchEvents().empty());
+    EXPECT_EQ(0, second.dev->LastContactID);
+}
+
+TEST(EmitFrameRule, AllEventsOfOneCallShareOneTimeStamp) {
+    VersionGuard version(9);
+    TouchRig rig;
+    Send(rig, 0, 1, 1, 1);
+    Send(rig, 1, 1, 2, 2);
+    std::vector<TimedEv> events = DrainTimed(rig.TouchFd());
+    ASSERT_EQ(17u, events.size());  // frame of one contact (6), then of two (11)
+    for (size_t i = 1; i < 6; ++i) {
+        EXPECT_EQ(events[0].sec, events[i].sec);
+        EXPECT_EQ(events[0].usec, events[i].usec);
+    }
+    for (size_t i = 7; i < 17; ++i) {
+        EXPECT_EQ(events[6].sec, events[i].sec);
+        EXPECT_EQ(events[6].usec, events[i].usec);
+    }
+    EXPECT_NE(0, events[0].sec);
+}
+
+TEST(EmitScaling, OutputRangeFromResolXAndResolY) {
+    VersionGuard version(9);
+    TouchRig rig;
+    rig.dev->Param.ResolX = 1919;
+    rig.dev->Param.ResolY = 1079;
+    Send(rig, 0, 1, 4095, 2048);
+    Send(rig, 1, 1, 2048, 4095);
+    std::vector<Ev> want;
+    AddSlotDown(&want, 0, 1919, 539);  // 1079 * 2048 / 4095 = 539.7 -> 539
+    want.push_back(Syn());
+    AddSlotDown(&want, 0, 1919, 539);
+    AddSlotDown(&want, 1, 959, 1079);  // 1919 * 2048 / 4095 = 959.7 -> 959
+    want.push_back(Syn());
+    EXPECT_EQ(want, rig.TouchEvents());
+}
+
+TEST(EmitPen, PenSampleAndToolChange) {
+    VersionGuard version(9);
+    TouchRig rig;
+    TouchPoint pen = {};
+    pen.bPen = 1;
+    pen.State = 1;
+    pen.X = 1000;
+    pen.Y = 2000;
+    pen.Z = 500;
+    pen.tilt_x = -30;
+    pen.tilt_y = 40;
+    pen.inrange = 1;
+    pen.tip = 1;
+    pen.barrel = 1;
+    DispatchTouchEvent(rig.dev.get(), &pen);
+    std::vector<Ev> want = {Key(BTN_TOOL_PEN, 1),      Key(BTN_STYLUS, 1),    Abs(ABS_X, 1000),
+                            Abs(ABS_Y, 2000),          Key(BTN_TOUCH, 1),     Abs(ABS_PRESSURE, 500),
+                            Abs(ABS_TILT_X, -30),      Abs(ABS_TILT_Y, 40),   Syn()};
+    EXPECT_EQ(want, rig.PenEvents());
+    EXPECT_TRUE(rig.TouchEvents().empty());
+    EXPECT_EQ(1, rig.dev->LastContacts[0].State);
+
+    // Inverted: the pen tool is lifted first, then the rubber comes in.
+    pen.invert = 1;
+    pen.barrel = 0;
+    EmitPenEvent(rig.dev.get(), &pen);
+    want = {Key(BTN_TOOL_PEN, 0), Key(BTN_TOUCH, 0),     Syn(),
+            Key(BTN_TOOL_RUBBER, 1), Key(BTN_STYLUS, 0), Abs(ABS_X, 1000),
+            Abs(ABS_Y, 2000),     Key(BTN_TOUCH, 1),     Abs(ABS_PRESSURE, 500),
+            Abs(ABS_TILT_X, -30), Abs(ABS_TILT_Y, 40),   Syn()};
+    EXPECT_EQ(want, rig.PenEvents());
+    EXPECT_EQ(1, rig.dev->LastPenInvert);
+
+    // Back to the pen, out of range: rubber lifted, pen tool reports in-range 0.
+    pen.invert = 0;
+    pen.inrange = 0;
+    pen.tip = 0;
+    pen.State = 0;
+    pen.Z = 0;
+    EmitPenEvent(rig.dev.get(), &pen);
+    want = {Key(BTN_TOOL_RUBBER, 0), Key(BTN_TOUCH, 0),   Syn(),
+            Key(BTN_TOOL_PEN, 0),    Key(BTN_STYLUS, 0),  Abs(ABS_X, 1000),
+            Abs(ABS_Y, 2000),        Key(BTN_TOUCH, 0),   Abs(ABS_PRESSURE, 0),
+            Abs(ABS_TILT_X, -30),    Abs(ABS_TILT_Y, 40), Syn()};
+    EXPECT_EQ(want, rig.PenEvents());
+    EXPECT_EQ(0, rig.dev->LastContacts[0].State);
+}
+
+TEST(EmitPen, EraserSamples) {
+    VersionGuard version(9);
+    TouchRig rig;
+    TouchPoint eraser = {};
+    eraser.bEraser = 1;
+    eraser.eraser = 1;
+    eraser.X = 10;
+    eraser.Y = 20;
+    eraser.Z = 300;
+    eraser.tilt_x = 1;
+    eraser.tilt_y = 2;
+    DispatchTouchEvent(rig.dev.get(), &eraser);
+    std::vector<Ev> want = {Key(BTN_TOOL_RUBBER, 1), Abs(ABS_X, 10),     Abs(ABS_Y, 20),
+                            Key(BTN_TOUCH, 1),       Abs(ABS_PRESSURE, 300), Abs(ABS_TILT_X, 1),
+                            Abs(ABS_TILT_Y, 2),      Syn()};
+    EXPECT_EQ(want, rig.PenEvents());
+    EXPECT_EQ(300, rig.dev->LastContacts[0].Z);
+
+    eraser.eraser = 0;  // switch released while pressing: no BTN_TOUCH 0 yet
+    eraser.Z = 7;
+    DispatchTouchEvent(rig.dev.get(), &eraser);
+    want = {Abs(ABS_X, 10),       Abs(ABS_Y, 20),     Abs(ABS_PRESSURE, 7), Abs(ABS_TILT_X, 1),
+            Abs(ABS_TILT_Y, 2),   Syn(),              Key(BTN_TOOL_RUBBER, 0), Syn()};
+    EXPECT_EQ(want, rig.PenEvents());
+
+    eraser.Z = 0;
+    DispatchTouchEvent(rig.dev.get(), &eraser);
+    want = {Abs(ABS_X, 10),     Abs(ABS_Y, 20), Key(BTN_TOUCH, 0),       Abs(ABS_PRESSURE, 0),
+            Abs(ABS_TILT_X, 1), Abs(ABS_TILT_Y, 2), Syn(), Key(BTN_TOOL_RUBBER, 0), Syn()};
+    EXPECT_EQ(want, rig.PenEvents());
+    EXPECT_TRUE(rig.TouchEvents().empty());
+}
+
+TEST(EmitPen, TypeAModeRoutesPenAndEraserToThePenDevice) {
+    VersionGuard version(2);  // Android 2 would use multi sync, but type A wins
+    TouchRig rig;
+    rig.dev->Param.EventType = 4;
+    TouchPoint pen = {};
+    pen.bPen = 1;
+    pen.inrange = 1;
+    pen.X = 5;
+    DispatchTouchEvent(rig.dev.get(), &pen);
+    EXPECT_EQ(Key(BTN_TOOL_PEN, 1), rig.PenEvents().at(0));
+    TouchPoint eraser = {};
+    eraser.bEraser = 1;
+    eraser.eraser = 1;
+    DispatchTouchEvent(rig.dev.get(), &eraser);
+    EXPECT_EQ(Key(BTN_TOOL_RUBBER, 1), rig.PenEvents().at(0));
+    EXPECT_TRUE(rig.TouchEvents().empty());
+}
+
+TEST(EmitRelease, ReleaseAllContactsLiftsEveryTouchingContact) {
+    VersionGuard version(9);
+    TouchRig rig;
+    Send(rig, 0, 1, 100, 200);
+    Send(rig, 2, 1, 300, 400);
+    (void)rig.TouchEvents();
+
+    ReleaseAllContacts(rig.dev.get());
+    std::vector<Ev> want;
+    AddSlotUp(&want, 0);  // record for 0: lift, 2 still down
+    AddSlotDown(&want, 2, 300, 400);
+    want.push_back(Syn());
+    AddSlotUp(&want, 2);  // record for 2: lift
+    want.push_back(Syn());
+    EXPECT_EQ(want, rig.TouchEvents());
+
+    ReleaseAllContacts(rig.dev.get());  // nothing is touching any more
+    EXPECT_TRUE(rig.TouchEvents().empty());
+}

@@ -1,0 +1,224 @@
+// The virtual input devices: the uinput_user_dev record (names, ids, axis ranges per
+// protocol, Android and kernel version), the "/dev/uinput" fallback and the configured-path
+// rule. The host has no uinput node: a regular file in a temporary directory stands in for
+// it, so the record written before UI_DEV_CREATE can be read back; the ioctls fail on it,
+// so creation reports failure and nothing counts as created.
+#include "output/uinput_device.h"
+
+#include <gtest/gtest.h>
+#include <linux/uinput.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "support/touch_test_util.h"
+
+using namespace touchtest;
+
+namespace {
+
+class TempDir {
+public:
+    TempDir() {
+        char pattern[] = "/tmp/touch_uinput_XXXXXX";
+        path_ = mkdtemp(pattern);
+    }
+    ~TempDir() {
+        std::string command = "rm -rf " + path_;
+        EXPECT_EQ(0, system(command.c_str()));
+    }
+    const std::string& path() const { return path_; }
+
+private:
+    std::string path_;
+};
+
+// Points the rig's settings at an empty regular file standing in for the uinput node.
+std::string UseStandIn(TouchRig& rig, const TempDir& dir, const char* name) {
+    std::string path = dir.path() + "/" + name;
+    UniqueFd fd(OpenCloexec(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600));
+    EXPECT_TRUE(fd.valid());
+    snprintf(rig.settings.UinputPath, sizeof(rig.settings.UinputPath), "%s", path.c_str());
+    return path;
+}
+
+bool ReadRecord(const std::string& path, struct uinput_user_dev* dev) {
+    UniqueFd fd(OpenCloexec(path.c_str(), O_RDONLY));
+    if (!fd.valid()) return false;
+    return ReadRetry(fd.get(), dev, sizeof(*dev)) == static_cast<ssize_t>(sizeof(*dev));
+}
+
+struct AxisWant {
+    int axis;
+    int min;
+    int max;
+};
+
+void ExpectAxes(const struct uinput_user_dev& dev, const std::vector<AxisWant>& axes) {
+    for (int axis = 0; axis < ABS_CNT; ++axis) {
+        int min = 0;
+        int max = 0;
+        for (const AxisWant& a : axes) {
+            if (a.axis == axis) {
+                min = a.min;
+                max = a.max;
+            }
+        }
+        EXPECT_EQ(min, dev.absmin[axis]) << "axis " << axis;
+        EXPECT_EQ(max, dev.absmax[axis]) << "axis " << axis;
+        EXPECT_EQ(0, dev.absfuzz[axis]) << "axis " << axis;
+        EXPECT_EQ(0, dev.absflat[axis]) << "axis " << axis;
+    }
+}
+
+}  // namespace
+
+TEST(UinputRecord, TouchDeviceRecordPerProtocolAndAndroidVersion) {
+    struct Case {
+        int android;
+        int event_type;
+        int resol_x;
+        int resol_y;
+        std::vector<AxisWant> axes;
+    };
+    const Case cases[] = {
+        // Android 4+, slot protocol: slot and tracking id 0-20.
+        {9, 2, -1, -1,
+         {{ABS_MT_POSITION_X, 0, 4095}, {ABS_MT_POSITION_Y, 0, 4095}, {ABS_MT_TOOL_TYPE, 0, 1},
+          {ABS_MT_SLOT, 0, 20}, {ABS_MT_TRACKING_ID, 0, 20}}},
+        // Android 2: tracking id but no slot.
+        {2, 1, 1919, 1079,
+         {{ABS_MT_POSITION_X, 0, 1919}, {ABS_MT_POSITION_Y, 0, 1079}, {ABS_MT_TOOL_TYPE, 0, 1},
+          {ABS_MT_TRACKING_ID, 0, 20}}},
+        // Type A: neither.
+        {9, 4, -1, 799,
+         {{ABS_MT_POSITION_X, 0, 4095}, {ABS_MT_POSITION_Y, 0, 799}, {ABS_MT_TOOL_TYPE, 0, 1}}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(testing::Message() << "android " << c.android << " type " << c.event_type);
+        VersionGuard version(c.android);
+        TempDir dir;
+        TouchRig rig;
+        rig.dev->UinputTouchFd.reset();
+        rig.dev->Param.EventType = static_cast<int8_t>(c.event_type);
+        rig.dev->Param.ResolX = c.resol_x;
+        rig.dev->Param.ResolY = c.resol_y;
+        std::string path = UseStandIn(rig, dir, "uinput");
+
+        EXPECT_EQ(-1, CreateTouchDevice(rig.dev.get()));  // UI_DEV_CREATE fails on a file
+        EXPECT_FALSE(rig.dev->bTouchDeviceCreated);
+        EXPECT_STREQ(path.c_str(), rig.settings.UinputPath);
+
+        struct uinput_user_dev dev;
+        ASSERT_TRUE(ReadRecord(path, &dev));
+        EXPECT_STREQ("MorvelTouch_VirtualDevice", dev.name);
+        EXPECT_EQ(BUS_VIRTUAL, dev.id.bustype);
+        EXPECT_EQ(0x3C7A, dev.id.vendor);
+        EXPECT_EQ(0x0020, dev.id.product);
+        EXPECT_EQ(1, dev.id.version);
+        EXPECT_EQ(0u, dev.ff_effects_max);
+        ExpectAxes(dev, c.axes);
+        struct stat st;
+        ASSERT_EQ(0, stat(path.c_str(), &st));
+        EXPECT_EQ(1116, st.st_size);  // exactly one record
+    }
+}
+
+TEST(UinputRecord, PenDeviceRecordAndTiltCondition) {
+    struct Case {
+        int android;
+        int kernel_major;
+        int kernel_minor;
+        bool tilt;
+    };
+    const Case cases[] = {
+        {9, 3, 2, true},    // kernel 3.2: major above 2 and minor above 1
+        {9, 4, 19, true},
+        {9, 4, 1, false},   // minor 1 is not above 1
+        {9, 2, 6, false},   // kernel 2.6
+        {0, 2, 6, true},    // no Android found
+        {4, 3, 0, false},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(testing::Message() << "android " << c.android << " kernel " << c.kernel_major
+                                        << "." << c.kernel_minor);
+        VersionGuard version(c.android, c.kernel_major, c.kernel_minor);
+        TempDir dir;
+        TouchRig rig;
+        rig.dev->UinputPenFd.reset();
+        std::string path = UseStandIn(rig, dir, "uinput");
+        EXPECT_EQ(-1, CreatePenDevice(rig.dev.get()));
+        EXPECT_FALSE(rig.dev->bPenDeviceCreated);
+
+        struct uinput_user_dev dev;
+        ASSERT_TRUE(ReadRecord(path, &dev));
+        EXPECT_STREQ("MorvelTouch_VirtualPen", dev.name);
+        EXPECT_EQ(BUS_VIRTUAL, dev.id.bustype);
+        EXPECT_EQ(0x3C7A, dev.id.vendor);
+        EXPECT_EQ(0x0030, dev.id.product);
+        EXPECT_EQ(1, dev.id.version);
+        std::vector<AxisWant> axes = {{ABS_X, 0, 4095}, {ABS_Y, 0, 4095},
+                                      {ABS_MT_TOOL_TYPE, 0, 1}, {ABS_PRESSURE, 0, 1023}};
+        if (c.tilt) {
+            axes.push_back({ABS_TILT_X, -6000, 6000});
+            axes.push_back({ABS_TILT_Y, -6000, 6000});
+        }
+        ExpectAxes(dev, axes);
+    }
+}
+
+TEST(UinputOpen, FallbackToDevUinputUnlessThePathIsConfigured) {
+    if (access("/dev/uinput", F_OK) == 0) GTEST_SKIP() << "host has /dev/uinput";
+    TempDir dir;
+    const std::string missing = dir.path() + "/no_such_node";
+    {
+        // Not configured: the path is replaced by "/dev/uinput" for every later device.
+        TouchRig rig;
+        LogCapture log;
+        snprintf(rig.settings.UinputPath, sizeof(rig.settings.UinputPath), "%s", missing.c_str());
+        EXPECT_EQ(-1, CreateTouchDevice(rig.dev.get()));
+        EXPECT_STREQ("/dev/uinput", rig.settings.UinputPath);
+        EXPECT_FALSE(rig.dev->UinputTouchFd.valid());
+        EXPECT_TRUE(log.Has("Unable to open /dev/uinput & /dev/input/uinput "));
+    }
+    {
+        // Configured (bit 1 of CustomPathMask): no fallback, the path stays.
+        TouchRig rig;
+        LogCapture log;
+        rig.settings.CustomPathMask = kCustomUinputPathBit;
+        snprintf(rig.settings.UinputPath, sizeof(rig.settings.UinputPath), "%s", missing.c_str());
+        EXPECT_EQ(-1, CreatePenDevice(rig.dev.get()));
+        EXPECT_STREQ(missing.c_str(), rig.settings.UinputPath);
+        EXPECT_TRUE(log.Has("Unable to open assigned uninput path : " + missing));
+        EXPECT_FALSE(log.Has("/dev/input/uinput"));
+    }
+}
+
+TEST(UinputOpen, DescriptorIsCloseOnExecAndReleasedOnClose) {
+    VersionGuard version(9);
+    TempDir dir;
+    TouchRig rig;
+    LogCapture log;
+    UseStandIn(rig, dir, "uinput");
+    EXPECT_EQ(-1, CreateTouchDevice(rig.dev.get()));
+    EXPECT_EQ(-1, CreatePenDevice(rig.dev.get()));
+    EXPECT_TRUE(log.Has("has been opened"));
+    EXPECT_TRUE(log.Has("Unable to create UINPUT device."));
+    ASSERT_TRUE(rig.dev->UinputTouchFd.valid());
+    ASSERT_TRUE(rig.dev->UinputPenFd.valid());
+    EXPECT_TRUE(fcntl(rig.dev->UinputTouchFd.get(), F_GETFD) & FD_CLOEXEC);
+    EXPECT_TRUE(fcntl(rig.dev->UinputPenFd.get(), F_GETFD) & FD_CLOEXEC);
+    EXPECT_EQ(O_WRONLY | O_NONBLOCK,
+              fcntl(rig.dev->UinputTouchFd.get(), F_GETFL) & (O_ACCMODE | O_NONBLOCK));
+
+    const int touch_fd = rig.dev->UinputTouchFd.get();
+    CloseUinputDevices(rig.dev.get());
+    EXPECT_FALSE(rig.dev->UinputTouchFd.valid());
+    EXPECT_FALSE(rig.dev->UinputPenFd.valid());
+    EXPECT_FALSE(rig.dev->bTouchDeviceCreated);
+    EXPECT_TRUE(log.Has("Close Uinput device"));
+    EXPECT_EQ(-1, fcntl(touch_fd, F_GETFD));  // really closed
+    CloseUinputDevices(rig.dev.get());        // twice is harmless
+}

@@ -1,0 +1,199 @@
+// Helpers of the touch and output tests: a bare device record wired to datagram
+// socketpairs that stand in for the uinput descriptors, an event decoder, a log capture and
+// guards for the process-wide values the data path reads. Header-only so that only the
+// tests that include it depend on the device record.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <linux/input.h>
+#include <string.h>
+#include <sys/socket.h>
+
+#include <memory>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "config/global_settings.h"
+#include "core/environment.h"
+#include "core/unique_fd.h"
+#include "device/device_object.h"
+#include "log/debug_log.h"
+
+namespace touchtest {
+
+struct Ev {
+    uint16_t type;
+    uint16_t code;
+    int32_t value;
+};
+
+inline bool operator==(const Ev& a, const Ev& b) {
+    return a.type == b.type && a.code == b.code && a.value == b.value;
+}
+
+inline std::ostream& operator<<(std::ostream& out, const Ev& e) {
+    return out << "{" << e.type << "," << e.code << "," << e.value << "}";
+}
+
+// Shorthands for expected-event lists written by hand.
+inline Ev Abs(uint16_t code, int32_t value) { return Ev{EV_ABS, code, value}; }
+inline Ev Key(uint16_t code, int32_t value) { return Ev{EV_KEY, code, value}; }
+inline Ev Syn() { return Ev{EV_SYN, SYN_REPORT, 0}; }
+inline Ev MtSyn() { return Ev{EV_SYN, SYN_MT_REPORT, 0}; }
+
+// Slot-protocol events of one touching slot and of one lifted slot.
+inline void AddSlotDown(std::vector<Ev>* out, int slot, int x, int y) {
+    out->push_back(Abs(ABS_MT_SLOT, slot));
+    out->push_back(Abs(ABS_MT_TRACKING_ID, slot));
+    out->push_back(Abs(ABS_MT_TOOL_TYPE, 0));
+    out->push_back(Abs(ABS_MT_POSITION_X, x));
+    out->push_back(Abs(ABS_MT_POSITION_Y, y));
+}
+inline void AddSlotUp(std::vector<Ev>* out, int slot) {
+    out->push_back(Abs(ABS_MT_SLOT, slot));
+    out->push_back(Abs(ABS_MT_TRACKING_ID, -1));
+}
+
+// A datagram socketpair: each write(2) of the code under test arrives as one message, so
+// the reader also proves that every event was written with one write.
+inline void MakeEventPair(UniqueFd* device_end, UniqueFd* test_end) {
+    int fds[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, fds));
+    device_end->reset(fds[0]);
+    test_end->reset(fds[1]);
+}
+
+struct TimedEv {
+    Ev ev;
+    long sec;
+    long usec;
+};
+
+// Every event queued on fd; each message must be exactly one struct input_event.
+inline std::vector<TimedEv> DrainTimed(int fd) {
+    std::vector<TimedEv> out;
+    for (;;) {
+        struct input_event raw;
+        uint8_t buffer[sizeof(raw) * 2];
+        ssize_t n = recv(fd, buffer, sizeof(buffer), MSG_DONTWAIT);
+        if (n <= 0) break;
+        EXPECT_EQ(static_cast<ssize_t>(sizeof(raw)), n) << "one write must carry one event";
+        if (n != static_cast<ssize_t>(sizeof(raw))) continue;
+        memcpy(&raw, buffer, sizeof(raw));
+        out.push_back(TimedEv{Ev{raw.type, raw.code, raw.value}, static_cast<long>(raw.input_event_sec),
+                              static_cast<long>(raw.input_event_usec)});
+    }
+    return out;
+}
+
+inline std::vector<Ev> Drain(int fd) {
+    std::vector<Ev> out;
+    for (const TimedEv& e : DrainTimed(fd)) out.push_back(e.ev);
+    return out;
+}
+
+// Captures every debug-log message while alive (all categories enabled).
+class LogCapture {
+public:
+    LogCapture() : saved_bits_(DebugEnableBits), saved_position_(ShowDebugPosition) {
+        Lines().clear();
+        DebugEnableBits = 0xFFFFFFFFu;
+        ShowDebugPosition = 1;
+        SetPlatformLogSinkForTest(&Sink);
+    }
+    ~LogCapture() {
+        SetPlatformLogSinkForTest(nullptr);
+        DebugEnableBits = saved_bits_;
+        ShowDebugPosition = saved_position_;
+    }
+    LogCapture(const LogCapture&) = delete;
+    LogCapture& operator=(const LogCapture&) = delete;
+
+    int Count(const std::string& text) const {
+        int n = 0;
+        for (const std::string& line : Lines()) n += line.find(text) != std::string::npos;
+        return n;
+    }
+    bool Has(const std::string& text) const { return Count(text) > 0; }
+    void Clear() { Lines().clear(); }
+
+private:
+    static std::vector<std::string>& Lines() {
+        static std::vector<std::string> lines;
+        return lines;
+    }
+    static void Sink(bool, const char* message) { Lines().push_back(message); }
+    uint32_t saved_bits_;
+    uint8_t saved_position_;
+};
+
+// Sets the Android and kernel versions for one test and restores them.
+class VersionGuard {
+public:
+    VersionGuard(int android_major, int kernel_major = 4, int kernel_minor = 19)
+        : android_(AndroidVersion), kernel_(KernelVersion) {
+        AndroidVersion = AndroidVersionInfo{android_major, 0};
+        KernelVersion = KernelVersionInfo{kernel_major, kernel_minor, 0};
+    }
+    ~VersionGuard() {
+        AndroidVersion = android_;
+        KernelVersion = kernel_;
+    }
+
+private:
+    AndroidVersionInfo android_;
+    KernelVersionInfo kernel_;
+};
+
+// A bare device record with neutral per-device settings (no transform, no filter, output
+// range 0-4095, slot protocol, ten contacts) and socketpairs as its touch and pen devices.
+class TouchRig {
+public:
+    explicit TouchRig(uint8_t interface = DEV_USB) : saved_bits_(DebugEnableBits) {
+        DebugEnableBits = 0;
+        memset(&settings, 0, sizeof(settings));
+        snprintf(settings.UinputPath, sizeof(settings.UinputPath), "%s", kDefaultUinputPath);
+        dev.reset(new CDeviceObject("/dev/hidraw0", &settings));
+        dev->DevInterface = interface;
+        DeviceParam& p = dev->Param;
+        p.SupportPoints = 10;
+        p.EventType = 2;
+        p.ResolX = -1;
+        p.ResolY = -1;
+        p.EdgeCompensate = 0;
+        p.Direction = 0;
+        p.Orientation = 0;
+        p.SplitRectMode = 0;
+        p.HoldFilterEnable = 0;
+        p.HoldRange = 20;
+        p.VKEYEnable = false;
+        p.VKEYReportMod = 1;
+        dev->MouseResShift = 1;
+        dev->DigitizerResShift = 1;
+        dev->MTouchResShift = 1;
+        dev->ParallelResShift = 1;
+        MakeEventPair(&dev->UinputTouchFd, &touch_);
+        MakeEventPair(&dev->UinputPenFd, &pen_);
+    }
+    ~TouchRig() {
+        dev.reset();
+        DebugEnableBits = saved_bits_;
+    }
+    TouchRig(const TouchRig&) = delete;
+    TouchRig& operator=(const TouchRig&) = delete;
+
+    std::vector<Ev> TouchEvents() { return Drain(touch_.get()); }
+    std::vector<Ev> PenEvents() { return Drain(pen_.get()); }
+    int TouchFd() const { return touch_.get(); }
+
+    GlobalSettings settings;
+    std::unique_ptr<CDeviceObject> dev;
+
+private:
+    uint32_t saved_bits_;
+    UniqueFd touch_;
+    UniqueFd pen_;
+};
+
+}  // namespace touchtest
