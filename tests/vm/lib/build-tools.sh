@@ -20,7 +20,7 @@ build_tool() {
 }
 
 build_tools() {
-    build_tool tavrine-sim sim_main.cpp sim_engine.cpp sim_script.cpp uhid_port.cpp pty_port.cpp hid_report_sizes.cpp \
+    build_tool tavrine-sim sim_main.cpp sim_engine.cpp sim_script.cpp uhid_port.cpp pty_port.cpp hid_report_sizes.cpp sim_dump.cpp \
         event_log.cpp hex.cpp || return 1
     build_tool tavrine-evrec evrec_main.cpp evdev_trace.cpp mt_checker.cpp event_log.cpp hex.cpp || return 1
     SIM_BIN=$BUILD/bin/tavrine-sim

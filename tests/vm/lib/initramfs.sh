@@ -37,9 +37,7 @@ build_initramfs() {
     cp "$SIM_BIN" "$EVREC_BIN" "$root/bed/bin/"
     [ -n "$DAEMON_BIN" ] && cp "$DAEMON_BIN" "$root/bed/bin/TavrineD"
     cp -r "$BED/sim/descriptors" "$root/bed/descriptors"
-    for s in $SCENARIOS; do
-        cp -r "$BED/scenarios/$s" "$root/bed/scenarios/$s"
-    done
+    cp -r "$BED/scenarios/." "$root/bed/scenarios/"   # all: scenarios may share files
     echo "$SCENARIOS" | tr ' ' '\n' | sed '/^$/d' > "$root/bed/run-list"
     INITRAMFS=$BUILD/initramfs.cpio.gz
     (cd "$root" && find . | /bin/busybox cpio -o -H newc 2>/dev/null) | gzip -1 > "$INITRAMFS"

@@ -2,10 +2,10 @@
 // as a script says, answers the commands it receives from its reply table,
 // and records every byte both ways with CLOCK_MONOTONIC times.
 //
-//   tavrine-sim SCRIPT --log FILE [--ready FILE] [--max-ms N] [--check]
+//   tavrine-sim SCRIPT --log FILE [--ready FILE] [--max-ms N] [--check | --dump]
 //
 // --ready FILE is created once the port exists; --max-ms ends the run after
-// N ms; --check only parses the script. Exit status: 0 after the last step
+// N ms; --check only parses the script, --dump also prints what it parsed. Exit status: 0 after the last step
 // when the run was stopped by SIGTERM/SIGINT, --max-ms or 'exit'; 2 for bad
 // usage or script; 3 when a 'wait' timed out; 4 when the port failed.
 #include <fcntl.h>
@@ -16,6 +16,7 @@
 #include <cstring>
 #include <string>
 
+#include "sim_dump.h"
 #include "sim_engine.h"
 
 namespace {
@@ -26,7 +27,7 @@ void OnStop(int) { g_stop = 1; }
 
 int Usage()
 {
-    std::fprintf(stderr, "usage: tavrine-sim SCRIPT --log FILE [--ready FILE] [--max-ms N] [--check]\n");
+    std::fprintf(stderr, "usage: tavrine-sim SCRIPT --log FILE [--ready FILE] [--max-ms N] [--check | --dump]\n");
     return 2;
 }
 
@@ -36,7 +37,7 @@ int main(int argc, char** argv)
 {
     std::string script_path, log_path = "-", ready_path;
     uint64_t max_ms = 0;
-    bool check_only = false;
+    bool check_only = false, dump = false;
     for (int i = 1; i < argc; ++i) {
         std::string arg = argv[i];
         bool has_value = i + 1 < argc;
@@ -46,8 +47,9 @@ int main(int argc, char** argv)
             ready_path = argv[++i];
         } else if (arg == "--max-ms" && has_value) {
             if (!tvm::ParseNumber(argv[++i], 24ull * 3600 * 1000, &max_ms)) return Usage();
-        } else if (arg == "--check") {
+        } else if (arg == "--check" || arg == "--dump") {
             check_only = true;
+            dump = arg == "--dump";
         } else if (script_path.empty() && arg[0] != '-') {
             script_path = arg;
         } else {
@@ -62,6 +64,7 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "tavrine-sim: %s\n", error.c_str());
         return 2;
     }
+    if (dump) std::fputs(tvm::DumpScript(script).c_str(), stdout);
     if (check_only) return 0;
 
     struct sigaction sa {};

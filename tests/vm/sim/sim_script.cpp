@@ -291,7 +291,7 @@ bool AppendDescriptorFile(const std::string& path, const std::string& base_dir, 
         line = line.substr(0, line.find('#'));
         LineParser p(SplitWords(line), error);
         if (p.AtEnd()) continue;
-        if (!p.HexRun(kMaxDescriptor - script->descriptor.size(), &script->descriptor) || !p.End()) {
+        if (!p.HexRun(kMaxDescriptor, &script->descriptor) || !p.End()) {
             *error = full + " line " + std::to_string(line_no) + ": " + *error;
             return false;
         }
@@ -331,7 +331,7 @@ bool ParseLine(const std::string& raw, int line_no, const std::string& base_dir,
         (verb == "name" ? script->name : script->phys) = text;
         return true;
     }
-    if (verb == "descriptor") return p.HexRun(kMaxDescriptor - script->descriptor.size(), &script->descriptor) && p.End();
+    if (verb == "descriptor") return p.HexRun(kMaxDescriptor, &script->descriptor) && p.End();
     if (verb == "descriptor-file") {
         std::string path = p.Next();
         return p.End() && AppendDescriptorFile(path, base_dir, script, error);

@@ -1,0 +1,88 @@
+#!/bin/sh
+# Host checks of the bed's own programs, without the VM: the simulator's
+# script parser (good and bad scripts), its pty port with the reply table,
+# and the recorder's multi-touch checker on good and broken traces.
+# Prints one line per check and "vm-tools: N passed, N failed".
+set -u
+SIM_DIR=$(cd "$(dirname "$0")" && pwd)
+BED=$(dirname "$SIM_DIR")
+REPO=$(cd "$BED/../.." && pwd)
+BUILD=${TAVRINE_VM_BUILD:-$BED/.build}
+FIX=$SIM_DIR/fixtures
+. "$BED/lib/build-tools.sh"
+build_tools || { echo "vm-tools: the simulator or the recorder did not build"; exit 1; }
+WORK=$(mktemp -d)
+trap 'rm -rf "$WORK"' EXIT
+passed=0
+failed=0
+
+check() {  # check NAME STATUS(0 = pass) [DETAIL]
+    if [ "$2" = 0 ]; then
+        passed=$((passed + 1)); echo "ok   $1"
+    else
+        failed=$((failed + 1)); echo "FAIL $1${3:+: $3}"
+    fi
+}
+
+# Every scenario script and the full-syntax script parse; the latter's
+# parsed form matches its expected dump.
+for scn in "$BED"/scenarios/*/*.scn "$FIX/full-syntax.scn"; do
+    [ -f "$scn" ] || continue
+    "$SIM_BIN" "$scn" --check > "$WORK/out" 2>&1
+    check "parses ${scn#$BED/}" $? "$(cat "$WORK/out")"
+done
+"$SIM_BIN" "$FIX/full-syntax.scn" --dump > "$WORK/dump" 2>&1
+diff -u "$FIX/full-syntax.dump" "$WORK/dump" > "$WORK/diff"
+check "full-syntax.scn parses to full-syntax.dump" $? "$(cat "$WORK/diff")"
+
+# Each bad script is refused with status 2 and the message its first line names.
+for scn in "$FIX"/bad-*.scn; do
+    want=$(sed -n '1s/^# error: //p' "$scn")
+    "$SIM_BIN" "$scn" --check > "$WORK/out" 2>&1
+    rc=$?
+    [ "$rc" = 2 ] && grep -qF -- "$want" "$WORK/out"
+    check "refuses $(basename "$scn")" $? "status $rc, said: $(cat "$WORK/out")"
+done
+
+# The multi-touch checker accepts good streams and names each fault.
+for trace in "$FIX"/mt-good*.trace; do
+    "$EVREC_BIN" check "$trace" > "$WORK/out" 2>&1
+    check "accepts $(basename "$trace")" $? "$(cat "$WORK/out")"
+done
+for trace in "$FIX"/mt-bad-*.trace; do
+    want=$(sed -n '1s/^# expect: //p' "$trace")
+    "$EVREC_BIN" check "$trace" > "$WORK/out" 2>&1
+    rc=$?
+    [ "$rc" = 1 ] && grep -qF -- "$want" "$WORK/out"
+    check "rejects $(basename "$trace")" $? "status $rc, said: $(cat "$WORK/out")"
+done
+
+# The pty port: the line speed the client sets is seen, the loop-back
+# command is answered, and the point report follows it.
+link=$WORK/ttyTV0
+sed "s|@LINK@|$link|" "$FIX/serial-loopback.scn" > "$WORK/loop.scn"
+"$SIM_BIN" "$WORK/loop.scn" --log "$WORK/sim.log" --ready "$WORK/ready" --max-ms 8000 &
+sim=$!
+tries=50
+while [ ! -e "$WORK/ready" ] && [ $tries -gt 0 ]; do sleep 0.1; tries=$((tries - 1)); done
+got=""
+if [ -e "$link" ] && exec 3<> "$link"; then
+    stty -F "$link" 115200 raw -echo
+    sleep 0.1
+    printf '\012\001\101' >&3
+    got=$(timeout 3 dd bs=8 count=1 iflag=fullblock <&3 2>/dev/null | od -An -tx1 | tr -s ' \n' ' ')
+    exec 3>&-
+fi
+wait $sim
+rc=$?
+check "pty: simulator ends with status 0" $rc "status $rc"
+check "pty: client reads reply and report" "$([ "$got" = " 0a 01 41 81 0f 7f 00 00 " ]; echo $?)" "read '$got'"
+grep -q ' line 115200 8N1$' "$WORK/sim.log"
+check "pty: log shows the line speed 115200 8N1" $? "$(cat "$WORK/sim.log")"
+grep -q ' rx 0a 01 41$' "$WORK/sim.log" && grep -q ' tx 0a 01 41$' "$WORK/sim.log"
+check "pty: log shows the command and its reply" $?
+[ ! -e "$link" ]
+check "pty: link removed at exit" $?
+
+echo "vm-tools: $passed passed, $failed failed"
+[ "$failed" = 0 ]
