@@ -31,7 +31,7 @@ build_tools() {
 build_daemon() {
     log=$BUILD/daemon-build.log
     if cmake -S "$REPO" -B "$BUILD/daemon" -DTAVRINE_STATIC=ON -DTAVRINE_BUILD_TESTS=OFF \
-        -DCMAKE_BUILD_TYPE=Release > "$log" 2>&1 &&
+        -DCMAKE_BUILD_TYPE=RelWithDebInfo > "$log" 2>&1 &&
         cmake --build "$BUILD/daemon" -j2 --target TavrineD >> "$log" 2>&1; then
         DAEMON_BIN=$(find "$BUILD/daemon" -type f -name TavrineD -perm -u+x | head -n 1)
         [ -n "$DAEMON_BIN" ] && return 0
