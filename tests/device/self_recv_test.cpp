@@ -1,0 +1,111 @@
+// The polling exchange: a controller stand-in answers on time, late, or never; the test
+// counts the writes it received and bounds the time the exchange took.
+#include <gtest/gtest.h>
+#include <string.h>
+
+#include "device/cmd_channel.h"
+#include "support/dev_test_util.h"
+
+namespace {
+
+struct SelfRecvCase {
+    const char* name;
+    int reply_delay_ms;  // -1: never answers
+    int expect_writes;
+    uint8_t expect_replied;
+    int min_ms;
+    int max_ms;
+};
+
+TEST(SelfRecv, WritesAgainOnlyAfterASilentPeriod) {
+    DevIgnoreSigusr2();
+    const SelfRecvCase cases[] = {
+        {"on time", 10, 1, 1, 0, 300},
+        // First period (500 ms) passes in silence: second write; the late reply to the
+        // first one arrives in the second period.
+        {"after 600 ms", 600, 2, 1, 550, 1100},
+        // Three writes, three silent periods: about 1.5 s.
+        {"never", -1, 3, 0, 1450, 2000},
+    };
+    GlobalSettings settings = DevTestSettings();
+    for (const SelfRecvCase& c : cases) {
+        SCOPED_TRACE(c.name);
+        FakeController controller(true);
+        const int delay = c.reply_delay_ms;
+        bool answered = false;
+        controller.SetResponder([delay, &answered](const Bytes&) {
+            std::vector<TimedReply> replies;
+            if (delay >= 0 && !answered) {
+                answered = true;
+                replies.push_back({delay, Bytes{0x03, 0x01, 0x41}});
+            }
+            return replies;
+        });
+        controller.Start();
+        CDeviceObject dev("/dev/hidraw99", &settings);
+        AttachPort(&dev, &controller, DEV_USB);
+        dev.SelfHookSubCmd = kAnySubCmd;
+        dev.SelfHookCmd = 0x41;
+        dev.CmdSendBuf[0] = 0x03;
+        dev.CmdSendBuf[1] = 0x01;
+        dev.CmdSendBuf[2] = 0x41;
+        int64_t start = DevNowMs();
+        SelfRecv(&dev, 3);
+        int64_t elapsed = DevNowMs() - start;
+        controller.Stop();
+        EXPECT_EQ(c.expect_replied, dev.bSelfHookReplied.load());
+        EXPECT_EQ(static_cast<size_t>(c.expect_writes), controller.ReceivedCount());
+        for (const Bytes& packet : controller.Received()) EXPECT_EQ((Bytes{0x03, 0x01, 0x41}), packet);
+        EXPECT_GE(elapsed, c.min_ms);
+        EXPECT_LE(elapsed, c.max_ms);
+        if (c.expect_replied) {
+            EXPECT_EQ(0x41, dev.CmdReplyBuf[2]);
+        }
+    }
+}
+
+// Other traffic keeps the loop reading without a new write; the awaited reply still ends it.
+TEST(SelfRecv, OtherRepliesDoNotTriggerRewrites) {
+    DevIgnoreSigusr2();
+    GlobalSettings settings = DevTestSettings();
+    FakeController controller(true);
+    controller.SetResponder([](const Bytes&) {
+        std::vector<TimedReply> replies;
+        for (int i = 0; i < 4; ++i) replies.push_back({200, Bytes{0x03, 0x01, 0x44}});
+        replies.push_back({200, Bytes{0x03, 0x01, 0x41}});
+        return replies;
+    });
+    controller.Start();
+    CDeviceObject dev("/dev/hidraw99", &settings);
+    AttachPort(&dev, &controller, DEV_USB);
+    dev.m_fdPipeOut.reset();  // unhooked replies go to the (closed) tool pipe
+    dev.SelfHookSubCmd = kAnySubCmd;
+    dev.SelfHookCmd = 0x41;
+    const uint8_t cmd[3] = {0x03, 0x01, 0x41};
+    memcpy(dev.CmdSendBuf, cmd, 3);
+    SelfRecv(&dev, 3);
+    EXPECT_EQ(1, dev.bSelfHookReplied.load());
+    EXPECT_EQ(1u, controller.ReceivedCount());
+}
+
+// A port that fails every write: three attempts, each followed by a pause, then give up.
+TEST(SelfRecv, FailedWritesAreBounded) {
+    DevLogCapture log;
+    GlobalSettings settings = DevTestSettings();
+    CDeviceObject dev("/dev/hidraw99", &settings);
+    dev.DevInterface = DEV_USB;
+    int fds[2];
+    ASSERT_EQ(0, pipe(fds));
+    dev.m_Port_fd.reset(fds[0]);  // read end: every write fails with EBADF
+    UniqueFd other(fds[1]);
+    int64_t start = DevNowMs();
+    SelfRecv(&dev, 3);
+    int64_t elapsed = DevNowMs() - start;
+    EXPECT_EQ(0, dev.bSelfHookReplied.load());
+    EXPECT_EQ(3, log.Count("Write command to prot failed with ret = -1. The actually len = 3."));
+    // Each failed write pauses 500 ms; the first two are followed by a 500 ms read period.
+    EXPECT_GE(elapsed, 2400);
+    EXPECT_LE(elapsed, 3200);
+}
+
+}  // namespace

@@ -1,0 +1,55 @@
+// Series codes from model and type names: every row in its order.
+#include <gtest/gtest.h>
+
+#include "device/identification.h"
+#include "support/dev_test_util.h"
+
+namespace {
+
+TEST(AllocateSeries, RowsInOrder) {
+    struct Case {
+        const char* model;
+        const char* type;
+        int32_t series;
+        const char* logged;
+    } cases[] = {
+        {"K2593", "LOM-1", SERIES_LOMBAR, "SERIES_LOMBAR"},
+        {"K2593", "DARLOM", SERIES_LOMBAR, "SERIES_LOMBAR"},  // row 1 before row 3
+        {"JOP7555", "XW", SERIES_JORVAKS, "SERIES_JORVAKS"},
+        {"JOP7555", "xw", SERIES_UNKNOWN, "SERIES_UNKNOWN"},  // case-sensitive
+        {"DARELYN", "DAR", SERIES_DARELYN, "SERIES_DARELYN"},
+        {"KVR-4455R", "R1", SERIES_DARELYN, "SERIES_DARELYN"},
+        {"TOBIN4555", "TOBIN4555", SERIES_TOBIN4555, "SERIES_TOBIN4555"},
+        {"TOB4455", "TOB4455", SERIES_TOB4455, "SERIES_TOB4455"},
+        {"Melka2", "Melka", SERIES_MELKA, "SERIES_MELKA"},
+        {"FEN", "FEN", SERIES_FEN, "SERIES_FEN"},
+        {"GLR725D", "GLRxx", SERIES_GLR_7255_W353HS, "SERIES_GLR_7255_W353HS"},
+        {"GLR725F", "GLRxx", SERIES_GLR_7255_W353HS, "SERIES_GLR_7255_W353HS"},
+        {"GLR100", "GLRxx", SERIES_GLR_7255, "SERIES_GLR_7255"},
+        {"ABC", "GLRxx", SERIES_UNKNOWN, "SERIES_UNKNOWN"},       // rows 10 on tried
+        {"ABC", "GLR PCAP6", SERIES_PCAP_6555, "SERIES_PCAP_6555"},  // ... and can match
+        {"P40", "PCAP40", SERIES_PCAP_9015, "SERIES_PCAP_9015"},
+        {"P11", "PCAP11", SERIES_PCAP_9015, "SERIES_PCAP_9015"},
+        {"Lantre", "PCAP11", SERIES_PCAP_9085, "SERIES_PCAP_9085"},
+        {"Lantre-1", "PCAP40", SERIES_PCAP_9085, "SERIES_PCAP_9085"},  // row 10 fails, row 12
+        {"PCAP", "PCAP4x", SERIES_PCAP_4155, "SERIES_PCAP_4155"},
+        {"XYZ", "PCAP4155-X", SERIES_PCAP_4155, "SERIES_PCAP_4155"},  // row 13 fails, row 14
+        {"Halma", "Halma4455", SERIES_PCAP_4455, "SERIES_PCAP_4455"},
+        {"PCAP", "Halma4455", SERIES_PCAP_4455, "SERIES_PCAP_4455"},
+        {"XYZ", "Halma4455", SERIES_UNKNOWN, "SERIES_UNKNOWN"},
+        {"", "PCAP6555", SERIES_PCAP_6555, "SERIES_PCAP_6555"},
+        {"", "PCAP0415", SERIES_PCAP_0415, "SERIES_PCAP_0415"},
+        {"", "PCAP2x", SERIES_PCAP_2, "SERIES_PCAP_2"},
+        {"UNKNOWN", "UNKNOWN", SERIES_UNKNOWN, "SERIES_UNKNOWN"},
+        {"", "", SERIES_UNKNOWN, "SERIES_UNKNOWN"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::string(c.model) + " / " + c.type);
+        DevLogCapture log;
+        EXPECT_EQ(c.series, AllocateSeries(c.model, c.type));
+        EXPECT_EQ(1, log.Count(std::string("AllocateSeries: ") + c.logged));
+    }
+    EXPECT_EQ(SERIES_UNKNOWN, AllocateSeries(nullptr, nullptr));
+}
+
+}  // namespace

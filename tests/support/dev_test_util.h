@@ -1,0 +1,103 @@
+// Helpers of the device and tool pipe tests: a controller stand-in on the far end of a
+// socketpair or pty, log capture, a temporary data directory and a receive thread.
+#pragma once
+
+#include <pthread.h>
+#include <stdint.h>
+
+#include <atomic>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "config/global_settings.h"
+#include "device/device_object.h"
+
+using Bytes = std::vector<uint8_t>;
+
+// Milliseconds on the monotonic clock.
+int64_t DevNowMs();
+
+// Captures every debug-log message while it exists (all categories enabled).
+class DevLogCapture {
+public:
+    DevLogCapture();
+    ~DevLogCapture();
+    DevLogCapture(const DevLogCapture&) = delete;
+    DevLogCapture& operator=(const DevLogCapture&) = delete;
+    int Count(const std::string& text) const;
+    bool Contains(const std::string& text) const { return Count(text) > 0; }
+
+private:
+    uint32_t saved_bits_;
+    uint8_t saved_position_;
+};
+
+// A fresh temporary data directory (SetDataDirForTest), removed at the end.
+class DevTempDataDir {
+public:
+    DevTempDataDir();
+    ~DevTempDataDir();
+    const std::string& path() const { return path_; }
+
+private:
+    std::string path_;
+};
+
+// The controller side of a port. Every packet (one read) the daemon writes is recorded;
+// respond() returns the packets to send back, each after its delay.
+struct TimedReply {
+    int delay_ms;
+    Bytes bytes;
+};
+
+class FakeController {
+public:
+    // seqpacket: one write is one packet (like a hidraw node); otherwise a byte stream
+    // whose commands are cut by their length byte (header, length, payload).
+    explicit FakeController(bool seqpacket);
+    // Uses an existing descriptor (a pty master) as the controller side; stream framing.
+    explicit FakeController(int controller_fd);
+    ~FakeController();
+
+    int DaemonFd() const { return daemon_fd_; }  // -1 after TakeDaemonFd
+    int TakeDaemonFd();                            // the caller (a UniqueFd) now owns it
+    void SetResponder(std::function<std::vector<TimedReply>(const Bytes&)> respond);
+    void Start();
+    void Stop();
+    std::vector<Bytes> Received() const;
+    size_t ReceivedCount() const;
+    bool WaitForPackets(size_t n, int timeout_ms) const;
+    // Writes bytes to the daemon side right away.
+    void Send(const Bytes& bytes);
+
+private:
+    void Run();
+    void Handle(const Bytes& packet);
+
+    bool seqpacket_;
+    int controller_fd_ = -1;
+    int daemon_fd_ = -1;
+    std::function<std::vector<TimedReply>(const Bytes&)> respond_;
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+    mutable std::mutex mutex_;
+    std::vector<Bytes> received_;
+    Bytes stream_;
+};
+
+// A bare device record on the daemon end of a controller stand-in.
+void AttachPort(CDeviceObject* device, FakeController* controller, uint8_t interface);
+
+// Starts DevRxLoop on a real thread the way Create() does (SIGUSR1 blocked, handler
+// installed) and records it in the device so that StopReadThread can stop it.
+void StartRxLoopThread(CDeviceObject* device);
+
+// Settings with every flag cleared.
+GlobalSettings DevTestSettings();
+
+// Ignores SIGUSR2 for the whole test process: the reception step sends it to the process
+// group when a port reads empty.
+void DevIgnoreSigusr2();
