@@ -36,7 +36,8 @@ build_initramfs() {
     done
     cp "$SIM_BIN" "$EVREC_BIN" "$root/bed/bin/"
     [ -n "$DAEMON_BIN" ] && cp "$DAEMON_BIN" "$root/bed/bin/TavrineD"
-    cp -r "$BED/sim/descriptors" "$root/bed/descriptors"
+    mkdir -p "$root/bed/sim"
+    cp -r "$BED/sim/descriptors" "$root/bed/sim/descriptors"   # same place relative to scenarios as in git
     cp -r "$BED/scenarios/." "$root/bed/scenarios/"   # all: scenarios may share files
     echo "$SCENARIOS" | tr ' ' '\n' | sed '/^$/d' > "$root/bed/run-list"
     INITRAMFS=$BUILD/initramfs.cpio.gz
