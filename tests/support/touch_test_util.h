@@ -7,7 +7,10 @@
 #include <gtest/gtest.h>
 #include <linux/input.h>
 #include <string.h>
+#include <stdio.h>
+#include <stdlib.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <memory>
 #include <ostream>
@@ -93,39 +96,54 @@ inline std::vector<Ev> Drain(int fd) {
     return out;
 }
 
-// Captures every debug-log message while alive (all categories enabled).
+// Captures every debug-log message while alive (all categories enabled), through a log
+// file in a temporary location so nothing reaches standard output or the system log.
 class LogCapture {
 public:
     LogCapture() : saved_bits_(DebugEnableBits), saved_position_(ShowDebugPosition) {
-        Lines().clear();
+        memcpy(saved_path_, LogFilePath, sizeof(saved_path_));
+        char pattern[] = "/tmp/touch_log_XXXXXX";
+        const int fd = mkstemp(pattern);
+        UniqueFd owner(fd);
+        EXPECT_TRUE(owner.valid());
+        path_ = pattern;
+        snprintf(LogFilePath, sizeof(LogFilePath), "%s", pattern);
         DebugEnableBits = 0xFFFFFFFFu;
-        ShowDebugPosition = 1;
-        SetPlatformLogSinkForTest(&Sink);
+        ShowDebugPosition = 0;
     }
     ~LogCapture() {
-        SetPlatformLogSinkForTest(nullptr);
         DebugEnableBits = saved_bits_;
         ShowDebugPosition = saved_position_;
+        memcpy(LogFilePath, saved_path_, sizeof(saved_path_));
+        unlink(path_.c_str());
     }
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
+    std::vector<std::string> Lines() const {
+        std::vector<std::string> lines;
+        FILE* stream = fopen(path_.c_str(), "re");
+        if (stream == nullptr) return lines;
+        char line[1024];
+        while (fgets(line, sizeof(line), stream)) lines.push_back(line);
+        fclose(stream);
+        return lines;
+    }
     int Count(const std::string& text) const {
         int n = 0;
         for (const std::string& line : Lines()) n += line.find(text) != std::string::npos;
         return n;
     }
     bool Has(const std::string& text) const { return Count(text) > 0; }
-    void Clear() { Lines().clear(); }
+    void Clear() {
+        UniqueFd fd(OpenCloexec(path_.c_str(), O_WRONLY | O_TRUNC));
+    }
 
 private:
-    static std::vector<std::string>& Lines() {
-        static std::vector<std::string> lines;
-        return lines;
-    }
-    static void Sink(bool, const char* message) { Lines().push_back(message); }
     uint32_t saved_bits_;
     uint8_t saved_position_;
+    char saved_path_[kLogPathMax];
+    std::string path_;
 };
 
 // Sets the Android and kernel versions for one test and restores them.
