@@ -19,8 +19,6 @@ bool StorePathOption(char option, const char* argument, char* field) {
     if (strlen(argument) >= static_cast<size_t>(kTextMax)) {
         printf("\nError: The path of option '%c' is longer than %d characters, it is ignored.\n",
                option, kTextMax - 1);
-        TLOG(LOG_MAIN, "Option -%c: path longer than %d characters ignored", option,
-             kTextMax - 1);
         return false;
     }
     snprintf(field, kTextMax, "%s", argument);
@@ -31,7 +29,7 @@ bool StorePathOption(char option, const char* argument, char* field) {
 
 void ParseCommandLine(int argc, char** argv, GlobalSettings* settings) {
     opterr = 0;
-    optind = 1;  // the loop always runs to the end, so no cluster state is left behind
+    optind = 0;  // a full restart of getopt (glibc, bionic and musl), so a second parse works
     int option;
     while ((option = getopt(argc, argv, kOptionString)) != -1) {
         switch (option) {

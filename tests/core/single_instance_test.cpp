@@ -1,0 +1,197 @@
+#include "core/single_instance.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "config/global_settings.h"
+#include "core/paths.h"
+#include "log/debug_log.h"
+#include "support/core_test_util.h"
+
+namespace {
+
+using coretest::ChildResult;
+using coretest::kReturned;
+using coretest::KillAndReap;
+using coretest::LogCapture;
+using coretest::RunInChild;
+using coretest::StartNamedSleeper;
+using coretest::TempDataDir;
+
+std::string PidText(pid_t pid) {
+    char text[16];
+    snprintf(text, sizeof(text), "%d ", static_cast<int>(pid));
+    return std::string(text) + std::string(10 - strlen(text), '\0');
+}
+
+bool IsAlive(pid_t pid) {
+    // A child that died stays a zombie until reaped: look at its state, not only kill(0).
+    int status;
+    return waitpid(pid, &status, WNOHANG) == 0;
+}
+
+TEST(SingleInstanceTest, ProcessNameMustBeginWithTavrine) {
+    TempDataDir dir;
+    LogCapture log;
+    EXPECT_FALSE(IsDaemonProcess(getpid()));  // this test program
+    EXPECT_EQ(0, log.Count("Check Process Name failed"));
+
+    const pid_t named = StartNamedSleeper(dir.path(), "TavrineTest", 30);
+    ASSERT_GT(named, 0);
+    const pid_t short_name = StartNamedSleeper(dir.path(), "Tavrin", 30);  // six letters only
+    ASSERT_GT(short_name, 0);
+    const pid_t lower = StartNamedSleeper(dir.path(), "tavrineX", 30);  // prefix is case-exact
+    ASSERT_GT(lower, 0);
+    EXPECT_TRUE(IsDaemonProcess(named));
+    EXPECT_FALSE(IsDaemonProcess(short_name));
+    EXPECT_FALSE(IsDaemonProcess(lower));
+    KillAndReap(named);
+    KillAndReap(short_name);
+    KillAndReap(lower);
+
+    bool gone_is_daemon = true;
+    coretest::Quiet([&] { gone_is_daemon = IsDaemonProcess(named); });
+    EXPECT_FALSE(gone_is_daemon);  // gone: no status file
+    EXPECT_EQ(1, log.Count("Check Process Name failed"));
+}
+
+TEST(SingleInstanceTest, PidFileHoldsTheIdAndBlankInTenBytes) {
+    TempDataDir dir;
+    ASSERT_TRUE(coretest::WriteFile(dir.File("TouchPID"), std::string(40, 'x')));  // truncated
+    WritePidFile();
+    EXPECT_EQ(PidText(getpid()), coretest::ReadFile(dir.File("TouchPID")));
+}
+
+TEST(SingleInstanceTest, UnwritablePidFileIsLoggedAndStartUpGoesOn) {
+    TempDataDir dir;
+    SetDataDirForTest((dir.path() + "/missing").c_str());
+    LogCapture log;
+    coretest::Quiet([&] { WritePidFile(); });
+    EXPECT_EQ(1, log.Count("Open " + dir.path() + "/missing/TouchPID failed, maybe /data/ is not writable."));
+}
+
+struct Flags {
+    uint8_t kill;
+    uint8_t force;
+};
+
+// Runs CheckSingleInstance in a child with the given flags.
+ChildResult CheckInChild(Flags flags) {
+    return RunInChild([flags] {
+        GlobalSettings settings;
+        memset(&settings, 0, sizeof(settings));
+        settings.KillRunning = flags.kill;
+        settings.ForceRestart = flags.force;
+        CheckSingleInstance(&settings);
+    });
+}
+
+TEST(SingleInstanceTest, NoPidFileAlwaysCarriesOn) {
+    TempDataDir dir;
+    for (Flags flags : {Flags{0, 0}, Flags{1, 0}, Flags{0, 1}}) {
+        ChildResult child = CheckInChild(flags);
+        ASSERT_TRUE(child.exited);
+        EXPECT_EQ(kReturned, child.status) << int(flags.kill) << int(flags.force);
+    }
+    LogCapture log;
+    GlobalSettings settings;
+    memset(&settings, 0, sizeof(settings));
+    coretest::Quiet([&] { CheckSingleInstance(&settings); });
+    EXPECT_EQ(1, log.Count("File " + dir.File("TouchPID") + " doesn't existed"));
+}
+
+// A PID file that names no other daemon: -k has nothing to stop and exits 0, every other
+// start carries on. Nothing is ever killed: not a live process of another name, not the
+// caller itself, and never a process group (ids 0 and -1).
+TEST(SingleInstanceTest, StalePidFileKillsNothing) {
+    TempDataDir dir;
+    const pid_t sleeper = StartNamedSleeper(dir.path(), "sleepy", 30);
+    ASSERT_GT(sleeper, 0);
+    const pid_t dead = StartNamedSleeper(dir.path(), "TavrineDead", 30);
+    KillAndReap(dead);
+
+    const std::string contents[] = {
+        PidText(sleeper), PidText(dead), "0 ", "-1 ", "", "garbage", "99999999999",
+    };
+    for (const std::string& content : contents) {
+        ASSERT_TRUE(coretest::WriteFile(dir.File("TouchPID"), content));
+        ChildResult with_k = CheckInChild({1, 0});
+        ASSERT_TRUE(with_k.exited) << content;  // not killed by a group signal
+        EXPECT_EQ(0, with_k.status) << content;
+        ChildResult plain = CheckInChild({0, 0});
+        ASSERT_TRUE(plain.exited) << content;
+        EXPECT_EQ(kReturned, plain.status) << content;
+        ChildResult force = CheckInChild({0, 1});
+        ASSERT_TRUE(force.exited) << content;
+        EXPECT_EQ(kReturned, force.status) << content;
+        EXPECT_TRUE(IsAlive(sleeper)) << content;
+    }
+    KillAndReap(sleeper);
+}
+
+// The own id in the PID file (a restart that got the same id) is not another daemon.
+TEST(SingleInstanceTest, OwnIdIsNotAnotherDaemon) {
+    TempDataDir dir;
+    ChildResult child = RunInChild([&] {
+        coretest::WriteFile(dir.File("TouchPID"), PidText(getpid()));
+        GlobalSettings settings;
+        memset(&settings, 0, sizeof(settings));
+        CheckSingleInstance(&settings);
+    });
+    ASSERT_TRUE(child.exited);
+    EXPECT_EQ(kReturned, child.status);
+}
+
+TEST(SingleInstanceTest, RunningDaemonIsKilledOnlyWithForceOrKill) {
+    TempDataDir dir;
+    struct Case {
+        Flags flags;
+        int status;
+        bool killed;
+    };
+    const Case cases[] = {
+        {{0, 0}, 0, false},        // another daemon runs: this start ends
+        {{1, 0}, 0, true},         // -k: stop it and end
+        {{0, 1}, kReturned, true}, // -f: stop it and carry on
+    };
+    for (const Case& c : cases) {
+        const pid_t daemon = StartNamedSleeper(dir.path(), "TavrineTest", 30);
+        ASSERT_GT(daemon, 0);
+        ASSERT_TRUE(coretest::WriteFile(dir.File("TouchPID"), PidText(daemon)));
+        ChildResult child = CheckInChild(c.flags);
+        ASSERT_TRUE(child.exited);
+        EXPECT_EQ(c.status, child.status);
+        if (c.killed) {
+            int status = 0;
+            ASSERT_EQ(daemon, waitpid(daemon, &status, 0));
+            EXPECT_TRUE(WIFSIGNALED(status));
+            EXPECT_EQ(SIGKILL, WTERMSIG(status));
+        } else {
+            EXPECT_TRUE(IsAlive(daemon));
+            KillAndReap(daemon);
+        }
+    }
+}
+
+TEST(SingleInstanceTest, RootCheckEndsWithStatus255ForOtherUsers) {
+    if (getuid() != 0) GTEST_SKIP() << "needs root to switch to another user";
+    ChildResult root = RunInChild([] { CheckRootPermission(); });
+    ASSERT_TRUE(root.exited);
+    EXPECT_EQ(kReturned, root.status);
+
+    TempDataDir dir;
+    ChildResult other = RunInChild([] {
+        if (setuid(65534) != 0) _exit(3);
+        CheckRootPermission();
+    });
+    ASSERT_TRUE(other.exited);
+    EXPECT_EQ(255, other.status);
+}
+
+}  // namespace

@@ -1,0 +1,175 @@
+#include "support/core_test_util.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <ftw.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "core/paths.h"
+#include "log/debug_log.h"
+
+namespace coretest {
+
+namespace {
+
+std::vector<LogLine>& Captured() {
+    static std::vector<LogLine> lines;
+    return lines;
+}
+
+void CaptureSink(bool is_error, const char* message) {
+    Captured().push_back(LogLine{is_error, message});
+}
+
+int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) { return remove(path); }
+
+}  // namespace
+
+TempDataDir::TempDataDir() {
+    char pattern[] = "/tmp/tavrine_core_XXXXXX";
+    const char* made = mkdtemp(pattern);
+    path_ = made ? made : "";
+    SetDataDirForTest(path_.c_str());
+}
+
+TempDataDir::~TempDataDir() {
+    if (!path_.empty()) nftw(path_.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS);
+    SetDataDirForTest("/nonexistent-tavrine-test-dir");
+}
+
+LogCapture::LogCapture(uint32_t categories, uint8_t position)
+    : saved_bits_(DebugEnableBits), saved_position_(ShowDebugPosition) {
+    Captured().clear();
+    SetPlatformLogSinkForTest(CaptureSink);
+    DebugEnableBits = categories;
+    ShowDebugPosition = position;
+}
+
+LogCapture::~LogCapture() {
+    SetPlatformLogSinkForTest(nullptr);
+    DebugEnableBits = saved_bits_;
+    ShowDebugPosition = saved_position_;
+}
+
+void Quiet(const std::function<void()>& body) {
+    fflush(stdout);
+    const int saved = dup(STDOUT_FILENO);
+    const int null_fd = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    dup2(null_fd, STDOUT_FILENO);
+    close(null_fd);
+    body();
+    fflush(stdout);
+    dup2(saved, STDOUT_FILENO);
+    close(saved);
+}
+
+const std::vector<LogLine>& LogCapture::lines() const { return Captured(); }
+
+int LogCapture::Count(const std::string& text) const {
+    int n = 0;
+    for (const LogLine& line : Captured()) n += line.message == text ? 1 : 0;
+    return n;
+}
+
+int LogCapture::CountContaining(const std::string& text) const {
+    int n = 0;
+    for (const LogLine& line : Captured()) n += line.message.find(text) != std::string::npos;
+    return n;
+}
+
+void LogCapture::Clear() { Captured().clear(); }
+
+ChildResult RunInChild(const std::function<void()>& body) {
+    ChildResult result{false, -1, ""};
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC) != 0) return result;
+    fflush(stdout);
+    fflush(stderr);
+    pid_t pid = fork();
+    if (pid < 0) {
+        close(fds[0]);
+        close(fds[1]);
+        return result;
+    }
+    if (pid == 0) {
+        dup2(fds[1], STDOUT_FILENO);
+        body();
+        fflush(stdout);
+        _exit(kReturned);
+    }
+    close(fds[1]);
+    char buffer[4096];
+    ssize_t n;
+    while ((n = read(fds[0], buffer, sizeof(buffer))) > 0 || (n < 0 && errno == EINTR)) {
+        if (n > 0) result.out.append(buffer, static_cast<size_t>(n));
+    }
+    close(fds[0]);
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    result.exited = WIFEXITED(status);
+    result.status = result.exited ? WEXITSTATUS(status) : WTERMSIG(status);
+    return result;
+}
+
+bool WriteFile(const std::string& path, const std::string& bytes) {
+    FILE* f = fopen(path.c_str(), "wbe");
+    if (!f) return false;
+    bool ok = fwrite(bytes.data(), 1, bytes.size(), f) == bytes.size();
+    return fclose(f) == 0 && ok;
+}
+
+std::string ReadFile(const std::string& path) {
+    std::string content;
+    FILE* f = fopen(path.c_str(), "rbe");
+    if (!f) return content;
+    char buffer[4096];
+    size_t n;
+    while ((n = fread(buffer, 1, sizeof(buffer), f)) > 0) content.append(buffer, n);
+    fclose(f);
+    return content;
+}
+
+bool FileExists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+
+pid_t StartNamedSleeper(const std::string& dir, const char* name, int seconds) {
+    const std::string copy = dir + "/" + name;
+    if (!FileExists(copy)) {
+        std::string bytes = ReadFile("/bin/sleep");
+        if (bytes.empty() || !WriteFile(copy, bytes) || chmod(copy.c_str(), 0755) != 0) return -1;
+    }
+    char arg[16];
+    snprintf(arg, sizeof(arg), "%d", seconds);
+    fflush(stdout);
+    pid_t pid = fork();
+    if (pid == 0) {
+        execl(copy.c_str(), name, arg, static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    if (pid < 0) return -1;
+    // Wait until the exec has happened, so /proc/<pid>/status shows the new name.
+    char status_path[64];
+    snprintf(status_path, sizeof(status_path), "/proc/%d/status", static_cast<int>(pid));
+    for (int i = 0; i < 500; ++i) {
+        std::string status = ReadFile(status_path);
+        if (status.compare(0, 6 + strlen(name), std::string("Name:\t") + name) == 0) return pid;
+        usleep(2000);
+    }
+    return pid;
+}
+
+void KillAndReap(pid_t pid) {
+    if (pid <= 0) return;
+    kill(pid, SIGKILL);
+    int status;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+}
+
+}  // namespace coretest
