@@ -69,6 +69,10 @@ void CheckVIDinlsusb(const char* vid) {
             }
             memset(pids[found], 0, sizeof(pids[found]));
             memcpy(pids[found], at + 5, 4);
+            if (!IsHexId4(pids[found])) {
+                TLOG(LOG_INIT, "Listed product id [%s] is not four hexadecimal digits", pids[found]);
+                continue;
+            }
             ++found;
         }
         CloseListing(&listing);
