@@ -9,9 +9,14 @@ KDIR="$CACHE/kernel"
 
 die() { echo "install-vm-deps: $*" >&2; exit 1; }
 
+installed() {
+    dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q 'ok installed'
+}
+
+# busybox-static, not busybox: the initramfs has no shared libraries.
 have_tools() {
-    command -v qemu-system-x86_64 >/dev/null 2>&1 && [ -x /bin/busybox ] &&
-        /bin/busybox --list 2>/dev/null | grep -qx insmod
+    installed qemu-system-x86 && installed busybox-static && command -v qemu-system-x86_64 >/dev/null 2>&1 &&
+        [ -x /bin/busybox ]
 }
 
 install_tools() {

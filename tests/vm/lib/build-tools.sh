@@ -28,10 +28,13 @@ build_tools() {
 }
 
 # Builds the daemon statically. Sets DAEMON_BIN, or DAEMON_WHY on failure.
+# GCC 12 sees the inlined write(2) of a whole input_event as reading past
+# its first member (-Wstringop-overread, a false positive); here it stays a
+# warning so that the bed tests behaviour. The main build keeps its gate.
 build_daemon() {
     log=$BUILD/daemon-build.log
     if cmake -S "$REPO" -B "$BUILD/daemon" -DTAVRINE_STATIC=ON -DTAVRINE_BUILD_TESTS=OFF \
-        -DCMAKE_BUILD_TYPE=RelWithDebInfo > "$log" 2>&1 &&
+        -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_FLAGS=-Wno-error=stringop-overread > "$log" 2>&1 &&
         cmake --build "$BUILD/daemon" -j2 --target TavrineD >> "$log" 2>&1; then
         DAEMON_BIN=$(find "$BUILD/daemon" -type f -name TavrineD -perm -u+x | head -n 1)
         [ -n "$DAEMON_BIN" ] && return 0
