@@ -21,14 +21,16 @@
 #include "discovery/probe_exchange.h"
 #include "discovery/serial_scan.h"
 #include "support/disc_log_capture.h"
+#include "support/disc_pty_controller.h"
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
+using disc::kAppIAPReply;
+using disc::kBootLoaderReply;
+using disc::kLoopbackReply;
+using disc::PtyController;
 
-const Bytes kBootLoaderReply = {0x0A, 0x04, 0x39, 0x01, 0x00, 0x00};
-const Bytes kAppIAPReply = {0x0A, 0x04, 0x39, 0x00, 0x00, 0x00};
-const Bytes kLoopbackReply = {0x0A, 0x01, 0x41};
 
 TEST(CheckIAPReply, Table) {
     struct Case {
@@ -130,97 +132,6 @@ TEST(IsItBFW, ShortWriteIsReported) {
 }
 
 // --- CheckRS232Device against a pty --------------------------------------------------------
-
-// The master side of a pty acting as a controller. It reads the commands the probe writes
-// to the slave and reads the slave's line speed back (tcgetattr on the master).
-class PtyController {
-public:
-    speed_t loopback_speed = 0;  // answers the loop-back only at this speed (0: never)
-    Bytes loopback_reply = kLoopbackReply;
-    speed_t iap_speed = 0;  // answers the IAP-type query only at this speed
-    Bytes iap_reply = kBootLoaderReply;
-
-    PtyController() {
-        master_.reset(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
-        EXPECT_TRUE(master_.valid());
-        EXPECT_EQ(0, grantpt(master_.get()));
-        EXPECT_EQ(0, unlockpt(master_.get()));
-        slave_path_ = ptsname(master_.get());
-        // Holding the slave open keeps the line up between the probe's opens.
-        keeper_.reset(OpenCloexec(slave_path_.c_str(), O_RDWR | O_NOCTTY));
-        EXPECT_TRUE(keeper_.valid());
-        struct termios line;
-        EXPECT_EQ(0, tcgetattr(keeper_.get(), &line));
-        cfmakeraw(&line);
-        cfsetispeed(&line, B38400);
-        cfsetospeed(&line, B38400);
-        EXPECT_EQ(0, tcsetattr(keeper_.get(), TCSANOW, &line));
-    }
-    ~PtyController() { Stop(); }
-
-    void Start() {
-        thread_ = std::thread([this] { Serve(); });
-    }
-    void Stop() {
-        stop_ = true;
-        if (thread_.joinable()) thread_.join();
-    }
-    const std::string& slave_path() const { return slave_path_; }
-    struct termios SlaveLine() const {
-        struct termios line;
-        memset(&line, 0, sizeof(line));
-        EXPECT_EQ(0, tcgetattr(keeper_.get(), &line));
-        return line;
-    }
-    // (command byte, speed) of every command seen, in order.
-    std::vector<std::pair<uint8_t, speed_t>> Seen() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return seen_;
-    }
-
-private:
-    void Serve() {
-        Bytes pending;
-        while (!stop_) {
-            struct pollfd pfd = {master_.get(), POLLIN, 0};
-            if (poll(&pfd, 1, 2) <= 0 || !(pfd.revents & POLLIN)) continue;
-            uint8_t buf[256];
-            ssize_t n = read(master_.get(), buf, sizeof(buf));
-            if (n <= 0) continue;
-            pending.insert(pending.end(), buf, buf + n);
-            ParseCommands(&pending);
-        }
-    }
-    void ParseCommands(Bytes* pending) {
-        for (;;) {
-            while (!pending->empty() && (*pending)[0] != 0x0A) pending->erase(pending->begin());
-            if (pending->size() < 2) return;
-            size_t total = (*pending)[1] + 2u;
-            if (pending->size() < total) return;
-            uint8_t cmd = (*pending)[2];
-            pending->erase(pending->begin(), pending->begin() + total);
-            struct termios line;
-            tcgetattr(master_.get(), &line);
-            speed_t speed = cfgetospeed(&line);
-            {
-                std::lock_guard<std::mutex> lock(mutex_);
-                seen_.push_back({cmd, speed});
-            }
-            const Bytes* answer = nullptr;
-            if (cmd == 0x41 && speed == loopback_speed) answer = &loopback_reply;
-            if (cmd == 0x39 && speed == iap_speed) answer = &iap_reply;
-            if (answer) (void)write(master_.get(), answer->data(), answer->size());
-        }
-    }
-
-    UniqueFd master_;
-    UniqueFd keeper_;
-    std::string slave_path_;
-    std::thread thread_;
-    std::atomic<bool> stop_{false};
-    std::mutex mutex_;
-    std::vector<std::pair<uint8_t, speed_t>> seen_;
-};
 
 GlobalSettings ProbeSettings(uint32_t baud) {
     GlobalSettings settings;

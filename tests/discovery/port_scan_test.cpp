@@ -1,0 +1,154 @@
+// One pass of the USB, serial and PS/2 scans: which nodes are looked at, what is logged,
+// and what the pass leaves in the settings and the list. No test here writes to a real
+// serial port of the host: serial scans run with custom paths pointing at ptys.
+#include <fcntl.h>
+#include <glob.h>
+#include <gtest/gtest.h>
+#include <string.h>
+
+#include <string>
+
+#include "config/global_settings.h"
+#include "core/manager.h"
+#include "core/paths.h"
+#include "core/unique_fd.h"
+#include "device/device_object.h"
+#include "discovery/device_list.h"
+#include "discovery/serial_scan.h"
+#include "discovery/usb_scan.h"
+#include "support/disc_log_capture.h"
+#include "support/disc_pty_controller.h"
+
+namespace {
+
+bool AnyNode(const char* pattern) {
+    glob_t found;
+    int rc = glob(pattern, 0, nullptr, &found);
+    bool any = rc == 0 && found.gl_pathc > 0;
+    globfree(&found);
+    return any;
+}
+
+class PortScanTest : public testing::Test {
+protected:
+    void SetUp() override {
+        SetDataDirForTest(data_.path().c_str());
+        memset(&settings_, 0, sizeof(settings_));
+        settings_.MaxDeviceNums = 1;
+        settings_.NewDevIAPType = IAP_BFW;  // every serial and USB pass sets it back to IAP_FW
+        settings_.DeviceBaudRate = 1234;
+        for (int i = 0; i < kSerialPathSlots; ++i) {
+            snprintf(settings_.CustomSerialPath[i], kTextMax, "default");
+        }
+    }
+    void TearDown() override {
+        while (manager_.DeviceListHead) RemoveDevice(&manager_, &manager_.DeviceListHead);
+    }
+    void LinkBareRecord(const char* path) {
+        CDeviceObject* device = new CDeviceObject(path, &settings_);
+        device->pNext = manager_.DeviceListHead;
+        manager_.DeviceListHead = device;
+        manager_.DeviceCount++;
+    }
+
+    DiscTempDir data_;
+    GlobalSettings settings_;
+    CManager manager_{&settings_};
+};
+
+TEST_F(PortScanTest, UsbPassWithoutNodesOnlyResetsTheIAPType) {
+    if (AnyNode("/dev/hidraw*")) GTEST_SKIP() << "this host has hidraw nodes";
+    DiscLogCapture log;
+    ScanUSBPort(&manager_);
+    EXPECT_EQ(IAP_FW, settings_.NewDevIAPType);
+    EXPECT_EQ(0, manager_.DeviceCount);
+    EXPECT_EQ(0, log.Count("Scan USB port"));
+
+    // At the limit the pass still resets the IAP type before it ends.
+    settings_.NewDevIAPType = IAP_BFW;
+    settings_.MaxDeviceNums = 0;
+    ScanUSBPort(&manager_);
+    EXPECT_EQ(IAP_FW, settings_.NewDevIAPType);
+}
+
+TEST_F(PortScanTest, CheckUSBDeviceRejectsWhatIsNotAHidrawNode) {
+    DiscLogCapture log;
+    EXPECT_EQ(-1, CheckUSBDevice(&manager_, "/nonexistent/hidraw0"));
+    EXPECT_TRUE(log.Contains("Open port [/nonexistent/hidraw0] failed with fd=-1. This may be "
+                             "caused by executing with non-root permission."));
+
+    const std::string plain = data_.path() + "/hidraw_plain_file";
+    { UniqueFd f(OpenCloexec(plain.c_str(), O_CREAT | O_WRONLY, 0600)); }
+    EXPECT_EQ(-1, CheckUSBDevice(&manager_, plain.c_str()));
+    EXPECT_TRUE(log.Contains("Failed to get HIDRAW Device Info at " + plain + "!"));
+    EXPECT_EQ(0, log.Count("Found an QEVO Device"));
+}
+
+TEST_F(PortScanTest, SerialPassAtTheLimitDoesNothing) {
+    DiscLogCapture log;
+    settings_.MaxDeviceNums = 0;
+    settings_.CustomPathMask = kCustomSerialPathBit;
+    snprintf(settings_.CustomSerialPath[0], kTextMax, "/nonexistent/ttyUSB0");
+    ScanRS232Port(&manager_);
+    EXPECT_EQ(IAP_BFW, settings_.NewDevIAPType);  // returns before the reset
+    EXPECT_EQ(0, log.Count("RS232"));
+}
+
+TEST_F(PortScanTest, CustomSerialPathsReplaceTheStandardPorts) {
+    disc::PtyController silent;  // answers nothing at any speed
+    silent.Start();
+    DiscLogCapture log;
+    settings_.MaxDeviceNums = 2;
+    settings_.CustomPathMask = kCustomSerialPathBit | kCustomUinputPathBit;
+    snprintf(settings_.CustomSerialPath[0], kTextMax, "/nonexistent/ttyUSB0");
+    snprintf(settings_.CustomSerialPath[2], kTextMax, "%s", silent.slave_path().c_str());
+    ScanRS232Port(&manager_);
+    silent.Stop();
+
+    EXPECT_EQ(IAP_FW, settings_.NewDevIAPType);
+    EXPECT_TRUE(log.Contains("RS232 custom path [/nonexistent/ttyUSB0] doesn't exist"));
+    const std::string pty = silent.slave_path();
+    int scanned = log.Find("----  Scan RS232 Path [" + pty + "]  ----");
+    EXPECT_GE(scanned, 0);
+    EXPECT_GT(log.Find("failed to check device [" + pty + "].", scanned), scanned);
+    int loopbacks = 0, queries = 0;  // loop-back and IAP query at each of the four speeds
+    for (const auto& seen : silent.Seen()) {
+        loopbacks += seen.first == 0x41;
+        queries += seen.first == 0x39;
+    }
+    EXPECT_EQ(4, loopbacks);
+    EXPECT_EQ(4, queries);
+    EXPECT_EQ(0, log.Count("Scan RS232 Path [/dev/ttyS"));
+    EXPECT_EQ(0, log.Count("[default]"));
+    EXPECT_EQ(0, manager_.DeviceCount);
+    EXPECT_EQ(1234u, settings_.DeviceBaudRate);
+}
+
+TEST_F(PortScanTest, OwnedCustomPathIsNotProbedAgain) {
+    disc::PtyController controller;
+    controller.loopback_speed = B9600;
+    controller.Start();
+    DiscLogCapture log;
+    settings_.MaxDeviceNums = 3;
+    settings_.CustomPathMask = kCustomSerialPathBit;
+    snprintf(settings_.CustomSerialPath[4], kTextMax, "%s", controller.slave_path().c_str());
+    LinkBareRecord(controller.slave_path().c_str());
+    ScanRS232Port(&manager_);
+    controller.Stop();
+    EXPECT_TRUE(log.Contains("RS232 Portpath [" + controller.slave_path() + "] is already created"));
+    EXPECT_TRUE(controller.Seen().empty());
+    EXPECT_EQ(1, manager_.DeviceCount);
+    EXPECT_EQ(1234u, settings_.DeviceBaudRate);
+}
+
+TEST_F(PortScanTest, Ps2PassLeavesTheIAPTypeAlone) {
+    if (AnyNode("/dev/serio_raw*")) GTEST_SKIP() << "this host has serio_raw nodes";
+    DiscLogCapture log;
+    settings_.MaxDeviceNums = 2;
+    ScanPS2Port(&manager_);
+    EXPECT_EQ(IAP_BFW, settings_.NewDevIAPType);
+    EXPECT_EQ(0, manager_.DeviceCount);
+    EXPECT_EQ(0, log.Count("Scan PS2 Path"));
+}
+
+}  // namespace
