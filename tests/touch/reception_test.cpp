@@ -1,0 +1,161 @@
+// The reception step over a datagram socketpair standing in for the port: nothing to read,
+// one report, the USB splitter's classification, and the unplug path (run in a child
+// process with its own process group, since it signals the whole group).
+#include "touch/reception.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "device/cmd_channel.h"
+#include "support/touch_test_util.h"
+
+using namespace touchtest;
+
+namespace {
+
+void MakePort(TouchRig& rig, UniqueFd* controller) {
+    int fds[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, fds));
+    rig.dev->m_Port_fd.reset(fds[0]);
+    controller->reset(fds[1]);
+}
+
+void Usb(TouchRig& rig, const std::vector<uint8_t>& bytes) {
+    ParseUsbPacket(rig.dev.get(), bytes.data(), static_cast<int>(bytes.size()));
+}
+
+volatile sig_atomic_t g_usr2_count = 0;
+void CountUsr2(int) { g_usr2_count = g_usr2_count + 1; }
+
+}  // namespace
+
+TEST(ReceiveStep, ReadsOneReportAndTreatsNothingReadyAsNoData) {
+    VersionGuard version(9);
+    TouchRig rig;
+    UniqueFd controller;
+    MakePort(rig, &controller);
+    rig.dev->bThreadRunning = 1;
+
+    EXPECT_EQ(0, DevReceiveStep(rig.dev.get()));  // EAGAIN: not an unplug
+    EXPECT_EQ(1, rig.dev->bThreadRunning.load());
+
+    // A hidraw read of a 65-byte report with a leading 0x00.
+    std::vector<uint8_t> report(65, 0);
+    report[1] = 0x01;
+    report[2] = 0x05;
+    report[3] = 0x34;
+    report[4] = 0x12;
+    report[5] = 0x78;
+    report[6] = 0x06;
+    ASSERT_EQ(65, send(controller.get(), report.data(), report.size(), 0));
+    EXPECT_EQ(0, DevReceiveStep(rig.dev.get()));
+    std::vector<Ev> want;
+    AddSlotDown(&want, 1, 0x1234, 0x0678);
+    want.push_back(Syn());
+    EXPECT_EQ(want, rig.TouchEvents());
+
+    // An oversized datagram is cut at 65 bytes and still parsed.
+    std::vector<uint8_t> big(200, 0xEE);
+    big[0] = 0x01;
+    big[1] = 0x04;  // lift of contact 1
+    ASSERT_EQ(200, send(controller.get(), big.data(), big.size(), 0));
+    EXPECT_EQ(0, DevReceiveStep(rig.dev.get()));
+    want.clear();
+    AddSlotUp(&want, 1);
+    want.push_back(Syn());
+    EXPECT_EQ(want, rig.TouchEvents());
+}
+
+TEST(ReceiveStep, EmptyReadIsAnUnplug) {
+    char dir_pattern[] = "/tmp/touch_rx_XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(dir_pattern));
+    const std::string node = std::string(dir_pattern) + "/hidraw7";
+    { UniqueFd fd(OpenCloexec(node.c_str(), O_WRONLY | O_CREAT, 0600)); }
+
+    const pid_t child = fork();
+    ASSERT_NE(-1, child);
+    if (child == 0) {
+        // Own process group: the step signals the whole group.
+        setpgid(0, 0);
+        struct sigaction action = {};
+        action.sa_handler = CountUsr2;
+        sigaction(SIGUSR2, &action, nullptr);
+        TouchRig rig;
+        snprintf(rig.dev->PortPath, sizeof(rig.dev->PortPath), "%s", node.c_str());
+        UniqueFd controller;
+        int fds[2];
+        if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, fds) != 0) _exit(10);
+        rig.dev->m_Port_fd.reset(fds[0]);
+        controller.reset(fds[1]);
+        controller.reset();  // the controller goes away: the read returns 0
+        rig.dev->bThreadRunning = 1;
+        int code = 0;
+        if (DevReceiveStep(rig.dev.get()) != -1) code |= 1;
+        if (rig.dev->bThreadRunning.load() != 0) code |= 2;
+        if (!RxThreadStopRequested()) code |= 4;
+        if (g_usr2_count != 1) code |= 8;
+        if (access(node.c_str(), F_OK) == 0) code |= 16;  // the node must be deleted
+        rig.dev->m_Port_fd.reset();
+        _exit(code);
+    }
+    int status = 0;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(0, WEXITSTATUS(status)) << "bits: 1 result, 2 running flag, 4 stop request, "
+                                         "8 SIGUSR2, 16 node left";
+    rmdir(dir_pattern);
+}
+
+// Which consumer a USB read goes to. A point report is seen as touch events, a reply
+// through the self hook on command 0x55.
+TEST(UsbSplit, ClassificationBySkipAndRawPointSettings) {
+    VersionGuard version(9);
+    struct Case {
+        const char* what;
+        bool skip_first;
+        uint8_t raw_points;
+        std::vector<uint8_t> bytes;
+        bool to_point;
+        bool to_reply;
+    };
+    const std::vector<uint8_t> point = {0x03, 0x81, 0x10, 0x00, 0x20, 0x00};  // touching, id 0
+    const Case cases[] = {
+        {"0x03 reply", false, 0, {0x03, 0x02, 0x55, 0x01}, false, true},
+        {"0x0A reply", false, 0, {0x0A, 0x02, 0x55, 0x01}, false, true},
+        {"leading 0x00 dropped", false, 0, {0x00, 0x03, 0x02, 0x55, 0x01}, false, true},
+        {"SkipFirstByte drops any first byte", true, 0, {0x7E, 0x03, 0x02, 0x55, 0x01}, false, true},
+        {"without skip the same read is no reply", false, 0, {0x7E, 0x03, 0x02, 0x55, 0x01}, false,
+         false},
+        {"point report", false, 0, {0x01, 0x01, 0x10, 0x00, 0x20, 0x00}, true, false},
+        {"raw points: 0x03 with byte 1 >= 0x80 is a point", false, 1, point, true, false},
+        {"raw points: 0x03 with byte 1 < 0x80 is a reply", false, 1, {0x03, 0x02, 0x55, 0x01},
+         false, true},
+        {"raw points: 0x0A is a reply", false, 1, {0x0A, 0x02, 0x55, 0x01}, false, true},
+        {"raw points: other ids are points", false, 1, {0x01, 0x01, 0x10, 0x00, 0x20, 0x00}, true,
+         false},
+        {"without raw points 0x03 is always a reply", false, 0, point, false, false},
+        {"raw points value 2 drops everything", false, 2, {0x0A, 0x02, 0x55, 0x01}, false, false},
+        {"raw points value 2 drops points too", false, 2, {0x01, 0x01, 0x10, 0x00, 0x20, 0x00},
+         false, false},
+        {"a lone 0x00 is nothing", false, 0, {0x00}, false, false},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        TouchRig rig;
+        rig.settings.SkipFirstByte = c.skip_first;
+        rig.dev->SendRawPoints = c.raw_points;
+        rig.dev->SelfHookCmd = 0x55;
+        rig.dev->SelfHookSubCmd = kAnySubCmd;
+        rig.dev->SigHookCmd = 0x99;
+        Usb(rig, c.bytes);
+        EXPECT_EQ(c.to_point, !rig.TouchEvents().empty());
+        EXPECT_EQ(c.to_reply ? 1 : 0, rig.dev->bSelfHookReplied.load());
+    }
+}
