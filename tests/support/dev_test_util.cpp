@@ -205,4 +205,8 @@ GlobalSettings DevTestSettings() {
     return settings;
 }
 
-void DevIgnoreSigusr2() { signal(SIGUSR2, SIG_IGN); }
+void DevIgnoreSigusr2() {
+    signal(SIGUSR2, SIG_IGN);
+    // The unplug path signals the whole process group: keep it to this test process.
+    setpgid(0, 0);
+}

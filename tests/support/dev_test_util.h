@@ -98,6 +98,6 @@ void StartRxLoopThread(CDeviceObject* device);
 // Settings with every flag cleared.
 GlobalSettings DevTestSettings();
 
-// Ignores SIGUSR2 for the whole test process: the reception step sends it to the process
-// group when a port reads empty.
+// Ignores SIGUSR2 for the whole test process and puts it in a process group of its own:
+// the reception step sends SIGUSR2 to the process group when a port reads empty.
 void DevIgnoreSigusr2();
