@@ -1,0 +1,220 @@
+#include "core/manager.h"
+
+#include <gtest/gtest.h>
+#include <linux/input.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "config/global_settings.h"
+#include "core/environment.h"
+#include "core/pnp_signal.h"
+#include "device/device_object.h"
+#include "log/debug_log.h"
+#include "support/core_test_util.h"
+
+namespace {
+
+using coretest::LogCapture;
+using coretest::TempDataDir;
+
+GlobalSettings DefaultSettings() {
+    GlobalSettings s;
+    memset(&s, 0, sizeof(s));
+    snprintf(s.UinputPath, kTextMax, "%s", kDefaultUinputPath);
+    for (auto& slot : s.CustomSerialPath) snprintf(slot, kTextMax, "default");
+    for (auto& slot : s.DevPID) snprintf(slot, kPidTextMax, "NULL");
+    s.MaxDeviceNums = 1;
+    return s;
+}
+
+std::vector<std::string> Messages(const LogCapture& log) {
+    std::vector<std::string> messages;
+    for (const auto& line : log.lines()) messages.push_back(line.message);
+    return messages;
+}
+
+// A pass that must not scan logs nothing at all, with every category on: any scan, driver
+// binding or check would log its entry.
+TEST(ManagerTest, PassWithoutScanningDoesNothing) {
+    struct Case {
+        uint8_t scan_interface;
+        int8_t max_devices;
+        int16_t device_count;
+    };
+    const Case cases[] = {
+        {4, 1, 0}, {5, 1, 0}, {255, 3, 0},  // no interface chosen
+        {0, 1, 1}, {1, 2, 2}, {2, 1, 5},    // the device limit is reached
+        {0, 0, 0}, {3, -1, 0},              // a limit of 0 or below never scans
+    };
+    bDeviceExistCheck.store(0);
+    for (const Case& c : cases) {
+        GlobalSettings settings = DefaultSettings();
+        settings.ScanInterface = c.scan_interface;
+        settings.MaxDeviceNums = c.max_devices;
+        LogCapture log;
+        CManager manager(&settings);
+        log.Clear();
+        manager.DeviceCount = c.device_count;
+        coretest::Quiet([&] { ScanLoopPass(&manager); });
+        EXPECT_TRUE(log.lines().empty()) << int(c.scan_interface) << " " << int(c.max_devices)
+                                         << ": " << (log.lines().empty() ? "" : log.lines()[0].message);
+        EXPECT_EQ(c.device_count, manager.DeviceCount);
+    }
+}
+
+TEST(ManagerTest, ConstructorStartsEmpty) {
+    GlobalSettings settings = DefaultSettings();
+    LogCapture log;
+    CManager* manager = nullptr;
+    coretest::Quiet([&] { manager = new CManager(&settings); });
+    EXPECT_EQ(nullptr, manager->DeviceListHead);
+    EXPECT_EQ(&settings, manager->pSettings);
+    EXPECT_EQ(0, manager->DeviceCount);
+    EXPECT_EQ((std::vector<std::string>{"New CManager is called."}), Messages(log));
+    delete manager;
+}
+
+// Signals received between two passes: one line each, then one check, and the flag is
+// cleared; the next pass does nothing.
+TEST(ManagerTest, SignalsAreLoggedOnceEachAndAnsweredInTheNextPass) {
+    struct sigaction old_action;
+    ASSERT_EQ(0, sigaction(SIGUSR2, nullptr, &old_action));
+    ASSERT_EQ(0, InstallSigUsr2Handler());
+    GlobalSettings settings = DefaultSettings();
+    settings.ScanInterface = 4;
+    CManager manager(&settings);
+    bDeviceExistCheck.store(0);
+
+    LogCapture log;
+    for (int i = 0; i < 4; ++i) ASSERT_EQ(0, raise(SIGUSR2));
+    coretest::Quiet([&] { ScanLoopPass(&manager); });
+    const std::string received = "Receive signal SIGUSR2. Set bDeviceExistCheck true.";
+    EXPECT_EQ((std::vector<std::string>{received, received, received, received,
+                                        "Entering DevicePnPCheck"}),
+              Messages(log));
+    EXPECT_EQ(0, bDeviceExistCheck.load());
+
+    log.Clear();
+    coretest::Quiet([&] { ScanLoopPass(&manager); });
+    EXPECT_TRUE(log.lines().empty());
+
+    // A device thread may set the flag without a signal: a check, but no signal line.
+    bDeviceExistCheck.store(1);
+    coretest::Quiet([&] { ScanLoopPass(&manager); });
+    EXPECT_EQ((std::vector<std::string>{"Entering DevicePnPCheck"}), Messages(log));
+    EXPECT_EQ(0, bDeviceExistCheck.load());
+    ASSERT_EQ(0, sigaction(SIGUSR2, &old_action, nullptr));
+}
+
+// Builds a bare device record; fd_state: "none" (no descriptor), or an open socket.
+CDeviceObject* NewDevice(GlobalSettings* settings, const std::string& path, uint8_t interface,
+                         bool with_port) {
+    CDeviceObject* device = new CDeviceObject(path.c_str(), settings);
+    device->DevInterface = interface;
+    if (with_port) {
+        int fds[2];
+        if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) == 0) {
+            device->m_Port_fd.reset(fds[0]);
+            close(fds[1]);
+        }
+    }
+    return device;
+}
+
+TEST(ManagerTest, PnpCheckRemovesEveryGoneDeviceAndKeepsTheRest) {
+    TempDataDir dir;
+    const std::string present = dir.File("hidraw_present");
+    ASSERT_TRUE(coretest::WriteFile(present, ""));
+    GlobalSettings settings = DefaultSettings();
+    CManager manager(&settings);
+
+    // Chain: gone (no port), gone (node deleted), PS/2, present USB, gone (no port).
+    CDeviceObject* devices[] = {
+        NewDevice(&settings, "/dev/hidraw7", DEV_USB, false),
+        NewDevice(&settings, dir.File("hidraw_unplugged"), DEV_USB, true),
+        NewDevice(&settings, "/dev/serio_raw0", DEV_PS2, true),
+        NewDevice(&settings, present, DEV_USB, true),
+        NewDevice(&settings, "/dev/ttyS0", DEV_RS232, false),
+    };
+    for (int i = 0; i < 4; ++i) devices[i]->pNext = devices[i + 1];
+    manager.DeviceListHead = devices[0];
+    manager.DeviceCount = 5;
+
+    // The unplugged USB device still has a contact down: it is lifted before removal.
+    int touch[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, touch));
+    devices[1]->UinputTouchFd.reset(touch[0]);
+    devices[1]->bTouchDeviceCreated = true;
+    devices[1]->Param.SupportPoints = 2;
+    devices[1]->LastContacts[0].State = 1;
+
+    LogCapture log;
+    coretest::Quiet([&] { DevicePnPCheck(&manager); });
+
+    ASSERT_EQ(2, manager.DeviceCount);
+    ASSERT_EQ(devices[2], manager.DeviceListHead);
+    ASSERT_EQ(devices[3], manager.DeviceListHead->pNext);
+    EXPECT_EQ(nullptr, manager.DeviceListHead->pNext->pNext);
+    EXPECT_EQ(1, log.Count("Entering DevicePnPCheck"));
+    EXPECT_EQ(5, log.Count("Entering IsDeviceRemoved"));
+    EXPECT_EQ(2, log.Count("Port_fd is unavailable"));
+    EXPECT_EQ(1, log.Count("USB Device [" + dir.File("hidraw_unplugged") + "] is removed"));
+
+    // Events reached the touch device before it went away, ending with a frame end.
+    std::vector<struct input_event> events;
+    struct input_event event;
+    ssize_t n;
+    while ((n = recv(touch[1], &event, sizeof(event), MSG_DONTWAIT)) == sizeof(event)) {
+        events.push_back(event);
+    }
+    ASSERT_FALSE(events.empty());
+    EXPECT_EQ(EV_SYN, events.back().type);
+    EXPECT_EQ(SYN_REPORT, events.back().code);
+    close(touch[1]);
+
+    // The devices left are both present: a second check keeps them.
+    log.Clear();
+    coretest::Quiet([&] { DevicePnPCheck(&manager); });
+    EXPECT_EQ(2, manager.DeviceCount);
+    EXPECT_EQ(0, log.CountContaining("removed"));
+
+    // Deleting the node of the USB device makes the next check remove it.
+    ASSERT_EQ(0, unlink(present.c_str()));
+    coretest::Quiet([&] { DevicePnPCheck(&manager); });
+    EXPECT_EQ(1, manager.DeviceCount);
+    EXPECT_EQ(devices[2], manager.DeviceListHead);
+    coretest::Quiet([&] { delete devices[2]; });
+}
+
+// A descriptor below 1 counts as unavailable: 0 is never taken for an open port.
+TEST(ManagerTest, PortDescriptorZeroIsUnavailable) {
+    GlobalSettings settings = DefaultSettings();
+    CDeviceObject device("/dev/serio_raw0", &settings);
+    device.DevInterface = DEV_PS2;
+    device.m_Port_fd.reset(0);
+    LogCapture log;
+    int removed = 0;
+    coretest::Quiet([&] { removed = IsDeviceRemoved(&device); });
+    device.m_Port_fd.release();  // stdin is not the record's to close
+    EXPECT_EQ(1, removed);
+    EXPECT_EQ(1, log.Count("Port_fd is unavailable"));
+}
+
+// Empty product-id slots ("NULL", or "null" as a hand-edited file may have it) are
+// skipped without touching the kernel drivers.
+TEST(ManagerTest, EmptyPidSlotsAreSkipped) {
+    GlobalSettings settings = DefaultSettings();
+    snprintf(settings.DevPID[1], kPidTextMax, "null");
+    snprintf(settings.DevPID[9], kPidTextMax, "null");
+    CManager manager(&settings);
+    LogCapture log;
+    coretest::Quiet([&] { CheckIniDevPID(&manager); });
+    EXPECT_EQ((std::vector<std::string>{"Entering CheckIniDevPID"}), Messages(log));
+}
+
+}  // namespace

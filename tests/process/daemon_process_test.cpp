@@ -1,0 +1,363 @@
+// Starts the real daemon binary, built with its data directory in the build tree, and
+// checks the single-instance rules from the outside. The settings file put there sets
+// ScanInterface 4, so the daemon never scans a port, and sends its log to the log file.
+//
+// The test process makes itself a child subreaper: the daemon detaches (daemon(0, 0)), and
+// its detached process is then re-parented to the test, which can reap it and read its
+// exit status. Every daemon started is killed when the test ends, even on failure.
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/file.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <map>
+#include <regex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "support/core_test_util.h"
+
+namespace {
+
+const std::string kDaemon = TAVRINE_DAEMON_TESTDATA;
+const std::string kDataDir = TAVRINE_TEST_DATA_DIR;
+const std::string kPidFile = kDataDir + "/TouchPID";
+const std::string kIni =
+    "[TavrineA.ini]\nDebugEnableBits\t\t3\nShowDebugPosition\t0\nDeviceNums\t\t1\n"
+    "ScanInterface\t\t4\n[String]\nSerialPath\t\tdefault\n\n[EndOfFile]";
+
+long NowMs() {
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return ts.tv_sec * 1000L + ts.tv_nsec / 1000000L;
+}
+
+std::string ProcessName(pid_t pid) {
+    std::string status = coretest::ReadFile("/proc/" + std::to_string(pid) + "/status");
+    if (status.compare(0, 6, "Name:\t") != 0) return "";
+    return status.substr(6, status.find('\n') - 6);
+}
+
+// Parent process id from /proc/<pid>/stat (the field after the parenthesised name).
+pid_t ParentOf(pid_t pid) {
+    std::string stat = coretest::ReadFile("/proc/" + std::to_string(pid) + "/stat");
+    size_t close = stat.rfind(')');
+    if (close == std::string::npos) return -1;
+    char state;
+    int ppid = -1;
+    if (sscanf(stat.c_str() + close + 1, " %c %d", &state, &ppid) != 2) return -1;
+    return ppid;
+}
+
+class DaemonProcessTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (getuid() != 0) GTEST_SKIP() << "the daemon ends with status 255 unless run as root";
+        // One daemon test at a time, also across test processes run in parallel.
+        lock_fd_ = open((kDataDir + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+        ASSERT_GE(lock_fd_, 0);
+        ASSERT_EQ(0, flock(lock_fd_, LOCK_EX));
+        ASSERT_EQ(0, prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0));
+        ASSERT_EQ(0, coretest::RunInChild([] {
+                         execl("/bin/rm", "rm", "-rf", kDataDir.c_str(), static_cast<char*>(nullptr));
+                     }).status);
+        ASSERT_EQ(0, mkdir(kDataDir.c_str(), 0755));
+        ASSERT_TRUE(coretest::WriteFile(kDataDir + "/TavrineA.ini", kIni));
+    }
+
+    void TearDown() override {
+        // Kill every daemon this test started: those it knows and any other child left.
+        for (pid_t pid : started_) kill(pid, SIGKILL);
+        for (pid_t pid : OwnChildren()) kill(pid, SIGKILL);
+        const long deadline = NowMs() + 3000;
+        while (!OwnChildren().empty() && NowMs() < deadline) {
+            Reap();
+            usleep(5000);
+        }
+        Reap();
+        if (lock_fd_ >= 0) close(lock_fd_);
+    }
+
+    // Runs the binary with args; returns the exit status of the started process (the
+    // daemon's first half exits 0 right after detaching). Its output goes to out.
+    int Run(const std::vector<std::string>& args, std::string* out = nullptr) {
+        int fds[2];
+        if (pipe2(fds, O_CLOEXEC) != 0) return -1;
+        fflush(stdout);
+        pid_t pid = fork();
+        if (pid == 0) {
+            dup2(fds[1], STDOUT_FILENO);
+            int null_fd = open("/dev/null", O_WRONLY);
+            dup2(null_fd, STDERR_FILENO);
+            std::vector<char*> argv;
+            argv.push_back(const_cast<char*>(kDaemon.c_str()));
+            for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+            argv.push_back(nullptr);
+            execv(kDaemon.c_str(), argv.data());
+            _exit(127);
+        }
+        close(fds[1]);
+        std::string text;
+        char buffer[1024];
+        ssize_t n;
+        // The detached half keeps no copy of the pipe (its output goes to /dev/null), so
+        // the read ends when the started process has exited.
+        while ((n = read(fds[0], buffer, sizeof(buffer))) > 0 || (n < 0 && errno == EINTR)) {
+            if (n > 0) text.append(buffer, static_cast<size_t>(n));
+        }
+        close(fds[0]);
+        int status = 0;
+        while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+        }
+        starters_.insert(pid);
+        if (out) *out = text;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+
+    // Reaps every ended child, recording how it ended.
+    void Reap() {
+        int status;
+        pid_t pid;
+        while ((pid = waitpid(-1, &status, WNOHANG)) > 0) ended_[pid] = status;
+    }
+
+    // Live children of the test (detached daemons re-parented to it).
+    std::vector<pid_t> OwnChildren() {
+        std::vector<pid_t> children;
+        DIR* proc = opendir("/proc");
+        if (!proc) return children;
+        while (struct dirent* e = readdir(proc)) {
+            const pid_t pid = atoi(e->d_name);
+            if (pid > 0 && ParentOf(pid) == getpid()) children.push_back(pid);
+        }
+        closedir(proc);
+        return children;
+    }
+
+    // Waits until the PID file names a live daemon other than not_this; returns its id.
+    pid_t WaitForDaemon(pid_t not_this = -1, long timeout_ms = 8000) {
+        const long deadline = NowMs() + timeout_ms;
+        while (NowMs() < deadline) {
+            Reap();
+            std::string text = coretest::ReadFile(kPidFile);
+            int pid = 0;
+            if (text.size() == 10 && sscanf(text.c_str(), "%d", &pid) == 1 && pid > 0 &&
+                pid != not_this && ended_.count(pid) == 0 && ProcessName(pid).rfind("Tavrine", 0) == 0) {
+                started_.insert(pid);
+                return pid;
+            }
+            usleep(5000);
+        }
+        return -1;
+    }
+
+    // Waits until a child other than the given ones has ended; returns its wait status.
+    bool WaitForOtherChildEnd(const std::set<pid_t>& known, int* status, long timeout_ms = 8000) {
+        const long deadline = NowMs() + timeout_ms;
+        while (NowMs() < deadline) {
+            Reap();
+            for (const auto& entry : ended_) {
+                if (known.count(entry.first) == 0 && starters_.count(entry.first) == 0) {
+                    *status = entry.second;
+                    return true;
+                }
+            }
+            usleep(5000);
+        }
+        return false;
+    }
+
+    // Waits for pid (a child of the test) to end; returns its wait status or -1.
+    int WaitForEnd(pid_t pid, long timeout_ms = 5000) {
+        const long deadline = NowMs() + timeout_ms;
+        while (NowMs() < deadline) {
+            Reap();
+            auto it = ended_.find(pid);
+            if (it != ended_.end()) return it->second;
+            usleep(5000);
+        }
+        return -1;
+    }
+
+    bool IsRunning(pid_t pid) {
+        Reap();
+        return ended_.count(pid) == 0 && kill(pid, 0) == 0;
+    }
+
+    std::string LogText() {
+        std::string all;
+        DIR* dir = opendir(kDataDir.c_str());
+        if (!dir) return all;
+        while (struct dirent* e = readdir(dir)) {
+            if (strncmp(e->d_name, "Tavrine_", 8) == 0) all += coretest::ReadFile(kDataDir + "/" + e->d_name);
+        }
+        closedir(dir);
+        return all;
+    }
+
+    int lock_fd_ = -1;
+    std::set<pid_t> started_;
+    std::set<pid_t> starters_;
+    std::map<pid_t, int> ended_;
+};
+
+int Count(const std::string& text, const std::string& part) {
+    int n = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
+    return n;
+}
+
+TEST_F(DaemonProcessTest, DetachesWritesItsPidFileAndLoops) {
+    EXPECT_EQ(0, Run({}));
+    const pid_t daemon = WaitForDaemon();
+    ASSERT_GT(daemon, 0);
+    const std::string pid_text = coretest::ReadFile(kPidFile);
+    std::string expected = std::to_string(daemon) + " ";
+    expected.resize(10, '\0');
+    EXPECT_EQ(expected, pid_text);
+    EXPECT_EQ(getpid(), ParentOf(daemon));  // detached, re-parented to the subreaper
+    EXPECT_EQ("TavrineD_testda", ProcessName(daemon));
+
+    const long deadline = NowMs() + 5000;
+    while (Count(LogText(), "Loop in endless scan") == 0 && NowMs() < deadline) usleep(10000);
+    const std::string log = LogText();
+    EXPECT_EQ(1, Count(log, "<Main> Loop in endless scan\n"));
+    EXPECT_EQ(1, Count(log, "<Init> New CManager is called.\n"));
+    EXPECT_EQ(1, Count(log, "<Main> Entering EndlessScanLoop\n"));
+    EXPECT_EQ(0, Count(log, "Entering CheckIniDevPID"));  // ScanInterface 4: no scanning
+}
+
+// Each SIGUSR2 gives one log line and one plug-and-play check in the next pass.
+TEST_F(DaemonProcessTest, EachSigusr2IsLoggedOnce) {
+    EXPECT_EQ(0, Run({}));
+    const pid_t daemon = WaitForDaemon();
+    ASSERT_GT(daemon, 0);
+    long deadline = NowMs() + 5000;
+    while (Count(LogText(), "Entering EndlessScanLoop") == 0 && NowMs() < deadline) usleep(10000);
+    for (int i = 1; i <= 3; ++i) {
+        ASSERT_EQ(0, kill(daemon, SIGUSR2));
+        deadline = NowMs() + 3000;
+        while (Count(LogText(), "Entering DevicePnPCheck") < i && NowMs() < deadline) usleep(10000);
+        const std::string log = LogText();
+        EXPECT_EQ(i, Count(log, "<Main> Receive signal SIGUSR2. Set bDeviceExistCheck true.\n"));
+        EXPECT_EQ(i, Count(log, "<Main> Entering DevicePnPCheck\n"));
+    }
+    EXPECT_TRUE(IsRunning(daemon));
+}
+
+TEST_F(DaemonProcessTest, SecondStartWithoutForceEndsAndLeavesTheFirst) {
+    EXPECT_EQ(0, Run({}));
+    const pid_t first = WaitForDaemon();
+    ASSERT_GT(first, 0);
+    EXPECT_EQ(0, Run({}));
+    int status = -1;
+    ASSERT_TRUE(WaitForOtherChildEnd({first}, &status));
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(0, WEXITSTATUS(status));
+    EXPECT_TRUE(IsRunning(first));
+    std::string expected = std::to_string(first) + " ";
+    expected.resize(10, '\0');
+    EXPECT_EQ(expected, coretest::ReadFile(kPidFile));
+    EXPECT_EQ(1, Count(LogText(), "Another daemon pid(" + std::to_string(first) + ") is running"));
+}
+
+TEST_F(DaemonProcessTest, ForceReplacesTheFirstDaemon) {
+    EXPECT_EQ(0, Run({}));
+    const pid_t first = WaitForDaemon();
+    ASSERT_GT(first, 0);
+    EXPECT_EQ(0, Run({"-f"}));
+    const pid_t second = WaitForDaemon(first);
+    ASSERT_GT(second, 0);
+    const int status = WaitForEnd(first);
+    ASSERT_NE(-1, status) << "the first daemon is still running";
+    EXPECT_TRUE(WIFSIGNALED(status));
+    EXPECT_EQ(SIGKILL, WTERMSIG(status));
+    EXPECT_TRUE(IsRunning(second));
+}
+
+TEST_F(DaemonProcessTest, KillStopsTheRunningDaemonAndEnds) {
+    EXPECT_EQ(0, Run({}));
+    const pid_t daemon = WaitForDaemon();
+    ASSERT_GT(daemon, 0);
+    EXPECT_EQ(0, Run({"-k"}));
+    const int status = WaitForEnd(daemon);
+    ASSERT_NE(-1, status) << "the daemon is still running";
+    EXPECT_TRUE(WIFSIGNALED(status));
+    EXPECT_EQ(SIGKILL, WTERMSIG(status));
+    int killer = -1;
+    ASSERT_TRUE(WaitForOtherChildEnd({daemon}, &killer));
+    EXPECT_TRUE(WIFEXITED(killer));
+    EXPECT_EQ(0, WEXITSTATUS(killer));
+    EXPECT_TRUE(OwnChildren().empty());
+}
+
+TEST_F(DaemonProcessTest, KillWithStalePidFileKillsNothing) {
+    char here[] = "/tmp/tavrine_proc_XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(here));
+    const pid_t sleeper = coretest::StartNamedSleeper(here, "sleep", 30);
+    ASSERT_GT(sleeper, 0);
+    std::string pid_text = std::to_string(sleeper) + " ";
+    pid_text.resize(10, '\0');
+    ASSERT_TRUE(coretest::WriteFile(kPidFile, pid_text));
+
+    EXPECT_EQ(0, Run({"-k"}));
+    int status = -1;
+    ASSERT_TRUE(WaitForOtherChildEnd({sleeper}, &status));
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(0, WEXITSTATUS(status));
+    EXPECT_TRUE(IsRunning(sleeper));
+    EXPECT_EQ(pid_text, coretest::ReadFile(kPidFile));  // untouched
+    coretest::KillAndReap(sleeper);
+    unlink((std::string(here) + "/sleep").c_str());
+    rmdir(here);
+}
+
+// With no PID file there is nothing to stop: -k carries on as the daemon.
+TEST_F(DaemonProcessTest, KillWithoutPidFileCarriesOnAsDaemon) {
+    EXPECT_EQ(0, Run({"-k"}));
+    const pid_t daemon = WaitForDaemon();
+    ASSERT_GT(daemon, 0);
+    EXPECT_TRUE(IsRunning(daemon));
+    EXPECT_EQ(1, Count(LogText(), "<Init> File " + kPidFile + " doesn't existed\n"));
+}
+
+// The informational options end before detaching; what precedes their text on standard
+// output is only the time prefixes of the start-up log lines.
+TEST_F(DaemonProcessTest, InformationalOptionsPrintAndExit) {
+    const std::string usage =
+        "QEVO TavrineD Daemon\n\nUsage: TavrineD [option]\nOptions:\n-v\t Show version\n"
+        "-f\t Re-execute daemon TavrineD\n-k\t Kill current running TavrineD process if it exists\n\n";
+    const std::string version = "\n\t\tTavrine version: [2.5.6720.]\n\n";
+    const std::string both = "\nError: The paramerers 'f' & 'k' can not be set at the same time!\n";
+    struct Case {
+        std::vector<std::string> args;
+        int status;
+        std::string tail;
+    };
+    const Case cases[] = {
+        {{"-h", "-k", "-f"}, 0, usage}, {{"-v", "-V"}, 0, version}, {{"-V"}, 0, version},
+        {{"-k", "-f"}, 1, both},        {{"-D", "-k"}, 1, both},   {{"-E", "-k"}, 1, both},
+    };
+    const std::regex prefixes("(\\[[0-9:]{12}\\]-: <Main> (\\[E\\] )?)*");
+    for (const Case& c : cases) {
+        std::string out;
+        EXPECT_EQ(c.status, Run(c.args, &out)) << c.args[0];
+        ASSERT_GE(out.size(), c.tail.size()) << c.args[0];
+        EXPECT_EQ(c.tail, out.substr(out.size() - c.tail.size())) << c.args[0];
+        EXPECT_TRUE(std::regex_match(out.substr(0, out.size() - c.tail.size()), prefixes)) << out;
+    }
+    EXPECT_FALSE(coretest::FileExists(kPidFile));
+    EXPECT_TRUE(OwnChildren().empty());
+}
+
+}  // namespace
