@@ -47,6 +47,7 @@ public:
     bool Plug() override;
     void Unplug() override;
     bool plugged() const override { return master_.valid(); }
+    bool ready() override { return plugged(); }
     int fd() const override { return master_.get(); }
     bool Send(const Bytes& bytes) override;
     bool Service(std::vector<Bytes>* packets) override;

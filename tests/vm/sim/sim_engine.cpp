@@ -154,7 +154,7 @@ int SimEngine::Run(const std::string& ready_path, volatile sig_atomic_t* stop)
     port_ = script_.port == PortKind::kUsb ? CreateUhidPort(script_, log_) : CreatePtyPort(script_, log_);
     start_us_ = prev_end_us_ = MonotonicUs();
     if (!port_->Plug()) return 4;
-    if (!ready_path.empty()) UniqueFd(open(ready_path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+    bool ready_done = ready_path.empty();
 
     std::vector<Bytes> packets;
     while (!*stop) {
@@ -162,6 +162,10 @@ int SimEngine::Run(const std::string& ready_path, volatile sig_atomic_t* stop)
         if (max_ms_ && now >= start_us_ + max_ms_ * 1000) {
             log_->Write("end", "max-ms");
             break;
+        }
+        if (!ready_done && port_->ready()) {
+            UniqueFd(open(ready_path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+            ready_done = true;
         }
         RunRate(now);
         SendDueReplies(now);

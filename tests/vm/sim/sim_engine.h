@@ -19,7 +19,8 @@ public:
     // 'script' and 'log' must outlive the engine. max_ms 0 = no limit.
     SimEngine(const Script& script, EventLog* log, uint64_t max_ms);
 
-    // Plugs the port, touches 'ready_path' (if not empty), and runs until
+    // Plugs the port, creates 'ready_path' (if not empty) once the host can
+    // reach the port (SimPort::ready), and runs until
     // *stop is set, --max-ms passes or an 'exit' step. Returns the exit
     // status documented in sim_main.cpp.
     int Run(const std::string& ready_path, volatile sig_atomic_t* stop);

@@ -4,7 +4,8 @@
 //
 //   tavrine-sim SCRIPT --log FILE [--ready FILE] [--max-ms N] [--check | --dump]
 //
-// --ready FILE is created once the port exists; --max-ms ends the run after
+// --ready FILE is created once the host can reach the port (USB: the hidraw
+// node exists; serial: the link exists); --max-ms ends the run after
 // N ms; --check only parses the script, --dump also prints what it parsed. Exit status: 0 after the last step
 // when the run was stopped by SIGTERM/SIGINT, --max-ms or 'exit'; 2 for bad
 // usage or script; 3 when a 'wait' timed out; 4 when the port failed.

@@ -34,6 +34,9 @@ public:
 
     // USB: the host has the hidraw node open.
     virtual bool opened() const { return false; }
+    // The host can reach the port: USB: the device started and its hidraw
+    // node exists; serial: the link exists.
+    virtual bool ready() = 0;
     // Serial: the line speed the host set, in bits per second (0 if unknown).
     virtual uint32_t line_speed() { return 0; }
     // Called from the loop's idle wake-ups (serial: notices speed changes).

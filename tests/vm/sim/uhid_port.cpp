@@ -1,5 +1,7 @@
 // USB controller played through /dev/uhid.
+#include <dirent.h>
 #include <fcntl.h>
+#include <unistd.h>
 #include <linux/input.h>
 #include <linux/uhid.h>
 
@@ -7,6 +9,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
+#include <string>
 
 #include "hid_report_sizes.h"
 #include "sim_port.h"
@@ -25,6 +29,32 @@ const char* ReportTypeName(uint8_t type)
     }
 }
 
+// The hidraw node ("hidraw0") whose HID device has the script's ids and
+// phys, or "" when there is none yet.
+std::string FindHidraw(const Script& script)
+{
+    char id[48];
+    std::snprintf(id, sizeof id, "HID_ID=0003:%08X:%08X", script.vendor, script.product);
+    DIR* dir = opendir("/sys/class/hidraw");
+    if (!dir) return "";
+    std::string found;
+    while (dirent* entry = readdir(dir)) {
+        if (entry->d_name[0] == '.') continue;
+        std::ifstream uevent(std::string("/sys/class/hidraw/") + entry->d_name + "/device/uevent");
+        bool id_ok = false, phys_ok = false;
+        for (std::string line; std::getline(uevent, line);) {
+            id_ok = id_ok || line == id;
+            phys_ok = phys_ok || line == "HID_PHYS=" + script.phys;
+        }
+        if (id_ok && phys_ok) {
+            found = entry->d_name;
+            break;
+        }
+    }
+    closedir(dir);
+    return found;
+}
+
 class UhidPort : public SimPort {
 public:
     UhidPort(const Script& script, EventLog* log) : script_(script), log_(log), sizes_(script.descriptor) {}
@@ -37,6 +67,7 @@ public:
     bool Send(const Bytes& bytes) override;
     bool Service(std::vector<Bytes>* packets) override;
     bool opened() const override { return opened_; }
+    bool ready() override;
 
 private:
     bool WriteEvent(const uhid_event& ev);
@@ -48,6 +79,8 @@ private:
     ReportSizes sizes_;
     UniqueFd fd_;
     bool opened_ = false;
+    bool started_ = false;
+    std::string hidraw_;
 };
 
 bool UhidPort::WriteEvent(const uhid_event& ev)
@@ -96,8 +129,20 @@ void UhidPort::Unplug()
     ev.type = UHID_DESTROY;
     WriteEvent(ev);
     fd_.reset();
-    opened_ = false;
+    opened_ = started_ = false;
+    hidraw_.clear();
     log_->Write("unplug", "usb");
+}
+
+bool UhidPort::ready()
+{
+    if (!started_) return false;
+    if (hidraw_.empty()) hidraw_ = FindHidraw(script_);
+    if (!hidraw_.empty() && access(("/dev/" + hidraw_).c_str(), F_OK) == 0) {
+        log_->Write("ready", "/dev/" + hidraw_);
+        return true;
+    }
+    return false;
 }
 
 bool UhidPort::Send(const Bytes& raw)
@@ -169,8 +214,14 @@ bool UhidPort::Service(std::vector<Bytes>* packets)
             return false;
         }
         switch (ev.type) {
-        case UHID_START: log_->Write("event", "start"); break;
-        case UHID_STOP: log_->Write("event", "stop"); break;
+        case UHID_START:
+            started_ = true;
+            log_->Write("event", "start");
+            break;
+        case UHID_STOP:
+            started_ = false;
+            log_->Write("event", "stop");
+            break;
         case UHID_OPEN:
             opened_ = true;
             log_->Write("event", "open");
