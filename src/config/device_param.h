@@ -61,12 +61,25 @@ void DevIniRoutine(CDeviceObject* device);
 void IniDevParamRead(CDeviceObject* device);
 void IniDevParamPrint(const CDeviceObject* device);
 
-// Settings file maintenance.
+// Settings file maintenance. Every change is a copy into IniTempPath() renamed over
+// IniFilePath(), with SettingsFileMutex held from the opening of the settings file until
+// after the rename; on any failure the settings file is left untouched.
+//
+// Writes a new settings file with one block (number 0) for device; Device_No = 0. Does
+// nothing (and returns 0) when the file exists by then. 0 or -1.
 int IniDevGenerateFile(CDeviceObject* device);
 // Sets Device_No by physical address, completing or adding a block when needed. Always
 // closes stream and releases SettingsFileMutex before it returns.
 void IniDevParamPhys(CDeviceObject* device, FILE* stream);
+// Writes Physical_Address into the empty address line in front of the stream's position
+// (just after the word "SupportPoints"). stream is open with SettingsFileMutex held; it
+// stays open and the mutex held (the caller closes it). 0 or -1.
 int IniDevParamAttachPhys(CDeviceObject* device, FILE* stream);
+// start < end: replaces the bytes [start, end) by the device's block text; they must be the
+// block numbered Device_No as IniDevParamRead recorded it (BlockStart, BlockEnd), otherwise
+// -1 and nothing is written. start == end: inserts a new block there, numbered one more
+// than the highest block number in the file (the lowest free one once 9 is taken; -1 when
+// 0-9 are all used); Device_No and BlockCounter become that number. 0 or -1.
 int IniDevParamAddBlock(CDeviceObject* device, uint32_t start, uint32_t end);
 // Writes the block text of the device to stream.
 void WriteDeviceBlock(FILE* stream, const CDeviceObject* device);

@@ -176,6 +176,14 @@ TEST_F(ParamFileTest, MatchingAddressLeavesTheFileUnchanged) {
                         "], device figure [1] "),
               1);
     EXPECT_EQ(dev->Param.LastBlockNo, 1);
+
+    // A header in place of the key of an empty block is still a header.
+    const std::string empty_first =
+        kHead + "\n[Device_No.0]" + DefaultBlock(1, kAddrB) + DefaultBlock(2, kAddrC) + kEnd;
+    ASSERT_TRUE(WriteBytes(IniFilePath(), empty_first));
+    EXPECT_EQ(Start(kAddrB), 1);
+    EXPECT_EQ(Start(kAddrC), 2);
+    EXPECT_EQ(ReadBytes(IniFilePath()), empty_first);
 }
 
 TEST_F(ParamFileTest, EmptyAddressLineIsClaimed) {
@@ -314,6 +322,7 @@ TEST_F(ParamFileTest, HostileFilesNeitherHangNorCorruptTheRest) {
          kHead + Replace(DefaultBlock(0, "x"), "[Device_No.0]", "[Device_No.99]") + kEnd, 0,
          false},
         {"binary garbage after the header", "[TavrineA.ini]\n" + garbage, 0, true},
+        {"end word in place of the key", kHead + "\n[Device_No.0]" + kEnd, 1, false},
         {"end word in place of the address",
          kHead + "\n[Device_No.3]\nPhysical_Address" + kEnd, 4, false},
     };
