@@ -97,6 +97,26 @@ TEST_F(ParamFileTest, GeneratedFileByteForByte) {
     EXPECT_EQ(file.substr(file.size() - tail.size()), tail);
 }
 
+TEST_F(ParamFileTest, GeneratedFileReadsBackThroughTheGlobalReader) {
+    DebugEnableBits = 0x407;
+    ShowDebugPosition = 3;
+    auto dev = NewDevice(kAddrA);
+    dev->BaudRate = 57600;
+    ASSERT_EQ(IniDevGenerateFile(dev.get()), 0);
+    DebugEnableBits = 0;
+    ShowDebugPosition = 4;  // no output, and not the value in the file
+    GlobalSettings read_back{};
+    read_back.MaxDeviceNums = 1;
+    FILE* f = fopen(IniFilePath(), "re");
+    ASSERT_NE(f, nullptr);
+    ReadGlobalSettingsFrom(f, &read_back);
+    fclose(f);
+    EXPECT_EQ(ShowDebugPosition, 3);
+    EXPECT_EQ(DebugEnableBits, 0x407u);
+    EXPECT_EQ(read_back.MaxDeviceNums, 2);
+    EXPECT_EQ(read_back.BaudRate, 57600u);
+}
+
 TEST_F(ParamFileTest, BlockTextCarriesEveryWrittenField) {
     settings_.MaxDeviceNums = 3;
     auto dev = NewDevice("phys-7");
