@@ -90,20 +90,34 @@ bool StoreKeyedValue(DeviceParam* p, const char* key, int32_t value) {
     const uint8_t low_byte = static_cast<uint8_t>(value & 0xFF);
     const uint16_t low_word = static_cast<uint16_t>(value & 0xFFFF);
     const uint16_t clamped = value > 1 ? 1 : low_word;
-    if (strcmp(key, "SupportPoints") == 0) p->SupportPoints = low_byte;
-    else if (strcmp(key, "ReportMode") == 0) p->ReportMode = static_cast<int8_t>(low_byte);
-    else if (strcmp(key, "EventType") == 0) p->EventType = static_cast<int8_t>(low_byte);
-    else if (strcmp(key, "DetectRotation") == 0) p->DetectRotation = static_cast<int8_t>(low_byte);
-    else if (strcmp(key, "BtnType") == 0) p->BtnType = static_cast<int8_t>(low_byte);
-    else if (strcmp(key, "BeepState") == 0) p->BeepState = low_byte;
-    else if (strcmp(key, "BeepDevice") == 0) p->BeepDevice = low_byte;
-    else if (strcmp(key, "RightClickEnable") == 0) p->RightClickEnable = clamped;
-    else if (strcmp(key, "EdgeCompensate") == 0) p->EdgeCompensate = clamped;
-    else if (strcmp(key, "HoldFilterEnable") == 0) p->HoldFilterEnable = low_word;
-    else if (strcmp(key, "SplitRectMode") == 0) p->SplitRectMode = low_byte;
-    else if (strcmp(key, "ScreenNo") == 0) p->ScreenNo = low_byte;
-    else if (strcmp(key, "VKEYEnable") == 0) p->VKEYEnable = (value != 0);
-    else return false;
+    if (strcmp(key, "SupportPoints") == 0)
+        p->SupportPoints = low_byte;
+    else if (strcmp(key, "ReportMode") == 0)
+        p->ReportMode = static_cast<int8_t>(low_byte);
+    else if (strcmp(key, "EventType") == 0)
+        p->EventType = static_cast<int8_t>(low_byte);
+    else if (strcmp(key, "DetectRotation") == 0)
+        p->DetectRotation = static_cast<int8_t>(low_byte);
+    else if (strcmp(key, "BtnType") == 0)
+        p->BtnType = static_cast<int8_t>(low_byte);
+    else if (strcmp(key, "BeepState") == 0)
+        p->BeepState = low_byte;
+    else if (strcmp(key, "BeepDevice") == 0)
+        p->BeepDevice = low_byte;
+    else if (strcmp(key, "RightClickEnable") == 0)
+        p->RightClickEnable = clamped;
+    else if (strcmp(key, "EdgeCompensate") == 0)
+        p->EdgeCompensate = clamped;
+    else if (strcmp(key, "HoldFilterEnable") == 0)
+        p->HoldFilterEnable = low_word;
+    else if (strcmp(key, "SplitRectMode") == 0)
+        p->SplitRectMode = low_byte;
+    else if (strcmp(key, "ScreenNo") == 0)
+        p->ScreenNo = low_byte;
+    else if (strcmp(key, "VKEYEnable") == 0)
+        p->VKEYEnable = (value != 0);
+    else
+        return false;
     return true;
 }
 

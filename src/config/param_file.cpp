@@ -56,12 +56,11 @@ int FormatDeviceBlock(char* buf, size_t cap, const CDeviceObject* device, int bl
                      "\tVKEYReportMod\t\t%d\n"
                      "\tVKEY_0\t\t\t%d\n"
                      "[EndOfDevice]",
-                     block_no, address_line, p->SupportPoints, device->SendRawPoints,
-                     p->Direction, p->Orientation, p->EdgeCompensate, p->EdgeLeft, p->EdgeRight,
-                     p->EdgeTop, p->EdgeBottom, p->HoldFilterEnable, p->HoldRange,
-                     p->SplitRectMode, p->CustomRectLeft, p->CustomRectRight, p->CustomRectTop,
-                     p->CustomRectBottom, device->NoDeviceCheck, p->VKEYEnable ? 1 : 0,
-                     p->VKEYReportMod, 0);
+                     block_no, address_line, p->SupportPoints, device->SendRawPoints, p->Direction,
+                     p->Orientation, p->EdgeCompensate, p->EdgeLeft, p->EdgeRight, p->EdgeTop,
+                     p->EdgeBottom, p->HoldFilterEnable, p->HoldRange, p->SplitRectMode,
+                     p->CustomRectLeft, p->CustomRectRight, p->CustomRectTop, p->CustomRectBottom,
+                     device->NoDeviceCheck, p->VKEYEnable ? 1 : 0, p->VKEYReportMod, 0);
     if (n < 0 || static_cast<size_t>(n) >= cap) return -1;
     return n;
 }
@@ -187,8 +186,7 @@ int IniDevGenerateFile(CDeviceObject* device) {
                         static_cast<int>(device->BaudRate));
     int block = -1;
     if (head > 0 && static_cast<size_t>(head) < sizeof(text)) {
-        block = FormatDeviceBlock(text + head, sizeof(text) - static_cast<size_t>(head), device,
-                                  0);
+        block = FormatDeviceBlock(text + head, sizeof(text) - static_cast<size_t>(head), device, 0);
     }
     int result = -1;
     if (block > 0) {

@@ -53,8 +53,8 @@ int RewriteSettingsFile(FILE* settings, uint32_t start, uint32_t end, const char
         }
     }
     if (start > end || static_cast<int64_t>(end) > size) {
-        TLOG(LOG_INIT, "Block offsets [%u, %u) outside the settings file (%lld bytes)", start,
-             end, static_cast<long long>(size));
+        TLOG(LOG_INIT, "Block offsets [%u, %u) outside the settings file (%lld bytes)", start, end,
+             static_cast<long long>(size));
         return -1;
     }
     FILE* temp = LockAndOpenFile(IniTempPath(), "w+", &TempFileMutex);
@@ -65,12 +65,10 @@ int RewriteSettingsFile(FILE* settings, uint32_t start, uint32_t end, const char
     bool ok = (!settings || CopyRange(settings, temp, 0, start)) &&
               WriteAll(temp, middle, middle_len) &&
               (!settings || CopyRange(settings, temp, end, static_cast<uint32_t>(size))) &&
-              WriteAll(temp, tail, strlen(tail)) && fflush(temp) == 0 &&
-              fsync(fileno(temp)) == 0;
+              WriteAll(temp, tail, strlen(tail)) && fflush(temp) == 0 && fsync(fileno(temp)) == 0;
     if (ok && rename(IniTempPath(), IniFilePath()) != 0) ok = false;
     if (!ok) {
-        TLOG_ERR(LOG_INIT, "Failed to write %s, %s left unchanged", IniTempPath(),
-                 IniFilePath());
+        TLOG_ERR(LOG_INIT, "Failed to write %s, %s left unchanged", IniTempPath(), IniFilePath());
         unlink(IniTempPath());
     }
     CloseAndUnlockFile(temp, &TempFileMutex);

@@ -1,5 +1,7 @@
 // Per-device parameters: defaults, the block reader's rules, DevIniRoutine and the print-out.
 // Every test runs on its own temporary data directory.
+#include "config/device_param.h"
+
 #include <gtest/gtest.h>
 #include <linux/input.h>
 #include <pthread.h>
@@ -8,10 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "config/device_param.h"
 #include "core/paths.h"
-#include "log/debug_log.h"
 #include "device/device_object.h"
+#include "log/debug_log.h"
 #include "support/conf_test_util.h"
 
 namespace {
@@ -43,7 +44,7 @@ void ExpectSettingsMutexFree() {
 }
 
 class DeviceParamTest : public ::testing::Test {
-protected:
+  protected:
     DeviceParamTest() { settings_.MaxDeviceNums = 1; }
 
     // Writes file, reads block no into a fresh device, returns nothing; dev_ holds the result.
@@ -130,8 +131,7 @@ TEST_F(DeviceParamTest, ReaderRuleFamilies) {
              EXPECT_EQ(d.Param.DetectRotation, -127);
              EXPECT_EQ(d.Param.BtnType, 127);
          }},
-        {"clamped above 1, 16-bit pattern below",
-         "RightClickEnable 5\nEdgeCompensate 2",
+        {"clamped above 1, 16-bit pattern below", "RightClickEnable 5\nEdgeCompensate 2",
          [](const CDeviceObject& d) {
              EXPECT_EQ(d.Param.RightClickEnable, 1);
              EXPECT_EQ(d.Param.EdgeCompensate, 1);
@@ -144,8 +144,7 @@ TEST_F(DeviceParamTest, ReaderRuleFamilies) {
          }},
         {"zero switches right click off", "RightClickEnable 0",
          [](const CDeviceObject& d) { EXPECT_EQ(d.Param.RightClickEnable, 0); }},
-        {"-1 keeps the default",
-         "BeepFreq -1\nResolX -1\nEdgeLeft -1\nEdgeTop 5",
+        {"-1 keeps the default", "BeepFreq -1\nResolX -1\nEdgeLeft -1\nEdgeTop 5",
          [](const CDeviceObject& d) {
              EXPECT_EQ(d.Param.BeepFreq, 1000);
              EXPECT_EQ(d.Param.ResolX, -1);
@@ -195,8 +194,7 @@ TEST_F(DeviceParamTest, ReaderRuleFamilies) {
              EXPECT_EQ(d.VKeyCode[1], KEY_HOME);
              EXPECT_EQ(d.Param.VKEYReportMod, 2);
          }},
-        {"VKEYReportMod -1 is skipped and does not cut over",
-         "VKEYReportMod -1\nEdgeLeft 9",
+        {"VKEYReportMod -1 is skipped and does not cut over", "VKEYReportMod -1\nEdgeLeft 9",
          [](const CDeviceObject& d) {
              EXPECT_EQ(d.Param.VKEYReportMod, 1);
              EXPECT_EQ(d.Param.EdgeLeft, 9);
@@ -211,8 +209,7 @@ TEST_F(DeviceParamTest, ReaderRuleFamilies) {
              EXPECT_EQ(d.Param.EdgeTop, 100);
              EXPECT_EQ(d.Param.EdgeBottom, 6);
          }},
-        {"the bare address line of a single-device file",
-         "Physical_Address\nSupportPoints 6",
+        {"the bare address line of a single-device file", "Physical_Address\nSupportPoints 6",
          [](const CDeviceObject& d) { EXPECT_EQ(d.Param.SupportPoints, 6); }},
         {"unknown keys, SendRawPoints and NoDeviceCheck are not taken",
          "Foo 3\nSendRawPoints 1\nNoDeviceCheck              1\nEdgeTop 9",
@@ -287,14 +284,11 @@ TEST_F(DeviceParamTest, HostileFilesEndTheReadSafely) {
          1, 5, true},
         {"two-digit block number is no header",
          kGlobalPart + "[Device_No.11]\nSupportPoints 3\n[EndOfDevice]", 1, 10, false},
-        {"missing block keeps the defaults", FileWith(Block(0, "SupportPoints 3")), 4, 10,
-         false},
+        {"missing block keeps the defaults", FileWith(Block(0, "SupportPoints 3")), 4, 10, false},
         {"block without end word stops at the next header",
-         FileWith("\n[Device_No.1]\nSupportPoints 4\n" + Block(2, "SupportPoints 6")), 1, 4,
-         false},
+         FileWith("\n[Device_No.1]\nSupportPoints 4\n" + Block(2, "SupportPoints 6")), 1, 4, false},
         {"block without end word stops at the end-of-file word",
-         kGlobalPart + "[Device_No.1]\nSupportPoints 4\n[EndOfFile]\nSupportPoints 6", 1, 4,
-         false},
+         kGlobalPart + "[Device_No.1]\nSupportPoints 4\n[EndOfFile]\nSupportPoints 6", 1, 4, false},
         {"virtual-key pair cut by the end word",
          FileWith(Block(1, "SupportPoints 4\nVKEYReportMod 2\nVKEY_0") +
                   Block(2, "SupportPoints 6")),
@@ -326,9 +320,8 @@ TEST_F(DeviceParamTest, MissingFileKeepsDefaultsAndReleasesTheLock) {
 }
 
 TEST_F(DeviceParamTest, SingleDeviceReadsBlockZeroWhateverItsAddress) {
-    const std::string file =
-        FileWith(Block(0, "Physical_Address\t\tA\nSupportPoints 3") +
-                 Block(1, "Physical_Address\t\tB\nSupportPoints 4"));
+    const std::string file = FileWith(Block(0, "Physical_Address\t\tA\nSupportPoints 3") +
+                                      Block(1, "Physical_Address\t\tB\nSupportPoints 4"));
     ASSERT_TRUE(WriteBytes(IniFilePath(), file));
     for (int max : {1, 0, -1}) {
         settings_.MaxDeviceNums = static_cast<int8_t>(max);
@@ -367,8 +360,7 @@ TEST_F(DeviceParamTest, MissingFileIsGeneratedThenRead) {
     dev.Param.SupportPoints = 5;  // written into the generated block, then read back
     DevIniRoutine(&dev);
     ExpectSettingsMutexFree();
-    EXPECT_EQ(log.Count(std::string("ini parameter file ") + IniFilePath() + " doesn't exist."),
-              1);
+    EXPECT_EQ(log.Count(std::string("ini parameter file ") + IniFilePath() + " doesn't exist."), 1);
     EXPECT_EQ(log.Count("Entering DevIniRoutine"), 1);
     EXPECT_EQ(log.Count("Leave DevIniRoutine"), 1);
     EXPECT_EQ(dev.Param.Device_No, 0);

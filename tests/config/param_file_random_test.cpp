@@ -2,8 +2,8 @@
 // ends, and the file afterwards is the old one, or the old one with exactly one insertion:
 // an address into an empty address line, or a whole block (with a new end word when the
 // file had none). No byte of the old file is lost, moved or duplicated.
-#include <gtest/gtest.h>
 #include <ctype.h>
+#include <gtest/gtest.h>
 #include <pthread.h>
 
 #include <random>
@@ -26,23 +26,43 @@ const char* const kAddresses[] = {"usb-1/input0", "usb-2/input0", "/dev/ttyS0"};
 
 std::string RandomFile(std::mt19937& rng) {
     const char* const words[] = {
-        "[Device_No.0]", "[Device_No.1]", "[Device_No.2]", "[Device_No.9]", "[Device_No.x]",
-        "[Device_No.99]", "Physical_Address", "SupportPoints", "[EndOfDevice]", "[EndOfFile]",
-        "usb-1/input0", "usb-2/input0", "/dev/ttyS0", "10", "-1", "VKEYReportMod", "VKEY_0",
-        "BACK", "[String]", "EdgeLeft",
+        "[Device_No.0]",
+        "[Device_No.1]",
+        "[Device_No.2]",
+        "[Device_No.9]",
+        "[Device_No.x]",
+        "[Device_No.99]",
+        "Physical_Address",
+        "SupportPoints",
+        "[EndOfDevice]",
+        "[EndOfFile]",
+        "usb-1/input0",
+        "usb-2/input0",
+        "/dev/ttyS0",
+        "10",
+        "-1",
+        "VKEYReportMod",
+        "VKEY_0",
+        "BACK",
+        "[String]",
+        "EdgeLeft",
     };
     const char* const gaps[] = {" ", "\n", "\t\t", "\n\n", ""};
     std::string file = (rng() % 8 == 0) ? "" : "[TavrineA.ini]\n";
     const int count = static_cast<int>(rng() % 60);
     for (int i = 0; i < count; ++i) {
         switch (rng() % 12) {
-            case 0: file += std::string(64 + rng() % 150, static_cast<char>('a' + rng() % 26)); break;
+            case 0:
+                file += std::string(64 + rng() % 150, static_cast<char>('a' + rng() % 26));
+                break;
             case 1:
                 for (int b = static_cast<int>(rng() % 20); b > 0; --b) {
                     file.push_back(static_cast<char>(rng() & 0xFF));
                 }
                 break;
-            default: file += words[rng() % (sizeof(words) / sizeof(words[0]))]; break;
+            default:
+                file += words[rng() % (sizeof(words) / sizeof(words[0]))];
+                break;
         }
         file += gaps[rng() % 5];
     }

@@ -50,7 +50,7 @@ int CountOf(const std::string& text, const std::string& word) {
 }
 
 class ParamFileTest : public ::testing::Test {
-protected:
+  protected:
     ParamFileTest() { settings_.MaxDeviceNums = 2; }
 
     // A device record on address, set up as the device constructor does.
@@ -192,9 +192,9 @@ TEST_F(ParamFileTest, MatchingAddressLeavesTheFileUnchanged) {
     DevIniRoutine(dev.get());
     EXPECT_EQ(dev->Param.Device_No, 1);
     EXPECT_EQ(ReadBytes(IniFilePath()), file);
-    EXPECT_EQ(log.Count(std::string("Found match physical address [") + kAddrB +
-                        "], device figure [1] "),
-              1);
+    EXPECT_EQ(
+        log.Count(std::string("Found match physical address [") + kAddrB + "], device figure [1] "),
+        1);
     EXPECT_EQ(dev->Param.LastBlockNo, 1);
 
     // A header in place of the key of an empty block is still a header.
@@ -218,9 +218,9 @@ TEST_F(ParamFileTest, EmptyAddressLineIsClaimed) {
     const std::string claimed = ReadBytes(IniFilePath());
     EXPECT_EQ(claimed, Replace(generated, "Physical_Address\n",
                                std::string("Physical_Address\t\t") + kAddrB + "\n"));
-    EXPECT_EQ(log.Count(std::string("Attach physical address [") + kAddrB +
-                        "] with device figure [0]"),
-              1);
+    EXPECT_EQ(
+        log.Count(std::string("Attach physical address [") + kAddrB + "] with device figure [0]"),
+        1);
     // The claimed block now matches its own device and nobody else's.
     EXPECT_EQ(Start(kAddrB), 0);
     EXPECT_EQ(ReadBytes(IniFilePath()), claimed);
@@ -229,12 +229,12 @@ TEST_F(ParamFileTest, EmptyAddressLineIsClaimed) {
 
 TEST_F(ParamFileTest, ClaimTouchesOnlyTheEmptyBlock) {
     const std::string bare = DefaultBlock(1, nullptr);
-    const std::string file = kHead + DefaultBlock(0, kAddrA) + bare + DefaultBlock(2, kAddrC) + kEnd;
+    const std::string file =
+        kHead + DefaultBlock(0, kAddrA) + bare + DefaultBlock(2, kAddrC) + kEnd;
     ASSERT_TRUE(WriteBytes(IniFilePath(), file));
     EXPECT_EQ(Start(kAddrB), 1);
-    EXPECT_EQ(ReadBytes(IniFilePath()),
-              kHead + DefaultBlock(0, kAddrA) + DefaultBlock(1, kAddrB) +
-                  DefaultBlock(2, kAddrC) + kEnd);
+    EXPECT_EQ(ReadBytes(IniFilePath()), kHead + DefaultBlock(0, kAddrA) + DefaultBlock(1, kAddrB) +
+                                            DefaultBlock(2, kAddrC) + kEnd);
 }
 
 TEST_F(ParamFileTest, UnknownAddressAddsABlockInFrontOfEndOfFile) {
@@ -246,10 +246,9 @@ TEST_F(ParamFileTest, UnknownAddressAddsABlockInFrontOfEndOfFile) {
     DevIniRoutine(dev.get());
     EXPECT_EQ(dev->Param.Device_No, 2);
     EXPECT_EQ(dev->Param.BlockCounter, 2);
-    const std::string expected = kHead + DefaultBlock(0, kAddrA) + DefaultBlock(1, kAddrB) +
-                                 Replace(DefaultBlock(2, kAddrC), "SupportPoints\t\t\t10",
-                                         "SupportPoints\t\t\t5") +
-                                 kEnd;
+    const std::string expected =
+        kHead + DefaultBlock(0, kAddrA) + DefaultBlock(1, kAddrB) +
+        Replace(DefaultBlock(2, kAddrC), "SupportPoints\t\t\t10", "SupportPoints\t\t\t5") + kEnd;
     EXPECT_EQ(ReadBytes(IniFilePath()), expected);
     EXPECT_EQ(log.Count(std::string("Generate device parameter block, device figure[2] ,address[") +
                         kAddrC + "]"),
@@ -334,17 +333,16 @@ TEST_F(ParamFileTest, HostileFilesNeitherHangNorCorruptTheRest) {
              "\nSupportPoints 3\n[EndOfDevice]" + kEnd,
          1, false},
         {"200-character address", kHead + DefaultBlock(0, long_word.c_str()) + kEnd, 1, false},
-        {"non-digit block header", kHead + DefaultBlock(0, kAddrA) +
-                                       Replace(DefaultBlock(1, "x"), "[Device_No.1]",
-                                               "[Device_No.x]") + kEnd,
+        {"non-digit block header",
+         kHead + DefaultBlock(0, kAddrA) +
+             Replace(DefaultBlock(1, "x"), "[Device_No.1]", "[Device_No.x]") + kEnd,
          1, false},
         {"two-digit block header",
-         kHead + Replace(DefaultBlock(0, "x"), "[Device_No.0]", "[Device_No.99]") + kEnd, 0,
-         false},
+         kHead + Replace(DefaultBlock(0, "x"), "[Device_No.0]", "[Device_No.99]") + kEnd, 0, false},
         {"binary garbage after the header", "[TavrineA.ini]\n" + garbage, 0, true},
         {"end word in place of the key", kHead + "\n[Device_No.0]" + kEnd, 1, false},
-        {"end word in place of the address",
-         kHead + "\n[Device_No.3]\nPhysical_Address" + kEnd, 4, false},
+        {"end word in place of the address", kHead + "\n[Device_No.3]\nPhysical_Address" + kEnd, 4,
+         false},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -391,8 +389,8 @@ TEST_F(ParamFileTest, RewriteReplacesOnlyItsBlock) {
     const uint32_t e = dev->Param.BlockEnd;
     const uint32_t size = static_cast<uint32_t>(file.size());
     const std::pair<uint32_t, uint32_t> bad[] = {
-        {s + 1, e}, {s, e - 1}, {s, e + 1}, {e, s}, {s, size + 20}, {size + 5, size + 5},
-        {0, 0},     {3, 3},
+        {s + 1, e},     {s, e - 1},           {s, e + 1}, {e, s},
+        {s, size + 20}, {size + 5, size + 5}, {0, 0},     {3, 3},
     };
     for (const auto& b : bad) {
         EXPECT_EQ(IniDevParamAddBlock(dev.get(), b.first, b.second), -1)
@@ -409,8 +407,7 @@ TEST_F(ParamFileTest, RewriteReplacesOnlyItsBlock) {
     EXPECT_EQ(dev->Param.Device_No, 1);
     const std::string expected =
         before +
-        Replace(DefaultBlock(1, kAddrB), "SupportPoints\t\t\t10", "SupportPoints\t\t\t20") +
-        after;
+        Replace(DefaultBlock(1, kAddrB), "SupportPoints\t\t\t10", "SupportPoints\t\t\t20") + after;
     EXPECT_EQ(ReadBytes(IniFilePath()), expected);
     EXPECT_FALSE(Exists(IniTempPath()));
     EXPECT_EQ(pthread_mutex_trylock(&SettingsFileMutex), 0);
@@ -479,8 +476,8 @@ TEST_F(ParamFileTest, WriteFailureMidCopyLeavesTheFileUntouched) {
     DevIniRoutine(adder.get());
     auto rewriter = NewDevice(kAddrA);
     DevIniRoutine(rewriter.get());
-    const int rewrite = IniDevParamAddBlock(rewriter.get(), rewriter->Param.BlockStart,
-                                            rewriter->Param.BlockEnd);
+    const int rewrite =
+        IniDevParamAddBlock(rewriter.get(), rewriter->Param.BlockStart, rewriter->Param.BlockEnd);
     unlink(IniFilePath());
     auto generator = NewDevice(kAddrA);
     const int generated = IniDevGenerateFile(generator.get());
@@ -514,7 +511,8 @@ TEST_F(ParamFileTest, ReadersWaitForTheSettingsLock) {
     pthread_mutex_unlock(&SettingsFileMutex);
     worker.join();
     EXPECT_EQ(number, 1);
-    EXPECT_EQ(ReadBytes(IniFilePath()), kHead + DefaultBlock(0, kAddrA) + DefaultBlock(1, kAddrB) + kEnd);
+    EXPECT_EQ(ReadBytes(IniFilePath()),
+              kHead + DefaultBlock(0, kAddrA) + DefaultBlock(1, kAddrB) + kEnd);
 }
 
 TEST_F(ParamFileTest, ConcurrentDevicesEndWithOneWellFormedFile) {
@@ -542,7 +540,8 @@ TEST_F(ParamFileTest, ConcurrentDevicesEndWithOneWellFormedFile) {
                                 DefaultBlock(1, second) + kEnd);
         } else {
             ASSERT_TRUE((no_b == 1 && no_c == 2) || (no_b == 2 && no_c == 1));
-            EXPECT_EQ(file, kHead + DefaultBlock(0, kAddrA) + DefaultBlock(1, no_b == 1 ? kAddrB : kAddrC) +
+            EXPECT_EQ(file, kHead + DefaultBlock(0, kAddrA) +
+                                DefaultBlock(1, no_b == 1 ? kAddrB : kAddrC) +
                                 DefaultBlock(2, no_b == 2 ? kAddrB : kAddrC) + kEnd);
         }
     }

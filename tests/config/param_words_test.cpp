@@ -1,11 +1,11 @@
 // Word reading of the settings file: bounded words, numbers, block headers.
+#include "config/param_words.h"
+
 #include <gtest/gtest.h>
 #include <stdio.h>
 
 #include <string>
 #include <vector>
-
-#include "config/param_words.h"
 
 namespace {
 
@@ -74,15 +74,23 @@ TEST(ParamWordsTest, NumbersAreWholeDecimalWordsIn32Bits) {
         bool is_number;
         int32_t value;
     } cases[] = {
-        {"0", true, 0},           {"10", true, 10},
-        {"-1", true, -1},         {"+7", true, 7},
-        {"2147483647", true, INT32_MAX}, {"-2147483648", true, INT32_MIN},
-        {"2147483648", false, 0}, {"-2147483649", false, 0},
+        {"0", true, 0},
+        {"10", true, 10},
+        {"-1", true, -1},
+        {"+7", true, 7},
+        {"2147483647", true, INT32_MAX},
+        {"-2147483648", true, INT32_MIN},
+        {"2147483648", false, 0},
+        {"-2147483649", false, 0},
         {"99999999999999999999", false, 0},
-        {"12abc", false, 0},      {"0x10", false, 0},
-        {"", false, 0},           {"-", false, 0},
-        {"+", false, 0},          {"1 2", false, 0},
-        {"SupportPoints", false, 0}, {"[EndOfDevice]", false, 0},
+        {"12abc", false, 0},
+        {"0x10", false, 0},
+        {"", false, 0},
+        {"-", false, 0},
+        {"+", false, 0},
+        {"1 2", false, 0},
+        {"SupportPoints", false, 0},
+        {"[EndOfDevice]", false, 0},
     };
     for (const Case& c : cases) {
         int32_t value = 12345;
@@ -96,10 +104,18 @@ TEST(ParamWordsTest, OnlyOneDigitHeadersAreBlockHeaders) {
         const char* word;
         int number;
     } cases[] = {
-        {"[Device_No.0]", 0},   {"[Device_No.7]", 7},  {"[Device_No.9]", 9},
-        {"[Device_No.99]", -1}, {"[Device_No.x]", -1}, {"[Device_No.-1]", -1},
-        {"[Device_No.]", -1},   {"[Device_No.1", -1},  {"[Device_No.1)", -1},
-        {"[Device_no.1]", -1},  {"Device_No.1]", -1},  {"[Device_No.1]x", -1},
+        {"[Device_No.0]", 0},
+        {"[Device_No.7]", 7},
+        {"[Device_No.9]", 9},
+        {"[Device_No.99]", -1},
+        {"[Device_No.x]", -1},
+        {"[Device_No.-1]", -1},
+        {"[Device_No.]", -1},
+        {"[Device_No.1", -1},
+        {"[Device_No.1)", -1},
+        {"[Device_no.1]", -1},
+        {"Device_No.1]", -1},
+        {"[Device_No.1]x", -1},
         {"", -1},
     };
     for (const Case& c : cases) EXPECT_EQ(IniBlockNumber(c.word), c.number) << c.word;

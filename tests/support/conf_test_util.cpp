@@ -16,7 +16,9 @@ namespace conftest {
 
 namespace {
 
-int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) { return remove(path); }
+int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) {
+    return remove(path);
+}
 
 std::mutex g_log_mutex;
 std::vector<std::string> g_messages;
@@ -62,7 +64,9 @@ bool WriteBytes(const std::string& path, const std::string& bytes) {
     return fclose(f) == 0 && ok;
 }
 
-bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+bool Exists(const std::string& path) {
+    return access(path.c_str(), F_OK) == 0;
+}
 
 std::string DefaultBlock(int no, const char* address) {
     std::string text = "\n[Device_No." + std::to_string(no) + "]\n";
@@ -96,8 +100,8 @@ std::string GeneratedHead(const char* debug_bits_hex, int show_position, int dev
                           int baud_rate) {
     return std::string("[TavrineA.ini]\n") + "DebugEnableBits\t\t" + debug_bits_hex + "\n" +
            "ShowDebugPosition\t" + std::to_string(show_position) + "\n" + "DeviceNums\t\t" +
-           std::to_string(device_nums) + "\n" + "BaudRate\t\t" + std::to_string(baud_rate) +
-           "\n" + "[String]\n" + "SerialPath\t\tdefault\n" + "\n";
+           std::to_string(device_nums) + "\n" + "BaudRate\t\t" + std::to_string(baud_rate) + "\n" +
+           "[String]\n" + "SerialPath\t\tdefault\n" + "\n";
 }
 
 ConfLogRecorder::ConfLogRecorder(uint32_t categories)

@@ -13,7 +13,7 @@ namespace conftest {
 // object; removed with its content (files and directories) afterwards. Also silences the
 // debug log (every category on, so every message is formatted, but no output).
 class ConfDataDir {
-public:
+  public:
     ConfDataDir();
     ~ConfDataDir();
     ConfDataDir(const ConfDataDir&) = delete;
@@ -21,7 +21,7 @@ public:
 
     const std::string& path() const { return path_; }
 
-private:
+  private:
     std::string path_;
     uint32_t saved_bits_;
     uint8_t saved_position_;
@@ -41,7 +41,7 @@ std::string GeneratedHead(const char* debug_bits_hex, int show_position, int dev
 // Records the messages that reach the platform log while alive (output selector 1, standard
 // output sent to /dev/null). Thread-safe.
 class ConfLogRecorder {
-public:
+  public:
     explicit ConfLogRecorder(uint32_t categories = 0xFFFFFFFFu);
     ~ConfLogRecorder();
     ConfLogRecorder(const ConfLogRecorder&) = delete;
@@ -50,7 +50,7 @@ public:
     std::vector<std::string> Messages() const;
     int Count(const std::string& message) const;
 
-private:
+  private:
     uint32_t saved_bits_;
     uint8_t saved_position_;
     int saved_stdout_;
