@@ -22,11 +22,18 @@ struct SerialReplyParserState {
 extern SerialReplyParserState SerialReplyParser;
 void ResetSerialReplyParser();
 
+// Reads and merges the reply to cmd_byte into reply (kReplyBufSize bytes). Returns the
+// reply's length, or 0/-1 when none was completed: after three empty waits of 4 ms, three
+// abandoned packets, or at the latest kProbeReadLimitMs (discovery/probe_timing.h) after
+// the call, however much unrelated traffic the port sends.
 int ReadDeviceResponse(ProbeContext* context, int fd, uint8_t* reply, uint8_t cmd_byte);
 int MergeSerialReply(ProbeContext* context, const uint8_t* packet, int count, uint8_t* reply,
                      int* merge_pos);
 int MergeReportReply(ProbeContext* context, const uint8_t* packet, int count, uint8_t* reply,
                      int* merge_pos, uint8_t cmd_byte);
+// 0 when an awaited serial reply (loop-back, or a boot-loader IAP reply) arrived on the
+// non-blocking fd, -1 otherwise; returns at the latest kWaitResponseLimitMs after the
+// first data.
 int WaitDeviceResponse(int fd);
 int Parse232CmdPacket(const uint8_t* bytes, int count);
 void DispatchCmd();

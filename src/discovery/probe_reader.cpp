@@ -39,6 +39,25 @@ int EndRead(int result) {
     return result;
 }
 
+void LogBytes(const char* format, const uint8_t* bytes, int count) {
+    if (!(DebugEnableBits & LOG_SERIAL)) return;
+    char dump[4 * kReplyBufSize + 1];
+    HexDumpBytes(bytes, count < kReplyBufSize ? count : kReplyBufSize, dump);
+    DebugLog(LOG_SERIAL, format, count, dump);
+}
+
+// Merges one packet (header at packet[0]) into the reply by the context's framing.
+// The reply length when complete, 0 when more is needed, -1 when illegal.
+int MergePacket(ProbeContext* context, const uint8_t* packet, int count, uint8_t* reply,
+                int* merge_pos, uint8_t cmd_byte) {
+    if (context->bSerialFraming) return MergeSerialReply(context, packet, count, reply, merge_pos);
+    if (packet[1] > 4) {  // a USB reply that came in one packet
+        memcpy(reply, packet, static_cast<size_t>(count));  // count <= 64 < kReplyBufSize
+        return count;
+    }
+    return MergeReportReply(context, packet, count, reply, merge_pos, cmd_byte);
+}
+
 }  // namespace
 
 int ReadDeviceResponse(ProbeContext* context, int fd, uint8_t* reply, uint8_t cmd_byte) {
@@ -50,31 +69,24 @@ int ReadDeviceResponse(ProbeContext* context, int fd, uint8_t* reply, uint8_t cm
     clock_gettime(CLOCK_MONOTONIC, &start);
 
     for (;;) {
-        long left_ms = kProbeReadLimitMs - ElapsedMs(start);
+        const long left_ms = kProbeReadLimitMs - ElapsedMs(start);
         if (left_ms <= 0) {
             TLOG(LOG_SERIAL, "No complete reply within %d ms", kProbeReadLimitMs);
             return EndRead(-1);
         }
-        int ready = WaitReadable(fd, left_ms < kReadWaitMs ? static_cast<int>(left_ms)
-                                                           : kReadWaitMs);
-        if (ready <= 0) {
+        if (WaitReadable(fd, left_ms < kReadWaitMs ? static_cast<int>(left_ms) : kReadWaitMs) <= 0) {
             if (--tries <= 0) return EndRead(-1);
             continue;
         }
-
         uint8_t bytes[kReplyPacketMax + 1];
-        memset(bytes, 0, sizeof(bytes));
-        ssize_t got = ReadRetry(fd, bytes, kReplyPacketMax);
+        memset(bytes, 0, sizeof(bytes));  // so packet[2] of a short packet reads as 0
+        const ssize_t got = ReadRetry(fd, bytes, kReplyPacketMax);
         if (got <= 0) {
             if (--tries <= 0) return EndRead(static_cast<int>(got));
             continue;
         }
         int count = static_cast<int>(got);
-        if (DebugEnableBits & LOG_SERIAL) {
-            char dump[4 * kReplyPacketMax + 1];
-            HexDumpBytes(bytes, count, dump);
-            DebugLog(LOG_SERIAL, "Read %d bytes from device: %s", count, dump);
-        }
+        LogBytes("Read %d bytes from device: %s", bytes, count);
 
         // One leading byte that is 0x00 or 0x10 and above is not part of the packet.
         const uint8_t* packet = bytes;
@@ -82,9 +94,8 @@ int ReadDeviceResponse(ProbeContext* context, int fd, uint8_t* reply, uint8_t cm
             ++packet;
             --count;
         }
-        if (count <= 0 || (packet[0] != 0x0A && packet[0] != 0x03)) continue;
+        if (count <= 0 || (packet[0] != 0x0A && packet[0] != 0x03)) continue;  // costs no try
 
-        // bytes[] is zero past the read, so packet[2] of a short packet reads as 0.
         if (reply[2] == 0 && packet[2] != cmd_byte && !context->bSerialFraming) {
             TLOG(LOG_SERIAL, "First packet recvByte[2]=[%02x]. Fail to equal CmdByte [%02x].",
                  packet[2], cmd_byte);
@@ -92,22 +103,9 @@ int ReadDeviceResponse(ProbeContext* context, int fd, uint8_t* reply, uint8_t cm
             if (--tries <= 0) return EndRead(-1);
             continue;
         }
-
-        int result;
-        if (context->bSerialFraming) {
-            result = MergeSerialReply(context, packet, count, reply, &merge_pos);
-        } else if (packet[1] > 4) {
-            memcpy(reply, packet, static_cast<size_t>(count));  // count <= 64 < kReplyBufSize
-            result = count;
-        } else {
-            result = MergeReportReply(context, packet, count, reply, &merge_pos, cmd_byte);
-        }
+        const int result = MergePacket(context, packet, count, reply, &merge_pos, cmd_byte);
         if (result > 0) {
-            if (DebugEnableBits & LOG_SERIAL) {
-                char dump[4 * kReplyBufSize + 1];
-                HexDumpBytes(reply, result, dump);
-                DebugLog(LOG_SERIAL, "Final Merged Command , %d bytes: %s", result, dump);
-            }
+            LogBytes("Final Merged Command , %d bytes: %s", reply, result);
             return EndRead(result);
         }
     }
@@ -153,9 +151,11 @@ int MergeReportReply(ProbeContext* /*context*/, const uint8_t* packet, int count
     } else if (count > 2 && (packet[2] != 0 || reply[2] == 0)) {
         // A command byte where a following fragment must have 0, or a following fragment
         // before any first one.
-        char dump[4 * 64 + 1];
-        HexDumpBytes(packet, count < 64 ? count : 64, dump);
-        TLOG_ERR(LOG_SERIAL, "Illegal Recv Command Packet with %s", dump);
+        if (DebugEnableBits & LOG_SERIAL) {
+            char dump[4 * kReplyPacketMax + 1];
+            HexDumpBytes(packet, count < kReplyPacketMax ? count : kReplyPacketMax, dump);
+            DebugErrorLog(LOG_SERIAL, "Illegal Recv Command Packet with %s", dump);
+        }
         return -1;
     } else {
         start = 3;
