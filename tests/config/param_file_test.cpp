@@ -206,6 +206,16 @@ TEST_F(ParamFileTest, MatchingAddressLeavesTheFileUnchanged) {
     EXPECT_EQ(ReadBytes(IniFilePath()), empty_first);
 }
 
+TEST_F(ParamFileTest, AddressThatIsNoSingleWordChangesNothing) {
+    // Such an address could never be found again: every start would add another block.
+    const std::string file = kHead + DefaultBlock(0, nullptr) + kEnd;
+    ASSERT_TRUE(WriteBytes(IniFilePath(), file));
+    for (const char* address : {"", "usb 1", "usb\t1"}) {
+        EXPECT_EQ(Start(address), -1) << address;
+        EXPECT_EQ(ReadBytes(IniFilePath()), file);
+    }
+}
+
 TEST_F(ParamFileTest, EmptyAddressLineIsClaimed) {
     // A file generated for one device, then started with two devices allowed.
     settings_.MaxDeviceNums = 1;
