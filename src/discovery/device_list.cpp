@@ -1,4 +1,6 @@
 // The manager's device list: lookup by port path, append, unlink and destroy.
+#include "discovery/device_list.h"
+
 #include <stdio.h>
 #include <string.h>
 
@@ -6,7 +8,6 @@
 
 #include "core/manager.h"
 #include "device/device_object.h"
-#include "discovery/device_list.h"
 #include "log/debug_log.h"
 
 int IsPortObjExisted(CManager* manager, const char* path) {

@@ -1,11 +1,12 @@
 // Kernel HID driver binding, the actions: teach hid-generic and hid-multitouch the
 // controllers' product ids through their new_id files.
+#include "discovery/hid_binding.h"
+
 #include <stdio.h>
 #include <string.h>
 #include <unistd.h>
 
 #include "core/shell.h"
-#include "discovery/hid_binding.h"
 #include "discovery/hid_listing.h"
 #include "discovery/hid_paths.h"
 #include "log/debug_log.h"
@@ -70,7 +71,8 @@ void CheckVIDinlsusb(const char* vid) {
             memset(pids[found], 0, sizeof(pids[found]));
             memcpy(pids[found], at + 5, 4);
             if (!IsHexId4(pids[found])) {
-                TLOG(LOG_INIT, "Listed product id [%s] is not four hexadecimal digits", pids[found]);
+                TLOG(LOG_INIT, "Listed product id [%s] is not four hexadecimal digits",
+                     pids[found]);
                 continue;
             }
             ++found;
@@ -106,9 +108,11 @@ int AddPidToSysHIDGeneric(const char* vid, const char* pid) {
 void ModprobeHidMultitouch() {
     if (!KernelPathExists(kModuleMtDir)) {
         if (RunShell("modprobe hid-multitouch") != 0) {
-            TLOG_ERR(LOG_INIT, "Do modprobe hid-multitouch failed. The module hid-multitouch may "
-                               "not exist.");
-            TLOG_ERR(LOG_INIT, "Please rebuild kernel to make hid-multitouch as a module in system.");
+            TLOG_ERR(LOG_INIT,
+                     "Do modprobe hid-multitouch failed. The module hid-multitouch may "
+                     "not exist.");
+            TLOG_ERR(LOG_INIT,
+                     "Please rebuild kernel to make hid-multitouch as a module in system.");
         } else {
             TLOG(LOG_INIT, "Do modprobe hid-multitouch success");
         }
@@ -130,7 +134,8 @@ int AddPIDintoModuleRoutine(const char* vid, const char* pid) {
         if (IsPidInSysHIDGeneric(pid) == 0) AddPidToSysHIDGeneric(vid, pid);
     }
     if (KernelPathExists(kBusMtDir)) {
-        TLOG(LOG_MAIN, "found inbuilt hid-multitouch driver in /sys/bus/hid/drivers/hid_multitouch/");
+        TLOG(LOG_MAIN,
+             "found inbuilt hid-multitouch driver in /sys/bus/hid/drivers/hid_multitouch/");
         if (IsPidInSysModule(pid) == 1) return 1;
         return AddPidToSysModule(vid, pid);
     }

@@ -14,7 +14,9 @@ namespace {
 
 constexpr const char* kInputDevicesCommand = "cat /proc/bus/input/devices";
 
-bool IsUsbTouchscreen(const char* name) { return strcmp(name, "usbtouchscreen") == 0; }
+bool IsUsbTouchscreen(const char* name) {
+    return strcmp(name, "usbtouchscreen") == 0;
+}
 
 // 1 when some word of "ls <dir>" contains needle (any case), 0 otherwise.
 int DirectoryListsNoCase(const char* dir, const char* needle) {
@@ -74,8 +76,8 @@ int CheckModuleInSystem(const char* module_name, const char* dir_name) {
     snprintf(module_path, sizeof(module_path), "/sys/module/%s", dir_name);
     KernelPath(sys_path, sizeof(sys_path), module_path);
     if (access(sys_path, F_OK) == 0) {
-        TLOG(LOG_INIT, "Module %s is build-in kernel. Path [%s] is existed in system.",
-             module_name, sys_path);
+        TLOG(LOG_INIT, "Module %s is build-in kernel. Path [%s] is existed in system.", module_name,
+             sys_path);
         return 0;
     }
     if (IsUsbTouchscreen(module_name)) {
@@ -119,6 +121,10 @@ int IsPidInModule(const char* pid) {
     return DirectoryListsNoCase(KernelPath(dir, sizeof(dir), kModuleMtDir), pid);
 }
 
-int IsPidInSysModule(const char* pid) { return BusDriverLists(kBusMtDir, pid); }
+int IsPidInSysModule(const char* pid) {
+    return BusDriverLists(kBusMtDir, pid);
+}
 
-int IsPidInSysHIDGeneric(const char* pid) { return BusDriverLists(kBusGenericDir, pid); }
+int IsPidInSysHIDGeneric(const char* pid) {
+    return BusDriverLists(kBusGenericDir, pid);
+}

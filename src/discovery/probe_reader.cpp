@@ -51,7 +51,7 @@ void LogBytes(const char* format, const uint8_t* bytes, int count) {
 int MergePacket(ProbeContext* context, const uint8_t* packet, int count, uint8_t* reply,
                 int* merge_pos, uint8_t cmd_byte) {
     if (context->bSerialFraming) return MergeSerialReply(context, packet, count, reply, merge_pos);
-    if (packet[1] > 4) {  // a USB reply that came in one packet
+    if (packet[1] > 4) {                                    // a USB reply that came in one packet
         memcpy(reply, packet, static_cast<size_t>(count));  // count <= 64 < kReplyBufSize
         return count;
     }
@@ -74,7 +74,8 @@ int ReadDeviceResponse(ProbeContext* context, int fd, uint8_t* reply, uint8_t cm
             TLOG(LOG_SERIAL, "No complete reply within %d ms", kProbeReadLimitMs);
             return EndRead(-1);
         }
-        if (WaitReadable(fd, left_ms < kReadWaitMs ? static_cast<int>(left_ms) : kReadWaitMs) <= 0) {
+        if (WaitReadable(fd, left_ms < kReadWaitMs ? static_cast<int>(left_ms) : kReadWaitMs) <=
+            0) {
             if (--tries <= 0) return EndRead(-1);
             continue;
         }

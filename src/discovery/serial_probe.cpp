@@ -1,5 +1,7 @@
 // The serial probe: finds the line speed at which a controller answers on a serial port,
 // in its application firmware (loop-back command) or its boot-loader (IAP-type query).
+#include "discovery/serial_probe.h"
+
 #include <fcntl.h>
 #include <string.h>
 #include <termios.h>
@@ -11,7 +13,6 @@
 #include "device/cmd_channel.h"
 #include "device/device_object.h"
 #include "discovery/probe_exchange.h"
-#include "discovery/serial_probe.h"
 #include "discovery/serial_scan.h"
 #include "log/debug_log.h"
 

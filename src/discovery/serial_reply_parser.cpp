@@ -30,7 +30,9 @@ int WaitEnd(int result) {
 
 }  // namespace
 
-void ResetSerialReplyParser() { memset(&SerialReplyParser, 0, sizeof(SerialReplyParser)); }
+void ResetSerialReplyParser() {
+    memset(&SerialReplyParser, 0, sizeof(SerialReplyParser));
+}
 
 void DispatchCmd() {
     TLOG(LOG_DATA, "Entering %s", "DispatchCmd");

@@ -1,4 +1,6 @@
 // Serial and PS/2 port scans: which ports are probed in one pass of the scan loop.
+#include "discovery/serial_scan.h"
+
 #include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
@@ -8,7 +10,6 @@
 #include "core/manager.h"
 #include "core/unique_fd.h"
 #include "discovery/device_list.h"
-#include "discovery/serial_scan.h"
 #include "log/debug_log.h"
 
 namespace {
@@ -44,7 +45,8 @@ void ScanCustomSerialPorts(CManager* manager) {
     for (int slot = 0; slot < kSerialPathSlots; ++slot) {
         if (CountReached(manager)) return;
         char path[kTextMax];
-        snprintf(path, sizeof(path), "%.*s", kTextMax - 1, manager->pSettings->CustomSerialPath[slot]);
+        snprintf(path, sizeof(path), "%.*s", kTextMax - 1,
+                 manager->pSettings->CustomSerialPath[slot]);
         if (strstr(path, "default")) continue;
         if (access(path, F_OK) != 0) {
             TLOG_ERR(LOG_INIT, "RS232 custom path [%s] doesn't exist", path);

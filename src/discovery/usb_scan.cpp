@@ -1,4 +1,6 @@
 // USB HID discovery: the maker's controllers among /dev/hidraw0..9.
+#include "discovery/usb_scan.h"
+
 #include <fcntl.h>
 #include <linux/hidraw.h>
 #include <stdio.h>
@@ -9,7 +11,6 @@
 #include "core/manager.h"
 #include "core/unique_fd.h"
 #include "discovery/device_list.h"
-#include "discovery/usb_scan.h"
 #include "log/debug_log.h"
 
 namespace {

@@ -1,5 +1,7 @@
 // The manager's device list: lookup, append failure, and unlinking at the head, in the
 // middle and at the tail, with bare records (no port, no thread) linked by hand.
+#include "discovery/device_list.h"
+
 #include <gtest/gtest.h>
 #include <string.h>
 
@@ -10,13 +12,12 @@
 #include "core/manager.h"
 #include "core/paths.h"
 #include "device/device_object.h"
-#include "discovery/device_list.h"
 #include "support/disc_log_capture.h"
 
 namespace {
 
 class DeviceListTest : public testing::Test {
-protected:
+  protected:
     void SetUp() override {
         SetDataDirForTest(data_.path().c_str());
         memset(&settings_, 0, sizeof(settings_));
@@ -39,7 +40,8 @@ protected:
     }
     std::vector<std::string> ListPaths() const {
         std::vector<std::string> paths;
-        for (CDeviceObject* d = manager_.DeviceListHead; d; d = d->pNext) paths.push_back(d->PortPath);
+        for (CDeviceObject* d = manager_.DeviceListHead; d; d = d->pNext)
+            paths.push_back(d->PortPath);
         return paths;
     }
     CDeviceObject** LinkOf(const std::string& path) {
@@ -71,9 +73,9 @@ TEST_F(DeviceListTest, RemoveDeviceAtHeadMiddleAndTail) {
     ASSERT_EQ(5, manager_.DeviceCount);
 
     RemoveDevice(&manager_, LinkOf("/dev/hidraw0"));  // head
-    EXPECT_EQ((std::vector<std::string>{"/dev/hidraw1", "/dev/hidraw2", "/dev/hidraw3",
-                                        "/dev/hidraw4"}),
-              ListPaths());
+    EXPECT_EQ(
+        (std::vector<std::string>{"/dev/hidraw1", "/dev/hidraw2", "/dev/hidraw3", "/dev/hidraw4"}),
+        ListPaths());
     EXPECT_EQ(4, manager_.DeviceCount);
     EXPECT_TRUE(log.Contains("Device [/dev/hidraw0] was removed, existed device amount = 4"));
 

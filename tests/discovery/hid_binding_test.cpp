@@ -2,6 +2,8 @@
 // holds `busybox`, `lsmod`, `modprobe` and `cat` scripts that print fixed listings and
 // record their arguments, and the /sys paths point into a temporary tree, where the
 // new_id lines really land. (The real sysfs files are exercised in the VM test bed.)
+#include "discovery/hid_binding.h"
+
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -14,7 +16,6 @@
 #include <vector>
 
 #include "core/paths.h"
-#include "discovery/hid_binding.h"
 #include "discovery/hid_listing.h"
 #include "support/disc_log_capture.h"
 
@@ -23,7 +24,7 @@ namespace {
 const char* const kInputDevices = "cat /proc/bus/input/devices";
 
 class HidBindingTest : public testing::Test {
-protected:
+  protected:
     void SetUp() override {
         base_ = tmp_.path();
         ASSERT_FALSE(base_.empty());
@@ -39,15 +40,15 @@ protected:
         Script("busybox", "echo busybox \"$@\" >> " + calls + "\n" +
                               "if [ \"$1\" = lsusb ]; then " + real_cat + " " + base_ +
                               "/lsusb.txt; fi\n");
-        Script("lsmod", "echo lsmod \"$@\" >> " + calls + "\n" + real_cat + " " + base_ +
-                            "/lsmod.txt\n");
+        Script("lsmod",
+               "echo lsmod \"$@\" >> " + calls + "\n" + real_cat + " " + base_ + "/lsmod.txt\n");
         Script("modprobe",
                "echo modprobe \"$@\" >> " + calls + "\n" +
                    // Records whether hid-generic had been taught before the modprobe ran.
                    "if [ -f " + root_ + "/sys/bus/hid/drivers/hid-generic/new_id ]; then echo " +
-                   "modprobe-after-generic >> " + calls + "; fi\n" +
-                   "if [ -f " + base_ + "/modprobe_fails ]; then exit 1; fi\n" +
-                   "mkdir -p '" + root_ + "/sys/module/hid_multitouch/drivers/hid:hid-multitouch'\n");
+                   "modprobe-after-generic >> " + calls + "; fi\n" + "if [ -f " + base_ +
+                   "/modprobe_fails ]; then exit 1; fi\n" + "mkdir -p '" + root_ +
+                   "/sys/module/hid_multitouch/drivers/hid:hid-multitouch'\n");
         Script("cat", "if [ \"$1\" = /proc/bus/input/devices ]; then echo cat \"$@\" >> " + calls +
                           "; exec " + real_cat + " " + base_ + "/input_devices.txt; fi\n" +
                           "exec " + real_cat + " \"$@\"\n");
@@ -195,8 +196,8 @@ TEST_F(HidBindingTest, InputDeviceListingTable) {
         Write("input_devices.txt", c.listing);
         EXPECT_EQ(c.result, CheckPIDinInputDevice(c.pid));
         if (c.result == 1) {
-            EXPECT_TRUE(log.Contains(std::string("Under 'cat /proc/bus/input/devices', match device [") +
-                                     c.pid + "]"));
+            EXPECT_TRUE(log.Contains(
+                std::string("Under 'cat /proc/bus/input/devices', match device [") + c.pid + "]"));
         } else {
             EXPECT_TRUE(log.Contains(std::string("Dismatch device [") + c.pid +
                                      "]. Didn't list under cat /proc/bus/input/devices"));
@@ -234,8 +235,10 @@ TEST_F(HidBindingTest, FailedModprobeIsReportedAndBindingStillTried) {
     DiscLogCapture log;
     Write("modprobe_fails", "");
     EXPECT_NE(0, AddPIDintoModuleRoutine("3c7a", "0001"));
-    EXPECT_TRUE(log.Contains("Do modprobe hid-multitouch failed. The module hid-multitouch may not exist."));
-    EXPECT_TRUE(log.Contains("Please rebuild kernel to make hid-multitouch as a module in system."));
+    EXPECT_TRUE(log.Contains(
+        "Do modprobe hid-multitouch failed. The module hid-multitouch may not exist."));
+    EXPECT_TRUE(
+        log.Contains("Please rebuild kernel to make hid-multitouch as a module in system."));
     EXPECT_TRUE(log.Contains("Couldn't find hid-multitouch module in lsmod"));
     EXPECT_TRUE(log.Contains("Module hid-multitouch loaded may be failed."));
     EXPECT_TRUE(log.Contains("Add deviceID into hid-multitouch module failed"));
@@ -293,8 +296,11 @@ TEST_F(HidBindingTest, CheckModuleInSystemMessages) {
         EXPECT_EQ(-1, CheckModuleInSystem("usbtouchscreen", "usbtouchscreen"));
         int a = log.Find("No non-HID compliant module [usbtouchscreen] found in system");
         int b = log.Find("Check whether it is build-in kernel.", a);
-        int c = log.Find("No non-HID compliant module [usbtouchscreen] found both in kernel or module "
-                         "list. There's no path [" + root_ + "/sys/module/usbtouchscreen]", b);
+        int c = log.Find(
+            "No non-HID compliant module [usbtouchscreen] found both in kernel or module "
+            "list. There's no path [" +
+                root_ + "/sys/module/usbtouchscreen]",
+            b);
         EXPECT_GE(a, 0);
         EXPECT_GT(b, a);
         EXPECT_GT(c, b);

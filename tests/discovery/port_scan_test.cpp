@@ -30,7 +30,7 @@ bool AnyNode(const char* pattern) {
 }
 
 class PortScanTest : public testing::Test {
-protected:
+  protected:
     void SetUp() override {
         SetDataDirForTest(data_.path().c_str());
         memset(&settings_, 0, sizeof(settings_));
@@ -74,8 +74,9 @@ TEST_F(PortScanTest, UsbPassWithoutNodesOnlyResetsTheIAPType) {
 TEST_F(PortScanTest, CheckUSBDeviceRejectsWhatIsNotAHidrawNode) {
     DiscLogCapture log;
     EXPECT_EQ(-1, CheckUSBDevice(&manager_, "/nonexistent/hidraw0"));
-    EXPECT_TRUE(log.Contains("Open port [/nonexistent/hidraw0] failed with fd=-1. This may be "
-                             "caused by executing with non-root permission."));
+    EXPECT_TRUE(
+        log.Contains("Open port [/nonexistent/hidraw0] failed with fd=-1. This may be "
+                     "caused by executing with non-root permission."));
 
     const std::string plain = data_.path() + "/hidraw_plain_file";
     { UniqueFd f(OpenCloexec(plain.c_str(), O_CREAT | O_WRONLY, 0600)); }
@@ -135,7 +136,8 @@ TEST_F(PortScanTest, OwnedCustomPathIsNotProbedAgain) {
     LinkBareRecord(controller.slave_path().c_str());
     ScanRS232Port(&manager_);
     controller.Stop();
-    EXPECT_TRUE(log.Contains("RS232 Portpath [" + controller.slave_path() + "] is already created"));
+    EXPECT_TRUE(
+        log.Contains("RS232 Portpath [" + controller.slave_path() + "] is already created"));
     EXPECT_TRUE(controller.Seen().empty());
     EXPECT_EQ(1, manager_.DeviceCount);
     EXPECT_EQ(1234u, settings_.DeviceBaudRate);

@@ -67,7 +67,9 @@ ReadOutcome ReadPieces(const std::vector<Bytes>& pieces, uint8_t serial, uint8_t
     return out;
 }
 
-Bytes Prefix(const Bytes& bytes, size_t n) { return Bytes(bytes.begin(), bytes.begin() + n); }
+Bytes Prefix(const Bytes& bytes, size_t n) {
+    return Bytes(bytes.begin(), bytes.begin() + n);
+}
 
 // --- MergeSerialReply, called directly ---------------------------------------------------
 
@@ -318,9 +320,8 @@ TEST(ReadDeviceResponse, UsbFramingRules) {
 
     // Fragments.
     log.Clear();
-    ReadOutcome frag = ReadPieces({{0x03, 0x04, C, 0x05, 0xD1, 0xD2},
-                                   {0x03, 0x04, 0x00, 0xD3, 0xD4, 0xD5}},
-                                  0, C);
+    ReadOutcome frag =
+        ReadPieces({{0x03, 0x04, C, 0x05, 0xD1, 0xD2}, {0x03, 0x04, 0x00, 0xD3, 0xD4, 0xD5}}, 0, C);
     EXPECT_EQ(8, frag.result);
     EXPECT_EQ((Bytes{0x03, 0x06, C, 0xD1, 0xD2, 0xD3, 0xD4, 0xD5}), Prefix(frag.reply, 8));
     EXPECT_TRUE(log.Contains("Command complete return with 8"));

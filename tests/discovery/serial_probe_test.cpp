@@ -31,7 +31,6 @@ using disc::kBootLoaderReply;
 using disc::kLoopbackReply;
 using disc::PtyController;
 
-
 TEST(CheckIAPReply, Table) {
     struct Case {
         Bytes reply;
@@ -74,7 +73,8 @@ BfwOutcome RunIsItBFW(int serial, int32_t old_kernel, const Bytes& reply) {
     UniqueFd port(fds[0]), peer(fds[1]);
     fcntl(port.get(), F_SETFL, O_NONBLOCK);
     if (!reply.empty()) {
-        EXPECT_EQ(static_cast<ssize_t>(reply.size()), write(peer.get(), reply.data(), reply.size()));
+        EXPECT_EQ(static_cast<ssize_t>(reply.size()),
+                  write(peer.get(), reply.data(), reply.size()));
     }
     const int32_t saved = bOldKernel;
     bOldKernel = old_kernel;
@@ -262,8 +262,9 @@ TEST(CheckRS232Device, PortThatCannotBeOpened) {
     GlobalSettings settings = ProbeSettings(0);
     CManager manager(&settings);
     EXPECT_EQ(-1, CheckRS232Device(&manager, "/nonexistent/ttyS9"));
-    EXPECT_TRUE(log.Contains("Open port [/nonexistent/ttyS9] failed with fd=-1. This may be caused "
-                             "by executing with non-root permission."));
+    EXPECT_TRUE(
+        log.Contains("Open port [/nonexistent/ttyS9] failed with fd=-1. This may be caused "
+                     "by executing with non-root permission."));
     EXPECT_EQ(1234u, settings.DeviceBaudRate);
 }
 

@@ -75,8 +75,8 @@ TEST(Parse232CmdPacket, NeverCollectsMoreThan64Bytes) {
         int expected;  // total packet length the parser waits for
     };
     // Length bytes whose length + 2 would wrap a byte (254 -> 0, 255 -> 1) or exceed 64.
-    const Case cases[] = {{0, 2}, {1, 3}, {61, 63}, {62, 64}, {63, 64}, {200, 64}, {254, 64},
-                          {255, 64}};
+    const Case cases[] = {{0, 2},   {1, 3},    {61, 63},  {62, 64},
+                          {63, 64}, {200, 64}, {254, 64}, {255, 64}};
     for (const Case& c : cases) {
         SCOPED_TRACE(c.length);
         ResetSerialReplyParser();
@@ -103,8 +103,8 @@ TEST(DispatchCmd, RepliedFlagByCommand) {
         uint8_t cmd, b3, b4;
         uint8_t replied;
     };
-    const Case cases[] = {{0x39, 0, 0, 0}, {0x39, 1, 0, 1}, {0x39, 0, 2, 1}, {0x41, 0, 0, 1},
-                          {0x42, 1, 1, 0}, {0x00, 0, 0, 0}};
+    const Case cases[] = {{0x39, 0, 0, 0}, {0x39, 1, 0, 1}, {0x39, 0, 2, 1},
+                          {0x41, 0, 0, 1}, {0x42, 1, 1, 0}, {0x00, 0, 0, 0}};
     for (const Case& c : cases) {
         SCOPED_TRACE(c.cmd * 1000 + c.b3 * 10 + c.b4);
         ResetSerialReplyParser();

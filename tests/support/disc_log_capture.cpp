@@ -20,7 +20,9 @@ void Sink(bool /*is_error*/, const char* message) {
     g_messages.emplace_back(message);
 }
 
-int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) { return remove(path); }
+int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) {
+    return remove(path);
+}
 
 }  // namespace
 

@@ -5,7 +5,7 @@
 #include <vector>
 
 class DiscLogCapture {
-public:
+  public:
     DiscLogCapture();
     ~DiscLogCapture();
     DiscLogCapture(const DiscLogCapture&) = delete;
@@ -22,13 +22,13 @@ public:
 
 // A fresh temporary directory, removed (recursively) when the object goes away.
 class DiscTempDir {
-public:
+  public:
     DiscTempDir();
     ~DiscTempDir();
     DiscTempDir(const DiscTempDir&) = delete;
     DiscTempDir& operator=(const DiscTempDir&) = delete;
     const std::string& path() const { return path_; }
 
-private:
+  private:
     std::string path_;
 };

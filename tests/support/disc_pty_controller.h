@@ -31,7 +31,7 @@ const Bytes kLoopbackReply = {0x0A, 0x01, 0x41};
 // The master side of a pty acting as a controller. It reads the commands the probe writes
 // to the slave and reads the slave's line speed back (tcgetattr on the master).
 class PtyController {
-public:
+  public:
     speed_t loopback_speed = 0;  // answers the loop-back only at this speed (0: never)
     Bytes loopback_reply = kLoopbackReply;
     speed_t iap_speed = 0;  // answers the IAP-type query only at this speed
@@ -75,7 +75,7 @@ public:
         return seen_;
     }
 
-private:
+  private:
     void Serve() {
         Bytes pending;
         while (!stop_) {
