@@ -58,7 +58,7 @@ for trace in "$FIX"/mt-bad-*.trace; do
 done
 
 # The pty port: the line speed the client sets is seen, the loop-back
-# command is answered, and the point report follows it.
+# command is echoed (a wildcard rule), and the point report follows it.
 link=$WORK/ttyTV0
 sed "s|@LINK@|$link|" "$FIX/serial-loopback.scn" > "$WORK/loop.scn"
 "$SIM_BIN" "$WORK/loop.scn" --log "$WORK/sim.log" --ready "$WORK/ready" --max-ms 8000 &
@@ -69,18 +69,18 @@ got=""
 if [ -e "$link" ] && exec 3<> "$link"; then
     stty -F "$link" 115200 raw -echo
     sleep 0.1
-    printf '\012\001\101' >&3
-    got=$(timeout 3 dd bs=8 count=1 iflag=fullblock <&3 2>/dev/null | od -An -tx1 | tr -s ' \n' ' ')
+    printf '\012\002\101\125' >&3
+    got=$(timeout 3 dd bs=9 count=1 iflag=fullblock <&3 2>/dev/null | od -An -tx1 | tr -s ' \n' ' ')
     exec 3>&-
 fi
 wait $sim
 rc=$?
 check "pty: simulator ends with status 0" $rc "status $rc"
-check "pty: client reads reply and report" "$([ "$got" = " 0a 01 41 81 0f 7f 00 00 " ]; echo $?)" "read '$got'"
+check "pty: client reads reply and report" "$([ "$got" = " 0a 02 41 55 81 0f 7f 00 00 " ]; echo $?)" "read '$got'"
 grep -q ' line 115200 8N1$' "$WORK/sim.log"
 check "pty: log shows the line speed 115200 8N1" $? "$(cat "$WORK/sim.log")"
-grep -q ' rx 0a 01 41$' "$WORK/sim.log" && grep -q ' tx 0a 01 41$' "$WORK/sim.log"
-check "pty: log shows the command and its reply" $?
+grep -q ' rx 0a 02 41 55$' "$WORK/sim.log" && grep -q ' tx 0a 02 41 55$' "$WORK/sim.log"
+check "pty: log shows the command and its echo" $?
 [ ! -e "$link" ]
 check "pty: link removed at exit" $?
 

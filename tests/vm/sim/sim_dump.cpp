@@ -16,6 +16,7 @@ std::string Hex16(unsigned value)
 std::string DumpReply(const Reply& reply)
 {
     std::string text = "reply after " + std::to_string(reply.after_ms) + " ";
+    if (reply.echo) return text + "echo";
     return text + (reply.garbage_len ? "garbage " + std::to_string(reply.garbage_len) : FormatHex(reply.bytes));
 }
 
@@ -41,7 +42,7 @@ std::string DumpStep(const Step& s)
     switch (s.kind) {
     case StepKind::kAt: return "at " + std::to_string(s.ms) + " " + DumpAction(s.action);
     case StepKind::kAfter: return "after " + std::to_string(s.ms) + " " + DumpAction(s.action);
-    case StepKind::kWaitRx: return "wait rx " + FormatHex(s.prefix) + timeout;
+    case StepKind::kWaitRx: return "wait rx " + FormatPattern(s.prefix) + timeout;
     case StepKind::kWaitOpen: return "wait open" + timeout;
     case StepKind::kWaitSpeed: return "wait speed " + std::to_string(s.speed) + timeout;
     }
@@ -63,7 +64,7 @@ std::string DumpScript(const Script& script)
         out += "getreport " + std::to_string(g.report_id) +
                (g.error ? " error " + std::to_string(g.error) : " reply " + FormatHex(g.data)) + "\n";
     for (const Rule& r : script.rules) {
-        out += "on " + FormatHex(r.prefix) + " times " + std::to_string(r.times_left);
+        out += "on " + FormatPattern(r.prefix) + " times " + std::to_string(r.times_left);
         for (const Reply& reply : r.replies) out += " ; " + DumpReply(reply);
         if (r.replies.empty() && !r.unplug) out += " ; silent";
         if (r.unplug) out += " ; unplug";

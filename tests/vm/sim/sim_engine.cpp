@@ -13,11 +13,6 @@ namespace {
 
 constexpr uint64_t kTickUs = 20000;
 
-bool StartsWith(const Bytes& packet, const Bytes& prefix)
-{
-    return packet.size() >= prefix.size() && std::equal(prefix.begin(), prefix.end(), packet.begin());
-}
-
 }  // namespace
 
 SimEngine::SimEngine(const Script& script, EventLog* log, uint64_t max_ms)
@@ -74,7 +69,7 @@ SimEngine::Progress SimEngine::TryStep(const Step& step, uint64_t now)
         if (now < due) return Progress::kBlocked;
         return RunAction(step.action, now);
     }
-    case StepKind::kWaitRx: ready = wait_matched_; break;
+    case StepKind::kWaitRx: ready = TakeWaited(step.prefix); break;
     case StepKind::kWaitOpen: ready = port_->opened(); break;
     case StepKind::kWaitSpeed: ready = port_->line_speed() == step.speed; break;
     }
@@ -88,6 +83,15 @@ SimEngine::Progress SimEngine::TryStep(const Step& step, uint64_t now)
         return Progress::kExit;
     }
     return Progress::kBlocked;
+}
+
+// Drops queued packets up to and including the first that matches.
+bool SimEngine::TakeWaited(const Pattern& pattern)
+{
+    auto it = std::find_if(unwaited_.begin(), unwaited_.end(), [&](const Bytes& p) { return Matches(pattern, p); });
+    if (it == unwaited_.end()) return false;
+    unwaited_.erase(unwaited_.begin(), it + 1);
+    return true;
 }
 
 void SimEngine::RunRate(uint64_t now)
@@ -116,16 +120,15 @@ void SimEngine::SendDueReplies(uint64_t now)
 
 void SimEngine::HandlePacket(const Bytes& packet, uint64_t now)
 {
-    if (step_index_ < script_.steps.size()) {
-        const Step& step = script_.steps[step_index_];
-        if (step.kind == StepKind::kWaitRx && StartsWith(packet, step.prefix)) wait_matched_ = true;
-    }
+    constexpr size_t kMaxUnwaited = 4096;
+    if (unwaited_.size() >= kMaxUnwaited) unwaited_.pop_front();
+    unwaited_.push_back(packet);
     for (Rule& rule : rules_) {
-        if (rule.times_left == 0 || !StartsWith(packet, rule.prefix)) continue;
+        if (rule.times_left == 0 || !Matches(rule.prefix, packet)) continue;
         if (rule.times_left > 0) --rule.times_left;
         log_->Write("match", "line " + std::to_string(rule.line));
         for (const Reply& reply : rule.replies) {
-            Bytes bytes = reply.garbage_len ? Garbage(reply.garbage_len) : reply.bytes;
+            Bytes bytes = reply.echo ? packet : reply.garbage_len ? Garbage(reply.garbage_len) : reply.bytes;
             if (reply.after_ms == 0)
                 port_->Send(bytes);
             else
@@ -174,7 +177,6 @@ int SimEngine::Run(const std::string& ready_path, volatile sig_atomic_t* stop)
             if (progress == Progress::kExit) return exit_status_;
             if (progress == Progress::kBlocked) break;
             ++step_index_;
-            wait_matched_ = false;
             if (!rate_active_) prev_end_us_ = now;
         }
 

@@ -4,6 +4,7 @@
 
 #include <signal.h>
 
+#include <deque>
 #include <map>
 #include <memory>
 #include <string>
@@ -29,6 +30,7 @@ private:
     enum class Progress { kBlocked, kDone, kExit };
 
     Progress TryStep(const Step& step, uint64_t now);
+    bool TakeWaited(const Pattern& pattern);
     Progress RunAction(const Action& action, uint64_t now);
     void RunRate(uint64_t now);
     void SendDueReplies(uint64_t now);
@@ -46,7 +48,7 @@ private:
     uint64_t start_us_ = 0;
     uint64_t prev_end_us_ = 0;
     size_t step_index_ = 0;
-    bool wait_matched_ = false;
+    std::deque<Bytes> unwaited_;  // received packets no 'wait rx' has passed yet
     int exit_status_ = 0;
 
     bool rate_active_ = false;

@@ -110,6 +110,21 @@ public:
         return true;
     }
 
+    // Like HexRun, where "xx" stands for any byte.
+    bool PatternRun(Pattern* out)
+    {
+        uint8_t byte = 0;
+        while (!AtEnd() && (Peek() == "xx" || ParseHexByte(Peek(), &byte))) {
+            if (out->bytes.size() >= kMaxPacket) return Fail("pattern longer than " + std::to_string(kMaxPacket));
+            bool any = Peek() == "xx";
+            out->bytes.push_back(any ? 0 : byte);
+            out->mask.push_back(any ? 0 : 0xff);
+            ++pos_;
+        }
+        if (out->bytes.empty()) return Fail(AtEnd() ? "hex pattern expected" : "bad hex byte '" + Peek() + "'");
+        return true;
+    }
+
     bool End()
     {
         if (!AtEnd()) return Fail("unexpected '" + Peek() + "'");
@@ -125,6 +140,10 @@ private:
 bool ParseReply(LineParser& p, Reply* reply)
 {
     if (p.Accept("after") && !p.Duration(&reply->after_ms)) return false;
+    if (p.Accept("echo")) {
+        reply->echo = true;
+        return true;
+    }
     if (p.Accept("garbage")) {
         uint64_t n = 0;
         if (!p.Number(kMaxPacket, &n, "garbage length") || n == 0) return p.Fail("bad garbage length");
@@ -138,7 +157,7 @@ bool ParseRule(LineParser& p, int line, Script* script)
 {
     Rule rule;
     rule.line = line;
-    if (!p.HexRun(kMaxPacket, &rule.prefix)) return false;
+    if (!p.PatternRun(&rule.prefix)) return false;
     if (p.Accept("times")) {
         uint64_t n = 0;
         if (!p.Number(1u << 30, &n, "count")) return false;
@@ -250,7 +269,7 @@ bool ParseWait(LineParser& p, int line_no, Script* script)
     std::string what = p.Next();
     if (what == "rx") {
         step.kind = StepKind::kWaitRx;
-        if (!p.HexRun(kMaxPacket, &step.prefix)) return false;
+        if (!p.PatternRun(&step.prefix)) return false;
     } else if (what == "open") {
         step.kind = StepKind::kWaitOpen;
     } else if (what == "speed") {
@@ -351,6 +370,24 @@ bool ParseLine(const std::string& raw, int line_no, const std::string& base_dir,
 }
 
 }  // namespace
+
+bool Matches(const Pattern& pattern, const Bytes& packet)
+{
+    if (packet.size() < pattern.bytes.size()) return false;
+    for (size_t i = 0; i < pattern.bytes.size(); ++i)
+        if ((packet[i] & pattern.mask[i]) != pattern.bytes[i]) return false;
+    return true;
+}
+
+std::string FormatPattern(const Pattern& pattern)
+{
+    std::string text;
+    for (size_t i = 0; i < pattern.bytes.size(); ++i) {
+        if (i) text += ' ';
+        text += pattern.mask[i] ? FormatHex(&pattern.bytes[i], 1) : "xx";
+    }
+    return text;
+}
 
 bool ParseScript(const std::string& text, const std::string& base_dir, Script* script, std::string* error)
 {

@@ -14,12 +14,17 @@
 //                                      (default on; the kernel drops short
 //                                      reports before hidraw sees them)
 //   getreport <report id> reply <hex bytes...> | error <errno>
-//   on <hex prefix> [times <n>] <action> [; <action>]...
-//        action: reply [after <time>] (<hex bytes...> | garbage <n>)
+//   on <pattern> [times <n>] <action> [; <action>]...
+//        action: reply [after <time>] (<hex bytes...> | garbage <n> | echo)
 //              | silent | unplug
+//        pattern: hex bytes that must start the packet; "xx" matches any
+//              byte (e.g. "03 xx 39": command 0x39 whatever its length)
 //   at <time> <step action>            at a time after the start
 //   after <time> <step action>         after the previous step ended
-//   wait rx <hex prefix> [timeout <time>]
+//   wait rx <pattern> [timeout <time>]   until a matching packet came in
+//                                      (received packets queue up: one
+//                                      that came before the wait counts
+//                                      if no earlier 'wait rx' passed it)
 //   wait open [timeout <time>]         USB: until the hidraw node is opened
 //   wait speed <baud> [timeout <time>] serial: until the line is set to it
 //        step action: send <hex bytes...> | send garbage <n>
@@ -41,15 +46,25 @@ namespace tvm {
 
 enum class PortKind { kUsb, kRs232, kPs2 };
 
+// Bytes a received packet must start with; a mask byte of 0 matches any.
+struct Pattern {
+    Bytes bytes;
+    Bytes mask;
+};
+
+bool Matches(const Pattern& pattern, const Bytes& packet);
+std::string FormatPattern(const Pattern& pattern);
+
 struct Reply {
     uint64_t after_ms = 0;
     Bytes bytes;
     size_t garbage_len = 0;  // > 0: send this many pseudo-random bytes instead
+    bool echo = false;       // send the received packet back
 };
 
 struct Rule {
     int line = 0;
-    Bytes prefix;
+    Pattern prefix;
     int64_t times_left = -1;  // -1: unlimited
     std::vector<Reply> replies;
     bool unplug = false;
@@ -81,7 +96,7 @@ struct Step {
     StepKind kind = StepKind::kAt;
     uint64_t ms = 0;          // kAt, kAfter
     uint64_t timeout_ms = 0;  // waits; 0 = no limit
-    Bytes prefix;             // kWaitRx
+    Pattern prefix;           // kWaitRx
     uint32_t speed = 0;       // kWaitSpeed
     Action action;            // kAt, kAfter
 };

@@ -1,6 +1,8 @@
 # Bed self-test of plug, unplug and load: the hidraw node goes away on
 # unplug (its reader gets an error) and comes back on plug; 1000 reports
-# sent at 500 a second all arrive; a serial link follows unplug and plug.
+# sent at 500 a second all arrive, spread over 2 s (not in a burst; a busy
+# host may stretch it, so only the lower bound is tight); a serial link
+# follows unplug and plug.
 . /bed/lib.sh
 
 node_count() { ls /sys/class/hidraw 2>/dev/null | wc -l | tr -d ' '; }
@@ -24,7 +26,7 @@ sent=$(grep -c ' tx 06 ' "$OUT/sim.log")
 step "usb: reports sent $sent"
 first=$(grep ' tx 06 ' "$OUT/sim.log" | head -n 1 | cut -d' ' -f1)
 last=$(grep ' tx 06 ' "$OUT/sim.log" | tail -n 1 | cut -d' ' -f1)
-echo "$first $last" | awk '{ d = $2 - $1; print "usb: load lasted " d " s"; exit !(d > 1.9 && d < 2.2) }' \
+echo "$first $last" | awk '{ d = $2 - $1; print "usb: load lasted " d " s"; exit !(d > 1.9 && d < 5) }' \
     > "$OUT/load-time.txt" && step "usb: load lasted about 2 s" || step "usb: load took $(cat "$OUT/load-time.txt")"
 
 tavrine-sim rs232.scn --log "$OUT/rs232.log" &
