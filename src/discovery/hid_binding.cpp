@@ -27,7 +27,7 @@ bool IdsAcceptable(const char* vid, const char* pid) {
 // Writes the new_id line for vid:pid into new_id_path. The shell's status (0 = written).
 int WriteNewId(const char* name, const char* vid, const char* pid, const char* new_id_path,
                const char* failure) {
-    TLOG(LOG_MAIN, "Entering %s with VID[%s] PID[%s]", name, vid, pid);
+    TLOG(LOG_MAIN, "Entering %s with VID[%.8s] PID[%.8s]", name, vid ? vid : "", pid ? pid : "");
     if (!IdsAcceptable(vid, pid)) return -1;
     char path[kKernelPathMax];
     char command[kShellCommandMax];

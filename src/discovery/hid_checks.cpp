@@ -92,6 +92,7 @@ int CheckModuleInSystem(const char* module_name, const char* dir_name) {
 int CheckPIDinInputDevice(const char* pid) {
     TLOG(LOG_MAIN, "Entering %s()", "CheckPIDinInputDevice");
     char product[24];
+    if (!pid) pid = "";
     snprintf(product, sizeof(product), "Product=%.8s", pid);
     CmdListing listing;
     int found = 0;
