@@ -56,10 +56,10 @@ bool NextWord(WordReader* reader, Word* word) {
         ungetc(next, reader->stream);
         return true;
     }
+    // Over-long: drop the rest of the word, so that it is never read as a word of its own.
     word->too_long = true;
-    // Drops the rest of the word; at the end of the stream there is nothing left to drop.
-    const int dropped = fscanf(reader->stream, "%*s");
-    (void)dropped;
+    int c = next;
+    while (c != EOF && !isspace(c)) c = getc(reader->stream);
     return true;
 }
 

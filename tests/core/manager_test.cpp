@@ -120,7 +120,7 @@ CDeviceObject* NewDevice(GlobalSettings* settings, const std::string& path, uint
         int fds[2];
         if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) == 0) {
             device->m_Port_fd.reset(fds[0]);
-            close(fds[1]);
+            UniqueFd peer(fds[1]);  // closed here: the port only needs to be a valid descriptor
         }
     }
     return device;
@@ -149,6 +149,7 @@ TEST(ManagerTest, PnpCheckRemovesEveryGoneDeviceAndKeepsTheRest) {
     int touch[2];
     ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, touch));
     devices[1]->UinputTouchFd.reset(touch[0]);
+    UniqueFd touch_peer(touch[1]);
     devices[1]->bTouchDeviceCreated = true;
     devices[1]->Param.SupportPoints = 2;
     devices[1]->LastContacts[0].State = 1;
@@ -169,13 +170,12 @@ TEST(ManagerTest, PnpCheckRemovesEveryGoneDeviceAndKeepsTheRest) {
     std::vector<struct input_event> events;
     struct input_event event;
     ssize_t n;
-    while ((n = recv(touch[1], &event, sizeof(event), MSG_DONTWAIT)) == sizeof(event)) {
+    while ((n = recv(touch_peer.get(), &event, sizeof(event), MSG_DONTWAIT)) == sizeof(event)) {
         events.push_back(event);
     }
     ASSERT_FALSE(events.empty());
     EXPECT_EQ(EV_SYN, events.back().type);
     EXPECT_EQ(SYN_REPORT, events.back().code);
-    close(touch[1]);
 
     // The devices left are both present: a second check keeps them.
     log.Clear();

@@ -30,10 +30,10 @@ class StdoutCapture {
 public:
     StdoutCapture() {
         fflush(stdout);
-        saved_ = dup(STDOUT_FILENO);
-        if (pipe2(fds_, O_CLOEXEC) == 0) {
-            fcntl(fds_[0], F_SETFL, O_NONBLOCK);
-            dup2(fds_[1], STDOUT_FILENO);
+        saved_.reset(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0));
+        if (coretest::MakePipe(&read_end_, &write_end_)) {
+            fcntl(read_end_.get(), F_SETFL, O_NONBLOCK);
+            dup2(write_end_.get(), STDOUT_FILENO);
         }
     }
     ~StdoutCapture() { Restore(); }
@@ -45,19 +45,19 @@ public:
 
 private:
     void Restore() {
-        if (saved_ < 0) return;
+        if (!saved_.valid()) return;
         fflush(stdout);
-        dup2(saved_, STDOUT_FILENO);
-        close(saved_);
-        saved_ = -1;
-        close(fds_[1]);
+        dup2(saved_.get(), STDOUT_FILENO);
+        saved_.reset();
+        write_end_.reset();
         char buffer[4096];
         ssize_t n;
-        while ((n = read(fds_[0], buffer, sizeof(buffer))) > 0) text_.append(buffer, n);
-        close(fds_[0]);
+        while ((n = ReadRetry(read_end_.get(), buffer, sizeof(buffer))) > 0) text_.append(buffer, n);
+        read_end_.reset();
     }
-    int saved_ = -1;
-    int fds_[2] = {-1, -1};
+    UniqueFd saved_;
+    UniqueFd read_end_;
+    UniqueFd write_end_;
     std::string text_;
 };
 

@@ -64,9 +64,9 @@ protected:
     void SetUp() override {
         if (getuid() != 0) GTEST_SKIP() << "the daemon ends with status 255 unless run as root";
         // One daemon test at a time, also across test processes run in parallel.
-        lock_fd_ = open((kDataDir + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-        ASSERT_GE(lock_fd_, 0);
-        ASSERT_EQ(0, flock(lock_fd_, LOCK_EX));
+        lock_fd_.reset(OpenCloexec((kDataDir + ".lock").c_str(), O_RDWR | O_CREAT, 0644));
+        ASSERT_TRUE(lock_fd_.valid());
+        ASSERT_EQ(0, flock(lock_fd_.get(), LOCK_EX));
         ASSERT_EQ(0, prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0));
         ASSERT_EQ(0, coretest::RunInChild([] {
                          execl("/bin/rm", "rm", "-rf", kDataDir.c_str(), static_cast<char*>(nullptr));
@@ -85,20 +85,21 @@ protected:
             usleep(5000);
         }
         Reap();
-        if (lock_fd_ >= 0) close(lock_fd_);
+        lock_fd_.reset();
     }
 
     // Runs the binary with args; returns the exit status of the started process (the
     // daemon's first half exits 0 right after detaching). Its output goes to out.
     int Run(const std::vector<std::string>& args, std::string* out = nullptr) {
-        int fds[2];
-        if (pipe2(fds, O_CLOEXEC) != 0) return -1;
+        UniqueFd read_end;
+        UniqueFd write_end;
+        if (!coretest::MakePipe(&read_end, &write_end)) return -1;
         fflush(stdout);
         pid_t pid = fork();
         if (pid == 0) {
-            dup2(fds[1], STDOUT_FILENO);
-            int null_fd = open("/dev/null", O_WRONLY);
-            dup2(null_fd, STDERR_FILENO);
+            dup2(write_end.get(), STDOUT_FILENO);
+            const int null_fd = OpenCloexec("/dev/null", O_WRONLY);
+            dup2(null_fd, STDERR_FILENO);  // the exec closes null_fd itself
             std::vector<char*> argv;
             argv.push_back(const_cast<char*>(kDaemon.c_str()));
             for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
@@ -106,16 +107,16 @@ protected:
             execv(kDaemon.c_str(), argv.data());
             _exit(127);
         }
-        close(fds[1]);
+        write_end.reset();
         std::string text;
         char buffer[1024];
         ssize_t n;
         // The detached half keeps no copy of the pipe (its output goes to /dev/null), so
         // the read ends when the started process has exited.
-        while ((n = read(fds[0], buffer, sizeof(buffer))) > 0 || (n < 0 && errno == EINTR)) {
-            if (n > 0) text.append(buffer, static_cast<size_t>(n));
+        while ((n = ReadRetry(read_end.get(), buffer, sizeof(buffer))) > 0) {
+            text.append(buffer, static_cast<size_t>(n));
         }
-        close(fds[0]);
+        read_end.reset();
         int status = 0;
         while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
         }
@@ -205,7 +206,7 @@ protected:
         return all;
     }
 
-    int lock_fd_ = -1;
+    UniqueFd lock_fd_;
     std::set<pid_t> started_;
     std::set<pid_t> starters_;
     std::map<pid_t, int> ended_;

@@ -57,16 +57,24 @@ LogCapture::~LogCapture() {
     ShowDebugPosition = saved_position_;
 }
 
+bool MakePipe(UniqueFd* read_end, UniqueFd* write_end) {
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC) != 0) return false;
+    read_end->reset(fds[0]);
+    write_end->reset(fds[1]);
+    return true;
+}
+
 void Quiet(const std::function<void()>& body) {
     fflush(stdout);
-    const int saved = dup(STDOUT_FILENO);
-    const int null_fd = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    dup2(null_fd, STDOUT_FILENO);
-    close(null_fd);
+    UniqueFd saved(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0));
+    {
+        UniqueFd null_fd(OpenCloexec("/dev/null", O_WRONLY));
+        dup2(null_fd.get(), STDOUT_FILENO);
+    }
     body();
     fflush(stdout);
-    dup2(saved, STDOUT_FILENO);
-    close(saved);
+    dup2(saved.get(), STDOUT_FILENO);
 }
 
 const std::vector<LogLine>& LogCapture::lines() const { return Captured(); }
@@ -87,29 +95,26 @@ void LogCapture::Clear() { Captured().clear(); }
 
 ChildResult RunInChild(const std::function<void()>& body) {
     ChildResult result{false, -1, ""};
-    int fds[2];
-    if (pipe2(fds, O_CLOEXEC) != 0) return result;
+    UniqueFd read_end;
+    UniqueFd write_end;
+    if (!MakePipe(&read_end, &write_end)) return result;
     fflush(stdout);
     fflush(stderr);
     pid_t pid = fork();
-    if (pid < 0) {
-        close(fds[0]);
-        close(fds[1]);
-        return result;
-    }
+    if (pid < 0) return result;
     if (pid == 0) {
-        dup2(fds[1], STDOUT_FILENO);
+        dup2(write_end.get(), STDOUT_FILENO);
         body();
         fflush(stdout);
         _exit(kReturned);
     }
-    close(fds[1]);
+    write_end.reset();
     char buffer[4096];
     ssize_t n;
-    while ((n = read(fds[0], buffer, sizeof(buffer))) > 0 || (n < 0 && errno == EINTR)) {
-        if (n > 0) result.out.append(buffer, static_cast<size_t>(n));
+    while ((n = ReadRetry(read_end.get(), buffer, sizeof(buffer))) > 0) {
+        result.out.append(buffer, static_cast<size_t>(n));
     }
-    close(fds[0]);
+    read_end.reset();
     int status = 0;
     while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }

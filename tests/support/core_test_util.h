@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "core/unique_fd.h"
+
 namespace coretest {
 
 // A fresh directory under /tmp, removed with everything in it when destroyed. Points the
@@ -54,6 +56,9 @@ private:
     uint32_t saved_bits_;
     uint8_t saved_position_;
 };
+
+// A close-on-exec pipe; false when it could not be made.
+bool MakePipe(UniqueFd* read_end, UniqueFd* write_end);
 
 // Runs body with file descriptor 1 on /dev/null.
 void Quiet(const std::function<void()>& body);
