@@ -25,7 +25,9 @@ int FrameEntries(const CDeviceObject* device) {
     return support < kMaxContacts ? support : kMaxContacts;
 }
 
-bool ValidContact(const TouchPoint* point) { return point->ID >= 0 && point->ID < kMaxContacts; }
+bool ValidContact(const TouchPoint* point) {
+    return point->ID >= 0 && point->ID < kMaxContacts;
+}
 
 // ResolX * v / 4095, 32-bit signed with the quotient truncated toward zero.
 int32_t ScaleAxis(int32_t v, int32_t resolution) {
@@ -43,8 +45,8 @@ void WritePen(CDeviceObject* device, uint16_t type, uint16_t code, int32_t value
 }
 
 void WriteSlotEntry(CDeviceObject* device, int j, const TouchPoint& entry) {
-    TLOG(LOG_EVENT, "Send SLOT Multi Event ID[%d], state[%d], X[%d] Y[%d]", j, entry.State,
-         entry.X, entry.Y);
+    TLOG(LOG_EVENT, "Send SLOT Multi Event ID[%d], state[%d], X[%d] Y[%d]", j, entry.State, entry.X,
+         entry.Y);
     WriteTouch(device, EV_ABS, ABS_MT_SLOT, j);
     if (entry.State == 1) {
         WriteTouch(device, EV_ABS, ABS_MT_TRACKING_ID, j);
@@ -57,8 +59,8 @@ void WriteSlotEntry(CDeviceObject* device, int j, const TouchPoint& entry) {
 }
 
 void WriteMultiSyncEntry(CDeviceObject* device, int j, const TouchPoint& entry) {
-    TLOG(LOG_EVENT, "Send Android Multi Sync Event ID[%d], state[%d], X[%d] Y[%d]", j,
-         entry.State, entry.X, entry.Y);
+    TLOG(LOG_EVENT, "Send Android Multi Sync Event ID[%d], state[%d], X[%d] Y[%d]", j, entry.State,
+         entry.X, entry.Y);
     WriteTouch(device, EV_ABS, ABS_MT_TRACKING_ID, j);
     WriteTouch(device, EV_ABS, ABS_MT_TOUCH_MAJOR, entry.State == 1 ? 1 : 0);
     WriteTouch(device, EV_ABS, ABS_MT_POSITION_X, entry.X);
@@ -82,9 +84,15 @@ void WriteFrame(CDeviceObject* device, TouchProtocol protocol) {
         TouchPoint& entry = device->CurContacts[j];
         if (entry.State == -1) continue;
         switch (protocol) {
-            case TouchProtocol::kSlot: WriteSlotEntry(device, j, entry); break;
-            case TouchProtocol::kAndroidMultiSync: WriteMultiSyncEntry(device, j, entry); break;
-            case TouchProtocol::kTypeA: WriteTypeAEntry(device, j, entry); break;
+            case TouchProtocol::kSlot:
+                WriteSlotEntry(device, j, entry);
+                break;
+            case TouchProtocol::kAndroidMultiSync:
+                WriteMultiSyncEntry(device, j, entry);
+                break;
+            case TouchProtocol::kTypeA:
+                WriteTypeAEntry(device, j, entry);
+                break;
         }
         device->LastContacts[j] = entry;
         if (entry.State == 0) entry.State = -1;
@@ -125,7 +133,9 @@ void EmitTouch(CDeviceObject* device, const TouchPoint* point, TouchProtocol pro
     device->LastContactID = static_cast<uint8_t>(point->ID);
 }
 
-bool UsesAndroidMultiSync() { return AndroidVersion.major >= 1 && AndroidVersion.major <= 3; }
+bool UsesAndroidMultiSync() {
+    return AndroidVersion.major >= 1 && AndroidVersion.major <= 3;
+}
 
 }  // namespace
 

@@ -33,8 +33,12 @@ constexpr uint8_t kEventTypeA = 4;
 
 static_assert(sizeof(struct uinput_user_dev) == 1116, "uinput_user_dev record size");
 
-void SetEvBit(int fd, int bit) { ioctl(fd, UI_SET_EVBIT, bit); }
-void SetKeyBit(int fd, int bit) { ioctl(fd, UI_SET_KEYBIT, bit); }
+void SetEvBit(int fd, int bit) {
+    ioctl(fd, UI_SET_EVBIT, bit);
+}
+void SetKeyBit(int fd, int bit) {
+    ioctl(fd, UI_SET_KEYBIT, bit);
+}
 
 void SetAbsAxis(int fd, struct uinput_user_dev* dev, int axis, int32_t min, int32_t max) {
     ioctl(fd, UI_SET_ABSBIT, axis);

@@ -15,18 +15,28 @@
 
 namespace {
 
-constexpr int32_t kEdgeBand = 205;      // 5 % of 4096
+constexpr int32_t kEdgeBand = 205;       // 5 % of 4096
 constexpr int32_t kFarBandStart = 3891;  // 4096 - 205
 constexpr int32_t kMaxCoord = 4095;
 constexpr int32_t kFarEdge = 4094;
 constexpr int32_t kHalf = 2047;
 
-int32_t Wrap(int64_t v) { return static_cast<int32_t>(static_cast<uint32_t>(static_cast<uint64_t>(v))); }
-int32_t Mul(int32_t a, int32_t b) { return Wrap(static_cast<int64_t>(a) * b); }
-int32_t Add(int32_t a, int32_t b) { return Wrap(static_cast<int64_t>(a) + b); }
-int32_t Sub(int32_t a, int32_t b) { return Wrap(static_cast<int64_t>(a) - b); }
+int32_t Wrap(int64_t v) {
+    return static_cast<int32_t>(static_cast<uint32_t>(static_cast<uint64_t>(v)));
+}
+int32_t Mul(int32_t a, int32_t b) {
+    return Wrap(static_cast<int64_t>(a) * b);
+}
+int32_t Add(int32_t a, int32_t b) {
+    return Wrap(static_cast<int64_t>(a) + b);
+}
+int32_t Sub(int32_t a, int32_t b) {
+    return Wrap(static_cast<int64_t>(a) - b);
+}
 
-int32_t Clamp(int32_t v) { return v < 0 ? 0 : (v > kMaxCoord ? kMaxCoord : v); }
+int32_t Clamp(int32_t v) {
+    return v < 0 ? 0 : (v > kMaxCoord ? kMaxCoord : v);
+}
 
 int32_t CompensateAxis(int32_t v, int32_t near_percent, int32_t far_percent) {
     if (v < kEdgeBand) v = Sub(kEdgeBand, Mul(Sub(kEdgeBand, v), near_percent) / 100);
@@ -39,7 +49,9 @@ int32_t MapToRange(int32_t v, int32_t low, int32_t high) {
     return Add(low, Mul(v, Sub(high, low)) / kMaxCoord);
 }
 
-int64_t Distance(int32_t a, int32_t b) { return llabs(static_cast<int64_t>(a) - b); }
+int64_t Distance(int32_t a, int32_t b) {
+    return llabs(static_cast<int64_t>(a) - b);
+}
 
 }  // namespace
 
@@ -89,14 +101,34 @@ void ApplySplitRect(const DeviceParam& param, TouchPoint* point) {
     const int32_t top_y = y / 2;
     const int32_t bottom_y = Add(y / 2, kHalf);
     switch (param.SplitRectMode) {
-        case 1: point->X = right_x; point->Y = top_y; break;
-        case 2: point->X = left_x; point->Y = top_y; break;
-        case 3: point->X = left_x; point->Y = bottom_y; break;
-        case 4: point->X = right_x; point->Y = bottom_y; break;
-        case 5: point->Y = top_y; break;
-        case 6: point->Y = bottom_y; break;
-        case 7: point->X = right_x; break;
-        case 8: point->X = left_x; break;
+        case 1:
+            point->X = right_x;
+            point->Y = top_y;
+            break;
+        case 2:
+            point->X = left_x;
+            point->Y = top_y;
+            break;
+        case 3:
+            point->X = left_x;
+            point->Y = bottom_y;
+            break;
+        case 4:
+            point->X = right_x;
+            point->Y = bottom_y;
+            break;
+        case 5:
+            point->Y = top_y;
+            break;
+        case 6:
+            point->Y = bottom_y;
+            break;
+        case 7:
+            point->X = right_x;
+            break;
+        case 8:
+            point->X = left_x;
+            break;
         case 9:
             // A rectangle without width or height would collapse every contact to one
             // line: the contact is left where it is.

@@ -10,25 +10,25 @@
 
 namespace {
 
-constexpr int kSingleLen = 6;        // id, status, X (2), Y (2)
-constexpr int kPenLen = 12;          // id, status, X, Y, Z, tilt X, tilt Y (2 each)
-constexpr int kSpecialLen = 9;       // first contact of the series-11 0x04 report
+constexpr int kSingleLen = 6;   // id, status, X (2), Y (2)
+constexpr int kPenLen = 12;     // id, status, X, Y, Z, tilt X, tilt Y (2 each)
+constexpr int kSpecialLen = 9;  // first contact of the series-11 0x04 report
 constexpr int kSpecialSecondLen = 18;
 constexpr int kSerialLen = 5;
-constexpr int kSerialIdByte = 5;     // contact letter of 6-byte RS232 reports
+constexpr int kSerialIdByte = 5;  // contact letter of 6-byte RS232 reports
 constexpr int kFrameSlotStart = 2;
 constexpr int kSeriesSpecial04 = 11;
 constexpr int kSeriesLastDigitizer = 21;
 constexpr int kSeriesLastUnshifted04 = 8;
-constexpr int kMaxShift = 16;        // values are 16-bit: a larger shift reads as 0 anyway
+constexpr int kMaxShift = 16;  // values are 16-bit: a larger shift reads as 0 anyway
 constexpr int kTiltLimit = 6000;
 constexpr int kSerialFarEdge = 4094;
 
 struct FrameLayout {
     int slot_size;
     int max_slots;
-    bool shifted;   // X and Y shifted by ParallelResShift - 1
-    int y_offset;   // offset of Y within the slot
+    bool shifted;  // X and Y shifted by ParallelResShift - 1
+    int y_offset;  // offset of Y within the slot
 };
 constexpr FrameLayout kFrame06 = {10, 5, true, 4};
 constexpr FrameLayout kFrame17 = {14, 4, false, 6};
@@ -81,7 +81,9 @@ void HandSingle(CDeviceObject* device, const char* format, TouchPoint* point) {
     HandleContact(device, point);
 }
 
-int32_t PenTilt(int32_t raw) { return raw > kTiltLimit ? raw - 65536 : raw; }
+int32_t PenTilt(int32_t raw) {
+    return raw > kTiltLimit ? raw - 65536 : raw;
+}
 
 void ParsePenReport(CDeviceObject* device, const uint8_t* packet, TouchPoint* point) {
     const uint8_t status = packet[1];
@@ -126,8 +128,7 @@ void ParseSpecial04(CDeviceObject* device, const uint8_t* packet, int count, Tou
     HandSingle(device, "0x04 specail: ID=%d, X=%d, Y=%d, State=%d", point);
 }
 
-void ParseSerialReport(CDeviceObject* device, const uint8_t* packet, int count,
-                       TouchPoint* point) {
+void ParseSerialReport(CDeviceObject* device, const uint8_t* packet, int count, TouchPoint* point) {
     if (!LongEnough(packet, count, kSerialLen)) return;
     point->State = packet[0] & 0x01;
     point->X = ((packet[1] & 0x0F) * 128 + (packet[2] & 0x7F)) * 2;

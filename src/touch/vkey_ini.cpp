@@ -59,9 +59,8 @@ void ParseVKEYini(CDeviceObject* device, const char* key, const char* value) {
     if (index < 0 || index >= kVKeyCount) return;
     const int32_t code = KeyCodeOf(value);
     if (device->VKeyCode[index] != -1) {
-        TLOG(LOG_INIT,
-             "Repeat VKEY index [%d]. Original system KEY Code [%d] was replaced by [%d]", index,
-             device->VKeyCode[index], code);
+        TLOG(LOG_INIT, "Repeat VKEY index [%d]. Original system KEY Code [%d] was replaced by [%d]",
+             index, device->VKeyCode[index], code);
     }
     device->VKeyCode[index] = code;
     TLOG(LOG_INIT,

@@ -86,14 +86,23 @@ TEST(EmitFrameRule, AndroidMultiSyncProtocolOnAndroid1To3) {
     VersionGuard version(2);
     TouchRig rig;
     Send(rig, 0, 1, 100, 200);
-    std::vector<Ev> want = {Abs(ABS_MT_TRACKING_ID, 0), Abs(ABS_MT_TOUCH_MAJOR, 1),
-                            Abs(ABS_MT_POSITION_X, 100), Abs(ABS_MT_POSITION_Y, 200),
-                            Abs(ABS_MT_WIDTH_MAJOR, 0), MtSyn(), Syn()};
+    std::vector<Ev> want = {Abs(ABS_MT_TRACKING_ID, 0),
+                            Abs(ABS_MT_TOUCH_MAJOR, 1),
+                            Abs(ABS_MT_POSITION_X, 100),
+                            Abs(ABS_MT_POSITION_Y, 200),
+                            Abs(ABS_MT_WIDTH_MAJOR, 0),
+                            MtSyn(),
+                            Syn()};
     EXPECT_EQ(want, rig.TouchEvents());
 
     Send(rig, 0, 0, 100, 200);
-    want = {Abs(ABS_MT_TRACKING_ID, 0), Abs(ABS_MT_TOUCH_MAJOR, 0), Abs(ABS_MT_POSITION_X, 100),
-            Abs(ABS_MT_POSITION_Y, 200), Abs(ABS_MT_WIDTH_MAJOR, 0), MtSyn(), Syn()};
+    want = {Abs(ABS_MT_TRACKING_ID, 0),
+            Abs(ABS_MT_TOUCH_MAJOR, 0),
+            Abs(ABS_MT_POSITION_X, 100),
+            Abs(ABS_MT_POSITION_Y, 200),
+            Abs(ABS_MT_WIDTH_MAJOR, 0),
+            MtSyn(),
+            Syn()};
     EXPECT_EQ(want, rig.TouchEvents());
 
     // A pen sample on Android 2.3 is a touch contact of the multi sync protocol.
@@ -102,8 +111,13 @@ TEST(EmitFrameRule, AndroidMultiSyncProtocolOnAndroid1To3) {
     pen.inrange = 1;
     pen.tip = 1;
     DispatchTouchEvent(rig.dev.get(), &pen);
-    want = {Abs(ABS_MT_TRACKING_ID, 0), Abs(ABS_MT_TOUCH_MAJOR, 1), Abs(ABS_MT_POSITION_X, 700),
-            Abs(ABS_MT_POSITION_Y, 800), Abs(ABS_MT_WIDTH_MAJOR, 0), MtSyn(), Syn()};
+    want = {Abs(ABS_MT_TRACKING_ID, 0),
+            Abs(ABS_MT_TOUCH_MAJOR, 1),
+            Abs(ABS_MT_POSITION_X, 700),
+            Abs(ABS_MT_POSITION_Y, 800),
+            Abs(ABS_MT_WIDTH_MAJOR, 0),
+            MtSyn(),
+            Syn()};
     EXPECT_EQ(want, rig.TouchEvents());
     EXPECT_TRUE(rig.PenEvents().empty());
 
@@ -124,18 +138,28 @@ TEST(EmitFrameRule, TypeAProtocolEndsWithAnEmptyFrameWhenTheLastFingerLifts) {
     EXPECT_EQ(want, rig.TouchEvents());
 
     Send(rig, 1, 1, 300, 400);
-    want = {Abs(ABS_MT_POSITION_X, 100), Abs(ABS_MT_POSITION_Y, 200), MtSyn(),
-            Abs(ABS_MT_POSITION_X, 300), Abs(ABS_MT_POSITION_Y, 400), MtSyn(), Syn()};
+    want = {Abs(ABS_MT_POSITION_X, 100),
+            Abs(ABS_MT_POSITION_Y, 200),
+            MtSyn(),
+            Abs(ABS_MT_POSITION_X, 300),
+            Abs(ABS_MT_POSITION_Y, 400),
+            MtSyn(),
+            Syn()};
     EXPECT_EQ(want, rig.TouchEvents());
 
     Send(rig, 0, 0, 100, 200);  // one finger left: no empty frame
-    want = {Abs(ABS_MT_POSITION_X, 100), Abs(ABS_MT_POSITION_Y, 200), MtSyn(),
-            Abs(ABS_MT_POSITION_X, 300), Abs(ABS_MT_POSITION_Y, 400), MtSyn(), Syn()};
+    want = {Abs(ABS_MT_POSITION_X, 100),
+            Abs(ABS_MT_POSITION_Y, 200),
+            MtSyn(),
+            Abs(ABS_MT_POSITION_X, 300),
+            Abs(ABS_MT_POSITION_Y, 400),
+            MtSyn(),
+            Syn()};
     EXPECT_EQ(want, rig.TouchEvents());
 
     Send(rig, 1, 0, 300, 400);  // last finger: final position, then the empty frame
-    want = {Abs(ABS_MT_POSITION_X, 300), Abs(ABS_MT_POSITION_Y, 400), MtSyn(), Syn(), MtSyn(),
-            Syn()};
+    want = {
+        Abs(ABS_MT_POSITION_X, 300), Abs(ABS_MT_POSITION_Y, 400), MtSyn(), Syn(), MtSyn(), Syn()};
     EXPECT_EQ(want, rig.TouchEvents());
 }
 
@@ -239,9 +263,9 @@ TEST(EmitPen, PenSampleAndToolChange) {
     pen.tip = 1;
     pen.barrel = 1;
     DispatchTouchEvent(rig.dev.get(), &pen);
-    std::vector<Ev> want = {Key(BTN_TOOL_PEN, 1),      Key(BTN_STYLUS, 1),    Abs(ABS_X, 1000),
-                            Abs(ABS_Y, 2000),          Key(BTN_TOUCH, 1),     Abs(ABS_PRESSURE, 500),
-                            Abs(ABS_TILT_X, -30),      Abs(ABS_TILT_Y, 40),   Syn()};
+    std::vector<Ev> want = {Key(BTN_TOOL_PEN, 1), Key(BTN_STYLUS, 1),  Abs(ABS_X, 1000),
+                            Abs(ABS_Y, 2000),     Key(BTN_TOUCH, 1),   Abs(ABS_PRESSURE, 500),
+                            Abs(ABS_TILT_X, -30), Abs(ABS_TILT_Y, 40), Syn()};
     EXPECT_EQ(want, rig.PenEvents());
     EXPECT_TRUE(rig.TouchEvents().empty());
     EXPECT_EQ(1, rig.dev->LastContacts[0].State);
@@ -250,10 +274,10 @@ TEST(EmitPen, PenSampleAndToolChange) {
     pen.invert = 1;
     pen.barrel = 0;
     EmitPenEvent(rig.dev.get(), &pen);
-    want = {Key(BTN_TOOL_PEN, 0), Key(BTN_TOUCH, 0),     Syn(),
-            Key(BTN_TOOL_RUBBER, 1), Key(BTN_STYLUS, 0), Abs(ABS_X, 1000),
-            Abs(ABS_Y, 2000),     Key(BTN_TOUCH, 1),     Abs(ABS_PRESSURE, 500),
-            Abs(ABS_TILT_X, -30), Abs(ABS_TILT_Y, 40),   Syn()};
+    want = {Key(BTN_TOOL_PEN, 0),    Key(BTN_TOUCH, 0),   Syn(),
+            Key(BTN_TOOL_RUBBER, 1), Key(BTN_STYLUS, 0),  Abs(ABS_X, 1000),
+            Abs(ABS_Y, 2000),        Key(BTN_TOUCH, 1),   Abs(ABS_PRESSURE, 500),
+            Abs(ABS_TILT_X, -30),    Abs(ABS_TILT_Y, 40), Syn()};
     EXPECT_EQ(want, rig.PenEvents());
     EXPECT_EQ(1, rig.dev->LastPenInvert);
 
@@ -284,23 +308,30 @@ TEST(EmitPen, EraserSamples) {
     eraser.tilt_x = 1;
     eraser.tilt_y = 2;
     DispatchTouchEvent(rig.dev.get(), &eraser);
-    std::vector<Ev> want = {Key(BTN_TOOL_RUBBER, 1), Abs(ABS_X, 10),     Abs(ABS_Y, 20),
-                            Key(BTN_TOUCH, 1),       Abs(ABS_PRESSURE, 300), Abs(ABS_TILT_X, 1),
-                            Abs(ABS_TILT_Y, 2),      Syn()};
+    std::vector<Ev> want = {
+        Key(BTN_TOOL_RUBBER, 1), Abs(ABS_X, 10),     Abs(ABS_Y, 20),     Key(BTN_TOUCH, 1),
+        Abs(ABS_PRESSURE, 300),  Abs(ABS_TILT_X, 1), Abs(ABS_TILT_Y, 2), Syn()};
     EXPECT_EQ(want, rig.PenEvents());
     EXPECT_EQ(300, rig.dev->LastContacts[0].Z);
 
     eraser.eraser = 0;  // switch released while pressing: no BTN_TOUCH 0 yet
     eraser.Z = 7;
     DispatchTouchEvent(rig.dev.get(), &eraser);
-    want = {Abs(ABS_X, 10),       Abs(ABS_Y, 20),     Abs(ABS_PRESSURE, 7), Abs(ABS_TILT_X, 1),
-            Abs(ABS_TILT_Y, 2),   Syn(),              Key(BTN_TOOL_RUBBER, 0), Syn()};
+    want = {Abs(ABS_X, 10),     Abs(ABS_Y, 20), Abs(ABS_PRESSURE, 7),    Abs(ABS_TILT_X, 1),
+            Abs(ABS_TILT_Y, 2), Syn(),          Key(BTN_TOOL_RUBBER, 0), Syn()};
     EXPECT_EQ(want, rig.PenEvents());
 
     eraser.Z = 0;
     DispatchTouchEvent(rig.dev.get(), &eraser);
-    want = {Abs(ABS_X, 10),     Abs(ABS_Y, 20), Key(BTN_TOUCH, 0),       Abs(ABS_PRESSURE, 0),
-            Abs(ABS_TILT_X, 1), Abs(ABS_TILT_Y, 2), Syn(), Key(BTN_TOOL_RUBBER, 0), Syn()};
+    want = {Abs(ABS_X, 10),
+            Abs(ABS_Y, 20),
+            Key(BTN_TOUCH, 0),
+            Abs(ABS_PRESSURE, 0),
+            Abs(ABS_TILT_X, 1),
+            Abs(ABS_TILT_Y, 2),
+            Syn(),
+            Key(BTN_TOOL_RUBBER, 0),
+            Syn()};
     EXPECT_EQ(want, rig.PenEvents());
     EXPECT_TRUE(rig.TouchEvents().empty());
 }

@@ -20,7 +20,7 @@ using namespace touchtest;
 namespace {
 
 class TempDir {
-public:
+  public:
     TempDir() {
         char pattern[] = "/tmp/touch_uinput_XXXXXX";
         path_ = mkdtemp(pattern);
@@ -31,7 +31,7 @@ public:
     }
     const std::string& path() const { return path_; }
 
-private:
+  private:
     std::string path_;
 };
 
@@ -85,15 +85,38 @@ TEST(UinputRecord, TouchDeviceRecordPerProtocolAndAndroidVersion) {
     };
     const Case cases[] = {
         // Android 4+, slot protocol: slot and tracking id 0-20.
-        {9, 2, -1, -1,
-         {{ABS_MT_POSITION_X, 0, 4095}, {ABS_MT_POSITION_Y, 0, 4095}, {ABS_MT_TOOL_TYPE, 0, 1},
-          {ABS_MT_SLOT, 0, 20}, {ABS_MT_TRACKING_ID, 0, 20}}},
+        {9,
+         2,
+         -1,
+         -1,
+         {{ABS_MT_POSITION_X, 0, 4095},
+          {ABS_MT_POSITION_Y, 0, 4095},
+          {ABS_MT_TOOL_TYPE, 0, 1},
+          {ABS_MT_SLOT, 0, 20},
+          {ABS_MT_TRACKING_ID, 0, 20}}},
         // Android 2: tracking id but no slot.
-        {2, 1, 1919, 1079,
-         {{ABS_MT_POSITION_X, 0, 1919}, {ABS_MT_POSITION_Y, 0, 1079}, {ABS_MT_TOOL_TYPE, 0, 1},
+        {2,
+         1,
+         1919,
+         1079,
+         {{ABS_MT_POSITION_X, 0, 1919},
+          {ABS_MT_POSITION_Y, 0, 1079},
+          {ABS_MT_TOOL_TYPE, 0, 1},
+          {ABS_MT_TRACKING_ID, 0, 20}}},
+        // Android 3: still no slot.
+        {3,
+         2,
+         -1,
+         -1,
+         {{ABS_MT_POSITION_X, 0, 4095},
+          {ABS_MT_POSITION_Y, 0, 4095},
+          {ABS_MT_TOOL_TYPE, 0, 1},
           {ABS_MT_TRACKING_ID, 0, 20}}},
         // Type A: neither.
-        {9, 4, -1, 799,
+        {9,
+         4,
+         -1,
+         799,
          {{ABS_MT_POSITION_X, 0, 4095}, {ABS_MT_POSITION_Y, 0, 799}, {ABS_MT_TOOL_TYPE, 0, 1}}},
     };
     for (const Case& c : cases) {
@@ -134,11 +157,10 @@ TEST(UinputRecord, PenDeviceRecordAndTiltCondition) {
         bool tilt;
     };
     const Case cases[] = {
-        {9, 3, 2, true},    // kernel 3.2: major above 2 and minor above 1
-        {9, 4, 19, true},
-        {9, 4, 1, false},   // minor 1 is not above 1
-        {9, 2, 6, false},   // kernel 2.6
-        {0, 2, 6, true},    // no Android found
+        {9, 3, 2, true},                     // kernel 3.2: major above 2 and minor above 1
+        {9, 4, 19, true}, {9, 4, 1, false},  // minor 1 is not above 1
+        {9, 2, 6, false},                    // kernel 2.6
+        {0, 2, 6, true},                     // no Android found
         {4, 3, 0, false},
     };
     for (const Case& c : cases) {
@@ -159,8 +181,8 @@ TEST(UinputRecord, PenDeviceRecordAndTiltCondition) {
         EXPECT_EQ(0x3C7A, dev.id.vendor);
         EXPECT_EQ(0x0030, dev.id.product);
         EXPECT_EQ(1, dev.id.version);
-        std::vector<AxisWant> axes = {{ABS_X, 0, 4095}, {ABS_Y, 0, 4095},
-                                      {ABS_MT_TOOL_TYPE, 0, 1}, {ABS_PRESSURE, 0, 1023}};
+        std::vector<AxisWant> axes = {
+            {ABS_X, 0, 4095}, {ABS_Y, 0, 4095}, {ABS_MT_TOOL_TYPE, 0, 1}, {ABS_PRESSURE, 0, 1023}};
         if (c.tilt) {
             axes.push_back({ABS_TILT_X, -6000, 6000});
             axes.push_back({ABS_TILT_Y, -6000, 6000});

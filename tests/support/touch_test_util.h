@@ -6,9 +6,9 @@
 
 #include <gtest/gtest.h>
 #include <linux/input.h>
-#include <string.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -40,10 +40,18 @@ inline std::ostream& operator<<(std::ostream& out, const Ev& e) {
 }
 
 // Shorthands for expected-event lists written by hand.
-inline Ev Abs(uint16_t code, int32_t value) { return Ev{EV_ABS, code, value}; }
-inline Ev Key(uint16_t code, int32_t value) { return Ev{EV_KEY, code, value}; }
-inline Ev Syn() { return Ev{EV_SYN, SYN_REPORT, 0}; }
-inline Ev MtSyn() { return Ev{EV_SYN, SYN_MT_REPORT, 0}; }
+inline Ev Abs(uint16_t code, int32_t value) {
+    return Ev{EV_ABS, code, value};
+}
+inline Ev Key(uint16_t code, int32_t value) {
+    return Ev{EV_KEY, code, value};
+}
+inline Ev Syn() {
+    return Ev{EV_SYN, SYN_REPORT, 0};
+}
+inline Ev MtSyn() {
+    return Ev{EV_SYN, SYN_MT_REPORT, 0};
+}
 
 // Slot-protocol events of one touching slot and of one lifted slot.
 inline void AddSlotDown(std::vector<Ev>* out, int slot, int x, int y) {
@@ -84,7 +92,8 @@ inline std::vector<TimedEv> DrainTimed(int fd) {
         EXPECT_EQ(static_cast<ssize_t>(sizeof(raw)), n) << "one write must carry one event";
         if (n != static_cast<ssize_t>(sizeof(raw))) continue;
         memcpy(&raw, buffer, sizeof(raw));
-        out.push_back(TimedEv{Ev{raw.type, raw.code, raw.value}, static_cast<long>(raw.input_event_sec),
+        out.push_back(TimedEv{Ev{raw.type, raw.code, raw.value},
+                              static_cast<long>(raw.input_event_sec),
                               static_cast<long>(raw.input_event_usec)});
     }
     return out;
@@ -99,7 +108,7 @@ inline std::vector<Ev> Drain(int fd) {
 // Captures every debug-log message while alive (all categories enabled), through a log
 // file in a temporary location so nothing reaches standard output or the system log.
 class LogCapture {
-public:
+  public:
     LogCapture() : saved_bits_(DebugEnableBits), saved_position_(ShowDebugPosition) {
         memcpy(saved_path_, LogFilePath, sizeof(saved_path_));
         char pattern[] = "/tmp/touch_log_XXXXXX";
@@ -135,11 +144,9 @@ public:
         return n;
     }
     bool Has(const std::string& text) const { return Count(text) > 0; }
-    void Clear() {
-        UniqueFd fd(OpenCloexec(path_.c_str(), O_WRONLY | O_TRUNC));
-    }
+    void Clear() { UniqueFd fd(OpenCloexec(path_.c_str(), O_WRONLY | O_TRUNC)); }
 
-private:
+  private:
     uint32_t saved_bits_;
     uint8_t saved_position_;
     char saved_path_[kLogPathMax];
@@ -148,7 +155,7 @@ private:
 
 // Sets the Android and kernel versions for one test and restores them.
 class VersionGuard {
-public:
+  public:
     VersionGuard(int android_major, int kernel_major = 4, int kernel_minor = 19)
         : android_(AndroidVersion), kernel_(KernelVersion) {
         AndroidVersion = AndroidVersionInfo{android_major, 0};
@@ -159,7 +166,7 @@ public:
         KernelVersion = kernel_;
     }
 
-private:
+  private:
     AndroidVersionInfo android_;
     KernelVersionInfo kernel_;
 };
@@ -167,7 +174,7 @@ private:
 // A bare device record with neutral per-device settings (no transform, no filter, output
 // range 0-4095, slot protocol, ten contacts) and socketpairs as its touch and pen devices.
 class TouchRig {
-public:
+  public:
     explicit TouchRig(uint8_t interface = DEV_USB) : saved_bits_(DebugEnableBits) {
         DebugEnableBits = 0;
         memset(&settings, 0, sizeof(settings));
@@ -208,7 +215,7 @@ public:
     GlobalSettings settings;
     std::unique_ptr<CDeviceObject> dev;
 
-private:
+  private:
     uint32_t saved_bits_;
     UniqueFd touch_;
     UniqueFd pen_;

@@ -95,19 +95,25 @@ TEST(ContactTransform, DirectionAndOrientation) {
         XY out;
     };
     const Case cases[] = {
-        {1, 0, {100, 200}, {3994, 200}},  {2, 0, {100, 200}, {100, 3894}},
-        {3, 0, {100, 200}, {3994, 3894}}, {4, 0, {100, 200}, {200, 100}},
-        {5, 0, {100, 200}, {3894, 100}},  {6, 0, {100, 200}, {200, 3994}},
-        {0, 0, {100, 200}, {100, 200}},   {-1, 0, {100, 200}, {100, 200}},  // ignored unless > 0
+        {1, 0, {100, 200}, {3994, 200}},
+        {2, 0, {100, 200}, {100, 3894}},
+        {3, 0, {100, 200}, {3994, 3894}},
+        {4, 0, {100, 200}, {200, 100}},
+        {5, 0, {100, 200}, {3894, 100}},
+        {6, 0, {100, 200}, {200, 3994}},
+        {0, 0, {100, 200}, {100, 200}},
+        {-1, 0, {100, 200}, {100, 200}},  // ignored unless > 0
         {8, 0, {100, 200}, {100, 200}},   // no known bit
-        {0, 1, {100, 200}, {3894, 100}},  {0, 2, {100, 200}, {3994, 3894}},
-        {0, 3, {100, 200}, {200, 3994}},  {0, 4, {100, 200}, {100, 200}},
+        {0, 1, {100, 200}, {3894, 100}},
+        {0, 2, {100, 200}, {3994, 3894}},
+        {0, 3, {100, 200}, {200, 3994}},
+        {0, 4, {100, 200}, {100, 200}},
         {0, -1, {100, 200}, {100, 200}},
         {5, 1, {100, 200}, {3994, 3894}},  // direction first: (3894,100), then a quarter turn
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(testing::Message() << "direction " << c.direction << " orientation "
-                                        << c.orientation);
+        SCOPED_TRACE(testing::Message()
+                     << "direction " << c.direction << " orientation " << c.orientation);
         DeviceParam p = Neutral();
         p.Direction = c.direction;
         p.Orientation = c.orientation;
@@ -154,11 +160,11 @@ TEST(ContactTransform, CustomRectangle) {
     const Case cases[] = {
         {1000, 3000, 0, 4095, {4095, 4095}, {3000, 4095}},
         {1000, 3000, 0, 4095, {2048, 0}, {2000, 0}},
-        {1000, 3000, 100, 200, {0, 2048}, {1000, 150}},  // 100 + 2048 * 100 / 4095 = 150.01
-        {3000, 1000, 0, 4095, {4095, 1}, {1000, 1}},     // reversed rectangle mirrors
-        {3000, 1000, 0, 4095, {1, 1}, {3000, 1}},        // 3000 + (-2000 / 4095) -> 3000
-        {500, 500, 0, 4095, {1234, 2345}, {1234, 2345}},   // zero width: unchanged
-        {0, 4095, 700, 700, {1234, 2345}, {1234, 2345}},   // zero height: unchanged
+        {1000, 3000, 100, 200, {0, 2048}, {1000, 150}},   // 100 + 2048 * 100 / 4095 = 150.01
+        {3000, 1000, 0, 4095, {4095, 1}, {1000, 1}},      // reversed rectangle mirrors
+        {3000, 1000, 0, 4095, {1, 1}, {3000, 1}},         // 3000 + (-2000 / 4095) -> 3000
+        {500, 500, 0, 4095, {1234, 2345}, {1234, 2345}},  // zero width: unchanged
+        {0, 4095, 700, 700, {1234, 2345}, {1234, 2345}},  // zero height: unchanged
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(testing::Message() << c.left << "-" << c.right << " " << c.in.x);
@@ -185,9 +191,9 @@ TEST(ContactPipeline, OrderAndContactNumberCheck) {
     p.EdgeRight = 100;
     p.EdgeTop = 100;
     p.EdgeBottom = 100;
-    p.Direction = 1;       // X = 4094 - X
-    p.Orientation = 2;     // both mirrored
-    p.SplitRectMode = 2;   // both halved
+    p.Direction = 1;      // X = 4094 - X
+    p.Orientation = 2;    // both mirrored
+    p.SplitRectMode = 2;  // both halved
     // (100, 1000): edge -> (48, 1000); direction -> (4046, 1000);
     // orientation 2 -> (48, 3094); split 2 -> (24, 1547).
     TouchPoint t = At({100, 1000});
@@ -236,7 +242,7 @@ TEST(ContactHoldFilter, DriftIsSwallowedUntilTheRangeIsReached) {
     EXPECT_TRUE(send(1, 1005, 1000, 0).empty());
     EXPECT_TRUE(send(1, 1010, 1000, 0).empty());
     EXPECT_TRUE(send(1, 1015, 1000, 0).empty());
-    EXPECT_TRUE(send(1, 1000, 981, 0).empty());   // 19 in Y
+    EXPECT_TRUE(send(1, 1000, 981, 0).empty());    // 19 in Y
     EXPECT_TRUE(send(1, 1000, 1000, 19).empty());  // 19 in Z
     std::vector<Ev> moved;
     AddSlotDown(&moved, 0, 1020, 1000);
@@ -244,6 +250,10 @@ TEST(ContactHoldFilter, DriftIsSwallowedUntilTheRangeIsReached) {
     EXPECT_EQ(moved, send(1, 1020, 1000, 0));  // 20 from the last that passed
     EXPECT_EQ(1020, rig.dev->HoldContacts[0].X);
     EXPECT_TRUE(send(1, 1035, 1000, 0).empty());  // measured from 1020, not 1000
+    std::vector<Ev> pressed;
+    AddSlotDown(&pressed, 0, 1020, 1000);
+    pressed.push_back(Syn());
+    EXPECT_EQ(pressed, send(1, 1020, 1000, 20));  // a change of 20 in Z alone passes
     std::vector<Ev> lift;
     AddSlotUp(&lift, 0);
     lift.push_back(Syn());

@@ -42,10 +42,16 @@ std::vector<Ev> LastFrame(const std::vector<Ev>& events) {
 
 // One slot of a 0x06 report: state, id, X, Y.
 void Slot06(std::vector<uint8_t>* out, int state, int id, int x, int y) {
-    const uint8_t slot[10] = {static_cast<uint8_t>(state), static_cast<uint8_t>(id),
-                              static_cast<uint8_t>(x), static_cast<uint8_t>(x >> 8),
-                              static_cast<uint8_t>(y), static_cast<uint8_t>(y >> 8), 0xEE, 0xEE,
-                              0xEE, 0xEE};
+    const uint8_t slot[10] = {static_cast<uint8_t>(state),
+                              static_cast<uint8_t>(id),
+                              static_cast<uint8_t>(x),
+                              static_cast<uint8_t>(x >> 8),
+                              static_cast<uint8_t>(y),
+                              static_cast<uint8_t>(y >> 8),
+                              0xEE,
+                              0xEE,
+                              0xEE,
+                              0xEE};
     out->insert(out->end(), slot, slot + 10);
 }
 
@@ -69,20 +75,58 @@ TEST(PointParseSingle, MouseDigitizerAndTouchReportsWithTheirShifts) {
         {"0x01 shift 1 -> none", 0, 1, 1, 1, {0x01, 0x05, 0x00, 0x0F, 0x00, 0x08}, 1, 3840, 2048},
         {"0x03 shift 3 -> 2", 0, 3, 1, 1, {0x03, 0x05, 0x00, 0x0F, 0x00, 0x08}, 1, 960, 512},
         {"0x01 id bits 2-6", 0, 1, 1, 1, {0x01, 0x1D, 0x01, 0x00, 0x02, 0x00}, 7, 1, 2},
-        {"0x02 series 21 digitizer shift 2 -> 1", 21, 1, 2, 1,
-         {0x02, 0x05, 0x00, 0x0F, 0x00, 0x08}, 1, 1920, 1024},
-        {"0x04 series 8: no shift", 8, 1, 1, 3, {0x04, 0x05, 0x00, 0x0F, 0x00, 0x08}, 1, 3840, 2048},
-        {"0x04 series 9: shift itself", 9, 1, 1, 2, {0x04, 0x05, 0x00, 0x0F, 0x00, 0x08}, 1, 960, 512},
+        {"0x02 series 21 digitizer shift 2 -> 1",
+         21,
+         1,
+         2,
+         1,
+         {0x02, 0x05, 0x00, 0x0F, 0x00, 0x08},
+         1,
+         1920,
+         1024},
+        {"0x04 series 8: no shift",
+         8,
+         1,
+         1,
+         3,
+         {0x04, 0x05, 0x00, 0x0F, 0x00, 0x08},
+         1,
+         3840,
+         2048},
+        {"0x04 series 9: shift itself",
+         9,
+         1,
+         1,
+         2,
+         {0x04, 0x05, 0x00, 0x0F, 0x00, 0x08},
+         1,
+         960,
+         512},
         // Shifts below 0 (descriptor gave -1 or announced nothing): no shift, never 31.
         {"0x01 shift field 0", 0, 0, 1, 1, {0x01, 0x05, 0x00, 0x0F, 0x00, 0x08}, 1, 3840, 2048},
         {"0x01 shift field -1", 0, -1, 1, 1, {0x01, 0x05, 0x00, 0x0F, 0x00, 0x08}, 1, 3840, 2048},
-        {"0x04 series 9 shift -1", 9, 1, 1, -1, {0x04, 0x05, 0x00, 0x0F, 0x00, 0x08}, 1, 3840, 2048},
+        {"0x04 series 9 shift -1",
+         9,
+         1,
+         1,
+         -1,
+         {0x04, 0x05, 0x00, 0x0F, 0x00, 0x08},
+         1,
+         3840,
+         2048},
         // Oversized report: bytes past the layout are ignored.
-        {"0x01 of 64 bytes", 0, 1, 1, 1, [] {
+        {"0x01 of 64 bytes", 0, 1, 1, 1,
+         [] {
              std::vector<uint8_t> b(64, 0xAB);
-             b[0] = 0x01; b[1] = 0x05; b[2] = 0x10; b[3] = 0x00; b[4] = 0x20; b[5] = 0x00;
+             b[0] = 0x01;
+             b[1] = 0x05;
+             b[2] = 0x10;
+             b[3] = 0x00;
+             b[4] = 0x20;
+             b[5] = 0x00;
              return b;
-         }(), 1, 16, 32},
+         }(),
+         1, 16, 32},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
@@ -116,8 +160,8 @@ TEST(PointParseSingle, Series11SpecialReportWithOneOrTwoContacts) {
     VersionGuard version(9);
     TouchRig rig;
     rig.dev->Series = 11;
-    rig.dev->MTouchResShift = 2;  // shift 1
-    std::vector<uint8_t> bytes = {0x04, 0x01, 0x00, 0x00, 0x03, 0x00, 0x08, 0x00, 0x04,  // id 3
+    rig.dev->MTouchResShift = 2;                                                          // shift 1
+    std::vector<uint8_t> bytes = {0x04, 0x01, 0x00, 0x00, 0x03, 0x00, 0x08, 0x00, 0x04,   // id 3
                                   0x01, 0x00, 0x00, 0x05, 0x00, 0x02, 0x00, 0x01, 0x02};  // id 5
     Parse(rig, bytes);
     std::vector<Ev> want;
@@ -150,11 +194,10 @@ TEST(PointParsePen, PenReportFieldsTiltAndEraserChoice) {
         rig.dev->Series = 22;
         rig.dev->DigitizerResShift = 3;  // pen reports are never shifted
         Parse(rig, {0x02, 0x23, 0xE8, 0x03, 0xD0, 0x07, 0x00, 0x02, 0x70, 0x17, 0x71, 0x17});
-        std::vector<Ev> want = {Key(BTN_TOOL_PEN, 1),   Key(BTN_STYLUS, 1),
-                                Abs(ABS_X, 1000),       Abs(ABS_Y, 2000),
-                                Key(BTN_TOUCH, 1),      Abs(ABS_PRESSURE, 512),
-                                Abs(ABS_TILT_X, 6000),  Abs(ABS_TILT_Y, -59535),
-                                Syn()};
+        std::vector<Ev> want = {
+            Key(BTN_TOOL_PEN, 1),  Key(BTN_STYLUS, 1),      Abs(ABS_X, 1000),
+            Abs(ABS_Y, 2000),      Key(BTN_TOUCH, 1),       Abs(ABS_PRESSURE, 512),
+            Abs(ABS_TILT_X, 6000), Abs(ABS_TILT_Y, -59535), Syn()};
         EXPECT_EQ(want, rig.PenEvents());
         EXPECT_TRUE(rig.TouchEvents().empty());
     }
@@ -163,14 +206,24 @@ TEST(PointParsePen, PenReportFieldsTiltAndEraserChoice) {
         TouchRig rig;
         rig.dev->Series = 23;
         Parse(rig, {0x02, 0x25, 0x0A, 0x00, 0x14, 0x00, 0x05, 0x00, 0x00, 0x00, 0x00, 0x00});
-        std::vector<Ev> want = {Abs(ABS_X, 10),     Abs(ABS_Y, 20),     Abs(ABS_PRESSURE, 5),
-                                Abs(ABS_TILT_X, 0), Abs(ABS_TILT_Y, 0), Syn(),
-                                Key(BTN_TOOL_RUBBER, 0), Syn()};
+        std::vector<Ev> want = {
+            Abs(ABS_X, 10),     Abs(ABS_Y, 20), Abs(ABS_PRESSURE, 5),    Abs(ABS_TILT_X, 0),
+            Abs(ABS_TILT_Y, 0), Syn(),          Key(BTN_TOOL_RUBBER, 0), Syn()};
         EXPECT_EQ(want, rig.PenEvents());
         EXPECT_EQ(1, rig.dev->HoldContacts[0].tip);
         EXPECT_EQ(1, rig.dev->HoldContacts[0].inrange);
         EXPECT_EQ(1, rig.dev->HoldContacts[0].bEraser);
         EXPECT_EQ(0, rig.dev->HoldContacts[0].bPen);
+    }
+    {
+        // Tilt X above 6000 is negative too; 0xFFFF is -1.
+        TouchRig rig;
+        rig.dev->Series = 22;
+        Parse(rig, {0x02, 0x21, 0, 0, 0, 0, 0, 0, 0x71, 0x17, 0xFF, 0xFF});
+        std::vector<Ev> events = rig.PenEvents();
+        ASSERT_EQ(9u, events.size());
+        EXPECT_EQ(Abs(ABS_TILT_X, -59535), events[6]);
+        EXPECT_EQ(Abs(ABS_TILT_Y, -1), events[7]);
     }
     {
         // Eraser switch (bit 3) without invert: still a pen sample.
@@ -231,9 +284,9 @@ TEST(PointParseFrame, ShiftOf0x06AndLayoutOf0x17) {
         // 0x17: 14-byte slots, X at slot bytes 2-3, Y at 6-7, never shifted.
         TouchRig rig;
         rig.dev->ParallelResShift = 3;
-        std::vector<uint8_t> bytes = {0x17, 2,
-                                      0x01, 0x04, 0x10, 0x00, 0x99, 0x99, 0x20, 0x00, 9, 9, 9, 9, 9, 9,
-                                      0x01, 0x08, 0x30, 0x00, 0x99, 0x99, 0x40, 0x00, 9, 9, 9, 9, 9, 9};
+        std::vector<uint8_t> bytes = {0x17, 2,    0x01, 0x04, 0x10, 0x00, 0x99, 0x99, 0x20, 0x00,
+                                      9,    9,    9,    9,    9,    9,    0x01, 0x08, 0x30, 0x00,
+                                      0x99, 0x99, 0x40, 0x00, 9,    9,    9,    9,    9,    9};
         Parse(rig, bytes);
         std::vector<Ev> want;
         AddSlotDown(&want, 4, 16, 32);
@@ -359,15 +412,36 @@ TEST(PointParseSerial, SerialReportsOnEachInterface) {
     };
     const Case cases[] = {
         {"RS232 corner, Y mirrored", DEV_RS232, {0x81, 0x0F, 0x7F, 0x00, 0x00}, 0, 4094, 4094},
-        {"RS232 high bits of bytes 1-4 ignored", DEV_RS232, {0x81, 0xF1, 0x80, 0x72, 0x81}, 0,
-         256, 4094 - ((2 * 128 + 1) * 2)},
-        {"RS232 6-byte contact letter", DEV_RS232, {0xA1, 0x00, 0x10, 0x00, 0x20, 'C'}, 2, 32,
+        {"RS232 high bits of bytes 1-4 ignored",
+         DEV_RS232,
+         {0x81, 0xF1, 0x80, 0x72, 0x81},
+         0,
+         256,
+         4094 - ((2 * 128 + 1) * 2)},
+        {"RS232 6-byte contact letter",
+         DEV_RS232,
+         {0xA1, 0x00, 0x10, 0x00, 0x20, 'C'},
+         2,
+         32,
          4094 - 64},
-        {"RS232 letter below 'A' wraps within 0-31", DEV_RS232, {0xA1, 0x00, 0x10, 0x00, 0x20, 0x40},
-         31, 32, 4094 - 64},
-        {"RS232 5-byte 0xA1 report has no letter", DEV_RS232, {0xA1, 0x00, 0x10, 0x00, 0x20}, 0,
-         32, 4094 - 64},
-        {"PS/2 never reads a letter", DEV_PS2, {0xA1, 0x00, 0x10, 0x00, 0x20, 'C'}, 0, 32, 4094 - 64},
+        {"RS232 letter below 'A' wraps within 0-31",
+         DEV_RS232,
+         {0xA1, 0x00, 0x10, 0x00, 0x20, 0x40},
+         31,
+         32,
+         4094 - 64},
+        {"RS232 5-byte 0xA1 report has no letter",
+         DEV_RS232,
+         {0xA1, 0x00, 0x10, 0x00, 0x20},
+         0,
+         32,
+         4094 - 64},
+        {"PS/2 never reads a letter",
+         DEV_PS2,
+         {0xA1, 0x00, 0x10, 0x00, 0x20, 'C'},
+         0,
+         32,
+         4094 - 64},
         {"USB report id 0x81: no mirror", DEV_USB, {0x81, 0x00, 0x10, 0x00, 0x20}, 0, 32, 64},
     };
     for (const Case& c : cases) {

@@ -32,7 +32,9 @@ void Usb(TouchRig& rig, const std::vector<uint8_t>& bytes) {
 }
 
 volatile sig_atomic_t g_usr2_count = 0;
-void CountUsr2(int) { g_usr2_count = g_usr2_count + 1; }
+void CountUsr2(int) {
+    g_usr2_count = g_usr2_count + 1;
+}
 
 }  // namespace
 
@@ -130,20 +132,47 @@ TEST(UsbSplit, ClassificationBySkipAndRawPointSettings) {
         {"0x03 reply", false, 0, {0x03, 0x02, 0x55, 0x01}, false, true},
         {"0x0A reply", false, 0, {0x0A, 0x02, 0x55, 0x01}, false, true},
         {"leading 0x00 dropped", false, 0, {0x00, 0x03, 0x02, 0x55, 0x01}, false, true},
-        {"SkipFirstByte drops any first byte", true, 0, {0x7E, 0x03, 0x02, 0x55, 0x01}, false, true},
-        {"without skip the same read is no reply", false, 0, {0x7E, 0x03, 0x02, 0x55, 0x01}, false,
+        {"SkipFirstByte drops any first byte",
+         true,
+         0,
+         {0x7E, 0x03, 0x02, 0x55, 0x01},
+         false,
+         true},
+        {"without skip the same read is no reply",
+         false,
+         0,
+         {0x7E, 0x03, 0x02, 0x55, 0x01},
+         false,
          false},
         {"point report", false, 0, {0x01, 0x01, 0x10, 0x00, 0x20, 0x00}, true, false},
         {"raw points: 0x03 with byte 1 >= 0x80 is a point", false, 1, point, true, false},
-        {"raw points: 0x03 with byte 1 < 0x80 is a reply", false, 1, {0x03, 0x02, 0x55, 0x01},
-         false, true},
+        {"raw points: 0x03 with byte 1 = 0x80 is a point",
+         false,
+         1,
+         {0x03, 0x80, 0x10, 0x00, 0x20, 0x00},
+         true,
+         false},
+        {"raw points: 0x03 with byte 1 < 0x80 is a reply",
+         false,
+         1,
+         {0x03, 0x02, 0x55, 0x01},
+         false,
+         true},
         {"raw points: 0x0A is a reply", false, 1, {0x0A, 0x02, 0x55, 0x01}, false, true},
-        {"raw points: other ids are points", false, 1, {0x01, 0x01, 0x10, 0x00, 0x20, 0x00}, true,
+        {"raw points: other ids are points",
+         false,
+         1,
+         {0x01, 0x01, 0x10, 0x00, 0x20, 0x00},
+         true,
          false},
         {"without raw points 0x03 is always a reply", false, 0, point, false, false},
         {"raw points value 2 drops everything", false, 2, {0x0A, 0x02, 0x55, 0x01}, false, false},
-        {"raw points value 2 drops points too", false, 2, {0x01, 0x01, 0x10, 0x00, 0x20, 0x00},
-         false, false},
+        {"raw points value 2 drops points too",
+         false,
+         2,
+         {0x01, 0x01, 0x10, 0x00, 0x20, 0x00},
+         false,
+         false},
         {"a lone 0x00 is nothing", false, 0, {0x00}, false, false},
     };
     for (const Case& c : cases) {

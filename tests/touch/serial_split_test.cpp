@@ -40,10 +40,10 @@ void ExpectIdle(const TouchRig& rig) {
 // cut into two reads at every position, gives the same packets.
 TEST(SerialSplit, SameOutcomeWhereverTheReadIsCut) {
     VersionGuard version(9);
-    const std::vector<uint8_t> stream = {0x33, 0x00,                          // noise
-                                         0x81, 0x0F, 0x7F, 0x00, 0x00,        // touch 4094,4094
-                                         0x0A, 0x03, 0x55, 0x01, 0x02,        // reply
-                                         0x80, 0x00, 0x10, 0x00, 0x20};       // lift 32,4030
+    const std::vector<uint8_t> stream = {0x33, 0x00,                     // noise
+                                         0x81, 0x0F, 0x7F, 0x00, 0x00,   // touch 4094,4094
+                                         0x0A, 0x03, 0x55, 0x01, 0x02,   // reply
+                                         0x80, 0x00, 0x10, 0x00, 0x20};  // lift 32,4030
     std::vector<Ev> want;
     AddSlotDown(&want, 0, 4094, 4094);
     want.push_back(Syn());
@@ -55,7 +55,8 @@ TEST(SerialSplit, SameOutcomeWhereverTheReadIsCut) {
         rig.dev->BaudRate = 9600;
         HookOn(rig, 0x55);
         ParseSerialPacket(rig.dev.get(), stream.data(), static_cast<int>(cut));
-        ParseSerialPacket(rig.dev.get(), stream.data() + cut, static_cast<int>(stream.size() - cut));
+        ParseSerialPacket(rig.dev.get(), stream.data() + cut,
+                          static_cast<int>(stream.size() - cut));
         EXPECT_EQ(want, rig.TouchEvents());
         EXPECT_EQ(1, rig.dev->bSelfHookReplied.load());
         EXPECT_EQ((std::vector<uint8_t>{0x0A, 0x03, 0x55, 0x01, 0x02}), Reply(rig, 5));
@@ -77,8 +78,11 @@ TEST(SerialSplit, PointLengthByInterfaceAndSpeed) {
         uint32_t baud;
         int length;
     };
-    const Case cases[] = {{DEV_RS232, 9600, 5}, {DEV_PS2, 9600, 5}, {DEV_RS232, 115200, 6},
-                          {DEV_PS2, 115200, 5}, {DEV_RS232, 0, 6}};
+    const Case cases[] = {{DEV_RS232, 9600, 5},
+                          {DEV_PS2, 9600, 5},
+                          {DEV_RS232, 115200, 6},
+                          {DEV_PS2, 115200, 5},
+                          {DEV_RS232, 0, 6}};
     for (const Case& c : cases) {
         SCOPED_TRACE(testing::Message() << int(c.interface) << " " << c.baud);
         TouchRig rig(c.interface);
@@ -89,7 +93,7 @@ TEST(SerialSplit, PointLengthByInterfaceAndSpeed) {
             ExpectIdle(rig);
         } else {
             EXPECT_TRUE(rig.TouchEvents().empty());  // waits for the sixth byte
-            Feed(rig, {'B'});                          // contact 1 on RS232
+            Feed(rig, {'B'});                        // contact 1 on RS232
             std::vector<Ev> want;
             AddSlotDown(&want, 1, 32, 4094 - 64);
             want.push_back(Syn());
@@ -102,8 +106,8 @@ TEST(SerialSplit, Ps2AcknowledgeBytesVanishEverywhere) {
     VersionGuard version(9);
     TouchRig rig(DEV_PS2);
     HookOn(rig, 0x55);
-    Feed(rig, {0xFA, 0x81, 0xFA, 0x0F, 0x7F, 0xFA, 0x00, 0x00, 0xFA,
-               0x0A, 0xFA, 0x03, 0x55, 0xFA, 0x01, 0x02, 0xFA});
+    Feed(rig, {0xFA, 0x81, 0xFA, 0x0F, 0x7F, 0xFA, 0x00, 0x00, 0xFA, 0x0A, 0xFA, 0x03, 0x55, 0xFA,
+               0x01, 0x02, 0xFA});
     std::vector<Ev> want;
     AddSlotDown(&want, 0, 4094, 4094);
     want.push_back(Syn());

@@ -17,26 +17,18 @@ TEST(VKeyIni, KeysAndValues) {
         int code;
     };
     const Case cases[] = {
-        {"VKEY_0", "BACK", 0, 158},
-        {"VKEY_1", "HOME", 1, 102},
-        {"VKEY_2", "MENU", 2, 139},
-        {"VKEY_3", "SEARCH", 3, 217},
-        {"VKEY_4", "0x9e", 4, 158},
-        {"VKEY_5", "0x2FF", 5, 0x2FF},
-        {"VKEY_6", "114", 6, 114},
-        {"VKEY_7", "home", 7, -1},     // names are case-sensitive
-        {"VKEY_8", "0x", 8, -1},       // no digits
-        {"VKEY_9", "12abc", 9, -1},    // trailing text
-        {"VKEY_9", "abc", 9, -1},
-        {"VKEY_9", "", 9, -1},
-        {"VKEY_9", "0x300", 9, -1},    // beyond the kernel's key codes
-        {"VKEY_9", "-5", 9, -1},
-        {"VKEY_9", "99999999999999999999", 9, -1},
-        {"VKEY_10", "BACK", -1, 0},    // index outside 0-9
-        {"VKEY_-1", "BACK", -1, 0},
-        {"VKEY_x", "BACK", -1, 0},
-        {"VKEY_", "BACK", -1, 0},
-        {"KEY_1", "BACK", -1, 0},
+        {"VKEY_0", "BACK", 0, 158}, {"VKEY_1", "HOME", 1, 102},
+        {"VKEY_2", "MENU", 2, 139}, {"VKEY_3", "SEARCH", 3, 217},
+        {"VKEY_4", "0x9e", 4, 158}, {"VKEY_5", "0x2FF", 5, 0x2FF},
+        {"VKEY_6", "114", 6, 114},  {"VKEY_7", "home", 7, -1},  // names are case-sensitive
+        {"VKEY_8", "0x", 8, -1},                                // no digits
+        {"VKEY_9", "12abc", 9, -1},                             // trailing text
+        {"VKEY_9", "abc", 9, -1},   {"VKEY_9", "", 9, -1},
+        {"VKEY_9", "0x300", 9, -1},  // beyond the kernel's key codes
+        {"VKEY_9", "-5", 9, -1},    {"VKEY_9", "99999999999999999999", 9, -1},
+        {"VKEY_10", "BACK", -1, 0},  // index outside 0-9
+        {"VKEY_-1", "BACK", -1, 0}, {"VKEY_x", "BACK", -1, 0},
+        {"VKEY_", "BACK", -1, 0},   {"KEY_1", "BACK", -1, 0},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(testing::Message() << c.key << "=" << c.value);
@@ -71,13 +63,17 @@ namespace {
 
 // Key report of the common form: byte 4 bit 0 state, byte 5 index.
 void Report(TouchRig& rig, int state, int index) {
-    const uint8_t reply[6] = {0x03, 0x04, 0x36, 0x2F, static_cast<uint8_t>(state),
-                              static_cast<uint8_t>(index)};
+    const uint8_t reply[6] = {
+        0x03, 0x04, 0x36, 0x2F, static_cast<uint8_t>(state), static_cast<uint8_t>(index)};
     HandleVKeyReport(rig.dev.get(), reply);
 }
 
-std::vector<Ev> Press(int code) { return {Key(static_cast<uint16_t>(code), 1), Syn()}; }
-std::vector<Ev> Release(int code) { return {Key(static_cast<uint16_t>(code), 0), Syn()}; }
+std::vector<Ev> Press(int code) {
+    return {Key(static_cast<uint16_t>(code), 1), Syn()};
+}
+std::vector<Ev> Release(int code) {
+    return {Key(static_cast<uint16_t>(code), 0), Syn()};
+}
 
 }  // namespace
 
