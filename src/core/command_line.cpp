@@ -33,11 +33,21 @@ void ParseCommandLine(int argc, char** argv, GlobalSettings* settings) {
     int option;
     while ((option = getopt(argc, argv, kOptionString)) != -1) {
         switch (option) {
-            case 'v': settings->ShowVersion = 1; break;
-            case 'V': settings->ShowFullVersion = 1; break;
-            case 'f': settings->ForceRestart = 1; break;
-            case 'k': settings->KillRunning = 1; break;
-            case 'h': settings->ShowUsage = 1; break;
+            case 'v':
+                settings->ShowVersion = 1;
+                break;
+            case 'V':
+                settings->ShowFullVersion = 1;
+                break;
+            case 'f':
+                settings->ForceRestart = 1;
+                break;
+            case 'k':
+                settings->KillRunning = 1;
+                break;
+            case 'h':
+                settings->ShowUsage = 1;
+                break;
             case 'D':
                 DebugEnableBits = 0xFFFFF;
                 ShowDebugPosition = 0;
@@ -53,7 +63,9 @@ void ParseCommandLine(int argc, char** argv, GlobalSettings* settings) {
                 if (sscanf(optarg, "%x", &bits) == 1) DebugEnableBits = bits;
                 break;
             }
-            case 'p': ShowDebugPosition = static_cast<uint8_t>(atoi(optarg)); break;
+            case 'p':
+                ShowDebugPosition = static_cast<uint8_t>(atoi(optarg));
+                break;
             case 'r':
                 if (StorePathOption('r', optarg, settings->CustomSerialPath[0])) {
                     settings->CustomPathMask |= kCustomSerialPathBit;
@@ -64,8 +76,10 @@ void ParseCommandLine(int argc, char** argv, GlobalSettings* settings) {
                     settings->CustomPathMask |= kCustomUinputPathBit;
                 }
                 break;
-            case 'z': break;  // accepted and ignored
-            default: break;   // unknown letters and missing arguments are ignored
+            case 'z':
+                break;  // accepted and ignored
+            default:
+                break;  // unknown letters and missing arguments are ignored
         }
     }
 }

@@ -19,6 +19,18 @@ namespace {
 
 constexpr const char* kQevoVid = "3c7a";
 
+// ScanInterface: 0 scans every interface, 1 USB only, 2 RS232 only, 3 PS/2 only, any other
+// value none.
+constexpr uint8_t kScanUsb = 1;
+constexpr uint8_t kScanRs232 = 2;
+constexpr uint8_t kScanPs2 = 3;
+
+// Read afresh at each step, as a scan may change the settings record.
+bool Chooses(const CManager* manager, uint8_t interface) {
+    const uint8_t chosen = manager->pSettings->ScanInterface;
+    return chosen == 0 || chosen == interface;
+}
+
 bool IsEmptyPidSlot(const char* pid) {
     return strstr(pid, "NULL") != nullptr || strstr(pid, "null") != nullptr;
 }
@@ -38,16 +50,13 @@ void ScanLoopPass(CManager* manager) {
     const int16_t limit = manager->pSettings->MaxDeviceNums;
     if (static_cast<int16_t>(manager->DeviceCount) >= limit || bDeviceExistCheck.load()) return;
 
-    const uint8_t usb = manager->pSettings->ScanInterface;
-    if (usb == 0 || usb == 1) {
+    if (Chooses(manager, kScanUsb)) {
         CheckVIDinlsusb(kQevoVid);
         CheckIniDevPID(manager);
         ScanUSBPort(manager);
     }
-    const uint8_t rs232 = manager->pSettings->ScanInterface;
-    if (rs232 == 0 || rs232 == 2) ScanRS232Port(manager);
-    const uint8_t ps2 = manager->pSettings->ScanInterface;
-    if (ps2 == 0 || ps2 == 3) ScanPS2Port(manager);
+    if (Chooses(manager, kScanRs232)) ScanRS232Port(manager);
+    if (Chooses(manager, kScanPs2)) ScanPS2Port(manager);
 }
 
 void EndlessScanLoop(CManager* manager) {
@@ -91,7 +100,8 @@ int IsDeviceRemoved(CDeviceObject* device) {
                 return 1;
             }
             return 0;
-        default: return 0;
+        default:
+            return 0;
     }
 }
 

@@ -42,7 +42,8 @@ bool IsOtherDaemonRunning(pid_t old_pid) {
 
 void CheckRootPermission() {
     if (getuid() != 0) {
-        TLOG(LOG_INIT, "Errot: Permission is not root. Please execute driver with root permission!");
+        TLOG(LOG_INIT,
+             "Errot: Permission is not root. Please execute driver with root permission!");
         exit(-1);
     }
 }

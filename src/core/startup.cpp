@@ -1,8 +1,9 @@
 #include "core/startup.h"
 
-#include <new>
 #include <stdlib.h>
 #include <unistd.h>
+
+#include <new>
 
 #include "config/global_settings.h"
 #include "core/command_line.h"

@@ -54,8 +54,7 @@ ReadResult Read(const std::string& text, LogCapture* capture = nullptr) {
     DebugEnableBits = 1;
     ShowDebugPosition = 1;
     std::string copy = text;
-    FILE* stream = text.empty() ? fopen("/dev/null", "re")
-                                : fmemopen(&copy[0], copy.size(), "r");
+    FILE* stream = text.empty() ? fopen("/dev/null", "re") : fmemopen(&copy[0], copy.size(), "r");
     if (!stream) {
         ADD_FAILURE() << "no stream";
         return r;
@@ -108,18 +107,19 @@ TEST(GlobalSettingsTest, DefaultsOfEveryFieldAndTheLogFile) {
 }
 
 TEST(GlobalSettingsTest, HeaderMustBeExact) {
-    const std::string bodies = "DebugEnableBits 7 ScanInterface 3 [String] SerialPath /dev/ttyS1 [EndOfFile]";
+    const std::string bodies =
+        "DebugEnableBits 7 ScanInterface 3 [String] SerialPath /dev/ttyS1 [EndOfFile]";
     struct Case {
         std::string text;
         std::string logged_word;
     };
     const Case cases[] = {
-        {bodies, "DebugEnableBits"},                      // missing header
+        {bodies, "DebugEnableBits"},  // missing header
         {"[TavrineB.ini] " + bodies, "[TavrineB.ini]"},
         {"[TavrineA.ini]x " + bodies, "[TavrineA.ini]x"},
         {"[tavrinea.ini] " + bodies, "[tavrinea.ini]"},
-        {"", ""},                                         // empty file
-        {"  \n\t ", ""},                                  // white space only
+        {"", ""},         // empty file
+        {"  \n\t ", ""},  // white space only
     };
     for (const Case& c : cases) {
         LogCapture capture;
@@ -174,15 +174,16 @@ TEST(GlobalSettingsTest, DebugEnableBitsOnlyAsTheFirstKey) {
 }
 
 TEST(GlobalSettingsTest, GlobalKeysAreExactAndStoredByTheirRule) {
-    ReadResult r = Read(kHead +
-                        "ShowDebugPosition\t258\nBaudRate\t\t115200\nDeviceNums\t\t200\n"
-                        "UseDriverCalib 7\nSkipFirstByte 7\nShiftByteBothEnd -5\nScanInterface 259\n"
-                        "[String]\n");
-    EXPECT_EQ(2, r.position);                    // low byte
+    ReadResult r =
+        Read(kHead +
+             "ShowDebugPosition\t258\nBaudRate\t\t115200\nDeviceNums\t\t200\n"
+             "UseDriverCalib 7\nSkipFirstByte 7\nShiftByteBothEnd -5\nScanInterface 259\n"
+             "[String]\n");
+    EXPECT_EQ(2, r.position);  // low byte
     EXPECT_EQ(115200u, r.settings.BaudRate);
-    EXPECT_EQ(-56, r.settings.MaxDeviceNums);    // low byte of 200, signed
+    EXPECT_EQ(-56, r.settings.MaxDeviceNums);  // low byte of 200, signed
     EXPECT_TRUE(r.settings.UseDriverCalib);
-    EXPECT_TRUE(r.settings.SkipFirstByte);       // any value but 0
+    EXPECT_TRUE(r.settings.SkipFirstByte);  // any value but 0
     EXPECT_TRUE(r.settings.ShiftByteBothEnd);
     EXPECT_EQ(3, r.settings.ScanInterface);
 
@@ -192,8 +193,9 @@ TEST(GlobalSettingsTest, GlobalKeysAreExactAndStoredByTheirRule) {
     EXPECT_EQ(4, r.settings.MaxDeviceNums);
 
     // Keys must match exactly: near misses and unknown keys are read and ignored.
-    r = Read(kHead + "MyBaudRate 9600 baudrate 9600 BaudRate2 9600 ScanInterfaceX 2 "
-                     "Unknown 5 DeviceNums 2 [String]");
+    r = Read(kHead +
+             "MyBaudRate 9600 baudrate 9600 BaudRate2 9600 ScanInterfaceX 2 "
+             "Unknown 5 DeviceNums 2 [String]");
     GlobalSettings expected = Defaults();
     expected.MaxDeviceNums = 2;
     EXPECT_TRUE(SameRecord(expected, r.settings));
@@ -215,8 +217,9 @@ TEST(GlobalSettingsTest, MinusOneLeavesTheFieldAlone) {
 // A value that is not a decimal number is not applied; reading goes on with that word as
 // the next key, so the section stays in step.
 TEST(GlobalSettingsTest, NonNumericValueIsNotApplied) {
-    ReadResult r = Read(kHead + "BaudRate abc DeviceNums 3 ScanInterface 1x SkipFirstByte 1 "
-                                "UseDriverCalib 99999999999 ShiftByteBothEnd 1 [String]");
+    ReadResult r = Read(kHead +
+                        "BaudRate abc DeviceNums 3 ScanInterface 1x SkipFirstByte 1 "
+                        "UseDriverCalib 99999999999 ShiftByteBothEnd 1 [String]");
     EXPECT_EQ(0u, r.settings.BaudRate);
     EXPECT_EQ(3, r.settings.MaxDeviceNums);
     EXPECT_EQ(0, r.settings.ScanInterface);
@@ -227,17 +230,22 @@ TEST(GlobalSettingsTest, NonNumericValueIsNotApplied) {
 
 TEST(GlobalSettingsTest, SerialPathsBySubstringIntoFreeSlots) {
     LogCapture capture;
-    ReadResult r = Read(kHead +
-                        "[String]\nSerialPath default\nMySerialPath /dev/ttyS3\nSerialPath /dev/ttyS4\n"
-                        "SerialPath2 /dev/ttyUSB0\nXSerialPathY /dev/ttyS5\nSerialPath /dev/ttyS6\n"
-                        "SerialPath /dev/ttyS7\nSerialPath /dev/ttyS8\nserialpath /dev/ttyS9\n",
-                        &capture);
-    const char* expected[] = {"/dev/ttyS3", "/dev/ttyS4", "/dev/ttyUSB0", "/dev/ttyS5", "/dev/ttyS6"};
-    for (int i = 0; i < kSerialPathSlots; ++i) EXPECT_STREQ(expected[i], r.settings.CustomSerialPath[i]);
+    ReadResult r =
+        Read(kHead +
+                 "[String]\nSerialPath default\nMySerialPath /dev/ttyS3\nSerialPath /dev/ttyS4\n"
+                 "SerialPath2 /dev/ttyUSB0\nXSerialPathY /dev/ttyS5\nSerialPath /dev/ttyS6\n"
+                 "SerialPath /dev/ttyS7\nSerialPath /dev/ttyS8\nserialpath /dev/ttyS9\n",
+             &capture);
+    const char* expected[] = {"/dev/ttyS3", "/dev/ttyS4", "/dev/ttyUSB0", "/dev/ttyS5",
+                              "/dev/ttyS6"};
+    for (int i = 0; i < kSerialPathSlots; ++i)
+        EXPECT_STREQ(expected[i], r.settings.CustomSerialPath[i]);
     EXPECT_EQ(kCustomSerialPathBit, r.settings.CustomPathMask);
     // The sixth and seventh are ignored with a message; the lower-case key does not match.
-    EXPECT_EQ(1, capture.Count("SerialPath [/dev/ttyS7] is ignored: all 5 serial path slots are in use."));
-    EXPECT_EQ(1, capture.Count("SerialPath [/dev/ttyS8] is ignored: all 5 serial path slots are in use."));
+    EXPECT_EQ(1, capture.Count(
+                     "SerialPath [/dev/ttyS7] is ignored: all 5 serial path slots are in use."));
+    EXPECT_EQ(1, capture.Count(
+                     "SerialPath [/dev/ttyS8] is ignored: all 5 serial path slots are in use."));
     EXPECT_EQ(0, capture.CountContaining("ttyS9"));
 
     // "default" alone takes no slot and sets no bit.
@@ -260,10 +268,12 @@ TEST(GlobalSettingsTest, UinputPathByExactKey) {
 
 TEST(GlobalSettingsTest, DevPidBySubstringWithLengthAndFormRule) {
     LogCapture capture;
-    ReadResult r = Read(kHead +
-                        "[String] DevPID 0001 DevPID 00012 DevPID2 abcd MyDevPIDx 1F DevPID default "
-                        "DevPID 12;x DevPID ../ DevPID " + std::string(200, '7') + " devpid 0002",
-                        &capture);
+    ReadResult r =
+        Read(kHead +
+                 "[String] DevPID 0001 DevPID 00012 DevPID2 abcd MyDevPIDx 1F DevPID default "
+                 "DevPID 12;x DevPID ../ DevPID " +
+                 std::string(200, '7') + " devpid 0002",
+             &capture);
     EXPECT_STREQ("0001", r.settings.DevPID[0]);
     EXPECT_STREQ("abcd", r.settings.DevPID[1]);
     EXPECT_STREQ("1F", r.settings.DevPID[2]);
@@ -271,7 +281,8 @@ TEST(GlobalSettingsTest, DevPidBySubstringWithLengthAndFormRule) {
     EXPECT_EQ(1, capture.Count("Device[0] PID [0001] was set to add to module."));
     EXPECT_EQ(1, capture.Count("Device[1] PID [abcd] was set to add to module."));
     EXPECT_EQ(1, capture.Count("Device[2] PID [1F] was set to add to module."));
-    EXPECT_EQ(1, capture.Count("The PID [00012] is an incorrect form. As a result, skip this PID."));
+    EXPECT_EQ(1,
+              capture.Count("The PID [00012] is an incorrect form. As a result, skip this PID."));
     // Product ids reach shell commands: only hexadecimal digits are taken.
     EXPECT_EQ(1, capture.Count("The PID [12;x] is an incorrect form. As a result, skip this PID."));
     EXPECT_EQ(1, capture.Count("The PID [../] is an incorrect form. As a result, skip this PID."));
@@ -298,9 +309,10 @@ TEST(GlobalSettingsTest, DevPidBySubstringWithLengthAndFormRule) {
 // The string section ends at the first device header or at the end marker; what follows
 // belongs to device blocks and is never read here.
 TEST(GlobalSettingsTest, SectionsEndAtTheirClosingWords) {
-    ReadResult r = Read(kHead + "ScanInterface 1\n[String]\nSerialPath /dev/ttyS1\n\n"
-                                "[Device_No.1]\nSerialPath /dev/ttyS2\nUinputPath /dev/u\n[EndOfDevice]\n"
-                                "[EndOfFile]");
+    ReadResult r = Read(kHead +
+                        "ScanInterface 1\n[String]\nSerialPath /dev/ttyS1\n\n"
+                        "[Device_No.1]\nSerialPath /dev/ttyS2\nUinputPath /dev/u\n[EndOfDevice]\n"
+                        "[EndOfFile]");
     EXPECT_STREQ("/dev/ttyS1", r.settings.CustomSerialPath[0]);
     EXPECT_STREQ("default", r.settings.CustomSerialPath[1]);
     EXPECT_STREQ("/dev/input/uinput", r.settings.UinputPath);
@@ -314,8 +326,9 @@ TEST(GlobalSettingsTest, SectionsEndAtTheirClosingWords) {
     EXPECT_STREQ("/dev/ttyS3", r.settings.CustomSerialPath[0]);
 
     // Without "[String]" the global part ends at a device block: its keys are not global.
-    r = Read(kHead + "DeviceNums 2\n[Device_No.1]\nScanInterface 3\nSerialPath /dev/ttyS1\n"
-                     "[EndOfDevice]\n[String] UinputPath /dev/u [EndOfFile]");
+    r = Read(kHead +
+             "DeviceNums 2\n[Device_No.1]\nScanInterface 3\nSerialPath /dev/ttyS1\n"
+             "[EndOfDevice]\n[String] UinputPath /dev/u [EndOfFile]");
     GlobalSettings expected = Defaults();
     expected.MaxDeviceNums = 2;
     EXPECT_TRUE(SameRecord(expected, r.settings));
@@ -328,12 +341,19 @@ TEST(GlobalSettingsTest, SectionsEndAtTheirClosingWords) {
 TEST(GlobalSettingsTest, OverlongWordsAreIgnoredWhole) {
     const std::string filler(63, 'x');
     LogCapture capture;
-    ReadResult r = Read(kHead + filler + "ScanInterface 3 " + std::string(200, 'k') + " 4 "
-                                "DeviceNums " + std::string(200, '5') + " BaudRate 9600 [String] " +
-                                filler + "SerialPath /dev/ttyS1 "
-                                "SerialPath /dev/" + std::string(200, 'p') + " "
-                                "UinputPath " + filler + "/uinput "
-                                "SerialPath " + std::string(59, 'q') + "/abc",  // 63 characters: fits
+    ReadResult r = Read(kHead + filler + "ScanInterface 3 " + std::string(200, 'k') +
+                            " 4 "
+                            "DeviceNums " +
+                            std::string(200, '5') + " BaudRate 9600 [String] " + filler +
+                            "SerialPath /dev/ttyS1 "
+                            "SerialPath /dev/" +
+                            std::string(200, 'p') +
+                            " "
+                            "UinputPath " +
+                            filler +
+                            "/uinput "
+                            "SerialPath " +
+                            std::string(59, 'q') + "/abc",  // 63 characters: fits
                         &capture);
     EXPECT_EQ(0, r.settings.ScanInterface);
     EXPECT_EQ(1, r.settings.MaxDeviceNums);
@@ -346,7 +366,8 @@ TEST(GlobalSettingsTest, OverlongWordsAreIgnoredWhole) {
     EXPECT_EQ(1, capture.Count("The value of [UinputPath] is longer than 63 characters, skip it."));
 
     // An over-long "[String]"-like word does not start the string section.
-    r = Read(kHead + "[String]" + std::string(100, 'y') + " 1 ScanInterface 2 [String] SerialPath /dev/a");
+    r = Read(kHead + "[String]" + std::string(100, 'y') +
+             " 1 ScanInterface 2 [String] SerialPath /dev/a");
     EXPECT_EQ(2, r.settings.ScanInterface);
     EXPECT_STREQ("/dev/a", r.settings.CustomSerialPath[0]);
 }
@@ -382,7 +403,8 @@ TEST(GlobalSettingsTest, TruncatedFileKeepsWhatWasRead) {
         EXPECT_TRUE(IsLeadingPart(std::to_string(s.BaudRate), "9600") || s.BaudRate == 0u) << len;
         EXPECT_TRUE(s.ScanInterface == 0 || s.ScanInterface == 2) << len;
         EXPECT_TRUE(strcmp(s.CustomSerialPath[0], "default") == 0 ||
-                    IsLeadingPart(s.CustomSerialPath[0], "/dev/ttyS1")) << len;
+                    IsLeadingPart(s.CustomSerialPath[0], "/dev/ttyS1"))
+            << len;
         EXPECT_STREQ("default", s.CustomSerialPath[1]) << len;
         EXPECT_TRUE(strcmp(s.DevPID[0], "NULL") == 0 || IsLeadingPart(s.DevPID[0], "0001")) << len;
         EXPECT_TRUE(strcmp(s.DevPID[1], "NULL") == 0) << len;
@@ -401,10 +423,11 @@ TEST(GlobalSettingsTest, TruncatedFileKeepsWhatWasRead) {
     const size_t after_serial = full.find("UinputPath");
     const size_t after_uinput = full.find("DevPID");
     const Case cases[] = {
-        {full.find("DebugEnableBits") + 6, 0, "default", "/dev/input/uinput"},  // inside the first pair
-        {after_scan, 2, "default", "/dev/input/uinput"},                        // inside the global section
-        {full.find("[String]") + 8, 2, "default", "/dev/input/uinput"},         // right after [String]
-        {after_serial + 3, 2, "/dev/ttyS1", "/dev/input/uinput"},               // key without value
+        {full.find("DebugEnableBits") + 6, 0, "default",
+         "/dev/input/uinput"},                            // inside the first pair
+        {after_scan, 2, "default", "/dev/input/uinput"},  // inside the global section
+        {full.find("[String]") + 8, 2, "default", "/dev/input/uinput"},  // right after [String]
+        {after_serial + 3, 2, "/dev/ttyS1", "/dev/input/uinput"},        // key without value
         {after_uinput, 2, "/dev/ttyS1", "/dev/uinput"},
     };
     for (const Case& c : cases) {
@@ -431,10 +454,13 @@ TEST(GlobalSettingsTest, BinaryGarbageNeverHangsOrOverflows) {
         }
         ReadResult r = Read(bytes);
         EXPECT_NE(nullptr, memchr(r.settings.UinputPath, '\0', kTextMax));
-        for (const auto& slot : r.settings.CustomSerialPath) EXPECT_NE(nullptr, memchr(slot, '\0', kTextMax));
+        for (const auto& slot : r.settings.CustomSerialPath)
+            EXPECT_NE(nullptr, memchr(slot, '\0', kTextMax));
         for (const auto& slot : r.settings.DevPID) {
             ASSERT_NE(nullptr, memchr(slot, '\0', kPidTextMax));
-            EXPECT_TRUE(strcmp(slot, "NULL") == 0 || strspn(slot, "0123456789abcdefABCDEF") == strlen(slot)) << slot;
+            EXPECT_TRUE(strcmp(slot, "NULL") == 0 ||
+                        strspn(slot, "0123456789abcdefABCDEF") == strlen(slot))
+                << slot;
         }
     }
 }
@@ -447,12 +473,14 @@ TEST(GlobalSettingsTest, ReadsTheDataDirectoryFile) {
         coretest::Quiet([&] { ReadGlobalSettings(&s); });
         ASSERT_EQ(1u, capture.lines().size());
         EXPECT_TRUE(capture.lines()[0].is_error);
-        EXPECT_EQ("Failed to open the file: " + dir.File("TavrineA.ini") + ", set parameter to default.",
-                  capture.lines()[0].message);
+        EXPECT_EQ(
+            "Failed to open the file: " + dir.File("TavrineA.ini") + ", set parameter to default.",
+            capture.lines()[0].message);
     }
     EXPECT_TRUE(SameRecord(Defaults(), s));
 
-    ASSERT_TRUE(coretest::WriteFile(dir.File("TavrineA.ini"), kHead + "ScanInterface 4 [String] [EndOfFile]"));
+    ASSERT_TRUE(coretest::WriteFile(dir.File("TavrineA.ini"),
+                                    kHead + "ScanInterface 4 [String] [EndOfFile]"));
     {
         LogCapture capture;
         coretest::Quiet([&] { ReadGlobalSettings(&s); });

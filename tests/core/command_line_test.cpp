@@ -42,7 +42,7 @@ void Parse(GlobalSettings* settings, std::vector<std::string> words) {
 }
 
 class CommandLineTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         saved_bits_ = DebugEnableBits;
         saved_position_ = ShowDebugPosition;
@@ -64,7 +64,8 @@ const std::string kUsage =
     "-k\t Kill current running TavrineD process if it exists\n"
     "\n";
 const std::string kVersion = "\n\t\tTavrine version: [2.5.6720.]\n\n";
-const std::string kBothError = "\nError: The paramerers 'f' & 'k' can not be set at the same time!\n";
+const std::string kBothError =
+    "\nError: The paramerers 'f' & 'k' can not be set at the same time!\n";
 
 TEST_F(CommandLineTest, EachFlagOptionSetsItsFieldAndNothingElse) {
     struct Case {
@@ -72,8 +73,8 @@ TEST_F(CommandLineTest, EachFlagOptionSetsItsFieldAndNothingElse) {
         uint8_t GlobalSettings::*field;
     };
     const Case cases[] = {
-        {"-v", &GlobalSettings::ShowVersion},   {"-V", &GlobalSettings::ShowFullVersion},
-        {"-f", &GlobalSettings::ForceRestart},  {"-k", &GlobalSettings::KillRunning},
+        {"-v", &GlobalSettings::ShowVersion},  {"-V", &GlobalSettings::ShowFullVersion},
+        {"-f", &GlobalSettings::ForceRestart}, {"-k", &GlobalSettings::KillRunning},
         {"-h", &GlobalSettings::ShowUsage},
     };
     for (const Case& c : cases) {
@@ -102,7 +103,7 @@ TEST_F(CommandLineTest, DebugOptionsSetCategoriesOutputsAndForceRestart) {
         {{"-d400000"}, 0x400000, 1, 0},
         {{"-p", "2"}, 1, 2, 0},
         {{"-p", "0"}, 1, 0, 0},
-        {{"-p", "258"}, 1, 2, 0},  // kept in one byte
+        {{"-p", "258"}, 1, 2, 0},            // kept in one byte
         {{"-D", "-p", "2"}, 0xFFFFF, 2, 1},  // applied in the order given
         {{"-p", "2", "-E"}, 0xFFFF, 1, 1},
         {{"-d", "zz"}, 1, 1, 0},  // not a hexadecimal number: unchanged
@@ -148,7 +149,8 @@ TEST_F(CommandLineTest, OverlongPathOptionIsRefusedKeepingThePreviousValue) {
             Parse(&before.settings, {option, too_long});
             // Report the outcome through the exit status: 0 when nothing changed.
             fflush(stdout);
-            _exit(memcmp(&before.settings, &expected.settings, sizeof(GlobalSettings)) == 0 ? 0 : 3);
+            _exit(memcmp(&before.settings, &expected.settings, sizeof(GlobalSettings)) == 0 ? 0
+                                                                                            : 3);
         });
         ASSERT_TRUE(child.exited);
         EXPECT_EQ(0, child.status) << option;
@@ -200,7 +202,7 @@ TEST_F(CommandLineTest, StartupFlagsExitWithTheirStatusAndExactOutput) {
         {{"-D", "-k"}, 1, kBothError},
         {{"-k", "-E"}, 1, kBothError},
         {{"-v"}, 0, kVersion},
-        {{"-V"}, 0, kVersion},  // the suffix is empty
+        {{"-V"}, 0, kVersion},        // the suffix is empty
         {{"-v", "-V"}, 0, kVersion},  // only the short line
         {{"-v", "-k", "-f"}, 1, kBothError},
         {{"-k"}, kReturned, ""},

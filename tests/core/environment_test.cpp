@@ -37,14 +37,14 @@ TEST(EnvironmentTest, KernelVersionFromProcVersionText) {
         {prefix + "3.10.0-g1f2e (gcc) #1", 3, 10, 0, 0},
         {prefix + "6.1.0-18-amd64 (debian-kernel@lists.debian.org)", 6, 1, 0, 0},
         {prefix + "2.4.20 #1", 2, 4, 20, 0},
-        {prefix + "10", 10, 0, 0, 0},           // fewer pieces: the rest is 0
+        {prefix + "10", 10, 0, 0, 0},  // fewer pieces: the rest is 0
         {prefix + "4.19", 4, 19, 0, 0},
-        {prefix, 0, 0, 0, 0},                   // nothing after the prefix
-        {"Linux", 0, 0, 0, 0},                  // shorter than the prefix
+        {prefix, 0, 0, 0, 0},   // nothing after the prefix
+        {"Linux", 0, 0, 0, 0},  // shorter than the prefix
         {"", 0, 0, 0, 0},
-        {prefix + "x.y.z", 0, 0, 0, 0},         // garbage
+        {prefix + "x.y.z", 0, 0, 0, 0},                             // garbage
         {prefix + "99999999999999999999.1.2", INT32_MAX, 1, 2, 0},  // clamped, no overflow
-        {prefix + "3..10.1", 3, 10, 1, 0},      // empty pieces are skipped as strtok does
+        {prefix + "3..10.1", 3, 10, 1, 0},  // empty pieces are skipped as strtok does
     };
     for (const Case& c : cases) {
         KernelVersionInfo v = ParseKernel(c.text);
@@ -64,7 +64,7 @@ TEST(EnvironmentTest, KernelVersionStopsAtTheGivenLength) {
         int32_t major, minor, patch;
     };
     const Case cases[] = {
-        {14, 0, 0, 0}, {15, 3, 0, 0}, {16, 3, 0, 0}, {17, 3, 1, 0},
+        {14, 0, 0, 0},  {15, 3, 0, 0},  {16, 3, 0, 0},   {17, 3, 1, 0},
         {18, 3, 10, 0}, {20, 3, 10, 5}, {21, 3, 10, 52},
     };
     for (const Case& c : cases) {
@@ -118,8 +118,8 @@ TEST(EnvironmentTest, AndroidReleaseGivesMajorAndMinor) {
         int32_t major, minor;
     };
     const Case cases[] = {
-        {"4.0.4", 4, 0}, {"10", 10, 0}, {"", 0, 0}, {"12.1", 12, 1}, {"2.3.7", 2, 3},
-        {"R", 0, 0}, {".5", 5, 0}, {std::string(200, '8'), INT32_MAX, 0},
+        {"4.0.4", 4, 0}, {"10", 10, 0}, {"", 0, 0},   {"12.1", 12, 1},
+        {"2.3.7", 2, 3}, {"R", 0, 0},   {".5", 5, 0}, {std::string(200, '8'), INT32_MAX, 0},
     };
     for (const Case& c : cases) {
         AndroidVersionInfo v = {-7, -7};
@@ -136,7 +136,7 @@ TEST(EnvironmentTest, OldKernelIsTwoSixUpToThirtyFour) {
     };
     const Case cases[] = {
         {{2, 6, 34}, 1}, {{2, 6, 0}, 1}, {{2, 6, -1}, 1}, {{2, 6, 35}, 0},
-        {{2, 4, 20}, 0}, {{3, 0, 8}, 0}, {{0, 0, 0}, 0}, {{2, 7, 1}, 0},
+        {{2, 4, 20}, 0}, {{3, 0, 8}, 0}, {{0, 0, 0}, 0},  {{2, 7, 1}, 0},
     };
     for (const Case& c : cases) {
         EXPECT_EQ(c.old, IsOldKernel(c.v)) << c.v.major << "." << c.v.minor << "." << c.v.patch;

@@ -47,9 +47,9 @@ TEST(ManagerTest, PassWithoutScanningDoesNothing) {
         int16_t device_count;
     };
     const Case cases[] = {
-        {4, 1, 0}, {5, 1, 0}, {255, 3, 0},  // no interface chosen
-        {0, 1, 1}, {1, 2, 2}, {2, 1, 5},    // the device limit is reached
-        {0, 0, 0}, {3, -1, 0},              // a limit of 0 or below never scans
+        {4, 1, 0}, {5, 1, 0},  {255, 3, 0},  // no interface chosen
+        {0, 1, 1}, {1, 2, 2},  {2, 1, 5},    // the device limit is reached
+        {0, 0, 0}, {3, -1, 0},               // a limit of 0 or below never scans
     };
     bDeviceExistCheck.store(0);
     for (const Case& c : cases) {
@@ -61,8 +61,9 @@ TEST(ManagerTest, PassWithoutScanningDoesNothing) {
         log.Clear();
         manager.DeviceCount = c.device_count;
         coretest::Quiet([&] { ScanLoopPass(&manager); });
-        EXPECT_TRUE(log.lines().empty()) << int(c.scan_interface) << " " << int(c.max_devices)
-                                         << ": " << (log.lines().empty() ? "" : log.lines()[0].message);
+        EXPECT_TRUE(log.lines().empty())
+            << int(c.scan_interface) << " " << int(c.max_devices) << ": "
+            << (log.lines().empty() ? "" : log.lines()[0].message);
         EXPECT_EQ(c.device_count, manager.DeviceCount);
     }
 }

@@ -17,8 +17,8 @@
 namespace {
 
 using coretest::ChildResult;
-using coretest::kReturned;
 using coretest::KillAndReap;
+using coretest::kReturned;
 using coretest::LogCapture;
 using coretest::RunInChild;
 using coretest::StartNamedSleeper;
@@ -73,7 +73,8 @@ TEST(SingleInstanceTest, UnwritablePidFileIsLoggedAndStartUpGoesOn) {
     SetDataDirForTest((dir.path() + "/missing").c_str());
     LogCapture log;
     coretest::Quiet([&] { WritePidFile(); });
-    EXPECT_EQ(1, log.Count("Open " + dir.path() + "/missing/TouchPID failed, maybe /data/ is not writable."));
+    EXPECT_EQ(1, log.Count("Open " + dir.path() +
+                           "/missing/TouchPID failed, maybe /data/ is not writable."));
 }
 
 struct Flags {
@@ -156,9 +157,9 @@ TEST(SingleInstanceTest, RunningDaemonIsKilledOnlyWithForceOrKill) {
         bool killed;
     };
     const Case cases[] = {
-        {{0, 0}, 0, false},        // another daemon runs: this start ends
-        {{1, 0}, 0, true},         // -k: stop it and end
-        {{0, 1}, kReturned, true}, // -f: stop it and carry on
+        {{0, 0}, 0, false},         // another daemon runs: this start ends
+        {{1, 0}, 0, true},          // -k: stop it and end
+        {{0, 1}, kReturned, true},  // -f: stop it and carry on
     };
     for (const Case& c : cases) {
         const pid_t daemon = StartNamedSleeper(dir.path(), "TavrineTest", 30);

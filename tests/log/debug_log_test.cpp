@@ -27,7 +27,7 @@ const char* kPrefixPattern = "\\[[0-2][0-9]:[0-5][0-9]:[0-5][0-9]:[0-9]{3}\\]-: 
 
 // Collects what reaches file descriptor 1 while it lives (a pipe dup2-ed onto it).
 class StdoutCapture {
-public:
+  public:
     StdoutCapture() {
         fflush(stdout);
         saved_.reset(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0));
@@ -43,7 +43,7 @@ public:
         return text_;
     }
 
-private:
+  private:
     void Restore() {
         if (!saved_.valid()) return;
         fflush(stdout);
@@ -52,7 +52,8 @@ private:
         write_end_.reset();
         char buffer[4096];
         ssize_t n;
-        while ((n = ReadRetry(read_end_.get(), buffer, sizeof(buffer))) > 0) text_.append(buffer, n);
+        while ((n = ReadRetry(read_end_.get(), buffer, sizeof(buffer))) > 0)
+            text_.append(buffer, n);
         read_end_.reset();
     }
     UniqueFd saved_;
@@ -137,11 +138,29 @@ TEST(DebugLogFormatTest, TagsByExactCategoryValue) {
         const char* tag;
     };
     const Case cases[] = {
-        {0x1, "<Main>"}, {0x2, "<Init>"}, {0x4, "<Param>"}, {0x8, ""}, {0x10, "<App>"},
-        {0x20, "<Storage>"}, {0x40, "<Pipe>"}, {0x100, "<Shm>"}, {0x200, "<Thread>"},
-        {0x800, ""}, {0x1000, "<Beep>"}, {0x2000, ""}, {0x10000, "<Scan>"}, {0x40000, ""},
-        {0x80000, ""}, {0x100000, "<Data>"}, {0x200000, "<Port>"}, {0x400000, ""},
-        {0x3, ""}, {0x10001, ""}, {0x300000, ""}, {0, ""}, {0xFFFFFFFF, ""},
+        {0x1, "<Main>"},
+        {0x2, "<Init>"},
+        {0x4, "<Param>"},
+        {0x8, ""},
+        {0x10, "<App>"},
+        {0x20, "<Storage>"},
+        {0x40, "<Pipe>"},
+        {0x100, "<Shm>"},
+        {0x200, "<Thread>"},
+        {0x800, ""},
+        {0x1000, "<Beep>"},
+        {0x2000, ""},
+        {0x10000, "<Scan>"},
+        {0x40000, ""},
+        {0x80000, ""},
+        {0x100000, "<Data>"},
+        {0x200000, "<Port>"},
+        {0x400000, ""},
+        {0x3, ""},
+        {0x10001, ""},
+        {0x300000, ""},
+        {0, ""},
+        {0xFFFFFFFF, ""},
     };
     for (const Case& c : cases) {
         EXPECT_STREQ(c.tag, LogCategoryTag(c.category)) << std::hex << c.category;
@@ -162,18 +181,22 @@ TEST_F(LogFileFixture, LogFileNameIsDataDirDateAndHour) {
                  local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour);
         allowed.push_back(name);
     }
-    EXPECT_TRUE(std::find(allowed.begin(), allowed.end(), std::string(LogFilePath)) != allowed.end())
+    EXPECT_TRUE(std::find(allowed.begin(), allowed.end(), std::string(LogFilePath)) !=
+                allowed.end())
         << LogFilePath;
     EXPECT_TRUE(std::regex_match(std::string(LogFilePath),
-                                 std::regex(".*/Tavrine_20[0-9]{2}\\.([1-9]|1[0-2])\\.([1-9]|[12][0-9]|3[01])_([0-9]|1[0-9]|2[0-3])\\.log")));
+                                 std::regex(".*/"
+                                            "Tavrine_20[0-9]{2}\\.([1-9]|1[0-2])\\.([1-9]|[12][0-9]"
+                                            "|3[01])_([0-9]|1[0-9]|2[0-3])\\.log")));
 }
 
 TEST_F(LogFileFixture, BannerNamesTheStartTime) {
     LogCapture capture(LOG_MAIN, 1);
     coretest::Quiet([&] { BuildLogFileName(); });
     ASSERT_EQ(1u, capture.lines().size());
-    EXPECT_TRUE(std::regex_match(capture.lines()[0].message,
-                                 std::regex("\n\t\t\t[A-Z][a-z]{2} [A-Z][a-z]{2} [ 0-9]{2} [0-9:]{8} [0-9]{4}\n\t\t\t")))
+    EXPECT_TRUE(std::regex_match(
+        capture.lines()[0].message,
+        std::regex("\n\t\t\t[A-Z][a-z]{2} [A-Z][a-z]{2} [ 0-9]{2} [0-9:]{8} [0-9]{4}\n\t\t\t")))
         << capture.lines()[0].message;
 }
 
@@ -186,7 +209,7 @@ TEST_F(LogFileFixture, OutputPositionsOfANormalLine) {
         bool to_file;
     };
     const Case cases[] = {
-        {0, false, false, true}, {1, true, true, false}, {2, true, true, true},
+        {0, false, false, true},  {1, true, true, false},     {2, true, true, true},
         {3, false, false, false}, {255, false, false, false},
     };
     for (const Case& c : cases) {
@@ -198,7 +221,8 @@ TEST_F(LogFileFixture, OutputPositionsOfANormalLine) {
 
         const std::string pos = "position " + std::to_string(c.position);
         if (c.to_stdout) {
-            EXPECT_TRUE(std::regex_match(printed, std::regex(std::string(kPrefixPattern) + "<Main> ")))
+            EXPECT_TRUE(
+                std::regex_match(printed, std::regex(std::string(kPrefixPattern) + "<Main> ")))
                 << pos << ": " << printed;
         } else {
             EXPECT_EQ("", printed) << pos;
@@ -212,7 +236,8 @@ TEST_F(LogFileFixture, OutputPositionsOfANormalLine) {
         }
         const std::string file = coretest::ReadFile(log_file);
         if (c.to_file) {
-            EXPECT_TRUE(std::regex_match(file, std::regex(std::string(kPrefixPattern) + "<Main> hello 5 \\[x\\]\n")))
+            EXPECT_TRUE(std::regex_match(
+                file, std::regex(std::string(kPrefixPattern) + "<Main> hello 5 \\[x\\]\n")))
                 << pos << ": " << file;
         } else {
             EXPECT_FALSE(coretest::FileExists(log_file)) << pos;
@@ -245,7 +270,8 @@ TEST_F(LogFileFixture, ErrorLineCarriesMarkAndErrnoText) {
         const std::string printed = out.Take();
         const std::string file = coretest::ReadFile(log_file);
         if (position != 0) {
-            EXPECT_TRUE(std::regex_match(printed, std::regex(std::string(kPrefixPattern) + "<Init> \\[E\\] ")))
+            EXPECT_TRUE(std::regex_match(
+                printed, std::regex(std::string(kPrefixPattern) + "<Init> \\[E\\] ")))
                 << printed;
             ASSERT_EQ(1u, capture.lines().size());
             EXPECT_TRUE(capture.lines()[0].is_error);
@@ -291,8 +317,10 @@ TEST_F(LogFileFixture, LongMessageIsTruncatedToTheBuffer) {
     EXPECT_EQ(std::string(kLogMessageMax - 1, 'L'), capture.lines()[1].message);
     std::vector<std::string> lines = Lines(coretest::ReadFile(log_file));
     ASSERT_EQ(2u, lines.size());
-    EXPECT_TRUE(std::regex_match(lines[0], std::regex(std::string(kPrefixPattern) + "<Main> L{511}")));
-    EXPECT_TRUE(std::regex_match(lines[1], std::regex(std::string(kPrefixPattern) + "<Main> \\[E\\] L{511}: .+")));
+    EXPECT_TRUE(
+        std::regex_match(lines[0], std::regex(std::string(kPrefixPattern) + "<Main> L{511}")));
+    EXPECT_TRUE(std::regex_match(
+        lines[1], std::regex(std::string(kPrefixPattern) + "<Main> \\[E\\] L{511}: .+")));
 }
 
 struct WriterArgs {
@@ -319,7 +347,8 @@ TEST_F(LogFileFixture, LinesOfTwoThreadsNeverMix) {
     pthread_join(tb, nullptr);
     std::vector<std::string> lines = Lines(coretest::ReadFile(log_file));
     ASSERT_EQ(2000u, lines.size());
-    const std::regex whole(std::string(kPrefixPattern) + "<Pipe> (a[0-9]{4} a{100}|b[0-9]{4} b{100})");
+    const std::regex whole(std::string(kPrefixPattern) +
+                           "<Pipe> (a[0-9]{4} a{100}|b[0-9]{4} b{100})");
     int next[2] = {0, 0};
     for (const std::string& line : lines) {
         ASSERT_TRUE(std::regex_match(line, whole)) << line;
@@ -345,7 +374,8 @@ std::vector<std::string> DirEntries(const std::string& path) {
 }
 
 TEST_F(LogFileFixture, RemoveOldLogsDeletesOnlyEarlierLogFiles) {
-    for (const char* name : {"Tavrine_2026.11.16_9.log", "Tavrine_x", "TavrineA.ini", "TouchPID", "keep.log"}) {
+    for (const char* name :
+         {"Tavrine_2026.11.16_9.log", "Tavrine_x", "TavrineA.ini", "TouchPID", "keep.log"}) {
         ASSERT_TRUE(coretest::WriteFile(dir.File(name), "x"));
     }
     {
@@ -353,7 +383,8 @@ TEST_F(LogFileFixture, RemoveOldLogsDeletesOnlyEarlierLogFiles) {
         coretest::Quiet([&] { RemoveOldLogs(); });
         EXPECT_EQ(1, capture.Count("All old debug logs are removed."));
     }
-    EXPECT_EQ((std::vector<std::string>{"TavrineA.ini", "TouchPID", "keep.log"}), DirEntries(dir.path()));
+    EXPECT_EQ((std::vector<std::string>{"TavrineA.ini", "TouchPID", "keep.log"}),
+              DirEntries(dir.path()));
     {
         LogCapture capture(LOG_MAIN, 1);
         coretest::Quiet([&] { RemoveOldLogs(); });  // nothing left to remove: rm fails

@@ -60,7 +60,7 @@ pid_t ParentOf(pid_t pid) {
 }
 
 class DaemonProcessTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         if (getuid() != 0) GTEST_SKIP() << "the daemon ends with status 255 unless run as root";
         // One daemon test at a time, also across test processes run in parallel.
@@ -69,7 +69,8 @@ protected:
         ASSERT_EQ(0, flock(lock_fd_.get(), LOCK_EX));
         ASSERT_EQ(0, prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0));
         ASSERT_EQ(0, coretest::RunInChild([] {
-                         execl("/bin/rm", "rm", "-rf", kDataDir.c_str(), static_cast<char*>(nullptr));
+                         execl("/bin/rm", "rm", "-rf", kDataDir.c_str(),
+                               static_cast<char*>(nullptr));
                      }).status);
         ASSERT_EQ(0, mkdir(kDataDir.c_str(), 0755));
         ASSERT_TRUE(coretest::WriteFile(kDataDir + "/TavrineA.ini", kIni));
@@ -153,7 +154,8 @@ protected:
             std::string text = coretest::ReadFile(kPidFile);
             int pid = 0;
             if (text.size() == 10 && sscanf(text.c_str(), "%d", &pid) == 1 && pid > 0 &&
-                pid != not_this && ended_.count(pid) == 0 && ProcessName(pid).rfind("Tavrine", 0) == 0) {
+                pid != not_this && ended_.count(pid) == 0 &&
+                ProcessName(pid).rfind("Tavrine", 0) == 0) {
                 started_.insert(pid);
                 return pid;
             }
@@ -200,7 +202,8 @@ protected:
         DIR* dir = opendir(kDataDir.c_str());
         if (!dir) return all;
         while (struct dirent* e = readdir(dir)) {
-            if (strncmp(e->d_name, "Tavrine_", 8) == 0) all += coretest::ReadFile(kDataDir + "/" + e->d_name);
+            if (strncmp(e->d_name, "Tavrine_", 8) == 0)
+                all += coretest::ReadFile(kDataDir + "/" + e->d_name);
         }
         closedir(dir);
         return all;
@@ -337,7 +340,8 @@ TEST_F(DaemonProcessTest, KillWithoutPidFileCarriesOnAsDaemon) {
 TEST_F(DaemonProcessTest, InformationalOptionsPrintAndExit) {
     const std::string usage =
         "QEVO TavrineD Daemon\n\nUsage: TavrineD [option]\nOptions:\n-v\t Show version\n"
-        "-f\t Re-execute daemon TavrineD\n-k\t Kill current running TavrineD process if it exists\n\n";
+        "-f\t Re-execute daemon TavrineD\n-k\t Kill current running TavrineD process if it "
+        "exists\n\n";
     const std::string version = "\n\t\tTavrine version: [2.5.6720.]\n\n";
     const std::string both = "\nError: The paramerers 'f' & 'k' can not be set at the same time!\n";
     struct Case {
@@ -347,7 +351,7 @@ TEST_F(DaemonProcessTest, InformationalOptionsPrintAndExit) {
     };
     const Case cases[] = {
         {{"-h", "-k", "-f"}, 0, usage}, {{"-v", "-V"}, 0, version}, {{"-V"}, 0, version},
-        {{"-k", "-f"}, 1, both},        {{"-D", "-k"}, 1, both},   {{"-E", "-k"}, 1, both},
+        {{"-k", "-f"}, 1, both},        {{"-D", "-k"}, 1, both},    {{"-E", "-k"}, 1, both},
     };
     const std::regex prefixes("(\\[[0-9:]{12}\\]-: <Main> (\\[E\\] )?)*");
     for (const Case& c : cases) {

@@ -27,7 +27,9 @@ void CaptureSink(bool is_error, const char* message) {
     Captured().push_back(LogLine{is_error, message});
 }
 
-int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) { return remove(path); }
+int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) {
+    return remove(path);
+}
 
 }  // namespace
 
@@ -77,7 +79,9 @@ void Quiet(const std::function<void()>& body) {
     dup2(saved.get(), STDOUT_FILENO);
 }
 
-const std::vector<LogLine>& LogCapture::lines() const { return Captured(); }
+const std::vector<LogLine>& LogCapture::lines() const {
+    return Captured();
+}
 
 int LogCapture::Count(const std::string& text) const {
     int n = 0;
@@ -91,7 +95,9 @@ int LogCapture::CountContaining(const std::string& text) const {
     return n;
 }
 
-void LogCapture::Clear() { Captured().clear(); }
+void LogCapture::Clear() {
+    Captured().clear();
+}
 
 ChildResult RunInChild(const std::function<void()>& body) {
     ChildResult result{false, -1, ""};
@@ -141,7 +147,9 @@ std::string ReadFile(const std::string& path) {
     return content;
 }
 
-bool FileExists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+bool FileExists(const std::string& path) {
+    return access(path.c_str(), F_OK) == 0;
+}
 
 pid_t StartNamedSleeper(const std::string& dir, const char* name, int seconds) {
     const std::string copy = dir + "/" + name;

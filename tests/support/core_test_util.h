@@ -17,7 +17,7 @@ namespace coretest {
 // A fresh directory under /tmp, removed with everything in it when destroyed. Points the
 // daemon's data directory at it (SetDataDirForTest) for its lifetime.
 class TempDataDir {
-public:
+  public:
     TempDataDir();
     ~TempDataDir();
     TempDataDir(const TempDataDir&) = delete;
@@ -26,7 +26,7 @@ public:
     const std::string& path() const { return path_; }
     std::string File(const char* name) const { return path_ + "/" + name; }
 
-private:
+  private:
     std::string path_;
 };
 
@@ -39,7 +39,7 @@ struct LogLine {
 // restores both when destroyed. Standard output is left alone (the test framework reports
 // failures there): run the code under test through Quiet() to drop the log's time prefixes.
 class LogCapture {
-public:
+  public:
     explicit LogCapture(uint32_t categories = 0xFFFFFFFFu, uint8_t position = 1);
     ~LogCapture();
     LogCapture(const LogCapture&) = delete;
@@ -52,7 +52,7 @@ public:
     int CountContaining(const std::string& text) const;
     void Clear();
 
-private:
+  private:
     uint32_t saved_bits_;
     uint8_t saved_position_;
 };
