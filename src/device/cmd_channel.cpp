@@ -72,7 +72,12 @@ void SendAndPoll(CDeviceObject* device, int len, bool shift_both_ends) {
             }
         }
         state = RxWaitReadable(device->m_Port_fd.get(), kSelfRecvPeriodMs);
-        if (state < 0 && RxThreadStopRequested()) return;
+        if (state < 0) {
+            // A port that cannot be waited on counts as a silent period, so the three
+            // writes still bound the exchange.
+            if (RxThreadStopRequested() || RxThreadSleep(kSelfRecvPeriodMs) < 0) return;
+            state = 0;
+        }
         if (state > 0 && DevReceiveStep(device) < 0) return;  // port gone
     }
 }

@@ -18,7 +18,11 @@ std::function<std::vector<TimedReply>(const Bytes&)> LoopbackResponder(int delay
     return [delay_ms, copies](const Bytes& packet) {
         std::vector<TimedReply> replies;
         if (packet.size() >= 3 && packet[2] == 0x41) {
-            for (int i = 0; i < copies; ++i) replies.push_back({i == 0 ? delay_ms : 1, Bytes{0x0A, 0x01, 0x41}});
+            // All copies in one write: the receive thread delivers them back to back,
+            // before the woken sender can take the channel lock again.
+            Bytes all;
+            for (int i = 0; i < copies; ++i) all.insert(all.end(), {0x0A, 0x01, 0x41});
+            if (copies > 0) replies.push_back({delay_ms, all});
         }
         return replies;
     };

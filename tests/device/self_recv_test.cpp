@@ -4,6 +4,7 @@
 #include <string.h>
 
 #include "device/cmd_channel.h"
+#include "device/identification.h"
 #include "support/dev_test_util.h"
 
 namespace {
@@ -106,6 +107,24 @@ TEST(SelfRecv, FailedWritesAreBounded) {
     // Each failed write pauses 500 ms; the first two are followed by a 500 ms read period.
     EXPECT_GE(elapsed, 2400);
     EXPECT_LE(elapsed, 3200);
+}
+
+// No port at all (a closed port, as the firmware-kind query may meet): still three
+// attempts and about 3 s, never a busy loop or a hang.
+TEST(SelfRecv, NoPortIsBounded) {
+    DevLogCapture log;
+    GlobalSettings settings = DevTestSettings();
+    CDeviceObject dev("/dev/hidraw99", &settings);
+    dev.DevInterface = DEV_USB;
+    dev.CmdHeader = CMD_HEADER_USB;
+    int64_t start = DevNowMs();
+    EXPECT_EQ(0, DevGetIAPType(&dev));  // no reply at all: taken as application firmware
+    int64_t elapsed = DevNowMs() - start;
+    EXPECT_EQ(IAP_FW, dev.IAPType);
+    EXPECT_EQ(3, log.Count("Write command to prot failed with ret = -1. The actually len = 4."));
+    EXPECT_GE(elapsed, 2400);
+    EXPECT_LE(elapsed, 3200);
+    EXPECT_TRUE(log.Contains("Controller didn't feedback. Device IAP Type = IAP_FW"));
 }
 
 }  // namespace
