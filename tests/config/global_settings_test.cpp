@@ -226,6 +226,13 @@ TEST(GlobalSettingsTest, NonNumericValueIsNotApplied) {
     EXPECT_TRUE(r.settings.SkipFirstByte);
     EXPECT_FALSE(r.settings.UseDriverCalib);  // out of int range
     EXPECT_TRUE(r.settings.ShiftByteBothEnd);
+
+    // A key without its value: the next key and "[String]" are still seen as such.
+    r = Read(kHead + "BaudRate DeviceNums 4 ScanInterface [String] SerialPath /dev/ttyS1");
+    EXPECT_EQ(0u, r.settings.BaudRate);
+    EXPECT_EQ(4, r.settings.MaxDeviceNums);
+    EXPECT_EQ(0, r.settings.ScanInterface);
+    EXPECT_STREQ("/dev/ttyS1", r.settings.CustomSerialPath[0]);
 }
 
 TEST(GlobalSettingsTest, SerialPathsBySubstringIntoFreeSlots) {

@@ -160,6 +160,29 @@ TEST_F(CommandLineTest, OverlongPathOptionIsRefusedKeepingThePreviousValue) {
     }
 }
 
+// Options are applied after the settings file, so they replace what it set.
+TEST_F(CommandLineTest, OptionsOverrideTheSettingsFile) {
+    std::string file =
+        "[TavrineA.ini] DebugEnableBits 7 ShowDebugPosition 0 [String] "
+        "SerialPath /dev/ttyS1 SerialPath /dev/ttyS2 UinputPath /dev/file_uinput [EndOfFile]";
+    Defaults d;
+    FILE* stream = fmemopen(&file[0], file.size(), "r");
+    ASSERT_NE(nullptr, stream);
+    ShowDebugPosition = 3;  // the reader's own lines go nowhere
+    ReadGlobalSettingsFrom(stream, &d.settings);
+    fclose(stream);
+    ASSERT_EQ(7u, DebugEnableBits);
+    ASSERT_STREQ("/dev/file_uinput", d.settings.UinputPath);
+
+    Parse(&d.settings, {"-r", "/dev/ttyUSB0", "-u", "/dev/uinput", "-d", "4", "-p", "2"});
+    EXPECT_STREQ("/dev/ttyUSB0", d.settings.CustomSerialPath[0]);
+    EXPECT_STREQ("/dev/ttyS2", d.settings.CustomSerialPath[1]);  // the file's second path stays
+    EXPECT_STREQ("/dev/uinput", d.settings.UinputPath);
+    EXPECT_EQ(kCustomSerialPathBit | kCustomUinputPathBit, d.settings.CustomPathMask);
+    EXPECT_EQ(4u, DebugEnableBits);
+    EXPECT_EQ(2, ShowDebugPosition);
+}
+
 TEST_F(CommandLineTest, IgnoredOptionsChangeNothing) {
     const std::vector<std::vector<std::string>> cases = {
         {"-z", "anything"}, {"-zvalue"}, {"-x"}, {"-q", "-Q"}, {"-d"}, {"-p"}, {"-r"}, {"-u"},
