@@ -378,3 +378,59 @@ TEST(ReadDeviceResponse, TimeBoundUnderEndlessTraffic) {
 }
 
 }  // namespace
+
+namespace {
+
+// Hostile bytes: random packets of every length through both merges and the serial parser,
+// with canaries behind the reply buffer (run under the sanitizers as well).
+TEST(ProbeMerges, RandomPacketsStayInsideTheirBuffers) {
+    uint32_t seed = 12345;
+    auto next = [&seed] {
+        seed = seed * 1103515245u + 12345u;
+        return static_cast<uint8_t>(seed >> 16);
+    };
+    ProbeContext context = {};
+    uint8_t guarded[kReplyBufSize + 16];
+    memset(guarded, 0, kReplyBufSize);
+    memset(guarded + kReplyBufSize, 0xEE, 16);
+    int serial_pos = 0;
+    int report_pos = 0;
+    uint8_t report_reply[kReplyBufSize + 16];
+    memset(report_reply, 0, kReplyBufSize);
+    memset(report_reply + kReplyBufSize, 0xEE, 16);
+    ResetSerialReplyParser();
+    for (int round = 0; round < 20000; ++round) {
+        uint8_t packet[64];
+        const int count = 1 + next() % 64;
+        for (int i = 0; i < count; ++i) packet[i] = next();
+        if (round % 3 == 0) packet[0] = 0x03;
+
+        if (MergeSerialReply(&context, packet, count, guarded, &serial_pos) != 0) {
+            serial_pos = 0;
+            memset(guarded, 0, 4);
+        }
+        ASSERT_GE(serial_pos, 0);
+        ASSERT_LE(serial_pos, kReplyBufSize);
+
+        // Mostly following fragments, so long merges happen; now and then a first fragment.
+        const uint8_t cmd = 0x39;
+        const uint8_t kind = next() % 10;
+        if (count > 2) packet[2] = kind == 0 ? cmd : kind < 9 ? 0x00 : packet[2];
+        if (MergeReportReply(&context, packet, count, report_reply, &report_pos, cmd) != 0) {
+            report_pos = 0;
+            memset(report_reply, 0, 4);
+        }
+        ASSERT_GE(report_pos, 0);
+        ASSERT_LT(report_pos, kReplyBufSize);
+
+        Parse232CmdPacket(packet, count);
+        ASSERT_LE(SerialReplyParser.index, 64);
+        ASSERT_LE(SerialReplyParser.expected, 64);
+    }
+    for (int i = 0; i < 16; ++i) {
+        ASSERT_EQ(0xEE, guarded[kReplyBufSize + i]);
+        ASSERT_EQ(0xEE, report_reply[kReplyBufSize + i]);
+    }
+}
+
+}  // namespace
