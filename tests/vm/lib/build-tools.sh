@@ -12,11 +12,12 @@ build_tool() {
         return 0
     fi
     mkdir -p "$BUILD/bin"
-    (cd "$BED/sim" && g++ $TOOL_FLAGS "$@" -o "$out.tmp") > "$BUILD/$(basename "$out").build.log" 2>&1 || {
+    (cd "$BED/sim" && g++ $TOOL_FLAGS "$@" -o "$out.tmp.$$") > "$BUILD/$(basename "$out").build.log" 2>&1 || {
         cat "$BUILD/$(basename "$out").build.log" >&2
+        rm -f "$out.tmp.$$"
         return 1
     }
-    mv "$out.tmp" "$out"
+    mv "$out.tmp.$$" "$out"
 }
 
 build_tools() {

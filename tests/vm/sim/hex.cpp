@@ -37,9 +37,10 @@ bool ParseHexByte(const std::string& word, uint8_t* out)
 bool ParseNumber(const std::string& word, uint64_t max, uint64_t* out)
 {
     if (word.empty() || word[0] == '-' || word[0] == '+') return false;
+    bool hex = word.size() > 2 && word[0] == '0' && (word[1] == 'x' || word[1] == 'X');
     errno = 0;
     char* end = nullptr;
-    unsigned long long value = std::strtoull(word.c_str(), &end, 0);
+    unsigned long long value = std::strtoull(word.c_str(), &end, hex ? 16 : 10);
     if (errno != 0 || end == word.c_str() || *end != '\0' || value > max) return false;
     *out = value;
     return true;

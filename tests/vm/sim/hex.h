@@ -13,7 +13,8 @@ using Bytes = std::vector<uint8_t>;
 // Returns false for anything else.
 bool ParseHexByte(const std::string& word, uint8_t* out);
 
-// Parses a number given in decimal, or in hex with a "0x" prefix.
+// Parses a number given in decimal (leading zeros allowed, not octal), or
+// in hex with a "0x" prefix.
 // Returns false on junk or when the value does not fit in 'max'.
 bool ParseNumber(const std::string& word, uint64_t max, uint64_t* out);
 
