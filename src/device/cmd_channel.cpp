@@ -1,12 +1,13 @@
 // The command channel: polling exchange on the device's own thread, and the blocking
 // wait/wake pair between a sender on another thread and the receive thread.
+#include "device/cmd_channel.h"
+
 #include <errno.h>
 #include <pthread.h>
 #include <string.h>
 #include <time.h>
 #include <unistd.h>
 
-#include "device/cmd_channel.h"
 #include "device/cmd_internal.h"
 #include "device/device_object.h"
 #include "device/rx_wait.h"
@@ -54,13 +55,14 @@ void SendAndPoll(CDeviceObject* device, int len, bool shift_both_ends) {
     while (writes_left > 0 && device->bSelfHookReplied.load() == 0) {
         if (RxThreadStopRequested()) return;
         if (state == 0) {
-            int written = static_cast<int>(WriteRetry(device->m_Port_fd.get(), device->CmdSendBuf,
-                                                      static_cast<size_t>(len)));
+            int written = static_cast<int>(
+                WriteRetry(device->m_Port_fd.get(), device->CmdSendBuf, static_cast<size_t>(len)));
             --writes_left;
             state = written;
             if (written < len) {
                 TLOG_ERR(LOG_PORT,
-                         "Write command to prot failed with ret = %d. The actually len = %d. Write again.",
+                         "Write command to prot failed with ret = %d. The actually len = %d. Write "
+                         "again.",
                          written, len);
                 if (RxThreadSleep(kSelfRecvPeriodMs) < 0) return;
                 continue;
@@ -82,7 +84,9 @@ void SendAndPoll(CDeviceObject* device, int len, bool shift_both_ends) {
     }
 }
 
-void SelfRecv(CDeviceObject* device, int len) { SendAndPoll(device, len, true); }
+void SelfRecv(CDeviceObject* device, int len) {
+    SendAndPoll(device, len, true);
+}
 
 int CmdTimedWaitLocked(CDeviceObject* device, int seconds, int ms) {
     struct timespec deadline;
@@ -186,7 +190,8 @@ int SendAndWaitReply(CDeviceObject* device, const uint8_t* packet, int len, bool
     if (written == len) {
         // Still holding CmdMutex: the receive thread cannot wake before we wait.
         result = CmdTimedWaitLocked(device, seconds, ms);
-        if (result == 0 && memcmp(device->SigReplyBuf, expect, static_cast<size_t>(expect_len)) != 0)
+        if (result == 0 &&
+            memcmp(device->SigReplyBuf, expect, static_cast<size_t>(expect_len)) != 0)
             result = -1;
     }
     pthread_mutex_unlock(&device->CmdMutex);

@@ -35,7 +35,8 @@ int SetFeature(CDeviceObject* device) {
     if (PortInvalid(device, LOG_CMD, "Leave SetFeature")) return -1;
     int len = PrepareFixedCommand(device, packet, 3);
     pthread_mutex_lock(&device->CmdMutex);
-    int ret = static_cast<int>(WriteRetry(device->m_Port_fd.get(), packet, static_cast<size_t>(len)));
+    int ret =
+        static_cast<int>(WriteRetry(device->m_Port_fd.get(), packet, static_cast<size_t>(len)));
     pthread_mutex_unlock(&device->CmdMutex);
     TLOG(LOG_CMD, "Leave SetFeature");
     return ret;
@@ -83,8 +84,8 @@ void RecheckBaudRate(CDeviceObject* device) {
             SetPortBaudRate(fd, rate, 1);
             TLOG(LOG_SCAN, "Test Baudrate [%d]", static_cast<int>(rate));
             if (SetLoopbackInside(device) == 0) {
-                TLOG(LOG_SCAN, "Switch BaudRate from [%d] to [%d]", static_cast<int>(device->BaudRate),
-                     static_cast<int>(rate));
+                TLOG(LOG_SCAN, "Switch BaudRate from [%d] to [%d]",
+                     static_cast<int>(device->BaudRate), static_cast<int>(rate));
                 device->BaudRate = rate;
                 return;
             }

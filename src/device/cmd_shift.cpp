@@ -11,7 +11,8 @@ void ShiftCommandBytes(uint8_t* packet, int* len, int before, int after) {
     if (!packet || !len || *len < 0 || before < 0 || after < 0) return;
     int new_len = before + *len + after;
     if (new_len > kCmdShiftLimit) {
-        TLOG_ERR(LOG_PIPE, "Cmd shift length is bigger than %d. May cause overflow. Therefore skip shift",
+        TLOG_ERR(LOG_PIPE,
+                 "Cmd shift length is bigger than %d. May cause overflow. Therefore skip shift",
                  kCmdShiftLimit);
         return;
     }

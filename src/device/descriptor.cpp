@@ -1,11 +1,12 @@
 // The HID report descriptor of a USB controller: read from the hidraw node, then scanned
 // for the report ids it declares and the resolution of each coordinate report.
+#include "device/descriptor.h"
+
 #include <linux/hidraw.h>
 #include <math.h>
 #include <string.h>
 #include <sys/ioctl.h>
 
-#include "device/descriptor.h"
 #include "device/device_object.h"
 #include "log/debug_log.h"
 
@@ -74,10 +75,12 @@ void ApplyReportDescriptor(CDeviceObject* device, const uint8_t* descriptor, int
         switch (descriptor[i + 1]) {
             case 0x01:
                 device->MouseResShift = static_cast<int8_t>(ResolutionShift(descriptor, i, size));
-                TLOG(LOG_INIT, "Support Mouse Report. Resolution shift = %d", device->MouseResShift);
+                TLOG(LOG_INIT, "Support Mouse Report. Resolution shift = %d",
+                     device->MouseResShift);
                 break;
             case 0x02:
-                device->DigitizerResShift = static_cast<int8_t>(ResolutionShift(descriptor, i, size));
+                device->DigitizerResShift =
+                    static_cast<int8_t>(ResolutionShift(descriptor, i, size));
                 TLOG(LOG_INIT, "Support Digitizer Report. Resolution shift = %d",
                      device->DigitizerResShift);
                 break;
@@ -87,14 +90,16 @@ void ApplyReportDescriptor(CDeviceObject* device, const uint8_t* descriptor, int
                 break;
             case 0x04:
                 device->MTouchResShift = static_cast<int8_t>(ResolutionShift(descriptor, i, size));
-                TLOG(LOG_INIT, "Support MTouch Report. Resolution shift = %d", device->MTouchResShift);
+                TLOG(LOG_INIT, "Support MTouch Report. Resolution shift = %d",
+                     device->MTouchResShift);
                 break;
             case 0x05:
                 device->bSetFeature = 1;
                 TLOG(LOG_INIT, "Support Set Feature");
                 break;
             case 0x06:
-                device->ParallelResShift = static_cast<int8_t>(ResolutionShift(descriptor, i, size));
+                device->ParallelResShift =
+                    static_cast<int8_t>(ResolutionShift(descriptor, i, size));
                 TLOG(LOG_INIT, "Support Parallel Report. Resolution shift = %d",
                      device->ParallelResShift);
                 break;

@@ -1,5 +1,7 @@
 // Creation of a device object: interface detection, port, parameter defaults, physical
 // address, and the start of the receive thread.
+#include "device/device_object.h"
+
 #include <fcntl.h>
 #include <linux/hidraw.h>
 #include <pthread.h>
@@ -9,7 +11,6 @@
 
 #include <new>
 
-#include "device/device_object.h"
 #include "log/debug_log.h"
 
 namespace {
@@ -119,8 +120,7 @@ void SetDefaultParamAndAddress(CDeviceObject* device) {
         }
         TLOG(LOG_MAIN, "Device Physical address = [%s].", param->Physical_Address);
     } else if (device->DevInterface == DEV_RS232 || device->DevInterface == DEV_PS2) {
-        snprintf(param->Physical_Address, sizeof(param->Physical_Address), "%s",
-                 device->PortPath);
+        snprintf(param->Physical_Address, sizeof(param->Physical_Address), "%s", device->PortPath);
     }
 }
 
@@ -161,7 +161,8 @@ int InitMember(CDeviceObject* device) {
     device->SigHookSubCmd = 0;
     device->SelfHookCmd = 0;
     device->SelfHookSubCmd = 0;
-    device->IAPType = device->pSettings ? device->pSettings->NewDevIAPType : static_cast<uint8_t>(IAP_FW);
+    device->IAPType =
+        device->pSettings ? device->pSettings->NewDevIAPType : static_cast<uint8_t>(IAP_FW);
     snprintf(device->TypeName, sizeof(device->TypeName), "UNREACHABLE");
     snprintf(device->ModelName, sizeof(device->ModelName), "UNREACHABLE");
     snprintf(device->FWVersion, sizeof(device->FWVersion), "UNREACHABLE");

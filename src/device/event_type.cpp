@@ -12,7 +12,8 @@ void ChooseEventType(CDeviceObject* device) {
         TLOG(LOG_MAIN, "Kernel is 2.6.35 downwards. EventType = QEVO_Multi protocol");
     } else if (device->Series > 8) {
         device->Param.EventType = 2;
-        TLOG(LOG_MAIN, "Multipoint device and Kernel is 2.6.36 upwards. EventType = SLOT_Multi protocol");
+        TLOG(LOG_MAIN,
+             "Multipoint device and Kernel is 2.6.36 upwards. EventType = SLOT_Multi protocol");
     } else {
         device->Param.EventType = 1;
         TLOG(LOG_MAIN, "Single point device, EventType = QEVO_Multi protocol");

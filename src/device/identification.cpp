@@ -1,10 +1,11 @@
 // Identification commands, sent in the polling style on the device's own thread.
+#include "device/identification.h"
+
 #include <string.h>
 
 #include "device/cmd_channel.h"
 #include "device/cmd_internal.h"
 #include "device/device_object.h"
-#include "device/identification.h"
 #include "log/debug_log.h"
 
 namespace {
@@ -157,12 +158,13 @@ void DevGetControllerInfo(CDeviceObject* device) {
         GetModelName(device, device->ModelName);
         GetTypeName(device, device->TypeName);
     }
-    if (strstr(device->TypeName, "LOM")) snprintf(device->ModelName, sizeof(device->ModelName), "K2593");
+    if (strstr(device->TypeName, "LOM"))
+        snprintf(device->ModelName, sizeof(device->ModelName), "K2593");
     TLOG(LOG_MAIN, "==============   Entering Device Info   ==============");
     device->Series = AllocateSeries(device->ModelName, device->TypeName);
     if (device->IAPType == IAP_FW) {
-        TLOG(LOG_MAIN, "Type:%s, Model:%s , Version:%s, IAP:%d", device->TypeName, device->ModelName,
-             device->FWVersion, 1);
+        TLOG(LOG_MAIN, "Type:%s, Model:%s , Version:%s, IAP:%d", device->TypeName,
+             device->ModelName, device->FWVersion, 1);
     }
     TLOG(LOG_MAIN, "--------------   Done with Device Info  --------------");
 }

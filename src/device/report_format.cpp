@@ -1,4 +1,6 @@
 // Report format commands sent during set-up.
+#include "device/report_format.h"
+
 #include <pthread.h>
 #include <string.h>
 
@@ -6,7 +8,6 @@
 #include "device/cmd_internal.h"
 #include "device/device_object.h"
 #include "device/identification.h"
-#include "device/report_format.h"
 #include "discovery/probe_exchange.h"
 #include "log/debug_log.h"
 
@@ -45,7 +46,8 @@ int SetFormatPolling(CDeviceObject* device, const uint8_t* packet, int len, cons
 }
 
 // From another thread the receive thread delivers the reply through CmdWake.
-int SetFormatBlocking(CDeviceObject* device, const uint8_t* packet, int len, const uint8_t* expect) {
+int SetFormatBlocking(CDeviceObject* device, const uint8_t* packet, int len,
+                      const uint8_t* expect) {
     device->SigHookSubCmd = expect[3];
     device->SigHookCmd = kFormatReply;
     int ret = -1;
@@ -88,7 +90,8 @@ int SetRawFormat(CDeviceObject* device) {
     SetSelfHook(device, kFormatCmd, kAnySubCmd);
     SelfRecv(device, 4);
     const uint8_t* r = device->CmdReplyBuf;
-    TLOG(LOG_CMD, "RecvBuf = [%02X][%02X][%02X][%02X][%02X][%02X]", r[0], r[1], r[2], r[3], r[4], r[5]);
+    TLOG(LOG_CMD, "RecvBuf = [%02X][%02X][%02X][%02X][%02X][%02X]", r[0], r[1], r[2], r[3], r[4],
+         r[5]);
     UnRegisSelfHookCmd(device, kFormatCmd, kAnySubCmd);
     TLOG(LOG_CMD, "Leave SetRawFormat with ret=%d", 0);
     return 0;
@@ -124,8 +127,9 @@ int SetRCLKFormat(CDeviceObject* device, uint8_t report_id, uint8_t rclk_control
     TLOG(LOG_CMD, "Enter SetRCLKFormat()");
     ClearBuffers(device);
     const uint8_t hdr = static_cast<uint8_t>(device->CmdHeader);
-    const uint8_t packet[6] = {hdr, 0x04, kFormatCmd, 0x07,
-                               static_cast<uint8_t>(report_id | (rclk_control << 7)), rclk_count};
+    const uint8_t packet[6] = {
+        hdr,       0x04, kFormatCmd, 0x07, static_cast<uint8_t>(report_id | (rclk_control << 7)),
+        rclk_count};
     memcpy(device->CmdSendBuf, packet, sizeof(packet));
     if (PortInvalid(device, LOG_CMD, "Leave SetRCLKFormat")) return -1;
     SetSelfHook(device, kFormatReply, kAnySubCmd);

@@ -42,11 +42,17 @@ int SetupSigUsr1Handler() {
     return ret;
 }
 
-bool RxThreadStopRequested() { return tStopRequested != 0; }
+bool RxThreadStopRequested() {
+    return tStopRequested != 0;
+}
 
-void RequestRxThreadStop() { tStopRequested = 1; }
+void RequestRxThreadStop() {
+    tStopRequested = 1;
+}
 
-bool RxThreadStoppedBySignal() { return tStopBySignal != 0; }
+bool RxThreadStoppedBySignal() {
+    return tStopBySignal != 0;
+}
 
 int RxThreadSelect(int nfds, fd_set* readfds, struct timeval* timeout) {
     // SIGUSR1 stays blocked from the flag test to the wait, and pselect unblocks it

@@ -49,7 +49,9 @@ void* DevThreadMain(void* arg) {
     return nullptr;
 }
 
-void ChmodInputEventNodes() { RunShell("chmod 666 /dev/input/event*"); }
+void ChmodInputEventNodes() {
+    RunShell("chmod 666 /dev/input/event*");
+}
 
 void DevRxLoop(CDeviceObject* device) {
     TLOG(LOG_MAIN, "Entering %s. Prepare to receive Points & Data", "DevRxLoop");

@@ -11,8 +11,12 @@ struct SeriesMatch {
     const char* name;
 };
 
-bool Has(const char* text, const char* part) { return strstr(text, part) != nullptr; }
-bool HasChar(const char* text, char c) { return strchr(text, c) != nullptr; }
+bool Has(const char* text, const char* part) {
+    return strstr(text, part) != nullptr;
+}
+bool HasChar(const char* text, char c) {
+    return strchr(text, c) != nullptr;
+}
 
 // The rows in the order they are tried; the first that matches decides.
 SeriesMatch MatchSeries(const char* m, const char* t) {

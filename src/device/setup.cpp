@@ -1,11 +1,12 @@
 // The set-up sequence of a receive thread. Between the steps the thread's stop request
 // is checked, so a device destroyed during set-up ends without sending further commands.
+#include "device/setup.h"
+
 #include "device/cmd_channel.h"
 #include "device/descriptor.h"
 #include "device/device_object.h"
 #include "device/identification.h"
 #include "device/report_format.h"
-#include "device/setup.h"
 #include "log/debug_log.h"
 #include "output/uinput_device.h"
 #include "toolpipe/tool_pipe.h"

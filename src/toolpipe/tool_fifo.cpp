@@ -69,6 +69,7 @@ void WriteToTool(CDeviceObject* device, const uint8_t* bytes, int count) {
         TLOG_ERR(LOG_PIPE, "m_fdPipeOut is invalid");
         return;
     }
-    int ret = static_cast<int>(WriteRetry(device->m_fdPipeOut.get(), bytes, static_cast<size_t>(count)));
+    int ret =
+        static_cast<int>(WriteRetry(device->m_fdPipeOut.get(), bytes, static_cast<size_t>(count)));
     TLOG(LOG_PIPE, "Write to PipeOut(Tool) %d bytes: %s", ret, text);
 }

@@ -12,8 +12,10 @@ namespace {
 void ApplyReportSwitch(CDeviceObject* device, const uint8_t* bytes, int count) {
     if (count < 4 || bytes[0] != 0x0A || bytes[1] != 0x02 || bytes[2] != 0x34) return;
     if (device->Series > 8) return;
-    if (bytes[3] == 0) device->bPointsToTool = 1;
-    else if (bytes[3] == 1) device->bPointsToTool = 0;
+    if (bytes[3] == 0)
+        device->bPointsToTool = 1;
+    else if (bytes[3] == 1)
+        device->bPointsToTool = 0;
 }
 
 bool IsResetCommand(const uint8_t* bytes, int count) {
@@ -30,10 +32,12 @@ void ForwardFromTool(CDeviceObject* device) {
     HexDumpBytes(bytes, count, text);
     TLOG(LOG_PIPE, "Read from PipeIn(Tool) %d bytes: %s", count, text);
     ApplyReportSwitch(device, bytes, count);
-    if (device->DevInterface == DEV_USB && device->pSettings && device->pSettings->ShiftByteBothEnd) {
+    if (device->DevInterface == DEV_USB && device->pSettings &&
+        device->pSettings->ShiftByteBothEnd) {
         ShiftCommandBytes(bytes, &count, 1, 1);
     }
-    int ret = static_cast<int>(WriteRetry(device->m_Port_fd.get(), bytes, static_cast<size_t>(count)));
+    int ret =
+        static_cast<int>(WriteRetry(device->m_Port_fd.get(), bytes, static_cast<size_t>(count)));
     if (ret != count) {
         TLOG_ERR(LOG_PIPE, "Write %d byetes into device failed. Return with %d", count, ret);
         return;

@@ -11,11 +11,11 @@
 namespace {
 
 class OldKernelScope {
-public:
+  public:
     explicit OldKernelScope(int32_t value) : saved_(bOldKernel) { bOldKernel = value; }
     ~OldKernelScope() { bOldKernel = saved_; }
 
-private:
+  private:
     int32_t saved_;
 };
 
@@ -37,7 +37,9 @@ TEST(CommandShift, PadsBothEndsAndRefusesOverflow) {
     ShiftCommandBytes(full, &full_len, 1, 1);
     EXPECT_EQ(64, full_len);
     EXPECT_EQ(0, memcmp(full, copy, sizeof(full)));
-    EXPECT_EQ(1, log.Count("Cmd shift length is bigger than 65. May cause overflow. Therefore skip shift"));
+    EXPECT_EQ(
+        1,
+        log.Count("Cmd shift length is bigger than 65. May cause overflow. Therefore skip shift"));
 
     // Exactly 65 is still allowed.
     int edge_len = 63;

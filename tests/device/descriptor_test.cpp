@@ -1,24 +1,39 @@
 // Report descriptor scanning: report ids and resolution shifts from byte fixtures.
+#include "device/descriptor.h"
+
 #include <gtest/gtest.h>
 
-#include "device/descriptor.h"
 #include "support/dev_test_util.h"
 
 namespace {
 
 // A report: Report ID, Generic Desktop usage page, a collection and a Logical Maximum.
 Bytes CoordinateReport(uint8_t id, int logical_max) {
-    return Bytes{0x85, id, 0x05, 0x01, 0x09, 0x30, 0x15, 0x00, 0x26,
-                 static_cast<uint8_t>(logical_max & 0xFF), static_cast<uint8_t>(logical_max >> 8),
-                 0x75, 0x10, 0x95, 0x01, 0x81, 0x02};
+    return Bytes{0x85,
+                 id,
+                 0x05,
+                 0x01,
+                 0x09,
+                 0x30,
+                 0x15,
+                 0x00,
+                 0x26,
+                 static_cast<uint8_t>(logical_max & 0xFF),
+                 static_cast<uint8_t>(logical_max >> 8),
+                 0x75,
+                 0x10,
+                 0x95,
+                 0x01,
+                 0x81,
+                 0x02};
 }
 
 TEST(ResolutionShift, ShiftPerLogicalMaximum) {
     struct Case {
         int logical_max;
         int shift;
-    } cases[] = {{2047, 0}, {4040, 1}, {4095, 1}, {6143, 1}, {8191, 1},
-                 {16383, 2}, {32767, 3}, {65535, 4}, {1023, 0}, {12287, 1}, {0, 0}};
+    } cases[] = {{2047, 0},  {4040, 1},  {4095, 1}, {6143, 1},  {8191, 1}, {16383, 2},
+                 {32767, 3}, {65535, 4}, {1023, 0}, {12287, 1}, {0, 0}};
     for (const Case& c : cases) {
         SCOPED_TRACE(c.logical_max);
         Bytes d = CoordinateReport(0x04, c.logical_max);
@@ -33,7 +48,8 @@ TEST(ResolutionShift, WhichLogicalMaximumCounts) {
         int shift;
     } cases[] = {
         {"no logical maximum", Bytes{0x85, 0x01, 0x05, 0x01, 0x09, 0x30, 0x75, 0x10}, -1},
-        {"logical maximum without generic desktop", Bytes{0x85, 0x01, 0x05, 0x0D, 0x26, 0xFF, 0x7F}, -1},
+        {"logical maximum without generic desktop", Bytes{0x85, 0x01, 0x05, 0x0D, 0x26, 0xFF, 0x7F},
+         -1},
         // 0x26 before the usage page is stepped over; the one after it counts.
         {"0x26 before the usage page",
          Bytes{0x85, 0x01, 0x26, 0xFF, 0x7F, 0x05, 0x01, 0x26, 0xFF, 0x0F}, 1},

@@ -1,18 +1,20 @@
 // Identification commands against a scripted controller: reply acceptance, the copy
 // limits of the texts, the firmware kind and the EEPROM word.
+#include "device/identification.h"
+
 #include <gtest/gtest.h>
 #include <string.h>
 
 #include <map>
 #include <string>
 
-#include "device/identification.h"
 #include "support/dev_test_util.h"
 
 namespace {
 
 // Answers each command byte (byte 2 of the packet) with its scripted packets.
-std::function<std::vector<TimedReply>(const Bytes&)> Script(std::map<uint8_t, std::vector<Bytes>> script) {
+std::function<std::vector<TimedReply>(const Bytes&)> Script(
+    std::map<uint8_t, std::vector<Bytes>> script) {
     return [script](const Bytes& packet) {
         std::vector<TimedReply> replies;
         if (packet.size() < 3) return replies;
@@ -40,7 +42,8 @@ std::vector<Bytes> UsbFragments(uint8_t cmd, const std::string& text) {
     while (pos < text.size()) {
         size_t n = std::min<size_t>(3, text.size() - pos);  // continuations carry L - 1 <= 3 bytes
         Bytes c = {0x03, static_cast<uint8_t>(n + 1), 0x00};
-        c.insert(c.end(), text.begin() + static_cast<long>(pos), text.begin() + static_cast<long>(pos + n));
+        c.insert(c.end(), text.begin() + static_cast<long>(pos),
+                 text.begin() + static_cast<long>(pos + n));
         out.push_back(c);
         pos += n;
     }
@@ -48,7 +51,7 @@ std::vector<Bytes> UsbFragments(uint8_t cmd, const std::string& text) {
 }
 
 class IdentificationTest : public testing::Test {
-protected:
+  protected:
     void SetUp() override { DevIgnoreSigusr2(); }
     void Attach(FakeController* controller, uint8_t interface) {
         controller->Start();
@@ -62,9 +65,9 @@ TEST_F(IdentificationTest, TextCopyLimits) {
     const std::string long_text(100, 'V');
     FakeController controller(true);
     controller.SetResponder(Script({
-        {0x44, UsbFragments(0x44, long_text)},                         // 100 characters
+        {0x44, UsbFragments(0x44, long_text)},  // 100 characters
         {0x45, {Bytes{0x03, 0x06, 0x45, 'A', 'B', 'C', 'D', 'E', 'F', 'G', 'H'}}},  // length 6
-        {0x46, {Bytes{0x03, 0x07, 0x46, 'P', 'C', 0x00, 'X', 'Y', 'Z'}}},         // stops at 0
+        {0x46, {Bytes{0x03, 0x07, 0x46, 'P', 'C', 0x00, 'X', 'Y', 'Z'}}},           // stops at 0
     }));
     Attach(&controller, DEV_USB);
     char text[kTextMax];

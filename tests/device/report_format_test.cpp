@@ -1,11 +1,12 @@
 // Report format commands: wire bytes, reply parsing and the right-click switch-off.
+#include "device/report_format.h"
+
 #include <gtest/gtest.h>
 
 #include <map>
 
 #include "core/environment.h"
 #include "device/identification.h"
-#include "device/report_format.h"
 #include "support/dev_test_util.h"
 
 namespace {
@@ -23,7 +24,7 @@ std::function<std::vector<TimedReply>(const Bytes&)> Replies(std::map<uint8_t, B
 }
 
 class ReportFormatTest : public testing::Test {
-protected:
+  protected:
     void SetUp() override { DevIgnoreSigusr2(); }
     GlobalSettings settings_ = DevTestSettings();
     CDeviceObject dev_{"/dev/hidraw99", &settings_};
@@ -54,10 +55,12 @@ TEST_F(ReportFormatTest, DisableRightClickUsesQueryOrEeprom) {
         std::map<uint8_t, Bytes> replies;
         Bytes expect_last;
     } cases[] = {
-        {"query answered", 0,
+        {"query answered",
+         0,
          {{0x35, Bytes{0x03, 0x04, 0x33, 0x07, 0x81, 0x32}}, {0x34, Bytes{0x03, 0x04, 0x33}}},
          Bytes{0x03, 0x04, 0x34, 0x07, 0x01, 0x32}},
-        {"series 2 reads EEPROM word 0x39", SERIES_LOMBAR,
+        {"series 2 reads EEPROM word 0x39",
+         SERIES_LOMBAR,
          {{0x43, Bytes{0x03, 0x04, 0x43, 0x39, 0x23, 0x01}}, {0x34, Bytes{0x03, 0x04, 0x33}}},
          Bytes{0x03, 0x04, 0x34, 0x07, 0x03, 0x00}},
     };

@@ -2,9 +2,9 @@
 // by itself, a thread that never existed, the RS232 presence check, and Create().
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
-#include <stdlib.h>
 #include <unistd.h>
 
 #include <thread>
@@ -16,7 +16,7 @@
 namespace {
 
 class RxThreadTest : public testing::Test {
-protected:
+  protected:
     void SetUp() override { DevIgnoreSigusr2(); }
     GlobalSettings settings_ = DevTestSettings();
 };
@@ -71,7 +71,7 @@ TEST_F(RxThreadTest, ThreadMarkedEndedIsOnlyJoined) {
 
 TEST_F(RxThreadTest, NeverCreatedThreadIsNeitherSignalledNorJoined) {
     CDeviceObject dev("/dev/hidraw99", &settings_);
-    dev.bThreadRunning = 1;  // as a failed creation may leave it
+    dev.bThreadRunning = 1;                             // as a failed creation may leave it
     memset(&dev.ThreadId, 0xA5, sizeof(dev.ThreadId));  // garbage handle must not be used
     EXPECT_EQ(0, StopReadThread(&dev));
     EXPECT_EQ(0, dev.bThreadRunning.load());
@@ -90,17 +90,18 @@ TEST_F(RxThreadTest, StopInterruptsThePollingExchange) {
     sigaddset(&usr1, SIGUSR1);
     pthread_sigmask(SIG_BLOCK, &usr1, &old_mask);
     dev.bThreadRunning = 1;
-    ASSERT_EQ(0, pthread_create(&dev.ThreadId, nullptr,
-                                [](void* arg) -> void* {
-                                    auto* d = static_cast<CDeviceObject*>(arg);
-                                    d->CmdSendBuf[0] = 0x03;
-                                    d->CmdSendBuf[1] = 0x01;
-                                    d->CmdSendBuf[2] = 0x41;
-                                    d->SelfHookCmd = 0x41;
-                                    SelfRecv(d, 3);
-                                    return nullptr;
-                                },
-                                &dev));
+    ASSERT_EQ(0, pthread_create(
+                     &dev.ThreadId, nullptr,
+                     [](void* arg) -> void* {
+                         auto* d = static_cast<CDeviceObject*>(arg);
+                         d->CmdSendBuf[0] = 0x03;
+                         d->CmdSendBuf[1] = 0x01;
+                         d->CmdSendBuf[2] = 0x41;
+                         d->SelfHookCmd = 0x41;
+                         SelfRecv(d, 3);
+                         return nullptr;
+                     },
+                     &dev));
     dev.bThreadCreated = true;
     pthread_sigmask(SIG_SETMASK, &old_mask, nullptr);
     usleep(100000);
@@ -180,7 +181,8 @@ TEST_F(RxThreadTest, Rs232SilenceRequestsPresenceCheck) {
 TEST_F(RxThreadTest, CreateRefusesAPortThatCannotBeOpened) {
     DevTempDataDir data;
     DevLogCapture log;
-    std::unique_ptr<CDeviceObject> dev = CDeviceObject::Create("/dev/hidraw_missing_for_test", &settings_);
+    std::unique_ptr<CDeviceObject> dev =
+        CDeviceObject::Create("/dev/hidraw_missing_for_test", &settings_);
     EXPECT_EQ(nullptr, dev);
     EXPECT_TRUE(log.Contains("Open file [/dev/hidraw_missing_for_test] failed"));
 }
@@ -195,7 +197,8 @@ TEST_F(RxThreadTest, CreateStartsTheThreadAndDestructionJoinsIt) {
     ASSERT_EQ(0, grantpt(master));
     ASSERT_EQ(0, unlockpt(master));
     std::string slave = ptsname(master);
-    snprintf(settings_.UinputPath, sizeof(settings_.UinputPath), "%s/no_uinput", data.path().c_str());
+    snprintf(settings_.UinputPath, sizeof(settings_.UinputPath), "%s/no_uinput",
+             data.path().c_str());
     settings_.CustomPathMask = kCustomUinputPathBit;
     DevLogCapture log;
     std::unique_ptr<CDeviceObject> dev = CDeviceObject::Create(slave.c_str(), &settings_);

@@ -56,7 +56,8 @@ TEST(SelfRecv, WritesAgainOnlyAfterASilentPeriod) {
         controller.Stop();
         EXPECT_EQ(c.expect_replied, dev.bSelfHookReplied.load());
         EXPECT_EQ(static_cast<size_t>(c.expect_writes), controller.ReceivedCount());
-        for (const Bytes& packet : controller.Received()) EXPECT_EQ((Bytes{0x03, 0x01, 0x41}), packet);
+        for (const Bytes& packet : controller.Received())
+            EXPECT_EQ((Bytes{0x03, 0x01, 0x41}), packet);
         EXPECT_GE(elapsed, c.min_ms);
         EXPECT_LE(elapsed, c.max_ms);
         if (c.expect_replied) {

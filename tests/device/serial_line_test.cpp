@@ -34,7 +34,9 @@ TEST(SetPortBaudRate, RawLineAtEachRateAndRestore) {
         uint32_t rate;
         speed_t speed;
         tcflag_t cflag;
-    } cases[] = {{9600, B9600, 0x8BD}, {19200, B19200, 0x8BE}, {57600, B57600, 0x18B1},
+    } cases[] = {{9600, B9600, 0x8BD},
+                 {19200, B19200, 0x8BE},
+                 {57600, B57600, 0x18B1},
                  {115200, B115200, 0x18B2}};
     for (const Case& c : cases) {
         SCOPED_TRACE(c.rate);
@@ -95,7 +97,8 @@ TEST(SetPortBaudRate, RestoreWithoutSaveIsRefused) {
     ASSERT_GE(child, 0);
     if (child == 0) {
         setenv("TAVRINE_DEV_FRESH_CHILD", "1", 1);
-        execl("/proc/self/exe", "device_tests", "--gtest_filter=SetPortBaudRate.RestoreWithoutSaveIsRefused",
+        execl("/proc/self/exe", "device_tests",
+              "--gtest_filter=SetPortBaudRate.RestoreWithoutSaveIsRefused",
               static_cast<char*>(nullptr));
         _exit(127);
     }

@@ -26,7 +26,7 @@ TEST(AllocateSeries, RowsInOrder) {
         {"GLR725D", "GLRxx", SERIES_GLR_7255_W353HS, "SERIES_GLR_7255_W353HS"},
         {"GLR725F", "GLRxx", SERIES_GLR_7255_W353HS, "SERIES_GLR_7255_W353HS"},
         {"GLR100", "GLRxx", SERIES_GLR_7255, "SERIES_GLR_7255"},
-        {"ABC", "GLRxx", SERIES_UNKNOWN, "SERIES_UNKNOWN"},       // rows 10 on tried
+        {"ABC", "GLRxx", SERIES_UNKNOWN, "SERIES_UNKNOWN"},          // rows 10 on tried
         {"ABC", "GLR PCAP6", SERIES_PCAP_6555, "SERIES_PCAP_6555"},  // ... and can match
         {"P40", "PCAP40", SERIES_PCAP_9015, "SERIES_PCAP_9015"},
         {"P11", "PCAP11", SERIES_PCAP_9015, "SERIES_PCAP_9015"},

@@ -1,6 +1,8 @@
 // The set-up sequence up to the virtual devices (this host has no uinput, so set-up ends
 // there with -1): which commands reach the controller, in which order, and the stop
 // request between the steps.
+#include "device/setup.h"
+
 #include <gtest/gtest.h>
 #include <signal.h>
 
@@ -8,17 +10,17 @@
 
 #include "core/environment.h"
 #include "device/identification.h"
-#include "device/setup.h"
 #include "support/dev_test_util.h"
 
 namespace {
 
 class SetupTest : public testing::Test {
-protected:
+  protected:
     void SetUp() override {
         DevIgnoreSigusr2();
         settings_ = DevTestSettings();
-        snprintf(settings_.UinputPath, sizeof(settings_.UinputPath), "%s/no_uinput", data_.path().c_str());
+        snprintf(settings_.UinputPath, sizeof(settings_.UinputPath), "%s/no_uinput",
+                 data_.path().c_str());
         settings_.CustomPathMask = kCustomUinputPathBit;
         saved_kernel_ = KernelVersion;
         KernelVersion = {3, 4, 0};
@@ -29,7 +31,8 @@ protected:
     KernelVersionInfo saved_kernel_;
 };
 
-std::function<std::vector<TimedReply>(const Bytes&)> SerialScript(std::map<uint8_t, Bytes> replies) {
+std::function<std::vector<TimedReply>(const Bytes&)> SerialScript(
+    std::map<uint8_t, Bytes> replies) {
     return [replies](const Bytes& packet) {
         std::vector<TimedReply> out;
         auto it = packet.size() >= 3 ? replies.find(packet[2]) : replies.end();
@@ -106,12 +109,13 @@ TEST_F(SetupTest, StopDuringSetupEndsIt) {
     sigaddset(&usr1, SIGUSR1);
     pthread_sigmask(SIG_BLOCK, &usr1, &old_mask);
     dev.bThreadRunning = 1;
-    ASSERT_EQ(0, pthread_create(&dev.ThreadId, nullptr,
-                                [](void* arg) -> void* {
-                                    result = DevSetup(static_cast<CDeviceObject*>(arg));
-                                    return nullptr;
-                                },
-                                &dev));
+    ASSERT_EQ(0, pthread_create(
+                     &dev.ThreadId, nullptr,
+                     [](void* arg) -> void* {
+                         result = DevSetup(static_cast<CDeviceObject*>(arg));
+                         return nullptr;
+                     },
+                     &dev));
     dev.bThreadCreated = true;
     pthread_sigmask(SIG_SETMASK, &old_mask, nullptr);
     usleep(200000);
@@ -120,7 +124,7 @@ TEST_F(SetupTest, StopDuringSetupEndsIt) {
     EXPECT_LT(DevNowMs() - start, 100);
     EXPECT_EQ(-2, result);
     EXPECT_EQ(1u, controller.ReceivedCount());  // only the first query went out
-    EXPECT_EQ(0, dev.Param.EventType);           // later steps never ran
+    EXPECT_EQ(0, dev.Param.EventType);          // later steps never ran
 }
 
 }  // namespace

@@ -23,7 +23,9 @@ void CaptureSink(bool, const char* message) {
     if (gLogLines) gLogLines->push_back(message);
 }
 
-int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) { return remove(path); }
+int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) {
+    return remove(path);
+}
 
 void* RxLoopThread(void* arg) {
     DevRxLoop(static_cast<CDeviceObject*>(arg));
@@ -87,7 +89,8 @@ FakeController::FakeController(bool seqpacket) : seqpacket_(seqpacket) {
     fcntl(daemon_fd_, F_SETFL, fcntl(daemon_fd_, F_GETFL) | O_NONBLOCK);
 }
 
-FakeController::FakeController(int controller_fd) : seqpacket_(false), controller_fd_(controller_fd) {}
+FakeController::FakeController(int controller_fd)
+    : seqpacket_(false), controller_fd_(controller_fd) {}
 
 FakeController::~FakeController() {
     Stop();
@@ -105,7 +108,9 @@ void FakeController::SetResponder(std::function<std::vector<TimedReply>(const By
     respond_ = std::move(respond);
 }
 
-void FakeController::Start() { thread_ = std::thread([this] { Run(); }); }
+void FakeController::Start() {
+    thread_ = std::thread([this] { Run(); });
+}
 
 void FakeController::Stop() {
     stop_ = true;

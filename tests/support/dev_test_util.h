@@ -22,7 +22,7 @@ int64_t DevNowMs();
 
 // Captures every debug-log message while it exists (all categories enabled).
 class DevLogCapture {
-public:
+  public:
     DevLogCapture();
     ~DevLogCapture();
     DevLogCapture(const DevLogCapture&) = delete;
@@ -30,19 +30,19 @@ public:
     int Count(const std::string& text) const;
     bool Contains(const std::string& text) const { return Count(text) > 0; }
 
-private:
+  private:
     uint32_t saved_bits_;
     uint8_t saved_position_;
 };
 
 // A fresh temporary data directory (SetDataDirForTest), removed at the end.
 class DevTempDataDir {
-public:
+  public:
     DevTempDataDir();
     ~DevTempDataDir();
     const std::string& path() const { return path_; }
 
-private:
+  private:
     std::string path_;
 };
 
@@ -54,7 +54,7 @@ struct TimedReply {
 };
 
 class FakeController {
-public:
+  public:
     // seqpacket: one write is one packet (like a hidraw node); otherwise a byte stream
     // whose commands are cut by their length byte (header, length, payload).
     explicit FakeController(bool seqpacket);
@@ -63,7 +63,7 @@ public:
     ~FakeController();
 
     int DaemonFd() const { return daemon_fd_; }  // -1 after TakeDaemonFd
-    int TakeDaemonFd();                            // the caller (a UniqueFd) now owns it
+    int TakeDaemonFd();                          // the caller (a UniqueFd) now owns it
     void SetResponder(std::function<std::vector<TimedReply>(const Bytes&)> respond);
     void Start();
     void Stop();
@@ -73,7 +73,7 @@ public:
     // Writes bytes to the daemon side right away.
     void Send(const Bytes& bytes);
 
-private:
+  private:
     void Run();
     void Handle(const Bytes& packet);
 

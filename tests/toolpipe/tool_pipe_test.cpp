@@ -1,5 +1,7 @@
 // The tool's named pipes in a temporary data directory, and the relay from the input
 // pipe to a controller stand-in.
+#include "toolpipe/tool_pipe.h"
+
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <termios.h>
@@ -10,7 +12,6 @@
 #include "core/paths.h"
 #include "device/device_object.h"
 #include "support/dev_test_util.h"
-#include "toolpipe/tool_pipe.h"
 
 namespace {
 
@@ -109,7 +110,7 @@ TEST(AppPipes, OpenedOnceAndClosed) {
 }
 
 class ForwardTest : public testing::Test {
-protected:
+  protected:
     void SetUp() override {
         DevIgnoreSigusr2();
         int fds[2];
@@ -117,7 +118,10 @@ protected:
         tool_.reset(fds[1]);
         pipe_in_ = fds[0];
     }
-    void Tool(const Bytes& bytes) { ASSERT_EQ(static_cast<ssize_t>(bytes.size()), write(tool_.get(), bytes.data(), bytes.size())); }
+    void Tool(const Bytes& bytes) {
+        ASSERT_EQ(static_cast<ssize_t>(bytes.size()),
+                  write(tool_.get(), bytes.data(), bytes.size()));
+    }
     UniqueFd tool_;
     int pipe_in_ = -1;
 };
@@ -154,7 +158,7 @@ TEST_F(ForwardTest, ReportSwitchByDataByteAndSeries) {
         uint8_t data;
         uint8_t before;
         uint8_t after;
-    } cases[] = {{5, 0, 0, 1}, {5, 1, 1, 0}, {8, 0, 0, 1}, {5, 2, 1, 1},
+    } cases[] = {{5, 0, 0, 1}, {5, 1, 1, 0},  {8, 0, 0, 1}, {5, 2, 1, 1},
                  {5, 2, 0, 0}, {12, 0, 0, 0}, {12, 1, 1, 1}};
     GlobalSettings settings = DevTestSettings();
     for (const Case& c : cases) {
