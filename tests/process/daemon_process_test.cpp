@@ -233,11 +233,33 @@ TEST_F(DaemonProcessTest, DetachesWritesItsPidFileAndLoops) {
     EXPECT_EQ("TavrineD_testda", ProcessName(daemon));
 
     const long deadline = NowMs() + 5000;
-    while (Count(LogText(), "Loop in endless scan") == 0 && NowMs() < deadline) usleep(10000);
+    while (Count(LogText(), "Entering EndlessScanLoop") == 0 && NowMs() < deadline) {
+        usleep(10000);
+    }
+    // The start-up steps in their order (the settings file sends the log to the file from
+    // the print-out of the settings on).
     const std::string log = LogText();
-    EXPECT_EQ(1, Count(log, "<Main> Loop in endless scan\n"));
-    EXPECT_EQ(1, Count(log, "<Init> New CManager is called.\n"));
-    EXPECT_EQ(1, Count(log, "<Main> Entering EndlessScanLoop\n"));
+    const std::string steps[] = {
+        "<Main> Daemon Version: [2.5.6720.]\n",
+        "<Main> Run process as a background daemon\n",
+        "<Main> ===============   Entering GetEnvironment   ===============\n",
+        "<Init> Entering GetAndroidVersion\n",
+        "<Main> Entering GetKernelVersion\n",
+        "<Main> Entering GetCPUinfo\n",
+        "<Main> Entering ListQEVOUsbDevice\n",
+        "<Main> ---------------  Done with GetEnvironment   ---------------\n",
+        "<Init> File " + kPidFile + " doesn't existed\n",
+        "<Init> New CManager is called.\n",
+        "<Main> Loop in endless scan\n",
+        "<Main> Entering EndlessScanLoop\n",
+    };
+    size_t at = 0;
+    for (const std::string& step : steps) {
+        EXPECT_EQ(1, Count(log, step)) << step;
+        const size_t found = log.find(step, at);
+        ASSERT_NE(std::string::npos, found) << "out of order: " << step << log;
+        at = found + step.size();
+    }
     EXPECT_EQ(0, Count(log, "Entering CheckIniDevPID"));  // ScanInterface 4: no scanning
 }
 
