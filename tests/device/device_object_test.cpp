@@ -1,0 +1,202 @@
+// Construction pieces of the device object: interface by path, port open and close on a
+// pty, parameter defaults and address, and the stop of a created thread during set-up.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <thread>
+
+#include "support/dev_test_util.h"
+
+namespace {
+
+TEST(DetectInterface, ByPathPrefix) {
+    struct Case {
+        const char* path;
+        uint8_t interface;
+        int8_t header;
+    } cases[] = {
+        {"/dev/hidraw3", DEV_USB, 0x03},      {"/dev/hidraw", DEV_USB, 0x03},
+        {"/dev/ttyS0", DEV_RS232, 0x0A},      {"/dev/ttyUSB1", DEV_RS232, 0x0A},
+        {"/dev/serio_raw0", DEV_PS2, 0x0A},   {"/dev/input/event2", DEV_UNKNOWN, 0x55},
+        {"/dev/hidra", DEV_UNKNOWN, 0x55},    {"", DEV_UNKNOWN, 0x55},
+        {"/dev/serio_ra", DEV_UNKNOWN, 0x55},
+    };
+    GlobalSettings settings = DevTestSettings();
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.path);
+        CDeviceObject dev(c.path, &settings);
+        dev.CmdHeader = 0x55;  // an unknown path leaves the header as it was
+        EXPECT_EQ(c.interface, DetectInterface(&dev));
+        EXPECT_EQ(c.interface, dev.DevInterface);
+        EXPECT_EQ(c.header, dev.CmdHeader);
+    }
+}
+
+TEST(DeviceDefaults, AddressAndFlagsByInterface) {
+    GlobalSettings settings = DevTestSettings();
+    settings.UseDriverCalib = true;
+    struct Case {
+        const char* path;
+        uint8_t interface;
+        const char* address;
+    } cases[] = {
+        {"/dev/ttyS1", DEV_RS232, "/dev/ttyS1"},
+        {"/dev/serio_raw0", DEV_PS2, "/dev/serio_raw0"},
+        {"/dev/input/event2", DEV_UNKNOWN, "NULL"},
+        // A USB node that answers no hidraw request keeps the "NULL" address.
+        {"/dev/hidraw99", DEV_USB, "NULL"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.path);
+        CDeviceObject dev(c.path, &settings);
+        dev.DevInterface = c.interface;
+        FakeController port(true);
+        AttachPort(&dev, &port, c.interface);
+        dev.bPointsToTool = 1;
+        dev.NoDeviceCheck = 1;
+        SetDefaultParamAndAddress(&dev);
+        EXPECT_STREQ(c.address, dev.Param.Physical_Address);
+        EXPECT_EQ(1, dev.SendRawPoints);
+        EXPECT_EQ(0, dev.NoDeviceCheck);
+        EXPECT_EQ(0, dev.bPointsToTool);
+    }
+    CDeviceObject dev("/dev/ttyS1", &settings);
+    EXPECT_STREQ("UNREACHABLE", dev.TypeName);
+    EXPECT_STREQ("UNREACHABLE", dev.ModelName);
+    EXPECT_STREQ("UNREACHABLE", dev.FWVersion);
+    EXPECT_EQ(-1, dev.CurContacts[0].State);
+    EXPECT_EQ(-1, dev.VKeyCode[9]);
+}
+
+struct Pty {
+    UniqueFd master;
+    std::string slave_path;
+};
+
+bool OpenPty(Pty* pty) {
+    int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    if (master < 0) return false;
+    pty->master.reset(master);
+    if (grantpt(master) != 0 || unlockpt(master) != 0) return false;
+    pty->slave_path = ptsname(master);
+    return true;
+}
+
+// The serial port: opened non-blocking and close-on-exec at the configured speed; closing
+// writes the saved line settings back.
+TEST(SerialPort, OpenAtConfiguredSpeedAndRestoreOnClose) {
+    Pty pty;
+    ASSERT_TRUE(OpenPty(&pty));
+    struct termios original;
+    ASSERT_EQ(0, tcgetattr(pty.master.get(), &original));
+    GlobalSettings settings = DevTestSettings();
+    settings.DeviceBaudRate = 19200;
+    CDeviceObject dev(pty.slave_path.c_str(), &settings);
+    dev.DevInterface = DEV_RS232;
+    DevLogCapture log;
+    ASSERT_EQ(0, OpenPort(&dev));
+    int fd = dev.m_Port_fd.get();
+    EXPECT_TRUE(fcntl(fd, F_GETFL) & O_NONBLOCK);
+    EXPECT_EQ(FD_CLOEXEC, fcntl(fd, F_GETFD) & FD_CLOEXEC);
+    EXPECT_EQ(19200u, dev.BaudRate);
+    struct termios line;
+    ASSERT_EQ(0, tcgetattr(pty.master.get(), &line));
+    EXPECT_EQ(static_cast<speed_t>(B19200), cfgetospeed(&line));
+    EXPECT_TRUE(log.Contains("Set Device [" + pty.slave_path + "] BaudRate 19200"));
+    ClosePort(&dev);
+    EXPECT_FALSE(dev.m_Port_fd.valid());
+    EXPECT_EQ(-1, fcntl(fd, F_GETFD));
+    struct termios restored;
+    ASSERT_EQ(0, tcgetattr(pty.master.get(), &restored));
+    EXPECT_EQ(cfgetospeed(&original), cfgetospeed(&restored));
+    EXPECT_EQ(original.c_lflag, restored.c_lflag);
+}
+
+// Writes to fd every millisecond until stopped: a controller that never stops sending.
+class Streamer {
+  public:
+    explicit Streamer(int fd)
+        : thread_([this, fd] {
+              const uint8_t report[10] = {0x81, 1, 2, 3, 4, 5, 6, 7, 8, 9};
+              while (!stop_) {
+                  ssize_t ret = write(fd, report, sizeof(report));
+                  (void)ret;
+                  usleep(1000);
+              }
+          }) {}
+    ~Streamer() {
+        stop_ = true;
+        thread_.join();
+    }
+
+  private:
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+};
+
+TEST(CleanPort, DrainsAndIsBounded) {
+    GlobalSettings settings = DevTestSettings();
+    {
+        FakeController controller(false);
+        CDeviceObject dev("/dev/ttyS99", &settings);
+        AttachPort(&dev, &controller, DEV_RS232);
+        controller.Send(Bytes(40, 0x81));
+        int64_t start = DevNowMs();
+        DevCleanPortData(&dev);
+        EXPECT_LT(DevNowMs() - start, 50);
+        uint8_t byte;
+        EXPECT_EQ(-1, read(dev.m_Port_fd.get(), &byte, 1));  // nothing left
+    }
+    // 300 reads' worth queued: the drain stops after its 200 reads (5 ms apart) with
+    // data still waiting.
+    FakeController controller(false);
+    CDeviceObject dev("/dev/ttyS99", &settings);
+    AttachPort(&dev, &controller, DEV_RS232);
+    controller.Send(Bytes(300 * kPortReadMax, 0x81));
+    int64_t start = DevNowMs();
+    DevCleanPortData(&dev);
+    int64_t elapsed = DevNowMs() - start;
+    EXPECT_GE(elapsed, 900);
+    EXPECT_LE(elapsed, 2500);
+    uint8_t rest[kPortReadMax];
+    EXPECT_EQ(kPortReadMax, read(dev.m_Port_fd.get(), rest, sizeof(rest)));
+}
+
+// Destroying a created device during its set-up stops the thread by signal: it unwinds
+// from its wait (here the port drain of a streaming controller) and is joined at once.
+TEST(CreatedDevice, DestroyDuringSetupStopsTheThread) {
+    DevIgnoreSigusr2();
+    DevTempDataDir data;
+    Pty pty;
+    ASSERT_TRUE(OpenPty(&pty));
+    GlobalSettings settings = DevTestSettings();
+    snprintf(settings.UinputPath, sizeof(settings.UinputPath), "%s/no_uinput", data.path().c_str());
+    settings.CustomPathMask = kCustomUinputPathBit;
+    DevLogCapture log;
+    std::unique_ptr<CDeviceObject> dev;
+    {
+        // About 4 KB queued in a raw pty keeps the port drain busy for some 300 ms.
+        struct termios raw;
+        ASSERT_EQ(0, tcgetattr(pty.master.get(), &raw));
+        cfmakeraw(&raw);
+        ASSERT_EQ(0, tcsetattr(pty.master.get(), TCSANOW, &raw));
+        const Bytes queued(4000, 0x81);
+        ASSERT_EQ(4000, write(pty.master.get(), queued.data(), queued.size()));
+        Streamer streamer(pty.master.get());
+        dev = CDeviceObject::Create(pty.slave_path.c_str(), &settings);
+        ASSERT_NE(nullptr, dev);
+        usleep(100000);
+        EXPECT_EQ(1, dev->bThreadRunning.load());  // still draining the port
+        int64_t start = DevNowMs();
+        dev.reset();
+        EXPECT_LT(DevNowMs() - start, 100);
+    }
+    EXPECT_TRUE(log.Contains("StopThreadHandler with SIGUSR1"));
+    EXPECT_FALSE(log.Contains("DevSetup failed"));
+    EXPECT_TRUE(log.Contains("Desconstructor ~CDeviceObject() is called."));
+}
+
+}  // namespace
