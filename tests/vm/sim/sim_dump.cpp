@@ -65,6 +65,7 @@ std::string DumpScript(const Script& script)
                (g.error ? " error " + std::to_string(g.error) : " reply " + FormatHex(g.data)) + "\n";
     for (const Rule& r : script.rules) {
         out += "on " + FormatPattern(r.prefix) + " times " + std::to_string(r.times_left);
+        if (r.speed) out += " speed " + std::to_string(r.speed);
         for (const Reply& reply : r.replies) out += " ; " + DumpReply(reply);
         if (r.replies.empty() && !r.unplug) out += " ; silent";
         if (r.unplug) out += " ; unplug";

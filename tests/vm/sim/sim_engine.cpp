@@ -125,6 +125,7 @@ void SimEngine::HandlePacket(const Bytes& packet, uint64_t now)
     unwaited_.push_back(packet);
     for (Rule& rule : rules_) {
         if (rule.times_left == 0 || !Matches(rule.prefix, packet)) continue;
+        if (rule.speed && port_->line_speed() != rule.speed) continue;
         if (rule.times_left > 0) --rule.times_left;
         log_->Write("match", "line " + std::to_string(rule.line));
         for (const Reply& reply : rule.replies) {

@@ -163,6 +163,11 @@ bool ParseRule(LineParser& p, int line, Script* script)
         if (!p.Number(1u << 30, &n, "count")) return false;
         rule.times_left = static_cast<int64_t>(n);
     }
+    if (p.Accept("speed")) {
+        uint64_t speed = 0;
+        if (!p.Number(4000000, &speed, "speed") || speed == 0) return p.Fail("bad speed");
+        rule.speed = static_cast<uint32_t>(speed);
+    }
     do {
         if (p.Accept("reply")) {
             Reply reply;

@@ -14,11 +14,13 @@
 //                                      (default on; the kernel drops short
 //                                      reports before hidraw sees them)
 //   getreport <report id> reply <hex bytes...> | error <errno>
-//   on <pattern> [times <n>] <action> [; <action>]...
+//   on <pattern> [times <n>] [speed <baud>] <action> [; <action>]...
 //        action: reply [after <time>] (<hex bytes...> | garbage <n> | echo)
 //              | silent | unplug
 //        pattern: hex bytes that must start the packet; "xx" matches any
 //              byte (e.g. "03 xx 39": command 0x39 whatever its length)
+//        speed: serial only: the rule answers only while the host has the
+//              line at this speed (a controller fixed at one speed)
 //   at <time> <step action>            at a time after the start
 //   after <time> <step action>         after the previous step ended
 //   wait rx <pattern> [timeout <time>]   until a matching packet came in
@@ -66,6 +68,7 @@ struct Rule {
     int line = 0;
     Pattern prefix;
     int64_t times_left = -1;  // -1: unlimited
+    uint32_t speed = 0;       // serial: answer only at this line speed; 0 = any
     std::vector<Reply> replies;
     bool unplug = false;
 };
