@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "core/shell.h"
+#include "core/shell_token.h"
 #include "discovery/hid_listing.h"
 #include "discovery/hid_paths.h"
 #include "log/debug_log.h"
@@ -18,7 +19,7 @@ constexpr int kUsbBusType = 3;
 constexpr int kMultitouchClass = 103;  // read by the kernel as hexadecimal 0x103
 
 bool IdsAcceptable(const char* vid, const char* pid) {
-    if (IsHexId4(vid) && IsHexId4(pid)) return true;
+    if (IsProductIdToken(vid) && IsProductIdToken(pid)) return true;
     TLOG(LOG_INIT, "Refused device id [%.8s]:[%.8s]: not four hexadecimal digits each",
          vid ? vid : "", pid ? pid : "");
     return false;
@@ -47,7 +48,7 @@ bool KernelPathExists(const char* path) {
 
 void CheckVIDinlsusb(const char* vid) {
     TLOG(LOG_MAIN, "Entering %s()", "CheckVIDinlsusb");
-    if (!IsHexId4(vid)) {
+    if (!IsProductIdToken(vid)) {
         TLOG(LOG_INIT, "Vendor id [%.8s] is not four hexadecimal digits", vid ? vid : "");
         return;
     }
@@ -70,7 +71,7 @@ void CheckVIDinlsusb(const char* vid) {
             }
             memset(pids[found], 0, sizeof(pids[found]));
             memcpy(pids[found], at + 5, 4);
-            if (!IsHexId4(pids[found])) {
+            if (!IsProductIdToken(pids[found])) {
                 TLOG(LOG_INIT, "Listed product id [%s] is not four hexadecimal digits",
                      pids[found]);
                 continue;

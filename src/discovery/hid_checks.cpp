@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "core/shell.h"
+#include "core/shell_token.h"
 #include "discovery/hid_binding.h"
 #include "discovery/hid_listing.h"
 #include "discovery/hid_paths.h"
@@ -38,7 +39,7 @@ int DirectoryListsNoCase(const char* dir, const char* needle) {
 
 // Lists path in the bus driver directory with "3C7A:<pid>" searched.
 int BusDriverLists(const char* driver_dir, const char* pid) {
-    if (!IsHexId4(pid)) {
+    if (!IsProductIdToken(pid)) {
         TLOG(LOG_INIT, "Product id [%.8s] is not four hexadecimal digits", pid);
         return 0;
     }
@@ -114,7 +115,7 @@ int CheckPIDinInputDevice(const char* pid) {
 }
 
 int IsPidInModule(const char* pid) {
-    if (!IsHexId4(pid)) {
+    if (!IsProductIdToken(pid)) {
         TLOG(LOG_INIT, "Product id [%.8s] is not four hexadecimal digits", pid);
         return 0;
     }

@@ -30,14 +30,6 @@ void CloseListing(CmdListing* listing) {
     unlink(DrvLogPath());
 }
 
-int IsHexId4(const char* text) {
-    if (!text) return 0;
-    for (int i = 0; i < 4; ++i) {
-        if (!isxdigit(static_cast<unsigned char>(text[i]))) return 0;
-    }
-    return text[4] == '\0' ? 1 : 0;
-}
-
 int IsModuleName(const char* text) {
     if (!text) return 0;
     size_t len = strnlen(text, 64);

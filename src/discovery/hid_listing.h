@@ -20,8 +20,6 @@ bool NextListingWord(CmdListing* listing, char (&word)[kListingWordMax]);
 // Closes the stream and removes the capture file.
 void CloseListing(CmdListing* listing);
 
-// 1 when text is exactly four hexadecimal digits (a vendor or product id), else 0.
-int IsHexId4(const char* text);
 // 1 when text is a module or directory name: 1 to 63 of [A-Za-z0-9_-].
 int IsModuleName(const char* text);
 // Case-insensitive substring test.

@@ -6,6 +6,7 @@
 #include <stdio.h>
 
 #include "core/shell.h"
+#include "core/shell_token.h"
 #include "device/device_object.h"
 #include "discovery/probe_exchange.h"
 #include "log/debug_log.h"
@@ -21,10 +22,15 @@ constexpr int kReadSlack = 8;
 // The port read empty: the controller is gone. Deletes the stale node, asks the main
 // thread for a plug-and-play check and raises this thread's stop request.
 void HandleEmptyRead(CDeviceObject* device) {
-    char command[kShellCommandMax];
-    snprintf(command, sizeof(command), "rm %s", device->PortPath);
     TLOG(LOG_INIT, "Detect no data in port. Send SIGUSR2 to mainthread do check PNP");
-    RunShell(command);
+    if (IsPlainPathToken(device->PortPath)) {
+        char command[kShellCommandMax];
+        snprintf(command, sizeof(command), "rm %s", device->PortPath);
+        RunShell(command);
+    } else {
+        TLOG(LOG_INIT, "Port path [%s] is not a plain path: refused to run rm on it",
+             device->PortPath);
+    }
     kill(0, SIGUSR2);
     device->bThreadRunning = 0;
     RequestRxThreadStop();

@@ -377,15 +377,4 @@ TEST_F(HidBindingTest, IdsThatAreNotFourHexDigitsNeverReachTheShell) {
     EXPECT_EQ(std::vector<std::string>{"busybox lsusb"}, Calls());
 }
 
-TEST(HidIdCheck, FourHexDigitsOnly) {
-    EXPECT_EQ(1, IsHexId4("3c7a"));
-    EXPECT_EQ(1, IsHexId4("00AB"));
-    EXPECT_EQ(0, IsHexId4("3c7"));
-    EXPECT_EQ(0, IsHexId4("3c7a0"));
-    EXPECT_EQ(0, IsHexId4("3c7g"));
-    EXPECT_EQ(0, IsHexId4(" 3c7"));
-    EXPECT_EQ(0, IsHexId4(""));
-    EXPECT_EQ(0, IsHexId4(nullptr));
-}
-
 }  // namespace

@@ -75,27 +75,25 @@ TEST(ReceiveStep, ReadsOneReportAndTreatsNothingReadyAsNoData) {
     EXPECT_EQ(want, rig.TouchEvents());
 }
 
-TEST(ReceiveStep, EmptyReadIsAnUnplug) {
-    char dir_pattern[] = "/tmp/touch_rx_XXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(dir_pattern));
-    const std::string node = std::string(dir_pattern) + "/hidraw7";
-    { UniqueFd fd(OpenCloexec(node.c_str(), O_WRONLY | O_CREAT, 0600)); }
+namespace {
 
+// Runs one reception step on a port whose controller has gone, in a child with its own
+// process group (the step signals the whole group). Returns the child's failure bits:
+// 1 result, 2 running flag, 4 stop request, 8 SIGUSR2; 64 when the child did not exit.
+int RunEmptyReadInChild(const std::string& port_path) {
     const pid_t child = fork();
-    ASSERT_NE(-1, child);
+    if (child == -1) return 64;
     if (child == 0) {
-        // Own process group: the step signals the whole group.
         setpgid(0, 0);
         struct sigaction action = {};
         action.sa_handler = CountUsr2;
         sigaction(SIGUSR2, &action, nullptr);
         TouchRig rig;
-        snprintf(rig.dev->PortPath, sizeof(rig.dev->PortPath), "%s", node.c_str());
-        UniqueFd controller;
+        snprintf(rig.dev->PortPath, sizeof(rig.dev->PortPath), "%s", port_path.c_str());
         int fds[2];
         if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, fds) != 0) _exit(10);
         rig.dev->m_Port_fd.reset(fds[0]);
-        controller.reset(fds[1]);
+        UniqueFd controller(fds[1]);
         controller.reset();  // the controller goes away: the read returns 0
         rig.dev->bThreadRunning = 1;
         int code = 0;
@@ -103,15 +101,49 @@ TEST(ReceiveStep, EmptyReadIsAnUnplug) {
         if (rig.dev->bThreadRunning.load() != 0) code |= 2;
         if (!RxThreadStopRequested()) code |= 4;
         if (g_usr2_count != 1) code |= 8;
-        if (access(node.c_str(), F_OK) == 0) code |= 16;  // the node must be deleted
         rig.dev->m_Port_fd.reset();
         _exit(code);
     }
     int status = 0;
-    ASSERT_EQ(child, waitpid(child, &status, 0));
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(0, WEXITSTATUS(status)) << "bits: 1 result, 2 running flag, 4 stop request, "
-                                         "8 SIGUSR2, 16 node left";
+    if (waitpid(child, &status, 0) != child || !WIFEXITED(status)) return 64;
+    return WEXITSTATUS(status);
+}
+
+void TouchFile(const std::string& path) {
+    UniqueFd fd(OpenCloexec(path.c_str(), O_WRONLY | O_CREAT, 0600));
+}
+
+}  // namespace
+
+TEST(ReceiveStep, EmptyReadIsAnUnplug) {
+    char dir_pattern[] = "/tmp/touch_rx_XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(dir_pattern));
+    const std::string node = std::string(dir_pattern) + "/hidraw7";
+    TouchFile(node);
+    EXPECT_EQ(0, RunEmptyReadInChild(node)) << "bits: 1 result, 2 running flag, 4 stop "
+                                               "request, 8 SIGUSR2, 64 child";
+    EXPECT_NE(0, access(node.c_str(), F_OK)) << "the node must be deleted";
+    rmdir(dir_pattern);
+}
+
+// A port path that is not one plain word never reaches "rm": with a blank in it the shell
+// would delete a second file. The unplug itself goes on unchanged.
+TEST(ReceiveStep, EmptyReadDoesNotRemoveThroughAPathThatIsNotPlain) {
+    char dir_pattern[] = "/tmp/touch_rx_XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(dir_pattern));
+    const std::string dir = dir_pattern;
+    const std::string node = dir + "/ttyS5";
+    const std::string victim = dir + "/victim";
+    TouchFile(node);
+    TouchFile(victim);
+    for (const std::string& path : {node + " " + victim, node + ";rm${IFS}" + victim,
+                                    node + "|rm " + victim, node + "$(rm " + victim + ")"}) {
+        EXPECT_EQ(0, RunEmptyReadInChild(path)) << path;
+        EXPECT_EQ(0, access(victim.c_str(), F_OK)) << "removed through [" << path << "]";
+        EXPECT_EQ(0, access(node.c_str(), F_OK)) << "removed through [" << path << "]";
+    }
+    unlink(victim.c_str());
+    unlink(node.c_str());
     rmdir(dir_pattern);
 }
 
@@ -186,5 +218,50 @@ TEST(UsbSplit, ClassificationBySkipAndRawPointSettings) {
         Usb(rig, c.bytes);
         EXPECT_EQ(c.to_point, !rig.TouchEvents().empty());
         EXPECT_EQ(c.to_reply ? 1 : 0, rig.dev->bSelfHookReplied.load());
+    }
+}
+
+// Random reads of every length through the USB and serial paths, over the series that
+// change the layouts: nothing is read or written out of bounds (run under the sanitizers),
+// nothing stalls, and a valid report is served afterwards.
+TEST(UsbSplit, HostileReadsKeepTheDeviceServing) {
+    VersionGuard version(9);
+    uint32_t seed = 2024;
+    auto next = [&seed]() {
+        seed = seed * 1103515245u + 12345u;
+        return static_cast<uint8_t>(seed >> 16);
+    };
+    for (uint8_t iface : {DEV_USB, DEV_RS232, DEV_PS2}) {
+        for (int series : {0, 8, 11, 21, 22}) {
+            TouchRig rig(iface);
+            rig.dev->Series = series;
+            rig.dev->Param.SupportPoints = static_cast<uint8_t>(series == 22 ? 255 : 10);
+            rig.dev->MouseResShift = -1;
+            rig.dev->ParallelResShift = 0;
+            rig.dev->MTouchResShift = 127;
+            rig.dev->SigHookCmd = 0x100;  // no reply byte matches: no wake attempts to wait on
+            for (int read = 0; read < 3000; ++read) {
+                uint8_t bytes[kPortReadMax];
+                const int count = 1 + next() % kPortReadMax;
+                for (int i = 0; i < count; ++i) bytes[i] = next();
+                // Bias towards the ids that have a layout.
+                static const uint8_t kIds[] = {0x01, 0x02, 0x03, 0x04, 0x06, 0x17, 0x0A, 0x81};
+                if (read % 2 == 0) bytes[0] = kIds[next() % 8];
+                DispatchPortBytes(rig.dev.get(), bytes, count);
+                ASSERT_LE(rig.dev->CurIndex, kCmdBufSize);
+                ASSERT_LE(rig.dev->SerialIndex, kSerialBufSize);
+                (void)rig.TouchEvents();
+                (void)rig.PenEvents();
+            }
+            if (iface != DEV_USB) continue;
+            // A fresh contact on a free slot is still served.
+            rig.dev->TotalPtsCnt = 0;
+            rig.dev->CurContacts[9].State = -1;
+            const uint8_t report[] = {0x06, 1, 0x01, 9, 0x10, 0x00, 0x20, 0x00, 0, 0, 0, 0};
+            DispatchPortBytes(rig.dev.get(), report, sizeof(report));
+            std::vector<Ev> events = rig.TouchEvents();
+            ASSERT_FALSE(events.empty());
+            EXPECT_EQ(Syn(), events.back());
+        }
     }
 }
