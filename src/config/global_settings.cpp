@@ -11,6 +11,7 @@
 #include "config/global_settings.h"
 
 #include <ctype.h>
+#include <errno.h>
 #include <limits.h>
 #include <stdlib.h>
 #include <string.h>
@@ -68,16 +69,18 @@ void PushBack(WordReader* reader, const Word& word) {
     reader->has_pending = true;
 }
 
-// Decimal or hexadecimal number filling the whole word, within int range for base 10 and
-// u32 range for base 16. Returns false for anything else.
-bool ParseNumber(const Word& word, int base, long* value) {
+// Decimal (base 10, int range) or hexadecimal (base 16, u32 range, no sign) number filling
+// the whole word. Returns false for anything else. Parsed in 64 bits whatever the size of
+// long, so that an out-of-range value is refused on 32-bit targets too.
+bool ParseNumber(const Word& word, int base, long long* value) {
     if (word.too_long || word.text[0] == '\0') return false;
-    if (base == 16 && word.text[0] == '-') return false;
+    if (base == 16 && (word.text[0] == '-' || word.text[0] == '+')) return false;
     char* end = nullptr;
-    long parsed = strtol(word.text, &end, base);
-    if (end == word.text || *end != '\0') return false;
+    errno = 0;
+    const long long parsed = strtoll(word.text, &end, base);
+    if (end == word.text || *end != '\0' || errno == ERANGE) return false;
     if (base == 10 && (parsed < INT_MIN || parsed > INT_MAX)) return false;
-    if (base == 16 && (parsed < 0 || static_cast<unsigned long>(parsed) > UINT32_MAX)) return false;
+    if (base == 16 && parsed > static_cast<long long>(UINT32_MAX)) return false;
     *value = parsed;
     return true;
 }
@@ -87,7 +90,7 @@ bool EndsStringSection(const char* key) {
            strcmp(key, kEndOfFile) == 0;
 }
 
-void ApplyGlobalPair(GlobalSettings* settings, const char* key, long value) {
+void ApplyGlobalPair(GlobalSettings* settings, const char* key, long long value) {
     if (value == -1) return;
     if (strcmp(key, "ShowDebugPosition") == 0) {
         ShowDebugPosition = static_cast<uint8_t>(value);
@@ -180,7 +183,7 @@ bool ReadFirstPair(WordReader* reader, Word* key) {
     if (IsWord(*key, kStringSection) || EndsGlobalPart(*key)) return true;
     Word value;
     if (!NextWord(reader, &value)) return false;
-    long bits = 0;
+    long long bits = 0;
     if (!ParseNumber(value, 16, &bits)) {
         PushBack(reader, value);  // not a number: it is the next key
         return true;
@@ -202,7 +205,7 @@ bool ReadGlobalSection(WordReader* reader, GlobalSettings* settings, const Word&
         if (EndsGlobalPart(key)) return false;
         Word value;
         if (!NextWord(reader, &value)) return false;
-        long number = 0;
+        long long number = 0;
         if (!ParseNumber(value, 10, &number)) {
             PushBack(reader, value);  // not a number: it is the next key
             continue;

@@ -1,6 +1,5 @@
 #include "core/environment.h"
 
-#include <errno.h>
 #include <limits.h>
 #include <stdlib.h>
 #include <string.h>
@@ -22,8 +21,7 @@ constexpr const char* kQevoVidTag = "3c7a:";
 
 // atoi that cannot overflow: the leading decimal number of text, clamped to int32, or 0.
 int32_t ToInt(const char* text) {
-    errno = 0;
-    long value = strtol(text, nullptr, 10);
+    const long long value = strtoll(text, nullptr, 10);  // clamps itself to the 64-bit range
     if (value > INT32_MAX) return INT32_MAX;
     if (value < INT32_MIN) return INT32_MIN;
     return static_cast<int32_t>(value);
