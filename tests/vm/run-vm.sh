@@ -81,7 +81,7 @@ build_initramfs || die "could not build the initramfs"
 if [ -z "$VM_TIMEOUT" ]; then
     VM_TIMEOUT=60
     for s in $SCENARIOS; do
-        t=60
+        t=30
         [ -f "$BED/scenarios/$s/timeout" ] && t=$(cat "$BED/scenarios/$s/timeout")
         VM_TIMEOUT=$((VM_TIMEOUT + t + 5))
     done

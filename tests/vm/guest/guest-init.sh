@@ -49,7 +49,7 @@ run_scenario() {
     rm -rf /data/* /data/.[!.]* /tmp/bed.*
     mkdir -p "$out"
     dmesg -c > /dev/null
-    limit=60
+    limit=30
     [ -f "$dir/timeout" ] && limit=$(cat "$dir/timeout")
     echo "@@BED-SCENARIO-BEGIN $name"
     start=$(cut -d' ' -f1 /proc/uptime)
