@@ -240,7 +240,7 @@ TEST(UsbSplit, HostileReadsKeepTheDeviceServing) {
             rig.dev->ParallelResShift = 0;
             rig.dev->MTouchResShift = 127;
             rig.dev->SigHookCmd = 0x100;  // no reply byte matches: no wake attempts to wait on
-            for (int read = 0; read < 3000; ++read) {
+            for (int read = 0; read < 300; ++read) {
                 uint8_t bytes[kPortReadMax];
                 const int count = 1 + next() % kPortReadMax;
                 for (int i = 0; i < count; ++i) bytes[i] = next();
