@@ -83,42 +83,22 @@ TEST(UinputRecord, TouchDeviceRecordPerProtocolAndAndroidVersion) {
         int resol_y;
         std::vector<AxisWant> axes;
     };
+    const AxisWant x_full = {ABS_MT_POSITION_X, 0, 4095};
+    const AxisWant y_full = {ABS_MT_POSITION_Y, 0, 4095};
+    const AxisWant tool = {ABS_MT_TOOL_TYPE, 0, 1};
+    const AxisWant slot = {ABS_MT_SLOT, 0, 20};
+    const AxisWant tracking = {ABS_MT_TRACKING_ID, 0, 20};
+    // clang-format off
     const Case cases[] = {
         // Android 4+, slot protocol: slot and tracking id 0-20.
-        {9,
-         2,
-         -1,
-         -1,
-         {{ABS_MT_POSITION_X, 0, 4095},
-          {ABS_MT_POSITION_Y, 0, 4095},
-          {ABS_MT_TOOL_TYPE, 0, 1},
-          {ABS_MT_SLOT, 0, 20},
-          {ABS_MT_TRACKING_ID, 0, 20}}},
-        // Android 2: tracking id but no slot.
-        {2,
-         1,
-         1919,
-         1079,
-         {{ABS_MT_POSITION_X, 0, 1919},
-          {ABS_MT_POSITION_Y, 0, 1079},
-          {ABS_MT_TOOL_TYPE, 0, 1},
-          {ABS_MT_TRACKING_ID, 0, 20}}},
-        // Android 3: still no slot.
-        {3,
-         2,
-         -1,
-         -1,
-         {{ABS_MT_POSITION_X, 0, 4095},
-          {ABS_MT_POSITION_Y, 0, 4095},
-          {ABS_MT_TOOL_TYPE, 0, 1},
-          {ABS_MT_TRACKING_ID, 0, 20}}},
+        {9, 2, -1, -1, {x_full, y_full, tool, slot, tracking}},
+        // Android 2 and 3: tracking id but no slot.
+        {2, 1, 1919, 1079, {{ABS_MT_POSITION_X, 0, 1919}, {ABS_MT_POSITION_Y, 0, 1079}, tool, tracking}},
+        {3, 2, -1, -1, {x_full, y_full, tool, tracking}},
         // Type A: neither.
-        {9,
-         4,
-         -1,
-         799,
-         {{ABS_MT_POSITION_X, 0, 4095}, {ABS_MT_POSITION_Y, 0, 799}, {ABS_MT_TOOL_TYPE, 0, 1}}},
+        {9, 4, -1, 799, {x_full, {ABS_MT_POSITION_Y, 0, 799}, tool}},
     };
+    // clang-format on
     for (const Case& c : cases) {
         SCOPED_TRACE(testing::Message() << "android " << c.android << " type " << c.event_type);
         VersionGuard version(c.android);

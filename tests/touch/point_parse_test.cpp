@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <vector>
 
 #include "support/touch_test_util.h"
@@ -70,64 +71,25 @@ TEST(PointParseSingle, MouseDigitizerAndTouchReportsWithTheirShifts) {
         int x;
         int y;
     };
+    std::vector<uint8_t> oversized(64, 0xAB);  // bytes past the layout are ignored
+    const uint8_t head[] = {0x01, 0x05, 0x10, 0x00, 0x20, 0x00};
+    std::copy(head, head + 6, oversized.begin());
     // Status 0x05: touching, contact 1. X 0x0F00 (3840), Y 0x0800 (2048).
+    // clang-format off
     const Case cases[] = {
-        {"0x01 shift 1 -> none", 0, 1, 1, 1, {0x01, 0x05, 0x00, 0x0F, 0x00, 0x08}, 1, 3840, 2048},
-        {"0x03 shift 3 -> 2", 0, 3, 1, 1, {0x03, 0x05, 0x00, 0x0F, 0x00, 0x08}, 1, 960, 512},
-        {"0x01 id bits 2-6", 0, 1, 1, 1, {0x01, 0x1D, 0x01, 0x00, 0x02, 0x00}, 7, 1, 2},
-        {"0x02 series 21 digitizer shift 2 -> 1",
-         21,
-         1,
-         2,
-         1,
-         {0x02, 0x05, 0x00, 0x0F, 0x00, 0x08},
-         1,
-         1920,
-         1024},
-        {"0x04 series 8: no shift",
-         8,
-         1,
-         1,
-         3,
-         {0x04, 0x05, 0x00, 0x0F, 0x00, 0x08},
-         1,
-         3840,
-         2048},
-        {"0x04 series 9: shift itself",
-         9,
-         1,
-         1,
-         2,
-         {0x04, 0x05, 0x00, 0x0F, 0x00, 0x08},
-         1,
-         960,
-         512},
+        {"0x01 shift 1 -> none",   0,  1, 1, 1, {0x01, 0x05, 0x00, 0x0F, 0x00, 0x08}, 1, 3840, 2048},
+        {"0x03 shift 3 -> 2",      0,  3, 1, 1, {0x03, 0x05, 0x00, 0x0F, 0x00, 0x08}, 1, 960, 512},
+        {"0x01 id bits 2-6",       0,  1, 1, 1, {0x01, 0x1D, 0x01, 0x00, 0x02, 0x00}, 7, 1, 2},
+        {"0x02 series 21 2 -> 1",  21, 1, 2, 1, {0x02, 0x05, 0x00, 0x0F, 0x00, 0x08}, 1, 1920, 1024},
+        {"0x04 series 8: none",    8,  1, 1, 3, {0x04, 0x05, 0x00, 0x0F, 0x00, 0x08}, 1, 3840, 2048},
+        {"0x04 series 9: itself",  9,  1, 1, 2, {0x04, 0x05, 0x00, 0x0F, 0x00, 0x08}, 1, 960, 512},
         // Shifts below 0 (descriptor gave -1 or announced nothing): no shift, never 31.
-        {"0x01 shift field 0", 0, 0, 1, 1, {0x01, 0x05, 0x00, 0x0F, 0x00, 0x08}, 1, 3840, 2048},
-        {"0x01 shift field -1", 0, -1, 1, 1, {0x01, 0x05, 0x00, 0x0F, 0x00, 0x08}, 1, 3840, 2048},
-        {"0x04 series 9 shift -1",
-         9,
-         1,
-         1,
-         -1,
-         {0x04, 0x05, 0x00, 0x0F, 0x00, 0x08},
-         1,
-         3840,
-         2048},
-        // Oversized report: bytes past the layout are ignored.
-        {"0x01 of 64 bytes", 0, 1, 1, 1,
-         [] {
-             std::vector<uint8_t> b(64, 0xAB);
-             b[0] = 0x01;
-             b[1] = 0x05;
-             b[2] = 0x10;
-             b[3] = 0x00;
-             b[4] = 0x20;
-             b[5] = 0x00;
-             return b;
-         }(),
-         1, 16, 32},
+        {"0x01 shift field 0",     0,  0, 1, 1, {0x01, 0x05, 0x00, 0x0F, 0x00, 0x08}, 1, 3840, 2048},
+        {"0x01 shift field -1",    0, -1, 1, 1, {0x01, 0x05, 0x00, 0x0F, 0x00, 0x08}, 1, 3840, 2048},
+        {"0x04 series 9 shift -1", 9,  1, 1, -1, {0x04, 0x05, 0x00, 0x0F, 0x00, 0x08}, 1, 3840, 2048},
+        {"0x01 of 64 bytes",       0,  1, 1, 1, oversized, 1, 16, 32},
     };
+    // clang-format on
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
         TouchRig rig;

@@ -160,53 +160,29 @@ TEST(UsbSplit, ClassificationBySkipAndRawPointSettings) {
         bool to_reply;
     };
     const std::vector<uint8_t> point = {0x03, 0x81, 0x10, 0x00, 0x20, 0x00};  // touching, id 0
+    const std::vector<uint8_t> reply = {0x03, 0x02, 0x55, 0x01};
+    const std::vector<uint8_t> serial_reply = {0x0A, 0x02, 0x55, 0x01};
+    const std::vector<uint8_t> report = {0x01, 0x01, 0x10, 0x00, 0x20, 0x00};
+    // clang-format off
     const Case cases[] = {
-        {"0x03 reply", false, 0, {0x03, 0x02, 0x55, 0x01}, false, true},
-        {"0x0A reply", false, 0, {0x0A, 0x02, 0x55, 0x01}, false, true},
-        {"leading 0x00 dropped", false, 0, {0x00, 0x03, 0x02, 0x55, 0x01}, false, true},
-        {"SkipFirstByte drops any first byte",
-         true,
-         0,
-         {0x7E, 0x03, 0x02, 0x55, 0x01},
-         false,
-         true},
-        {"without skip the same read is no reply",
-         false,
-         0,
-         {0x7E, 0x03, 0x02, 0x55, 0x01},
-         false,
-         false},
-        {"point report", false, 0, {0x01, 0x01, 0x10, 0x00, 0x20, 0x00}, true, false},
-        {"raw points: 0x03 with byte 1 >= 0x80 is a point", false, 1, point, true, false},
-        {"raw points: 0x03 with byte 1 = 0x80 is a point",
-         false,
-         1,
-         {0x03, 0x80, 0x10, 0x00, 0x20, 0x00},
-         true,
-         false},
-        {"raw points: 0x03 with byte 1 < 0x80 is a reply",
-         false,
-         1,
-         {0x03, 0x02, 0x55, 0x01},
-         false,
-         true},
-        {"raw points: 0x0A is a reply", false, 1, {0x0A, 0x02, 0x55, 0x01}, false, true},
-        {"raw points: other ids are points",
-         false,
-         1,
-         {0x01, 0x01, 0x10, 0x00, 0x20, 0x00},
-         true,
-         false},
-        {"without raw points 0x03 is always a reply", false, 0, point, false, false},
-        {"raw points value 2 drops everything", false, 2, {0x0A, 0x02, 0x55, 0x01}, false, false},
-        {"raw points value 2 drops points too",
-         false,
-         2,
-         {0x01, 0x01, 0x10, 0x00, 0x20, 0x00},
-         false,
-         false},
-        {"a lone 0x00 is nothing", false, 0, {0x00}, false, false},
+        // what                                      skip  raw  bytes         point  reply
+        {"0x03 reply",                               false, 0, reply,         false, true},
+        {"0x0A reply",                               false, 0, serial_reply,  false, true},
+        {"leading 0x00 dropped",                     false, 0, {0x00, 0x03, 0x02, 0x55, 0x01}, false, true},
+        {"SkipFirstByte drops any first byte",       true,  0, {0x7E, 0x03, 0x02, 0x55, 0x01}, false, true},
+        {"without skip the same read is no reply",   false, 0, {0x7E, 0x03, 0x02, 0x55, 0x01}, false, false},
+        {"point report",                             false, 0, report,        true,  false},
+        {"raw points: 0x03, byte 1 >= 0x80 a point", false, 1, point,         true,  false},
+        {"raw points: 0x03, byte 1 = 0x80 a point",  false, 1, {0x03, 0x80, 0x10, 0x00, 0x20, 0x00}, true, false},
+        {"raw points: 0x03, byte 1 < 0x80 a reply",  false, 1, reply,         false, true},
+        {"raw points: 0x0A is a reply",              false, 1, serial_reply,  false, true},
+        {"raw points: other ids are points",         false, 1, report,        true,  false},
+        {"without raw points 0x03 is a reply",       false, 0, point,         false, false},
+        {"raw points value 2 drops replies",         false, 2, serial_reply,  false, false},
+        {"raw points value 2 drops points",          false, 2, report,        false, false},
+        {"a lone 0x00 is nothing",                   false, 0, {0x00},        false, false},
     };
+    // clang-format on
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
         TouchRig rig;
