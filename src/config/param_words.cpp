@@ -5,15 +5,20 @@
 
 IniWordResult ReadIniWord(FILE* stream, char word[kTextMax]) {
     word[0] = '\0';
-    // "%63s": kTextMax - 1 characters at most, the terminator in the last byte.
-    if (fscanf(stream, "%63s", word) != 1) {
+    // "%63s": kTextMax - 1 characters at most, the terminator in the last byte. The %n
+    // counts tell a word that holds a NUL byte: its text would stop at the NUL and the
+    // stream position would no longer follow the text.
+    int word_start = 0;
+    int word_end = 0;
+    if (fscanf(stream, " %n%63s%n", &word_start, word, &word_end) != 1) {
         word[0] = '\0';
         return kIniWordEnd;
     }
+    const bool holds_nul = strlen(word) != static_cast<size_t>(word_end - word_start);
     int next = fgetc(stream);
-    if (next == EOF) return kIniWordOk;
-    if (isspace(next)) {
-        ungetc(next, stream);
+    if (next == EOF || isspace(next)) {
+        if (next != EOF) ungetc(next, stream);
+        if (holds_nul) snprintf(word, kTextMax, "%s", kOverlongWord);
         return kIniWordOk;
     }
     // The word goes on: drop the rest of it, so its tail is never taken for a word.

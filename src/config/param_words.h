@@ -15,9 +15,9 @@ enum IniWordResult { kIniWordEnd = 0, kIniWordOk = 1 };
 constexpr const char* kOverlongWord = "[ overlong word ]";
 
 // Reads the next white-space separated word into word (kTextMax bytes). A longer word is
-// consumed whole and stored as kOverlongWord. The stream is left just after the word (the
-// white space after it is not consumed). Returns kIniWordOk, or kIniWordEnd at end of file
-// or on a read error (word is then "").
+// consumed whole and stored as kOverlongWord, and so is a word that holds a NUL byte. The
+// stream is left just after the word (the white space after it is not consumed). Returns
+// kIniWordOk, or kIniWordEnd at end of file or on a read error (word is then "").
 IniWordResult ReadIniWord(FILE* stream, char word[kTextMax]);
 
 // A whole word that is a decimal number in the signed 32-bit range, with an optional sign.

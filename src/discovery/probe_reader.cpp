@@ -162,7 +162,7 @@ int MergeReportReply(ProbeContext* /*context*/, const uint8_t* packet, int count
         start = 3;
     }
 
-    int last = packet[1] + 1;
+    int last = count > 1 ? packet[1] + 1 : 0;  // a 1-byte packet has no length byte
     if (last > count - 1) last = count - 1;
     for (int i = start; i <= last; ++i) {
         if (*merge_pos < 2 || *merge_pos + 1 >= kReplyBufSize) return -1;
