@@ -4,7 +4,8 @@
 //
 // Hostile input: every word is read into a 64-byte buffer with a bounded conversion; the
 // rest of a longer word is consumed and the word is marked over-long, so its tail is
-// never taken for a key, and an over-long key or value is ignored (never cut to fit). The
+// never taken for a key, and an over-long key or value is ignored (never cut to fit). A
+// word holding a NUL byte is ignored the same way, so "[String]\0x" is not "[String]". The
 // end of the file inside any section ends the read, keeping what was read. A global value
 // that is not a number is not applied; that word is read as the next key, which is how the
 // word "[String]" ends the global section.
@@ -16,6 +17,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "core/data_file.h"
 #include "core/paths.h"
 #include "log/debug_log.h"
 
@@ -32,6 +34,9 @@ constexpr const char* kEmptyPidSlot = "NULL";
 struct Word {
     char text[kTextMax];
     bool too_long;  // the word had more than 63 characters; text holds only its start
+    bool has_nul;   // the word holds a NUL byte; text ends early
+    // A word that is too long or holds a NUL byte never matches a key or counts as a value.
+    bool Usable() const { return !too_long && !has_nul; }
 };
 
 // Word source with one word of look-ahead (a value that is not a number is pushed back).
@@ -50,7 +55,10 @@ bool NextWord(WordReader* reader, Word* word) {
     }
     word->text[0] = '\0';
     word->too_long = false;
-    if (fscanf(reader->stream, "%63s", word->text) != 1) return false;
+    int start = 0;
+    int end = 0;
+    if (fscanf(reader->stream, " %n%63s%n", &start, word->text, &end) != 1) return false;
+    word->has_nul = strlen(word->text) != static_cast<size_t>(end - start);
     const int next = getc(reader->stream);
     if (next == EOF) return true;
     if (isspace(next)) {
@@ -73,7 +81,7 @@ void PushBack(WordReader* reader, const Word& word) {
 // the whole word. Returns false for anything else. Parsed in 64 bits whatever the size of
 // long, so that an out-of-range value is refused on 32-bit targets too.
 bool ParseNumber(const Word& word, int base, long long* value) {
-    if (word.too_long || word.text[0] == '\0') return false;
+    if (!word.Usable() || word.text[0] == '\0') return false;
     if (base == 16 && (word.text[0] == '-' || word.text[0] == '+')) return false;
     char* end = nullptr;
     errno = 0;
@@ -150,7 +158,8 @@ void AddDevPid(GlobalSettings* settings, const char* value) {
 }
 
 void ApplyStringPair(GlobalSettings* settings, const Word& key, const Word& value) {
-    if (key.too_long) return;
+    if (!key.Usable()) return;
+    if (value.has_nul) return;
     if (value.too_long) {
         TLOG(LOG_MAIN, "The value of [%s] is longer than %d characters, skip it.", key.text,
              kTextMax - 1);
@@ -168,12 +177,12 @@ void ApplyStringPair(GlobalSettings* settings, const Word& key, const Word& valu
 }
 
 bool IsWord(const Word& word, const char* text) {
-    return !word.too_long && strcmp(word.text, text) == 0;
+    return word.Usable() && strcmp(word.text, text) == 0;
 }
 
 // A word that ends the global part of the file: a device block header or the end marker.
 bool EndsGlobalPart(const Word& word) {
-    return !word.too_long && EndsStringSection(word.text);
+    return word.Usable() && EndsStringSection(word.text);
 }
 
 // The first pair after the header: only "DebugEnableBits" (hexadecimal) is honoured, any
@@ -210,7 +219,7 @@ bool ReadGlobalSection(WordReader* reader, GlobalSettings* settings, const Word&
             PushBack(reader, value);  // not a number: it is the next key
             continue;
         }
-        if (!key.too_long) ApplyGlobalPair(settings, key.text, number);
+        if (key.Usable()) ApplyGlobalPair(settings, key.text, number);
     }
 }
 
@@ -257,7 +266,7 @@ void SetDefaultSettings(GlobalSettings* settings) {
 void ReadGlobalSettingsFrom(FILE* stream, GlobalSettings* settings) {
     WordReader reader = {stream, {}, false};
     Word word;
-    if (!NextWord(&reader, &word) || word.too_long || strcmp(word.text, kHeader) != 0) {
+    if (!NextWord(&reader, &word) || !IsWord(word, kHeader)) {
         TLOG_ERR(LOG_MAIN, "Found invalid .ini file: %s, set to default.", word.text);
         return;
     }
@@ -268,7 +277,7 @@ void ReadGlobalSettingsFrom(FILE* stream, GlobalSettings* settings) {
 
 void ReadGlobalSettings(GlobalSettings* settings) {
     const char* path = IniFilePath();
-    FILE* stream = fopen(path, "re");
+    FILE* stream = FopenDataFile(path, "r");  // no link followed, no FIFO waited on
     if (!stream) {
         TLOG_ERR(LOG_MAIN, "Failed to open the file: %s, set parameter to default.", path);
         return;

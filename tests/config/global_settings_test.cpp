@@ -379,6 +379,29 @@ TEST(GlobalSettingsTest, OverlongWordsAreIgnoredWhole) {
     EXPECT_STREQ("/dev/a", r.settings.CustomSerialPath[0]);
 }
 
+// A word holding a NUL byte matches nothing and is no value: "[String]\0x" is not the
+// section word, "/dev/b\0c" is not taken for "/dev/b", "3\0" is not the number 3.
+TEST(GlobalSettingsTest, WordsHoldingNulBytesMatchNothing) {
+    using namespace std::string_literals;
+    ReadResult r =
+        Read(kHead + "ScanInterface 3\0 DeviceNums 2 [String]\0x 5 BaudRate 9600 "s +
+             "[String] UinputPath /dev/b\0c Serial\0Path /dev/s SerialPath /dev/ttyS1 "s +
+             "DevPID 01\0"s + " DevPID 0002");
+    EXPECT_EQ(0, r.settings.ScanInterface);
+    EXPECT_EQ(2, r.settings.MaxDeviceNums);
+    EXPECT_EQ(9600u, r.settings.BaudRate);  // still in the global section
+    EXPECT_STREQ("/dev/input/uinput", r.settings.UinputPath);
+    EXPECT_STREQ("/dev/ttyS1", r.settings.CustomSerialPath[0]);
+    EXPECT_STREQ("default", r.settings.CustomSerialPath[1]);
+    EXPECT_STREQ("0002", r.settings.DevPID[0]);
+    EXPECT_STREQ("NULL", r.settings.DevPID[1]);
+
+    LogCapture capture;
+    r = Read("[TavrineA.ini]\0 DebugEnableBits 7"s, &capture);
+    EXPECT_EQ(1u, r.bits);
+    EXPECT_EQ(1, capture.Count("Found invalid .ini file: [TavrineA.ini], set to default."));
+}
+
 // A complete file, and every prefix of it: the read ends at the end of the data and keeps
 // every pair it finished.
 TEST(GlobalSettingsTest, TruncatedFileKeepsWhatWasRead) {
@@ -492,7 +515,6 @@ TEST(GlobalSettingsTest, ReadsTheDataDirectoryFile) {
         LogCapture capture;
         coretest::Quiet([&] { ReadGlobalSettings(&s); });
         EXPECT_EQ(1, capture.Count("File: read - " + dir.File("TavrineA.ini")));
-        DebugEnableBits = 0xFFFFFFFF;  // LogCapture restores it
     }
     EXPECT_EQ(4, s.ScanInterface);
 }

@@ -101,11 +101,12 @@ TEST(EnvironmentTest, KernelVersionNeverReadsPastSixtyFourBytes) {
             EXPECT_EQ(0, v.major) << filler;
         }
     }
-    // A larger length than the buffer read is capped at 64 bytes as well.
+    // A length above 64 is capped: only the first 64 bytes are ever looked at (the page
+    // after them would fault).
     memcpy(text, "Linux version 5.4.3", 19);
     for (size_t i = 19; i < 64; ++i) text[i] = 'x';
     KernelVersionInfo v = {-7, -7, -7};
-    ParseKernelVersion(text, 64, &v);
+    ParseKernelVersion(text, 4096, &v);
     EXPECT_EQ(5, v.major);
     EXPECT_EQ(4, v.minor);
     EXPECT_EQ(3, v.patch);
