@@ -48,8 +48,7 @@ const Name kNames[] = {
 };
 
 // Hex lines "<tag> [<type>] bb bb ..." of a bitmask, 8 bytes per line.
-std::string MaskLines(const char* tag, int type, const uint8_t* mask, size_t size)
-{
+std::string MaskLines(const char* tag, int type, const uint8_t* mask, size_t size) {
     std::string text;
     char buf[16];
     for (size_t i = 0; i < size; i += 8) {
@@ -67,36 +66,36 @@ std::string MaskLines(const char* tag, int type, const uint8_t* mask, size_t siz
     return text;
 }
 
-bool TestBit(const uint8_t* mask, unsigned bit) { return mask[bit / 8] & (1u << (bit % 8)); }
+bool TestBit(const uint8_t* mask, unsigned bit) {
+    return mask[bit / 8] & (1u << (bit % 8));
+}
 
 }  // namespace
 
-std::string TypeName(uint16_t type)
-{
+std::string TypeName(uint16_t type) {
     static const char* const kTypes[] = {"EV_SYN", "EV_KEY", "EV_REL", "EV_ABS", "EV_MSC", "EV_SW"};
     return type < sizeof kTypes / sizeof kTypes[0] ? kTypes[type] : "";
 }
 
-std::string CodeName(uint16_t type, uint16_t code)
-{
+std::string CodeName(uint16_t type, uint16_t code) {
     for (const Name& n : kNames)
         if (n.type == type && n.code == code) return n.name;
     return "";
 }
 
-std::string DescribeDevice(int fd)
-{
+std::string DescribeDevice(int fd) {
     char name[256] = {};
     input_id id{};
     uint8_t props[(INPUT_PROP_CNT + 7) / 8] = {};
     uint8_t types[(EV_CNT + 7) / 8] = {};
     if (ioctl(fd, EVIOCGNAME(sizeof name - 1), name) < 0 || ioctl(fd, EVIOCGID, &id) < 0 ||
-        ioctl(fd, EVIOCGPROP(sizeof props), props) < 0 || ioctl(fd, EVIOCGBIT(0, sizeof types), types) < 0)
+        ioctl(fd, EVIOCGPROP(sizeof props), props) < 0 ||
+        ioctl(fd, EVIOCGBIT(0, sizeof types), types) < 0)
         return "";
     char line[320];
     std::string text = "# EVEMU 1.3\n";
-    std::snprintf(line, sizeof line, "N: %s\nI: %04x %04x %04x %04x\n", name, id.bustype, id.vendor, id.product,
-                  id.version);
+    std::snprintf(line, sizeof line, "N: %s\nI: %04x %04x %04x %04x\n", name, id.bustype, id.vendor,
+                  id.product, id.version);
     text += line;
     text += MaskLines("P:", -1, props, sizeof props);
     static const struct {
@@ -117,31 +116,33 @@ std::string DescribeDevice(int fd)
         for (unsigned code = 0; code <= ABS_MAX; ++code) {
             input_absinfo abs{};
             if (!TestBit(abs_bits, code) || ioctl(fd, EVIOCGABS(code), &abs) < 0) continue;
-            std::snprintf(line, sizeof line, "A: %02x %d %d %d %d %d\n", code, abs.minimum, abs.maximum, abs.fuzz,
-                          abs.flat, abs.resolution);
+            std::snprintf(line, sizeof line, "A: %02x %d %d %d %d %d\n", code, abs.minimum,
+                          abs.maximum, abs.fuzz, abs.flat, abs.resolution);
             text += line;
         }
     }
     return text;
 }
 
-std::string FormatEvent(const input_event& ev)
-{
+std::string FormatEvent(const input_event& ev) {
     char line[160];
     std::string type = TypeName(ev.type), code = CodeName(ev.type, ev.code);
-    int n = std::snprintf(line, sizeof line, "E: %lu.%06lu %04x %04x %04d", static_cast<unsigned long>(ev.input_event_sec),
-                          static_cast<unsigned long>(ev.input_event_usec), ev.type, ev.code, ev.value);
+    int n =
+        std::snprintf(line, sizeof line, "E: %lu.%06lu %04x %04x %04d",
+                      static_cast<unsigned long>(ev.input_event_sec),
+                      static_cast<unsigned long>(ev.input_event_usec), ev.type, ev.code, ev.value);
     std::string text(line, static_cast<size_t>(n));
     if (!type.empty()) text += "\t# " + type + (code.empty() ? "" : " / " + code);
     return text + "\n";
 }
 
-bool ParseEventLine(const std::string& line, std::string* time, uint16_t* type, uint16_t* code, int32_t* value)
-{
+bool ParseEventLine(const std::string& line, std::string* time, uint16_t* type, uint16_t* code,
+                    int32_t* value) {
     char stamp[32] = {};
     unsigned t = 0, c = 0;
     int v = 0;
-    if (std::sscanf(line.c_str(), "E: %31s %x %x %d", stamp, &t, &c, &v) == 4 && std::strchr(stamp, '.')) {
+    if (std::sscanf(line.c_str(), "E: %31s %x %x %d", stamp, &t, &c, &v) == 4 &&
+        std::strchr(stamp, '.')) {
         *time = stamp;
     } else if (std::sscanf(line.c_str(), "E: %x %x %d", &t, &c, &v) == 3) {
         *time = "-";  // a trace with its times stripped

@@ -25,6 +25,7 @@ std::string CodeName(uint16_t type, uint16_t code);
 std::string TypeName(uint16_t type);
 
 // Parses an "E:" line. Returns false for any other line.
-bool ParseEventLine(const std::string& line, std::string* time, uint16_t* type, uint16_t* code, int32_t* value);
+bool ParseEventLine(const std::string& line, std::string* time, uint16_t* type, uint16_t* code,
+                    int32_t* value);
 
 }  // namespace tvm

@@ -9,17 +9,16 @@
 
 namespace tvm {
 
-uint64_t MonotonicUs()
-{
+uint64_t MonotonicUs() {
     timespec ts{};
     clock_gettime(CLOCK_MONOTONIC, &ts);
     return static_cast<uint64_t>(ts.tv_sec) * 1000000u + static_cast<uint64_t>(ts.tv_nsec) / 1000u;
 }
 
-std::unique_ptr<EventLog> EventLog::Create(const std::string& path)
-{
-    int fd = path == "-" ? fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3)
-                         : open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644);
+std::unique_ptr<EventLog> EventLog::Create(const std::string& path) {
+    int fd = path == "-"
+                 ? fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3)
+                 : open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644);
     if (fd < 0) {
         std::fprintf(stderr, "cannot open log %s: %s\n", path.c_str(), std::strerror(errno));
         return nullptr;
@@ -27,11 +26,11 @@ std::unique_ptr<EventLog> EventLog::Create(const std::string& path)
     return std::unique_ptr<EventLog>(new EventLog(UniqueFd(fd)));
 }
 
-void EventLog::Write(const std::string& kind, const std::string& text)
-{
+void EventLog::Write(const std::string& kind, const std::string& text) {
     uint64_t us = MonotonicUs();
     char stamp[32];
-    std::snprintf(stamp, sizeof stamp, "%llu.%06llu ", static_cast<unsigned long long>(us / 1000000u),
+    std::snprintf(stamp, sizeof stamp, "%llu.%06llu ",
+                  static_cast<unsigned long long>(us / 1000000u),
                   static_cast<unsigned long long>(us % 1000000u));
     std::string line = stamp + kind;
     if (!text.empty()) line += ' ' + text;

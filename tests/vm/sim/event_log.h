@@ -13,7 +13,7 @@
 namespace tvm {
 
 class EventLog {
-public:
+  public:
     // Opens (truncates) 'path'; "-" means standard error. Null on failure,
     // after printing why to standard error.
     static std::unique_ptr<EventLog> Create(const std::string& path);
@@ -21,7 +21,7 @@ public:
     void Write(const std::string& kind, const std::string& text);
     void WriteBytes(const std::string& kind, const Bytes& bytes) { Write(kind, FormatHex(bytes)); }
 
-private:
+  private:
     explicit EventLog(UniqueFd fd) : fd_(std::move(fd)) {}
     UniqueFd fd_;
 };

@@ -26,8 +26,8 @@
 #include <fstream>
 #include <string>
 
-#include "event_log.h"
 #include "evdev_trace.h"
+#include "event_log.h"
 #include "mt_checker.h"
 
 namespace {
@@ -35,7 +35,9 @@ namespace {
 using tvm::UniqueFd;
 
 volatile sig_atomic_t g_stop = 0;
-void OnStop(int) { g_stop = 1; }
+void OnStop(int) {
+    g_stop = 1;
+}
 
 struct Options {
     std::string name, out, ready;
@@ -43,18 +45,17 @@ struct Options {
     bool check = false;
 };
 
-int Usage()
-{
+int Usage() {
     std::fprintf(stderr,
-                 "usage: tavrine-evrec record --name NAME --out FILE [--wait-ms N] [--duration-ms N] [--count N]\n"
+                 "usage: tavrine-evrec record --name NAME --out FILE [--wait-ms N] [--duration-ms "
+                 "N] [--count N]\n"
                  "                            [--idle-ms N] [--ready FILE] [--check]\n"
                  "       tavrine-evrec check FILE\n");
     return 2;
 }
 
 // Opens the first /dev/input/event* whose name is 'name'.
-UniqueFd FindDevice(const std::string& name)
-{
+UniqueFd FindDevice(const std::string& name) {
     DIR* dir = opendir("/dev/input");
     if (!dir) return UniqueFd();
     UniqueFd found;
@@ -73,8 +74,7 @@ UniqueFd FindDevice(const std::string& name)
     return found;
 }
 
-int Report(const tvm::MtChecker& checker, FILE* trace)
-{
+int Report(const tvm::MtChecker& checker, FILE* trace) {
     for (const std::string& v : checker.violations()) {
         std::fprintf(stderr, "violation at %s\n", v.c_str());
         if (trace) std::fprintf(trace, "# violation at %s\n", v.c_str());
@@ -85,24 +85,25 @@ int Report(const tvm::MtChecker& checker, FILE* trace)
     return 1;
 }
 
-int Record(const Options& opt)
-{
+int Record(const Options& opt) {
     uint64_t start = tvm::MonotonicUs();
     UniqueFd fd;
     while (!g_stop && !(fd = FindDevice(opt.name)).valid()) {
         if (tvm::MonotonicUs() - start >= opt.wait_ms * 1000) {
-            std::fprintf(stderr, "tavrine-evrec: no input device named '%s' within %llu ms\n", opt.name.c_str(),
-                         static_cast<unsigned long long>(opt.wait_ms));
+            std::fprintf(stderr, "tavrine-evrec: no input device named '%s' within %llu ms\n",
+                         opt.name.c_str(), static_cast<unsigned long long>(opt.wait_ms));
             return 3;
         }
         usleep(50000);
     }
     if (!fd.valid()) return 3;
     int clock = CLOCK_MONOTONIC;
-    if (ioctl(fd.get(), EVIOCSCLOCKID, &clock) < 0) std::fprintf(stderr, "EVIOCSCLOCKID: %s\n", std::strerror(errno));
+    if (ioctl(fd.get(), EVIOCSCLOCKID, &clock) < 0)
+        std::fprintf(stderr, "EVIOCSCLOCKID: %s\n", std::strerror(errno));
     FILE* trace = std::fopen(opt.out.c_str(), "w");
     if (!trace) {
-        std::fprintf(stderr, "tavrine-evrec: cannot write %s: %s\n", opt.out.c_str(), std::strerror(errno));
+        std::fprintf(stderr, "tavrine-evrec: cannot write %s: %s\n", opt.out.c_str(),
+                     std::strerror(errno));
         return 2;
     }
     std::fputs(tvm::DescribeDevice(fd.get()).c_str(), trace);
@@ -114,25 +115,38 @@ int Record(const Options& opt)
     const char* why = "signal";
     while (!g_stop) {
         uint64_t now = tvm::MonotonicUs();
-        if (opt.duration_ms && now - begin >= opt.duration_ms * 1000) { why = "duration"; break; }
-        if (opt.idle_ms && now - last >= opt.idle_ms * 1000) { why = "idle"; break; }
+        if (opt.duration_ms && now - begin >= opt.duration_ms * 1000) {
+            why = "duration";
+            break;
+        }
+        if (opt.idle_ms && now - last >= opt.idle_ms * 1000) {
+            why = "idle";
+            break;
+        }
         pollfd pfd{fd.get(), POLLIN, 0};
         poll(&pfd, 1, 20);
         input_event ev[64];
         ssize_t n = read(fd.get(), ev, sizeof ev);
         if (n < 0 && (errno == EAGAIN || errno == EINTR)) continue;
-        if (n <= 0) { why = "device removed"; break; }
+        if (n <= 0) {
+            why = "device removed";
+            break;
+        }
         last = tvm::MonotonicUs();
         size_t count = static_cast<size_t>(n) / sizeof ev[0];
         for (size_t i = 0; i < count && !(opt.count && events >= opt.count); ++i, ++events) {
             std::fputs(tvm::FormatEvent(ev[i]).c_str(), trace);
             char where[48];
-            std::snprintf(where, sizeof where, "%lu.%06lu", static_cast<unsigned long>(ev[i].input_event_sec),
+            std::snprintf(where, sizeof where, "%lu.%06lu",
+                          static_cast<unsigned long>(ev[i].input_event_sec),
                           static_cast<unsigned long>(ev[i].input_event_usec));
             checker.Feed(ev[i].type, ev[i].code, ev[i].value, where);
         }
         std::fflush(trace);
-        if (opt.count && events >= opt.count) { why = "count"; break; }
+        if (opt.count && events >= opt.count) {
+            why = "count";
+            break;
+        }
     }
     std::fprintf(trace, "# end: %s, %llu events\n", why, static_cast<unsigned long long>(events));
     int status = 0;
@@ -144,8 +158,7 @@ int Record(const Options& opt)
     return status;
 }
 
-int Check(const std::string& path)
-{
+int Check(const std::string& path) {
     std::ifstream in(path);
     if (!in) {
         std::fprintf(stderr, "tavrine-evrec: cannot read %s\n", path.c_str());
@@ -165,15 +178,20 @@ int Check(const std::string& path)
     return Report(checker, nullptr);
 }
 
-bool ParseOptions(int argc, char** argv, Options* opt)
-{
+bool ParseOptions(int argc, char** argv, Options* opt) {
     for (int i = 2; i < argc; ++i) {
         std::string arg = argv[i];
-        if (arg == "--check") { opt->check = true; continue; }
+        if (arg == "--check") {
+            opt->check = true;
+            continue;
+        }
         if (i + 1 >= argc) return false;
         std::string value = argv[++i];
-        uint64_t* number = arg == "--wait-ms" ? &opt->wait_ms : arg == "--duration-ms" ? &opt->duration_ms
-                         : arg == "--count" ? &opt->count : arg == "--idle-ms" ? &opt->idle_ms : nullptr;
+        uint64_t* number = arg == "--wait-ms"       ? &opt->wait_ms
+                           : arg == "--duration-ms" ? &opt->duration_ms
+                           : arg == "--count"       ? &opt->count
+                           : arg == "--idle-ms"     ? &opt->idle_ms
+                                                    : nullptr;
         if (number) {
             if (!tvm::ParseNumber(value, 1ull << 40, number)) return false;
         } else if (arg == "--name") {
@@ -191,11 +209,11 @@ bool ParseOptions(int argc, char** argv, Options* opt)
 
 }  // namespace
 
-int main(int argc, char** argv)
-{
+int main(int argc, char** argv) {
     if (argc == 3 && std::string(argv[1]) == "check") return Check(argv[2]);
     Options opt;
-    if (argc < 2 || std::string(argv[1]) != "record" || !ParseOptions(argc, argv, &opt)) return Usage();
+    if (argc < 2 || std::string(argv[1]) != "record" || !ParseOptions(argc, argv, &opt))
+        return Usage();
     struct sigaction sa {};
     sa.sa_handler = OnStop;
     sigaction(SIGTERM, &sa, nullptr);

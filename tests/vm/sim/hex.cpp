@@ -9,8 +9,7 @@ namespace tvm {
 
 namespace {
 
-int HexDigit(char c)
-{
+int HexDigit(char c) {
     if (c >= '0' && c <= '9') return c - '0';
     if (c >= 'a' && c <= 'f') return c - 'a' + 10;
     if (c >= 'A' && c <= 'F') return c - 'A' + 10;
@@ -19,10 +18,10 @@ int HexDigit(char c)
 
 }  // namespace
 
-bool ParseHexByte(const std::string& word, uint8_t* out)
-{
+bool ParseHexByte(const std::string& word, uint8_t* out) {
     std::string digits = word;
-    if (digits.size() > 2 && digits[0] == '0' && (digits[1] == 'x' || digits[1] == 'X')) digits = digits.substr(2);
+    if (digits.size() > 2 && digits[0] == '0' && (digits[1] == 'x' || digits[1] == 'X'))
+        digits = digits.substr(2);
     if (digits.empty() || digits.size() > 2) return false;
     int value = 0;
     for (char c : digits) {
@@ -34,8 +33,7 @@ bool ParseHexByte(const std::string& word, uint8_t* out)
     return true;
 }
 
-bool ParseNumber(const std::string& word, uint64_t max, uint64_t* out)
-{
+bool ParseNumber(const std::string& word, uint64_t max, uint64_t* out) {
     if (word.empty() || word[0] == '-' || word[0] == '+') return false;
     bool hex = word.size() > 2 && word[0] == '0' && (word[1] == 'x' || word[1] == 'X');
     errno = 0;
@@ -46,8 +44,7 @@ bool ParseNumber(const std::string& word, uint64_t max, uint64_t* out)
     return true;
 }
 
-std::string FormatHex(const uint8_t* data, size_t size)
-{
+std::string FormatHex(const uint8_t* data, size_t size) {
     static const char kDigits[] = "0123456789abcdef";
     std::string text;
     text.reserve(size * 3);
@@ -59,8 +56,7 @@ std::string FormatHex(const uint8_t* data, size_t size)
     return text;
 }
 
-int WriteAll(int fd, const void* data, size_t size)
-{
+int WriteAll(int fd, const void* data, size_t size) {
     const auto* p = static_cast<const uint8_t*>(data);
     while (size > 0) {
         ssize_t n = ::write(fd, p, size);

@@ -20,6 +20,8 @@ bool ParseNumber(const std::string& word, uint64_t max, uint64_t* out);
 
 // "01 0a ff": lower-case two-digit groups separated by one blank.
 std::string FormatHex(const uint8_t* data, size_t size);
-inline std::string FormatHex(const Bytes& bytes) { return FormatHex(bytes.data(), bytes.size()); }
+inline std::string FormatHex(const Bytes& bytes) {
+    return FormatHex(bytes.data(), bytes.size());
+}
 
 }  // namespace tvm

@@ -14,13 +14,13 @@ struct Globals {
 
 constexpr uint8_t kTypeMain = 0, kTypeGlobal = 1;
 constexpr uint8_t kTagInput = 0x8, kTagOutput = 0x9, kTagFeature = 0xb;
-constexpr uint8_t kTagReportSize = 0x7, kTagReportId = 0x8, kTagReportCount = 0x9, kTagPush = 0xa, kTagPop = 0xb;
+constexpr uint8_t kTagReportSize = 0x7, kTagReportId = 0x8, kTagReportCount = 0x9, kTagPush = 0xa,
+                  kTagPop = 0xb;
 constexpr size_t kMaxStack = 16;
 
 }  // namespace
 
-ReportSizes::ReportSizes(const Bytes& d)
-{
+ReportSizes::ReportSizes(const Bytes& d) {
     Globals g;
     std::vector<Globals> stack;
     size_t i = 0;
@@ -49,7 +49,8 @@ ReportSizes::ReportSizes(const Bytes& d)
                 g = stack.back();
                 stack.pop_back();
             }
-        } else if (type == kTypeMain && (tag == kTagInput || tag == kTagOutput || tag == kTagFeature)) {
+        } else if (type == kTypeMain &&
+                   (tag == kTagInput || tag == kTagOutput || tag == kTagFeature)) {
             int kind = tag == kTagInput ? 0 : tag == kTagOutput ? 1 : 2;
             bits_[kind][g.report_id] += static_cast<uint64_t>(g.report_size) * g.report_count;
         }
@@ -57,8 +58,7 @@ ReportSizes::ReportSizes(const Bytes& d)
     }
 }
 
-size_t ReportSizes::Size(ReportKind kind, uint8_t id) const
-{
+size_t ReportSizes::Size(ReportKind kind, uint8_t id) const {
     const auto& table = bits_[static_cast<int>(kind)];
     auto it = table.find(id);
     if (it == table.end()) return 0;

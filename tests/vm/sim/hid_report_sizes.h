@@ -13,7 +13,7 @@ namespace tvm {
 enum class ReportKind { kInput = 0, kOutput = 1, kFeature = 2 };
 
 class ReportSizes {
-public:
+  public:
     // Parses the short and long items of 'descriptor'. Malformed tails are
     // ignored; what was parsed before them counts.
     explicit ReportSizes(const Bytes& descriptor);
@@ -23,7 +23,7 @@ public:
     size_t Size(ReportKind kind, uint8_t id) const;
     bool numbered() const { return numbered_; }
 
-private:
+  private:
     std::map<uint8_t, uint64_t> bits_[3];
     bool numbered_ = false;
 };

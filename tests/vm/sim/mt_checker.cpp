@@ -4,18 +4,15 @@
 
 namespace tvm {
 
-MtChecker::MtChecker()
-{
+MtChecker::MtChecker() {
     for (int32_t& id : tracking_) id = -1;
 }
 
-void MtChecker::Violation(const std::string& where, const std::string& what)
-{
+void MtChecker::Violation(const std::string& where, const std::string& what) {
     violations_.push_back(where + ": " + what);
 }
 
-void MtChecker::Feed(uint16_t type, uint16_t code, int32_t value, const std::string& where)
-{
+void MtChecker::Feed(uint16_t type, uint16_t code, int32_t value, const std::string& where) {
     if (type == EV_SYN) {
         if (code == SYN_DROPPED) Violation(where, "SYN_DROPPED: the reader lost events");
         if (code == SYN_REPORT) {
@@ -44,13 +41,12 @@ void MtChecker::Feed(uint16_t type, uint16_t code, int32_t value, const std::str
     if (value == -1 && current == -1)
         Violation(where, slot + "tracking id -1 while the slot has no contact");
     else if (value != -1 && current != -1)
-        Violation(where, slot + "tracking id " + std::to_string(current) + " replaced by " + std::to_string(value) +
-                             " without -1 between");
+        Violation(where, slot + "tracking id " + std::to_string(current) + " replaced by " +
+                             std::to_string(value) + " without -1 between");
     current = value;
 }
 
-void MtChecker::Finish()
-{
+void MtChecker::Finish() {
     if (frame_open_) Violation(frame_start_, "frame not ended by SYN_REPORT");
     frame_open_ = false;
 }

@@ -13,7 +13,7 @@
 namespace tvm {
 
 class MtChecker {
-public:
+  public:
     static constexpr int kMaxSlots = 64;
 
     MtChecker();
@@ -26,7 +26,7 @@ public:
     const std::vector<std::string>& violations() const { return violations_; }
     uint64_t frames() const { return frames_; }
 
-private:
+  private:
     void Violation(const std::string& where, const std::string& what);
 
     int32_t tracking_[kMaxSlots];

@@ -22,16 +22,16 @@ constexpr size_t kMaxCommand = 64;
 constexpr uint64_t kPartialFlushUs = 100000;
 constexpr uint8_t kSerialHeader = 0x0a;
 
-uint32_t BaudOf(speed_t speed)
-{
+uint32_t BaudOf(speed_t speed) {
     static const struct {
         speed_t code;
         uint32_t baud;
     } kTable[] = {
-        {B0, 0},           {B50, 50},         {B75, 75},         {B110, 110},       {B134, 134},
-        {B150, 150},       {B200, 200},       {B300, 300},       {B600, 600},       {B1200, 1200},
-        {B1800, 1800},     {B2400, 2400},     {B4800, 4800},     {B9600, 9600},     {B19200, 19200},
-        {B38400, 38400},   {B57600, 57600},   {B115200, 115200}, {B230400, 230400}, {B460800, 460800},
+        {B0, 0},           {B50, 50},         {B75, 75},           {B110, 110},
+        {B134, 134},       {B150, 150},       {B200, 200},         {B300, 300},
+        {B600, 600},       {B1200, 1200},     {B1800, 1800},       {B2400, 2400},
+        {B4800, 4800},     {B9600, 9600},     {B19200, 19200},     {B38400, 38400},
+        {B57600, 57600},   {B115200, 115200}, {B230400, 230400},   {B460800, 460800},
         {B500000, 500000}, {B921600, 921600}, {B1000000, 1000000}, {B2000000, 2000000},
     };
     for (const auto& entry : kTable)
@@ -39,10 +39,10 @@ uint32_t BaudOf(speed_t speed)
     return 0;
 }
 
-class PtyPort : public SimPort {
-public:
+class PtyPort final : public SimPort {
+  public:
     PtyPort(const Script& script, EventLog* log) : script_(script), log_(log) {}
-    ~PtyPort() override { Unplug(); }
+    ~PtyPort() override { PtyPort::Unplug(); }
 
     bool Plug() override;
     void Unplug() override;
@@ -54,7 +54,7 @@ public:
     uint32_t line_speed() override;
     void Tick() override;
 
-private:
+  private:
     const char* kind() const { return script_.port == PortKind::kPs2 ? "ps2" : "rs232"; }
     bool Fail(const char* what);
     void SplitPackets(std::vector<Bytes>* packets, bool flush_partial);
@@ -69,15 +69,13 @@ private:
     std::string last_line_;
 };
 
-bool PtyPort::Fail(const char* what)
-{
+bool PtyPort::Fail(const char* what) {
     log_->Write("error", std::string(what) + ": " + std::strerror(errno));
     Unplug();
     return false;
 }
 
-bool PtyPort::Plug()
-{
+bool PtyPort::Plug() {
     if (plugged()) return true;
     int fd = posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) return Fail("posix_openpt");
@@ -94,15 +92,15 @@ bool PtyPort::Plug()
     cfmakeraw(&tio);
     if (tcsetattr(fd, TCSANOW, &tio) != 0) return Fail("tcsetattr");
     struct stat st {};
-    if (lstat(script_.link.c_str(), &st) == 0 && unlink(script_.link.c_str()) != 0) return Fail("unlink old link");
+    if (lstat(script_.link.c_str(), &st) == 0 && unlink(script_.link.c_str()) != 0)
+        return Fail("unlink old link");
     if (symlink(name, script_.link.c_str()) != 0) return Fail("symlink");
     last_line_.clear();
     log_->Write("plug", std::string(kind()) + " " + slave_path_ + " linked at " + script_.link);
     return true;
 }
 
-void PtyPort::Unplug()
-{
+void PtyPort::Unplug() {
     if (!plugged()) return;
     char target[128] = {};
     ssize_t n = readlink(script_.link.c_str(), target, sizeof target - 1);
@@ -113,8 +111,7 @@ void PtyPort::Unplug()
     log_->Write("unplug", kind());
 }
 
-bool PtyPort::Send(const Bytes& bytes)
-{
+bool PtyPort::Send(const Bytes& bytes) {
     if (!plugged()) {
         log_->WriteBytes("tx-dropped", bytes);
         return false;
@@ -126,7 +123,8 @@ bool PtyPort::Send(const Bytes& bytes)
         if (n <= 0) break;
         done += static_cast<size_t>(n);
     }
-    if (done > 0) log_->WriteBytes("tx", Bytes(bytes.begin(), bytes.begin() + static_cast<long>(done)));
+    if (done > 0)
+        log_->WriteBytes("tx", Bytes(bytes.begin(), bytes.begin() + static_cast<long>(done)));
     if (done < bytes.size()) {
         log_->WriteBytes("tx-dropped", Bytes(bytes.begin() + static_cast<long>(done), bytes.end()));
         return false;
@@ -137,8 +135,7 @@ bool PtyPort::Send(const Bytes& bytes)
 // Cuts the received stream into packets: a command packet starts with the
 // serial header and carries its length in its second byte; any other byte
 // stands alone. A command still incomplete after a pause is passed on as is.
-void PtyPort::SplitPackets(std::vector<Bytes>* packets, bool flush_partial)
-{
+void PtyPort::SplitPackets(std::vector<Bytes>* packets, bool flush_partial) {
     size_t pos = 0;
     while (pos < pending_.size()) {
         size_t size = 1;
@@ -157,8 +154,7 @@ void PtyPort::SplitPackets(std::vector<Bytes>* packets, bool flush_partial)
     pending_.erase(pending_.begin(), pending_.begin() + static_cast<long>(pos));
 }
 
-bool PtyPort::Service(std::vector<Bytes>* packets)
-{
+bool PtyPort::Service(std::vector<Bytes>* packets) {
     uint8_t buf[512];
     while (plugged()) {
         ssize_t n = read(master_.get(), buf, sizeof buf);
@@ -175,22 +171,20 @@ bool PtyPort::Service(std::vector<Bytes>* packets)
     return true;
 }
 
-uint32_t PtyPort::line_speed()
-{
+uint32_t PtyPort::line_speed() {
     termios tio{};
     if (!plugged() || tcgetattr(master_.get(), &tio) != 0) return 0;
     return BaudOf(cfgetospeed(&tio));
 }
 
-void PtyPort::Tick()
-{
+void PtyPort::Tick() {
     termios tio{};
     if (!plugged() || tcgetattr(master_.get(), &tio) != 0) return;
     static const char kBits[] = "5678";
     char parity = !(tio.c_cflag & PARENB) ? 'N' : (tio.c_cflag & PARODD) ? 'O' : 'E';
     char text[64];
-    std::snprintf(text, sizeof text, "%u %c%c%c", BaudOf(cfgetospeed(&tio)), kBits[(tio.c_cflag & CSIZE) >> 4],
-                  parity, (tio.c_cflag & CSTOPB) ? '2' : '1');
+    std::snprintf(text, sizeof text, "%u %c%c%c", BaudOf(cfgetospeed(&tio)),
+                  kBits[(tio.c_cflag & CSIZE) >> 4], parity, (tio.c_cflag & CSTOPB) ? '2' : '1');
     if (last_line_ != text) {
         last_line_ = text;
         log_->Write("line", text);
@@ -199,8 +193,7 @@ void PtyPort::Tick()
 
 }  // namespace
 
-std::unique_ptr<SimPort> CreatePtyPort(const Script& script, EventLog* log)
-{
+std::unique_ptr<SimPort> CreatePtyPort(const Script& script, EventLog* log) {
     return std::make_unique<PtyPort>(script, log);
 }
 

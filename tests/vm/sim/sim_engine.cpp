@@ -16,12 +16,9 @@ constexpr uint64_t kTickUs = 20000;
 }  // namespace
 
 SimEngine::SimEngine(const Script& script, EventLog* log, uint64_t max_ms)
-    : script_(script), log_(log), max_ms_(max_ms), rules_(script.rules)
-{
-}
+    : script_(script), log_(log), max_ms_(max_ms), rules_(script.rules) {}
 
-Bytes SimEngine::Garbage(size_t size)
-{
+Bytes SimEngine::Garbage(size_t size) {
     Bytes bytes(size);
     for (uint8_t& b : bytes) {
         garbage_state_ ^= garbage_state_ << 13;
@@ -32,46 +29,59 @@ Bytes SimEngine::Garbage(size_t size)
     return bytes;
 }
 
-SimEngine::Progress SimEngine::RunAction(const Action& action, uint64_t now)
-{
+SimEngine::Progress SimEngine::RunAction(const Action& action, uint64_t now) {
     switch (action.kind) {
-    case ActionKind::kSend: port_->Send(action.bytes); break;
-    case ActionKind::kSendGarbage: port_->Send(Garbage(action.garbage_len)); break;
-    case ActionKind::kRate:
-        rate_active_ = true;
-        rate_bytes_ = action.bytes;
-        rate_start_us_ = now;
-        rate_end_us_ = now + action.duration_ms * 1000;
-        rate_per_s_ = action.rate_per_s;
-        rate_sent_ = 0;
-        log_->Write("rate", std::to_string(action.rate_per_s) + "/s for " + std::to_string(action.duration_ms) + " ms");
-        break;
-    case ActionKind::kPlug:
-        if (!port_->Plug()) log_->Write("error", "plug failed");
-        break;
-    case ActionKind::kUnplug: port_->Unplug(); break;
-    case ActionKind::kExit:
-        exit_status_ = action.status;
-        log_->Write("end", "exit " + std::to_string(action.status));
-        return Progress::kExit;
-    case ActionKind::kNote: log_->Write("note", action.text); break;
+        case ActionKind::kSend:
+            port_->Send(action.bytes);
+            break;
+        case ActionKind::kSendGarbage:
+            port_->Send(Garbage(action.garbage_len));
+            break;
+        case ActionKind::kRate:
+            rate_active_ = true;
+            rate_bytes_ = action.bytes;
+            rate_start_us_ = now;
+            rate_end_us_ = now + action.duration_ms * 1000;
+            rate_per_s_ = action.rate_per_s;
+            rate_sent_ = 0;
+            log_->Write("rate", std::to_string(action.rate_per_s) + "/s for " +
+                                    std::to_string(action.duration_ms) + " ms");
+            break;
+        case ActionKind::kPlug:
+            if (!port_->Plug()) log_->Write("error", "plug failed");
+            break;
+        case ActionKind::kUnplug:
+            port_->Unplug();
+            break;
+        case ActionKind::kExit:
+            exit_status_ = action.status;
+            log_->Write("end", "exit " + std::to_string(action.status));
+            return Progress::kExit;
+        case ActionKind::kNote:
+            log_->Write("note", action.text);
+            break;
     }
     return Progress::kDone;
 }
 
-SimEngine::Progress SimEngine::TryStep(const Step& step, uint64_t now)
-{
+SimEngine::Progress SimEngine::TryStep(const Step& step, uint64_t now) {
     bool ready = false;
     switch (step.kind) {
-    case StepKind::kAt:
-    case StepKind::kAfter: {
-        uint64_t due = (step.kind == StepKind::kAt ? start_us_ : prev_end_us_) + step.ms * 1000;
-        if (now < due) return Progress::kBlocked;
-        return RunAction(step.action, now);
-    }
-    case StepKind::kWaitRx: ready = TakeWaited(step.prefix); break;
-    case StepKind::kWaitOpen: ready = port_->opened(); break;
-    case StepKind::kWaitSpeed: ready = port_->line_speed() == step.speed; break;
+        case StepKind::kAt:
+        case StepKind::kAfter: {
+            uint64_t due = (step.kind == StepKind::kAt ? start_us_ : prev_end_us_) + step.ms * 1000;
+            if (now < due) return Progress::kBlocked;
+            return RunAction(step.action, now);
+        }
+        case StepKind::kWaitRx:
+            ready = TakeWaited(step.prefix);
+            break;
+        case StepKind::kWaitOpen:
+            ready = port_->opened();
+            break;
+        case StepKind::kWaitSpeed:
+            ready = port_->line_speed() == step.speed;
+            break;
     }
     if (ready) {
         log_->Write("wait", "line " + std::to_string(step.line) + " done");
@@ -86,16 +96,15 @@ SimEngine::Progress SimEngine::TryStep(const Step& step, uint64_t now)
 }
 
 // Drops queued packets up to and including the first that matches.
-bool SimEngine::TakeWaited(const Pattern& pattern)
-{
-    auto it = std::find_if(unwaited_.begin(), unwaited_.end(), [&](const Bytes& p) { return Matches(pattern, p); });
+bool SimEngine::TakeWaited(const Pattern& pattern) {
+    auto it = std::find_if(unwaited_.begin(), unwaited_.end(),
+                           [&](const Bytes& p) { return Matches(pattern, p); });
     if (it == unwaited_.end()) return false;
     unwaited_.erase(unwaited_.begin(), it + 1);
     return true;
 }
 
-void SimEngine::RunRate(uint64_t now)
-{
+void SimEngine::RunRate(uint64_t now) {
     while (rate_active_) {
         uint64_t due = rate_start_us_ + rate_sent_ * 1000000 / rate_per_s_;
         if (due >= rate_end_us_) {
@@ -110,16 +119,14 @@ void SimEngine::RunRate(uint64_t now)
     }
 }
 
-void SimEngine::SendDueReplies(uint64_t now)
-{
+void SimEngine::SendDueReplies(uint64_t now) {
     while (!pending_.empty() && pending_.begin()->first <= now) {
         port_->Send(pending_.begin()->second);
         pending_.erase(pending_.begin());
     }
 }
 
-void SimEngine::HandlePacket(const Bytes& packet, uint64_t now)
-{
+void SimEngine::HandlePacket(const Bytes& packet, uint64_t now) {
     constexpr size_t kMaxUnwaited = 4096;
     if (unwaited_.size() >= kMaxUnwaited) unwaited_.pop_front();
     unwaited_.push_back(packet);
@@ -129,7 +136,9 @@ void SimEngine::HandlePacket(const Bytes& packet, uint64_t now)
         if (rule.times_left > 0) --rule.times_left;
         log_->Write("match", "line " + std::to_string(rule.line));
         for (const Reply& reply : rule.replies) {
-            Bytes bytes = reply.echo ? packet : reply.garbage_len ? Garbage(reply.garbage_len) : reply.bytes;
+            Bytes bytes = reply.echo          ? packet
+                          : reply.garbage_len ? Garbage(reply.garbage_len)
+                                              : reply.bytes;
             if (reply.after_ms == 0)
                 port_->Send(bytes);
             else
@@ -140,8 +149,7 @@ void SimEngine::HandlePacket(const Bytes& packet, uint64_t now)
     }
 }
 
-uint64_t SimEngine::NextWake(uint64_t now) const
-{
+uint64_t SimEngine::NextWake(uint64_t now) const {
     uint64_t wake = now + kTickUs;
     if (!pending_.empty()) wake = std::min(wake, pending_.begin()->first);
     if (rate_active_) wake = std::min(wake, rate_start_us_ + rate_sent_ * 1000000 / rate_per_s_);
@@ -153,9 +161,9 @@ uint64_t SimEngine::NextWake(uint64_t now) const
     return wake;
 }
 
-int SimEngine::Run(const std::string& ready_path, volatile sig_atomic_t* stop)
-{
-    port_ = script_.port == PortKind::kUsb ? CreateUhidPort(script_, log_) : CreatePtyPort(script_, log_);
+int SimEngine::Run(const std::string& ready_path, volatile sig_atomic_t* stop) {
+    port_ = script_.port == PortKind::kUsb ? CreateUhidPort(script_, log_)
+                                           : CreatePtyPort(script_, log_);
     start_us_ = prev_end_us_ = MonotonicUs();
     if (!port_->Plug()) return 4;
     bool ready_done = ready_path.empty();
@@ -190,7 +198,8 @@ int SimEngine::Run(const std::string& ready_path, volatile sig_atomic_t* stop)
             poll(nullptr, 0, timeout_ms);
         port_->Tick();
         packets.clear();
-        if (port_->plugged() && !port_->Service(&packets)) log_->Write("error", "port failed; unplugged");
+        if (port_->plugged() && !port_->Service(&packets))
+            log_->Write("error", "port failed; unplugged");
         now = MonotonicUs();
         for (const Bytes& packet : packets) HandlePacket(packet, now);
     }

@@ -16,7 +16,7 @@
 namespace tvm {
 
 class SimEngine {
-public:
+  public:
     // 'script' and 'log' must outlive the engine. max_ms 0 = no limit.
     SimEngine(const Script& script, EventLog* log, uint64_t max_ms);
 
@@ -26,7 +26,7 @@ public:
     // status documented in sim_main.cpp.
     int Run(const std::string& ready_path, volatile sig_atomic_t* stop);
 
-private:
+  private:
     enum class Progress { kBlocked, kDone, kExit };
 
     Progress TryStep(const Step& step, uint64_t now);

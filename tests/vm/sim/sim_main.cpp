@@ -6,9 +6,9 @@
 //
 // --ready FILE is created once the host can reach the port (USB: the hidraw
 // node exists; serial: the link exists); --max-ms ends the run after
-// N ms; --check only parses the script, --dump also prints what it parsed. Exit status: 0 after the last step
-// when the run was stopped by SIGTERM/SIGINT, --max-ms or 'exit'; 2 for bad
-// usage or script; 3 when a 'wait' timed out; 4 when the port failed.
+// N ms; --check only parses the script, --dump also prints what it parsed. Exit status: 0 after the
+// last step when the run was stopped by SIGTERM/SIGINT, --max-ms or 'exit'; 2 for bad usage or
+// script; 3 when a 'wait' timed out; 4 when the port failed.
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -24,18 +24,20 @@ namespace {
 
 volatile sig_atomic_t g_stop = 0;
 
-void OnStop(int) { g_stop = 1; }
+void OnStop(int) {
+    g_stop = 1;
+}
 
-int Usage()
-{
-    std::fprintf(stderr, "usage: tavrine-sim SCRIPT --log FILE [--ready FILE] [--max-ms N] [--check | --dump]\n");
+int Usage() {
+    std::fprintf(
+        stderr,
+        "usage: tavrine-sim SCRIPT --log FILE [--ready FILE] [--max-ms N] [--check | --dump]\n");
     return 2;
 }
 
 }  // namespace
 
-int main(int argc, char** argv)
-{
+int main(int argc, char** argv) {
     std::string script_path, log_path = "-", ready_path;
     uint64_t max_ms = 0;
     bool check_only = false, dump = false;

@@ -14,7 +14,7 @@
 namespace tvm {
 
 class SimPort {
-public:
+  public:
     virtual ~SimPort() = default;
 
     // Connects the controller (creates the device or the pty and its link).

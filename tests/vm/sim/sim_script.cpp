@@ -12,8 +12,7 @@ constexpr size_t kMaxPacket = 4096;      // UHID_DATA_MAX
 constexpr uint64_t kMaxMs = 24ull * 3600 * 1000;
 
 // The words of one line, with ';' split off as a word of its own.
-std::vector<std::string> SplitWords(const std::string& line)
-{
+std::vector<std::string> SplitWords(const std::string& line) {
     std::vector<std::string> words;
     std::string word;
     auto flush = [&] {
@@ -34,16 +33,14 @@ std::vector<std::string> SplitWords(const std::string& line)
     return words;
 }
 
-std::string Trim(const std::string& text)
-{
+std::string Trim(const std::string& text) {
     size_t begin = text.find_first_not_of(" \t\r");
     if (begin == std::string::npos) return "";
     size_t end = text.find_last_not_of(" \t\r");
     return text.substr(begin, end - begin + 1);
 }
 
-bool ReadFile(const std::string& path, std::string* text)
-{
+bool ReadFile(const std::string& path, std::string* text) {
     std::ifstream in(path);
     if (!in) return false;
     std::ostringstream all;
@@ -53,35 +50,33 @@ bool ReadFile(const std::string& path, std::string* text)
 }
 
 class LineParser {
-public:
-    LineParser(std::vector<std::string> words, std::string* error) : words_(std::move(words)), error_(error) {}
+  public:
+    LineParser(std::vector<std::string> words, std::string* error)
+        : words_(std::move(words)), error_(error) {}
 
     bool AtEnd() const { return pos_ >= words_.size(); }
     const std::string& Peek() const { return words_[pos_]; }
     std::string Next() { return AtEnd() ? std::string() : words_[pos_++]; }
-    bool Accept(const std::string& word)
-    {
+    bool Accept(const std::string& word) {
         if (AtEnd() || words_[pos_] != word) return false;
         ++pos_;
         return true;
     }
 
-    bool Fail(const std::string& what)
-    {
+    bool Fail(const std::string& what) {
         *error_ = what;
         return false;
     }
 
-    bool Number(uint64_t max, uint64_t* out, const char* what)
-    {
+    bool Number(uint64_t max, uint64_t* out, const char* what) {
         std::string word = Next();
-        if (!ParseNumber(word, max, out)) return Fail(std::string("bad ") + what + " '" + word + "'");
+        if (!ParseNumber(word, max, out))
+            return Fail(std::string("bad ") + what + " '" + word + "'");
         return true;
     }
 
     // "250", "250ms" or "2s", as milliseconds.
-    bool Duration(uint64_t* ms)
-    {
+    bool Duration(uint64_t* ms) {
         std::string word = Next();
         uint64_t scale = 1;
         if (word.size() > 2 && word.compare(word.size() - 2, 2, "ms") == 0) {
@@ -97,8 +92,7 @@ public:
     }
 
     // One or more hex bytes, up to the first word that is not one.
-    bool HexRun(size_t max, Bytes* out)
-    {
+    bool HexRun(size_t max, Bytes* out) {
         uint8_t byte = 0;
         size_t start = out->size();
         while (!AtEnd() && ParseHexByte(Peek(), &byte)) {
@@ -106,39 +100,39 @@ public:
             out->push_back(byte);
             ++pos_;
         }
-        if (out->size() == start) return Fail(AtEnd() ? "hex bytes expected" : "bad hex byte '" + Peek() + "'");
+        if (out->size() == start)
+            return Fail(AtEnd() ? "hex bytes expected" : "bad hex byte '" + Peek() + "'");
         return true;
     }
 
     // Like HexRun, where "xx" stands for any byte.
-    bool PatternRun(Pattern* out)
-    {
+    bool PatternRun(Pattern* out) {
         uint8_t byte = 0;
         while (!AtEnd() && (Peek() == "xx" || ParseHexByte(Peek(), &byte))) {
-            if (out->bytes.size() >= kMaxPacket) return Fail("pattern longer than " + std::to_string(kMaxPacket));
+            if (out->bytes.size() >= kMaxPacket)
+                return Fail("pattern longer than " + std::to_string(kMaxPacket));
             bool any = Peek() == "xx";
             out->bytes.push_back(any ? 0 : byte);
             out->mask.push_back(any ? 0 : 0xff);
             ++pos_;
         }
-        if (out->bytes.empty()) return Fail(AtEnd() ? "hex pattern expected" : "bad hex byte '" + Peek() + "'");
+        if (out->bytes.empty())
+            return Fail(AtEnd() ? "hex pattern expected" : "bad hex byte '" + Peek() + "'");
         return true;
     }
 
-    bool End()
-    {
+    bool End() {
         if (!AtEnd()) return Fail("unexpected '" + Peek() + "'");
         return true;
     }
 
-private:
+  private:
     std::vector<std::string> words_;
     size_t pos_ = 0;
     std::string* error_;
 };
 
-bool ParseReply(LineParser& p, Reply* reply)
-{
+bool ParseReply(LineParser& p, Reply* reply) {
     if (p.Accept("after") && !p.Duration(&reply->after_ms)) return false;
     if (p.Accept("echo")) {
         reply->echo = true;
@@ -146,15 +140,15 @@ bool ParseReply(LineParser& p, Reply* reply)
     }
     if (p.Accept("garbage")) {
         uint64_t n = 0;
-        if (!p.Number(kMaxPacket, &n, "garbage length") || n == 0) return p.Fail("bad garbage length");
+        if (!p.Number(kMaxPacket, &n, "garbage length") || n == 0)
+            return p.Fail("bad garbage length");
         reply->garbage_len = n;
         return true;
     }
     return p.HexRun(kMaxPacket, &reply->bytes);
 }
 
-bool ParseRule(LineParser& p, int line, Script* script)
-{
+bool ParseRule(LineParser& p, int line, Script* script) {
     Rule rule;
     rule.line = line;
     if (!p.PatternRun(&rule.prefix)) return false;
@@ -184,8 +178,7 @@ bool ParseRule(LineParser& p, int line, Script* script)
     return true;
 }
 
-bool ParseGetReport(LineParser& p, int line, Script* script)
-{
+bool ParseGetReport(LineParser& p, int line, Script* script) {
     GetReportRule rule;
     rule.line = line;
     uint64_t id = 0;
@@ -203,13 +196,13 @@ bool ParseGetReport(LineParser& p, int line, Script* script)
     return true;
 }
 
-bool ParseAction(LineParser& p, const std::string& rest_of_line, Action* action)
-{
+bool ParseAction(LineParser& p, const std::string& rest_of_line, Action* action) {
     std::string verb = p.Next();
     if (verb == "send") {
         if (p.Accept("garbage")) {
             uint64_t n = 0;
-            if (!p.Number(kMaxPacket, &n, "garbage length") || n == 0) return p.Fail("bad garbage length");
+            if (!p.Number(kMaxPacket, &n, "garbage length") || n == 0)
+                return p.Fail("bad garbage length");
             action->kind = ActionKind::kSendGarbage;
             action->garbage_len = n;
         } else {
@@ -218,11 +211,15 @@ bool ParseAction(LineParser& p, const std::string& rest_of_line, Action* action)
         }
     } else if (verb == "rate") {
         std::string word = p.Next();
-        if (word.size() < 3 || word.compare(word.size() - 2, 2, "/s") != 0) return p.Fail("rate <n>/s expected");
-        if (!ParseNumber(word.substr(0, word.size() - 2), 100000, &action->rate_per_s) || action->rate_per_s == 0)
+        if (word.size() < 3 || word.compare(word.size() - 2, 2, "/s") != 0)
+            return p.Fail("rate <n>/s expected");
+        if (!ParseNumber(word.substr(0, word.size() - 2), 100000, &action->rate_per_s) ||
+            action->rate_per_s == 0)
             return p.Fail("bad rate '" + word + "'");
-        if (!p.Accept("for") || !p.Duration(&action->duration_ms)) return p.Fail("rate <n>/s for <time> expected");
-        if (!p.Accept("send") || !p.HexRun(kMaxPacket, &action->bytes)) return p.Fail("send <hex> expected");
+        if (!p.Accept("for") || !p.Duration(&action->duration_ms))
+            return p.Fail("rate <n>/s for <time> expected");
+        if (!p.Accept("send") || !p.HexRun(kMaxPacket, &action->bytes))
+            return p.Fail("send <hex> expected");
         action->kind = ActionKind::kRate;
     } else if (verb == "plug") {
         action->kind = ActionKind::kPlug;
@@ -244,8 +241,7 @@ bool ParseAction(LineParser& p, const std::string& rest_of_line, Action* action)
 }
 
 // Text after the first 'skip' words of 'line' (for free-text arguments).
-std::string RestAfterWords(const std::string& line, int skip)
-{
+std::string RestAfterWords(const std::string& line, int skip) {
     size_t pos = 0;
     for (int i = 0; i < skip; ++i) {
         pos = line.find_first_not_of(" \t", pos);
@@ -256,8 +252,8 @@ std::string RestAfterWords(const std::string& line, int skip)
     return Trim(line.substr(pos));
 }
 
-bool ParseTimedStep(LineParser& p, StepKind kind, const std::string& line, int line_no, Script* script)
-{
+bool ParseTimedStep(LineParser& p, StepKind kind, const std::string& line, int line_no,
+                    Script* script) {
     Step step;
     step.line = line_no;
     step.kind = kind;
@@ -267,8 +263,7 @@ bool ParseTimedStep(LineParser& p, StepKind kind, const std::string& line, int l
     return true;
 }
 
-bool ParseWait(LineParser& p, int line_no, Script* script)
-{
+bool ParseWait(LineParser& p, int line_no, Script* script) {
     Step step;
     step.line = line_no;
     std::string what = p.Next();
@@ -291,17 +286,17 @@ bool ParseWait(LineParser& p, int line_no, Script* script)
     return true;
 }
 
-bool ParseId(LineParser& p, uint16_t* out, const char* what)
-{
+bool ParseId(LineParser& p, uint16_t* out, const char* what) {
     uint64_t value = 0;
     if (!p.Number(0xffff, &value, what)) return false;
     *out = static_cast<uint16_t>(value);
     return p.End();
 }
 
-bool AppendDescriptorFile(const std::string& path, const std::string& base_dir, Script* script, std::string* error)
-{
-    std::string full = (!path.empty() && path[0] == '/') || base_dir.empty() ? path : base_dir + "/" + path;
+bool AppendDescriptorFile(const std::string& path, const std::string& base_dir, Script* script,
+                          std::string* error) {
+    std::string full =
+        (!path.empty() && path[0] == '/') || base_dir.empty() ? path : base_dir + "/" + path;
     std::string text;
     if (!ReadFile(full, &text)) {
         *error = "cannot read descriptor file " + full;
@@ -323,8 +318,8 @@ bool AppendDescriptorFile(const std::string& path, const std::string& base_dir, 
     return true;
 }
 
-bool ParseLine(const std::string& raw, int line_no, const std::string& base_dir, Script* script, std::string* error)
-{
+bool ParseLine(const std::string& raw, int line_no, const std::string& base_dir, Script* script,
+               std::string* error) {
     std::string line = raw.substr(0, raw.find('#'));
     LineParser p(SplitWords(line), error);
     if (p.AtEnd()) return true;
@@ -338,7 +333,8 @@ bool ParseLine(const std::string& raw, int line_no, const std::string& base_dir,
         if (kind != "rs232" && kind != "ps2") return p.Fail("port usb, rs232 or ps2 expected");
         script->port = kind == "rs232" ? PortKind::kRs232 : PortKind::kPs2;
         script->link = p.Next();
-        if (script->link.empty() || script->link[0] != '/') return p.Fail("absolute link path expected");
+        if (script->link.empty() || script->link[0] != '/')
+            return p.Fail("absolute link path expected");
         return p.End();
     }
     if (verb == "vendor") return ParseId(p, &script->vendor, "vendor id");
@@ -376,16 +372,14 @@ bool ParseLine(const std::string& raw, int line_no, const std::string& base_dir,
 
 }  // namespace
 
-bool Matches(const Pattern& pattern, const Bytes& packet)
-{
+bool Matches(const Pattern& pattern, const Bytes& packet) {
     if (packet.size() < pattern.bytes.size()) return false;
     for (size_t i = 0; i < pattern.bytes.size(); ++i)
         if ((packet[i] & pattern.mask[i]) != pattern.bytes[i]) return false;
     return true;
 }
 
-std::string FormatPattern(const Pattern& pattern)
-{
+std::string FormatPattern(const Pattern& pattern) {
     std::string text;
     for (size_t i = 0; i < pattern.bytes.size(); ++i) {
         if (i) text += ' ';
@@ -394,8 +388,8 @@ std::string FormatPattern(const Pattern& pattern)
     return text;
 }
 
-bool ParseScript(const std::string& text, const std::string& base_dir, Script* script, std::string* error)
-{
+bool ParseScript(const std::string& text, const std::string& base_dir, Script* script,
+                 std::string* error) {
     std::istringstream lines(text);
     std::string line;
     int line_no = 0;
@@ -414,8 +408,7 @@ bool ParseScript(const std::string& text, const std::string& base_dir, Script* s
     return true;
 }
 
-bool LoadScript(const std::string& path, Script* script, std::string* error)
-{
+bool LoadScript(const std::string& path, Script* script, std::string* error) {
     std::string text;
     if (!ReadFile(path, &text)) {
         *error = "cannot read script " + path;

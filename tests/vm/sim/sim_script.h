@@ -121,7 +121,8 @@ struct Script {
 
 // Parses 'text'. 'base_dir' resolves relative descriptor-file paths.
 // On failure returns false and sets 'error' to "line N: what".
-bool ParseScript(const std::string& text, const std::string& base_dir, Script* script, std::string* error);
+bool ParseScript(const std::string& text, const std::string& base_dir, Script* script,
+                 std::string* error);
 
 // Reads and parses a script file.
 bool LoadScript(const std::string& path, Script* script, std::string* error);

@@ -1,9 +1,9 @@
 // USB controller played through /dev/uhid.
 #include <dirent.h>
 #include <fcntl.h>
-#include <unistd.h>
 #include <linux/input.h>
 #include <linux/uhid.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -19,20 +19,22 @@ namespace tvm {
 
 namespace {
 
-const char* ReportTypeName(uint8_t type)
-{
+const char* ReportTypeName(uint8_t type) {
     switch (type) {
-    case UHID_FEATURE_REPORT: return "feature";
-    case UHID_OUTPUT_REPORT: return "output";
-    case UHID_INPUT_REPORT: return "input";
-    default: return "unknown";
+        case UHID_FEATURE_REPORT:
+            return "feature";
+        case UHID_OUTPUT_REPORT:
+            return "output";
+        case UHID_INPUT_REPORT:
+            return "input";
+        default:
+            return "unknown";
     }
 }
 
 // The hidraw node ("hidraw0") whose HID device has the script's ids and
 // phys, or "" when there is none yet.
-std::string FindHidraw(const Script& script)
-{
+std::string FindHidraw(const Script& script) {
     char id[48];
     std::snprintf(id, sizeof id, "HID_ID=0003:%08X:%08X", script.vendor, script.product);
     DIR* dir = opendir("/sys/class/hidraw");
@@ -55,10 +57,11 @@ std::string FindHidraw(const Script& script)
     return found;
 }
 
-class UhidPort : public SimPort {
-public:
-    UhidPort(const Script& script, EventLog* log) : script_(script), log_(log), sizes_(script.descriptor) {}
-    ~UhidPort() override { Unplug(); }
+class UhidPort final : public SimPort {
+  public:
+    UhidPort(const Script& script, EventLog* log)
+        : script_(script), log_(log), sizes_(script.descriptor) {}
+    ~UhidPort() override { UhidPort::Unplug(); }
 
     bool Plug() override;
     void Unplug() override;
@@ -69,7 +72,7 @@ public:
     bool opened() const override { return opened_; }
     bool ready() override;
 
-private:
+  private:
     bool WriteEvent(const uhid_event& ev);
     void AnswerGetReport(const uhid_get_report_req& req);
     void AnswerSetReport(const uhid_set_report_req& req, std::vector<Bytes>* packets);
@@ -83,15 +86,13 @@ private:
     std::string hidraw_;
 };
 
-bool UhidPort::WriteEvent(const uhid_event& ev)
-{
+bool UhidPort::WriteEvent(const uhid_event& ev) {
     if (WriteAll(fd_.get(), &ev, sizeof ev) == 0) return true;
     log_->Write("error", std::string("uhid write: ") + std::strerror(errno));
     return false;
 }
 
-bool UhidPort::Plug()
-{
+bool UhidPort::Plug() {
     if (plugged()) return true;
     int fd = open("/dev/uhid", O_RDWR | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0) {
@@ -117,13 +118,13 @@ bool UhidPort::Plug()
         return false;
     }
     char text[96];
-    std::snprintf(text, sizeof text, "usb %04x:%04x descriptor %zu bytes", script_.vendor, script_.product, size);
+    std::snprintf(text, sizeof text, "usb %04x:%04x descriptor %zu bytes", script_.vendor,
+                  script_.product, size);
     log_->Write("plug", text);
     return true;
 }
 
-void UhidPort::Unplug()
-{
+void UhidPort::Unplug() {
     if (!plugged()) return;
     uhid_event ev{};
     ev.type = UHID_DESTROY;
@@ -134,8 +135,7 @@ void UhidPort::Unplug()
     log_->Write("unplug", "usb");
 }
 
-bool UhidPort::ready()
-{
+bool UhidPort::ready() {
     if (!started_) return false;
     if (hidraw_.empty()) hidraw_ = FindHidraw(script_);
     if (!hidraw_.empty() && access(("/dev/" + hidraw_).c_str(), F_OK) == 0) {
@@ -145,8 +145,7 @@ bool UhidPort::ready()
     return false;
 }
 
-bool UhidPort::Send(const Bytes& raw)
-{
+bool UhidPort::Send(const Bytes& raw) {
     if (!plugged()) {
         log_->WriteBytes("tx-dropped", raw);
         return false;
@@ -164,8 +163,7 @@ bool UhidPort::Send(const Bytes& raw)
     return true;
 }
 
-void UhidPort::AnswerGetReport(const uhid_get_report_req& req)
-{
+void UhidPort::AnswerGetReport(const uhid_get_report_req& req) {
     char text[64];
     std::snprintf(text, sizeof text, "id %02x type %s", req.rnum, ReportTypeName(req.rtype));
     log_->Write("rx-get-report", text);
@@ -185,11 +183,11 @@ void UhidPort::AnswerGetReport(const uhid_get_report_req& req)
     if (ev.u.get_report_reply.err)
         log_->Write("tx-get-report", "error " + std::to_string(ev.u.get_report_reply.err));
     else
-        log_->Write("tx-get-report", FormatHex(ev.u.get_report_reply.data, ev.u.get_report_reply.size));
+        log_->Write("tx-get-report",
+                    FormatHex(ev.u.get_report_reply.data, ev.u.get_report_reply.size));
 }
 
-void UhidPort::AnswerSetReport(const uhid_set_report_req& req, std::vector<Bytes>* packets)
-{
+void UhidPort::AnswerSetReport(const uhid_set_report_req& req, std::vector<Bytes>* packets) {
     size_t size = std::min<size_t>(req.size, sizeof req.data);
     Bytes data(req.data, req.data + size);
     log_->Write("rx-set-report", std::string(ReportTypeName(req.rtype)) + " " + FormatHex(data));
@@ -201,45 +199,51 @@ void UhidPort::AnswerSetReport(const uhid_set_report_req& req, std::vector<Bytes
     packets->push_back(std::move(data));
 }
 
-bool UhidPort::Service(std::vector<Bytes>* packets)
-{
+bool UhidPort::Service(std::vector<Bytes>* packets) {
     while (plugged()) {
         uhid_event ev{};
         ssize_t n = read(fd_.get(), &ev, sizeof ev);
         if (n < 0 && errno == EINTR) continue;
         if (n < 0 && errno == EAGAIN) return true;
         if (n <= 0) {
-            log_->Write("error", std::string("uhid read: ") + (n < 0 ? std::strerror(errno) : "end of file"));
+            log_->Write("error", std::string("uhid read: ") +
+                                     (n < 0 ? std::strerror(errno) : "end of file"));
             Unplug();
             return false;
         }
         switch (ev.type) {
-        case UHID_START:
-            started_ = true;
-            log_->Write("event", "start");
-            break;
-        case UHID_STOP:
-            started_ = false;
-            log_->Write("event", "stop");
-            break;
-        case UHID_OPEN:
-            opened_ = true;
-            log_->Write("event", "open");
-            break;
-        case UHID_CLOSE:
-            opened_ = false;
-            log_->Write("event", "close");
-            break;
-        case UHID_OUTPUT: {
-            size_t size = std::min<size_t>(ev.u.output.size, sizeof ev.u.output.data);
-            Bytes data(ev.u.output.data, ev.u.output.data + size);
-            log_->WriteBytes("rx", data);
-            packets->push_back(std::move(data));
-            break;
-        }
-        case UHID_GET_REPORT: AnswerGetReport(ev.u.get_report); break;
-        case UHID_SET_REPORT: AnswerSetReport(ev.u.set_report, packets); break;
-        default: log_->Write("event", "type " + std::to_string(ev.type)); break;
+            case UHID_START:
+                started_ = true;
+                log_->Write("event", "start");
+                break;
+            case UHID_STOP:
+                started_ = false;
+                log_->Write("event", "stop");
+                break;
+            case UHID_OPEN:
+                opened_ = true;
+                log_->Write("event", "open");
+                break;
+            case UHID_CLOSE:
+                opened_ = false;
+                log_->Write("event", "close");
+                break;
+            case UHID_OUTPUT: {
+                size_t size = std::min<size_t>(ev.u.output.size, sizeof ev.u.output.data);
+                Bytes data(ev.u.output.data, ev.u.output.data + size);
+                log_->WriteBytes("rx", data);
+                packets->push_back(std::move(data));
+                break;
+            }
+            case UHID_GET_REPORT:
+                AnswerGetReport(ev.u.get_report);
+                break;
+            case UHID_SET_REPORT:
+                AnswerSetReport(ev.u.set_report, packets);
+                break;
+            default:
+                log_->Write("event", "type " + std::to_string(ev.type));
+                break;
         }
     }
     return false;
@@ -247,8 +251,7 @@ bool UhidPort::Service(std::vector<Bytes>* packets)
 
 }  // namespace
 
-std::unique_ptr<SimPort> CreateUhidPort(const Script& script, EventLog* log)
-{
+std::unique_ptr<SimPort> CreateUhidPort(const Script& script, EventLog* log) {
     return std::make_unique<UhidPort>(script, log);
 }
 
