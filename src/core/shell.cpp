@@ -1,6 +1,7 @@
 #include "core/shell.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
@@ -8,6 +9,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "core/data_file.h"
+#include "core/unique_fd.h"
 #include "log/debug_log.h"
 
 #ifdef __ANDROID__
@@ -30,9 +33,16 @@ void SleepMs(long ms) {
     }
 }
 
-// In the child: only async-signal-safe calls between fork and exec.
-[[noreturn]] void ExecShell(const char* command) {
+// In the child: only async-signal-safe calls between fork and exec. output_fd >= 0
+// becomes the command's standard output and error (the only descriptors it inherits
+// besides standard input).
+[[noreturn]] void ExecShell(const char* command, int output_fd) {
     setpgid(0, 0);
+    if (output_fd >= 0) {
+        if (dup2(output_fd, 1) < 0 || dup2(output_fd, 2) < 0) _exit(127);
+        fcntl(1, F_SETFD, 0);  // dup2 onto itself would keep close-on-exec
+        fcntl(2, F_SETFD, 0);
+    }
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
@@ -43,12 +53,11 @@ void SleepMs(long ms) {
     _exit(127);
 }
 
-}  // namespace
-
-int RunShell(const char* command, int timeout_ms) {
+// RunShell with the command's standard output and error on output_fd (-1: inherited).
+int RunShellTo(const char* command, int output_fd, int timeout_ms) {
     pid_t pid = fork();
     if (pid < 0) return -1;
-    if (pid == 0) ExecShell(command);
+    if (pid == 0) ExecShell(command, output_fd);
     setpgid(pid, pid);  // also from the parent, so a kill below cannot miss the group
 
     const long deadline = MonotonicMs() + timeout_ms;
@@ -72,6 +81,12 @@ int RunShell(const char* command, int timeout_ms) {
     }
 }
 
+}  // namespace
+
+int RunShell(const char* command, int timeout_ms) {
+    return RunShellTo(command, -1, timeout_ms);
+}
+
 FILE* RunShellCommand(const char* command, const char* output_path) {
     char line[kShellCommandMax];
     memset(line, 0, sizeof(line));
@@ -80,13 +95,25 @@ FILE* RunShellCommand(const char* command, const char* output_path) {
         TLOG(LOG_MAIN, "Command %s output to /dev/null failed.", command);
         return nullptr;
     }
+    // The capture file is created here, fresh (O_EXCL, no link followed), and handed to the
+    // command as its standard output and error: a redirection by the shell would write
+    // through a symbolic link or into a device node placed at the path.
     unlink(output_path);
-    snprintf(line, sizeof(line), "%s 1>%s 2>%s", command, output_path, output_path);
-    if (RunShell(line) != 0) {
+    UniqueFd capture(OpenDataFile(output_path, O_RDWR | O_CREAT | O_EXCL, 0644));
+    if (!capture.valid()) {
+        TLOG_ERR(LOG_INIT, "fopen file %s failed", output_path);
+        return nullptr;
+    }
+    if (RunShellTo(command, capture.get(), kShellTimeoutMs) != 0) {
         TLOG(LOG_MAIN, "Couldn't get system kernel version.");
         return nullptr;
     }
-    FILE* stream = fopen(output_path, "re");
-    if (!stream) TLOG(LOG_INIT, "fopen file %s failed", output_path);
+    FILE* stream = nullptr;
+    if (lseek(capture.get(), 0, SEEK_SET) == 0) stream = fdopen(capture.get(), "r");
+    if (!stream) {
+        TLOG(LOG_INIT, "fopen file %s failed", output_path);
+        return nullptr;
+    }
+    capture.release();  // the stream owns the descriptor now
     return stream;
 }

@@ -1,5 +1,6 @@
 #include "core/single_instance.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
@@ -8,6 +9,7 @@
 #include <unistd.h>
 
 #include "config/global_settings.h"
+#include "core/data_file.h"
 #include "core/paths.h"
 #include "core/unique_fd.h"
 #include "log/debug_log.h"
@@ -20,8 +22,14 @@ constexpr size_t kNamePrefixLen = 7;
 // Reads the process id at the start of the PID file. Returns 0 when the file opened
 // (id set, -1 when it holds no number), -1 when it does not exist or cannot be read.
 int ReadPidFile(pid_t* old_pid) {
-    FILE* stream = fopen(PidFilePath(), "re");
-    if (!stream) return -1;
+    FILE* stream = FopenDataFile(PidFilePath(), "r");
+    if (!stream) {
+        if (errno != ENOENT) {
+            TLOG_ERR(LOG_MAIN, "PID file %s is not a regular file or cannot be read",
+                     PidFilePath());
+        }
+        return -1;
+    }
     int value = -1;
     if (fscanf(stream, "%d", &value) != 1) value = -1;
     fclose(stream);
@@ -98,7 +106,7 @@ void WritePidFile() {
     char buffer[kPidFileBytes];
     memset(buffer, 0, sizeof(buffer));
     snprintf(buffer, sizeof(buffer), "%d ", static_cast<int>(getpid()));
-    UniqueFd fd(OpenCloexec(PidFilePath(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW, 0644));
+    UniqueFd fd(OpenDataFile(PidFilePath(), O_WRONLY | O_CREAT | O_TRUNC, 0644));
     if (!fd.valid()) {
         TLOG(LOG_MAIN, "Open %s failed, maybe /data/ is not writable.", PidFilePath());
         return;

@@ -6,6 +6,7 @@
 #include <string.h>
 #include <time.h>
 
+#include "core/data_file.h"
 #include "core/paths.h"
 #include "core/shell.h"
 #include "core/unique_fd.h"
@@ -41,7 +42,7 @@ void WriteAll(int fd, const char* data, size_t len) { (void)WriteRetry(fd, data,
 
 void AppendToLogFile(const char* line, size_t len) {
     if (LogFilePath[0] == '\0') return;
-    UniqueFd fd(OpenCloexec(LogFilePath, O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW, 0644));
+    UniqueFd fd(OpenDataFile(LogFilePath, O_WRONLY | O_CREAT | O_APPEND, 0644));
     if (!fd.valid()) return;  // a log file that cannot be opened loses the line silently
     WriteAll(fd.get(), line, len);
 }

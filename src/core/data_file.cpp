@@ -1,0 +1,50 @@
+#include "core/data_file.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "core/unique_fd.h"
+
+int OpenDataFile(const char* path, int flags, mode_t mode) {
+    // O_NONBLOCK: opening a FIFO for writing with no reader (or for reading with no
+    // writer) returns at once instead of hanging the caller; cleared again below.
+    const bool truncate = (flags & O_TRUNC) != 0;
+    UniqueFd fd(OpenCloexec(path, (flags & ~O_TRUNC) | O_NOFOLLOW | O_NONBLOCK, mode));
+    if (!fd.valid()) return -1;
+    struct stat st;
+    if (fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
+        errno = EINVAL;
+        return -1;
+    }
+    const int status = fcntl(fd.get(), F_GETFL);
+    if (status == -1 || fcntl(fd.get(), F_SETFL, status & ~O_NONBLOCK) == -1) return -1;
+    if (truncate && ftruncate(fd.get(), 0) != 0) return -1;
+    return fd.release();
+}
+
+FILE* FopenDataFile(const char* path, const char* mode) {
+    int flags = 0;
+    const bool update = strchr(mode, '+') != nullptr;
+    switch (mode[0]) {
+        case 'r':
+            flags = update ? O_RDWR : O_RDONLY;
+            break;
+        case 'w':
+            flags = (update ? O_RDWR : O_WRONLY) | O_CREAT | O_TRUNC;
+            break;
+        case 'a':
+            flags = (update ? O_RDWR : O_WRONLY) | O_CREAT | O_APPEND;
+            break;
+        default:
+            errno = EINVAL;
+            return nullptr;
+    }
+    UniqueFd fd(OpenDataFile(path, flags));
+    if (!fd.valid()) return nullptr;
+    FILE* stream = fdopen(fd.get(), mode);
+    if (stream) fd.release();  // the stream owns the descriptor now
+    return stream;
+}

@@ -1,0 +1,18 @@
+// Opening the daemon's own files in the data directory (settings file and its temporary
+// copy, PID file, debug log, captured command output). A symbolic link placed at such a
+// path is never followed, and only a regular file is used: a FIFO, device node, socket or
+// directory at the path is refused without blocking and without truncating anything.
+#pragma once
+
+#include <stdio.h>
+#include <sys/types.h>
+
+// open(2) flags O_RDONLY/O_WRONLY/O_RDWR with O_CREAT, O_EXCL, O_APPEND or O_TRUNC;
+// the descriptor is close-on-exec and blocking. O_TRUNC takes effect only once the opened
+// file is known to be regular. Returns the descriptor or -1: ELOOP for a symbolic link,
+// EINVAL for a file that is not regular, else the errno of open.
+int OpenDataFile(const char* path, int flags, mode_t mode = 0644);
+
+// fopen(3) modes "r", "r+", "w", "w+", "a", "a+" on top of OpenDataFile. nullptr on
+// failure (errno as above).
+FILE* FopenDataFile(const char* path, const char* mode);

@@ -1,0 +1,116 @@
+// Opening files of the data directory: a regular file opens (close-on-exec, blocking); a
+// symbolic link, a FIFO or a directory at the path is refused at once, and nothing is
+// written, created or truncated through it.
+#include "core/data_file.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "support/core_test_util.h"
+
+namespace {
+
+using coretest::FileExists;
+using coretest::ReadFile;
+using coretest::TempDataDir;
+using coretest::WriteFile;
+
+struct OpenCase {
+    const char* name;
+    int flags;
+};
+
+const OpenCase kOpens[] = {
+    {"read", O_RDONLY},
+    {"write", O_WRONLY | O_CREAT | O_TRUNC},
+    {"append", O_WRONLY | O_CREAT | O_APPEND},
+    {"update", O_RDWR | O_CREAT},
+    {"create new", O_RDWR | O_CREAT | O_EXCL},
+};
+
+TEST(DataFileTest, RegularFileOpensCloseOnExecAndBlocking) {
+    TempDataDir dir;
+    const std::string path = dir.File("TouchPID");
+    ASSERT_TRUE(WriteFile(path, "1234 "));
+    UniqueFd fd(OpenDataFile(path.c_str(), O_RDWR));
+    ASSERT_TRUE(fd.valid());
+    EXPECT_NE(0, fcntl(fd.get(), F_GETFD) & FD_CLOEXEC);
+    EXPECT_EQ(0, fcntl(fd.get(), F_GETFL) & O_NONBLOCK);
+    char text[8] = "";
+    EXPECT_EQ(5, ReadRetry(fd.get(), text, sizeof(text)));
+
+    // O_TRUNC empties a regular file; O_CREAT makes a missing one.
+    fd.reset(OpenDataFile(path.c_str(), O_WRONLY | O_TRUNC));
+    ASSERT_TRUE(fd.valid());
+    EXPECT_EQ("", ReadFile(path));
+    fd.reset(OpenDataFile(dir.File("new").c_str(), O_WRONLY | O_CREAT, 0600));
+    ASSERT_TRUE(fd.valid());
+    struct stat st;
+    ASSERT_EQ(0, stat(dir.File("new").c_str(), &st));
+    EXPECT_TRUE(S_ISREG(st.st_mode));
+}
+
+TEST(DataFileTest, LinksFifosAndDirectoriesAreRefusedUntouched) {
+    TempDataDir dir;
+    const std::string victim = dir.File("victim");
+    ASSERT_TRUE(WriteFile(victim, "keep me"));
+    const std::string link = dir.File("link");
+    ASSERT_EQ(0, symlink(victim.c_str(), link.c_str()));
+    const std::string dangling = dir.File("dangling");
+    const std::string nowhere = dir.File("created-through-link");
+    ASSERT_EQ(0, symlink(nowhere.c_str(), dangling.c_str()));
+    const std::string fifo = dir.File("fifo");
+    ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));  // no reader, no writer: a plain open blocks
+    const std::string subdir = dir.File("subdir");
+    ASSERT_EQ(0, mkdir(subdir.c_str(), 0700));
+
+    for (const OpenCase& c : kOpens) {
+        errno = 0;
+        EXPECT_EQ(-1, OpenDataFile(link.c_str(), c.flags)) << c.name;
+        EXPECT_TRUE(errno == ELOOP || errno == EEXIST) << c.name << ": " << errno;
+        EXPECT_EQ(-1, OpenDataFile(dangling.c_str(), c.flags)) << c.name;
+        EXPECT_EQ(-1, OpenDataFile(fifo.c_str(), c.flags)) << c.name;
+        EXPECT_EQ(-1, OpenDataFile(subdir.c_str(), c.flags)) << c.name;
+    }
+    for (const char* mode : {"r", "r+", "w", "w+", "a", "a+"}) {
+        EXPECT_EQ(nullptr, FopenDataFile(link.c_str(), mode)) << mode;
+        EXPECT_EQ(nullptr, FopenDataFile(dangling.c_str(), mode)) << mode;
+        EXPECT_EQ(nullptr, FopenDataFile(fifo.c_str(), mode)) << mode;
+        EXPECT_EQ(nullptr, FopenDataFile(subdir.c_str(), mode)) << mode;
+    }
+    EXPECT_EQ("keep me", ReadFile(victim));
+    EXPECT_FALSE(FileExists(nowhere));
+    struct stat st;
+    ASSERT_EQ(0, lstat(fifo.c_str(), &st));
+    EXPECT_TRUE(S_ISFIFO(st.st_mode));
+}
+
+TEST(DataFileTest, StreamModesReadWriteAndAppend) {
+    TempDataDir dir;
+    const std::string path = dir.File("TavrineA.ini");
+    FILE* w = FopenDataFile(path.c_str(), "w");
+    ASSERT_NE(nullptr, w);
+    EXPECT_NE(0, fcntl(fileno(w), F_GETFD) & FD_CLOEXEC);
+    fputs("one", w);
+    fclose(w);
+    FILE* a = FopenDataFile(path.c_str(), "a");
+    ASSERT_NE(nullptr, a);
+    fputs(" two", a);
+    fclose(a);
+    FILE* r = FopenDataFile(path.c_str(), "r");
+    ASSERT_NE(nullptr, r);
+    char word[8] = "";
+    EXPECT_EQ(1, fscanf(r, "%7s", word));
+    EXPECT_STREQ("one", word);
+    fclose(r);
+    EXPECT_EQ("one two", ReadFile(path));
+    EXPECT_EQ(nullptr, FopenDataFile(path.c_str(), "x"));
+    EXPECT_EQ(nullptr, FopenDataFile(dir.File("missing").c_str(), "r"));
+}
+
+}  // namespace

@@ -1,0 +1,138 @@
+// Shell commands: the captured output file is created fresh by the daemon (a link or a
+// directory placed at its path is never written through), the command's standard output
+// and error both reach it, and the command inherits no descriptor but 0, 1 and 2.
+#include "core/shell.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <set>
+#include <string>
+
+#include "config/global_settings.h"
+#include "core/data_file.h"
+#include "core/paths.h"
+#include "support/core_test_util.h"
+
+namespace {
+
+using coretest::LogCapture;
+using coretest::ReadFile;
+using coretest::TempDataDir;
+using coretest::WriteFile;
+
+std::string ReadAll(FILE* stream) {
+    std::string text;
+    char chunk[256];
+    size_t n;
+    while ((n = fread(chunk, 1, sizeof(chunk), stream)) > 0) text.append(chunk, n);
+    return text;
+}
+
+// Descriptors of this process that a child would inherit (no close-on-exec flag), besides
+// 0, 1 and 2: left open by whatever started the test program, not by the daemon's code.
+std::set<int> InheritableOfThisProcess() {
+    std::set<int> fds;
+    DIR* dir = opendir("/proc/self/fd");
+    if (!dir) return fds;
+    const int own = dirfd(dir);
+    while (struct dirent* entry = readdir(dir)) {
+        if (entry->d_name[0] == '.') continue;
+        const int fd = atoi(entry->d_name);
+        if (fd > 2 && fd != own && (fcntl(fd, F_GETFD) & FD_CLOEXEC) == 0) fds.insert(fd);
+    }
+    closedir(dir);
+    return fds;
+}
+
+TEST(ShellCaptureTest, LinkAtTheCapturePathIsNotWrittenThrough) {
+    TempDataDir dir;
+    const std::string victim = dir.File("victim");
+    ASSERT_TRUE(WriteFile(victim, "keep me"));
+    ASSERT_EQ(0, symlink(victim.c_str(), DrvLogPath()));
+
+    FILE* stream = nullptr;
+    coretest::Quiet([&] { stream = RunShellCommand("echo out; echo err 1>&2", DrvLogPath()); });
+    ASSERT_NE(nullptr, stream);
+    EXPECT_NE(0, fcntl(fileno(stream), F_GETFD) & FD_CLOEXEC);
+    EXPECT_EQ("out\nerr\n", ReadAll(stream));
+    fclose(stream);
+    EXPECT_EQ("keep me", ReadFile(victim));
+    struct stat st;
+    ASSERT_EQ(0, lstat(DrvLogPath(), &st));
+    EXPECT_TRUE(S_ISREG(st.st_mode));  // a fresh regular file took the link's place
+}
+
+TEST(ShellCaptureTest, CapturePathThatCannotBeReplacedIsAFailedOpen) {
+    TempDataDir dir;
+    ASSERT_EQ(0, mkdir(DrvLogPath(), 0700));  // unlink cannot remove a directory
+    LogCapture log;
+    FILE* stream = reinterpret_cast<FILE*>(1);
+    coretest::Quiet([&] { stream = RunShellCommand("echo out", DrvLogPath()); });
+    EXPECT_EQ(nullptr, stream);
+    EXPECT_EQ(1, log.CountContaining(std::string("fopen file ") + DrvLogPath() + " failed"));
+    EXPECT_EQ(0, log.CountContaining("Couldn't get system kernel version."));
+
+    // A failing command is still reported as before, and no capture is returned.
+    LogCapture log2;
+    coretest::Quiet([&] { stream = RunShellCommand("false", DrvLogPath()); });
+    EXPECT_EQ(nullptr, stream);
+    EXPECT_EQ(1, log2.Count("Command false output to /dev/null failed."));
+}
+
+// Descriptors opened the daemon's ways (data files, settings streams, pipes, sockets) stay
+// in the daemon: the command lists its own /proc/self/fd and finds 0, 1 and 2, plus the
+// one its ls opened to read that directory.
+TEST(ShellCaptureTest, CommandInheritsOnlyTheStandardDescriptors) {
+    TempDataDir dir;
+    ASSERT_TRUE(WriteFile(dir.File("TavrineA.ini"), "[TavrineA.ini]"));
+    UniqueFd data(OpenDataFile(dir.File("TouchPID").c_str(), O_RDWR | O_CREAT, 0644));
+    ASSERT_TRUE(data.valid());
+    FILE* settings = LockAndOpenFile(IniFilePath(), "r", &SettingsFileMutex);
+    ASSERT_NE(nullptr, settings);
+    UniqueFd pipe_read, pipe_write;
+    ASSERT_TRUE(coretest::MakePipe(&pipe_read, &pipe_write));
+    int pair[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair));
+    UniqueFd sock0(pair[0]), sock1(pair[1]);
+
+    std::set<int> expected = InheritableOfThisProcess();
+    expected.insert({0, 1, 2});
+    FILE* stream = nullptr;
+    coretest::Quiet([&] { stream = RunShellCommand("ls -l /proc/self/fd", DrvLogPath()); });
+    CloseAndUnlockFile(settings, &SettingsFileMutex);
+    ASSERT_NE(nullptr, stream);
+    const std::string listing = ReadAll(stream);
+    fclose(stream);
+
+    std::set<int> seen;
+    std::string out_target, err_target;
+    size_t start = 0;
+    while (start < listing.size()) {
+        size_t end = listing.find('\n', start);
+        if (end == std::string::npos) end = listing.size();
+        const std::string line = listing.substr(start, end - start);
+        start = end + 1;
+        const size_t arrow = line.find(" -> ");
+        if (arrow == std::string::npos) continue;
+        const std::string target = line.substr(arrow + 4);
+        if (target.size() >= 3 && target.compare(target.size() - 3, 3, "/fd") == 0) continue;
+        const size_t blank = line.rfind(' ', arrow - 1);
+        const int fd = atoi(line.c_str() + blank + 1);
+        seen.insert(fd);
+        if (fd == 1) out_target = target;
+        if (fd == 2) err_target = target;
+    }
+    EXPECT_EQ(expected, seen) << listing;
+    EXPECT_EQ(DrvLogPath(), out_target);
+    EXPECT_EQ(DrvLogPath(), err_target);
+}
+
+}  // namespace
