@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <optional>
 #include <random>
@@ -517,6 +519,35 @@ TEST(GlobalSettingsTest, ReadsTheDataDirectoryFile) {
         EXPECT_EQ(1, capture.Count("File: read - " + dir.File("TavrineA.ini")));
     }
     EXPECT_EQ(4, s.ScanInterface);
+}
+
+// The settings file is read only when it is a regular file at its path: a symbolic link
+// to a file elsewhere is not followed and a FIFO is not waited on; both count as a file
+// that cannot be opened, and the defaults stay.
+TEST(GlobalSettingsTest, LinkOrFifoAtTheSettingsPathIsNotRead) {
+    TempDataDir dir;
+    const std::string elsewhere = dir.File("elsewhere.ini");
+    ASSERT_TRUE(coretest::WriteFile(elsewhere, kHead + "ScanInterface 4 [String] [EndOfFile]"));
+    ASSERT_EQ(0, symlink(elsewhere.c_str(), dir.File("TavrineA.ini").c_str()));
+    GlobalSettings s = Defaults();
+    {
+        LogCapture capture;
+        coretest::Quiet([&] { ReadGlobalSettings(&s); });
+        EXPECT_EQ(1, capture.Count("Failed to open the file: " + dir.File("TavrineA.ini") +
+                                   ", set parameter to default."));
+    }
+    EXPECT_TRUE(SameRecord(Defaults(), s));
+
+    ASSERT_EQ(0, unlink(dir.File("TavrineA.ini").c_str()));
+    ASSERT_EQ(0, mkfifo(dir.File("TavrineA.ini").c_str(), 0600));
+    coretest::ChildResult child = coretest::RunInChild([] {
+        alarm(5);  // a blocked open ends the child by SIGALRM
+        GlobalSettings settings = Defaults();
+        ReadGlobalSettings(&settings);
+        if (!SameRecord(Defaults(), settings)) _exit(3);
+    });
+    ASSERT_TRUE(child.exited) << "signal " << child.status;
+    EXPECT_EQ(coretest::kReturned, child.status);
 }
 
 TEST(GlobalSettingsTest, PrintOutByCategory) {

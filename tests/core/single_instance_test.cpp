@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -178,6 +179,56 @@ TEST(SingleInstanceTest, RunningDaemonIsKilledOnlyWithForceOrKill) {
             KillAndReap(daemon);
         }
     }
+}
+
+// A symbolic link at the PID file path is neither read nor written through: the id of a
+// running Tavrine* process in the file it points to gets nothing killed, and that file
+// keeps its bytes. Start-up carries on as with a missing or unwritable PID file.
+TEST(SingleInstanceTest, PidFileLinkIsNeverFollowed) {
+    TempDataDir dir;
+    const pid_t daemon = StartNamedSleeper(dir.path(), "TavrineTest", 30);
+    ASSERT_GT(daemon, 0);
+    const std::string victim = dir.File("victim");
+    ASSERT_TRUE(coretest::WriteFile(victim, PidText(daemon)));
+    ASSERT_EQ(0, symlink(victim.c_str(), dir.File("TouchPID").c_str()));
+
+    for (Flags flags : {Flags{0, 0}, Flags{0, 1}}) {
+        ChildResult child = CheckInChild(flags);
+        ASSERT_TRUE(child.exited);
+        EXPECT_EQ(kReturned, child.status) << int(flags.force);
+    }
+    EXPECT_TRUE(IsAlive(daemon));
+    LogCapture log;
+    GlobalSettings settings;
+    memset(&settings, 0, sizeof(settings));
+    coretest::Quiet([&] {
+        CheckSingleInstance(&settings);
+        WritePidFile();
+    });
+    EXPECT_EQ(1, log.CountContaining("PID file " + dir.File("TouchPID") + " is not a regular"));
+    EXPECT_EQ(1,
+              log.Count("Open " + dir.File("TouchPID") + " failed, maybe /data/ is not writable."));
+    EXPECT_EQ(PidText(daemon), coretest::ReadFile(victim));
+    KillAndReap(daemon);
+}
+
+// A FIFO at the PID file path has no reader or writer: a plain open would wait for ever.
+// Both the check and the write return at once (the child is stopped by an alarm if not).
+TEST(SingleInstanceTest, PidFileFifoNeitherBlocksNorIsUsed) {
+    TempDataDir dir;
+    ASSERT_EQ(0, mkfifo(dir.File("TouchPID").c_str(), 0600));
+    ChildResult child = RunInChild([] {
+        alarm(5);
+        GlobalSettings settings;
+        memset(&settings, 0, sizeof(settings));
+        CheckSingleInstance(&settings);
+        WritePidFile();
+    });
+    ASSERT_TRUE(child.exited) << "signal " << child.status;
+    EXPECT_EQ(kReturned, child.status);
+    struct stat st;
+    ASSERT_EQ(0, lstat(dir.File("TouchPID").c_str(), &st));
+    EXPECT_TRUE(S_ISFIFO(st.st_mode));
 }
 
 TEST(SingleInstanceTest, RootCheckEndsWithStatus255ForOtherUsers) {

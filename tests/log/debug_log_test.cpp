@@ -7,6 +7,7 @@
 #include <pthread.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -303,6 +304,38 @@ TEST_F(LogFileFixture, UnwritableFileLosesOnlyTheFileLine) {
         ASSERT_EQ(1u, capture.lines().size());
         EXPECT_EQ("kept", capture.lines()[0].message);
     }
+}
+
+// A symbolic link, a FIFO or a directory at the log file path: the file line is lost (as
+// for an unwritable file), nothing is written through the link, a FIFO without a reader
+// does not block the logging thread, and the other outputs still get the line.
+TEST_F(LogFileFixture, LogPathThatIsNotARegularFileIsNotWritten) {
+    const std::string victim = dir.File("victim");
+    ASSERT_TRUE(coretest::WriteFile(victim, "keep me"));
+    ASSERT_EQ(0, symlink(victim.c_str(), log_file.c_str()));
+    const std::string fifo = dir.File("fifo.log");
+    ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
+    const std::string subdir = dir.File("dir.log");
+    ASSERT_EQ(0, mkdir(subdir.c_str(), 0700));
+
+    for (const std::string& path : {log_file, fifo, subdir}) {
+        snprintf(LogFilePath, kLogPathMax, "%s", path.c_str());
+        coretest::ChildResult child = coretest::RunInChild([] {
+            alarm(5);  // a blocked open ends the child by SIGALRM
+            DebugEnableBits = 0xFFFFFFFF;
+            ShowDebugPosition = 0;
+            DebugLog(LOG_MAIN, "lost");
+            DebugErrorLog(LOG_MAIN, "lost too");
+            LogCapture capture(0xFFFFFFFF, 2);
+            DebugLog(LOG_MAIN, "kept");
+            fflush(stdout);
+            if (capture.Count("kept") != 1) _exit(3);
+        });
+        ASSERT_TRUE(child.exited) << path << ": signal " << child.status;
+        EXPECT_EQ(coretest::kReturned, child.status) << path;
+        EXPECT_NE(std::string::npos, child.out.find("<Main>")) << path;  // head of "kept"
+    }
+    EXPECT_EQ("keep me", coretest::ReadFile(victim));
 }
 
 TEST_F(LogFileFixture, LongMessageIsTruncatedToTheBuffer) {
