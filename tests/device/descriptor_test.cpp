@@ -122,6 +122,42 @@ TEST(ReportDescriptor, HostileBytesStayInside) {
     EXPECT_EQ(0, dev.bSetFeature);
 }
 
+// Random descriptors of every size up to 300 bytes, each in an exactly sized block (so a
+// sanitizer build catches any read past the end): shifts stay within -1..4 and only the
+// fields of declared ids change.
+TEST(ReportDescriptor, RandomBytesKeepShiftsInRange) {
+    GlobalSettings settings = DevTestSettings();
+    uint32_t seed = 12345;
+    auto next = [&seed] {
+        seed = seed * 1103515245u + 12345u;
+        return static_cast<uint8_t>(seed >> 16);
+    };
+    for (int size = 1; size <= 300; ++size) {
+        std::vector<uint8_t> d(static_cast<size_t>(size));
+        for (uint8_t& b : d) {
+            uint8_t r = next();
+            // Bias towards the items the scan reacts to.
+            b = r < 40 ? 0x85 : r < 70 ? 0x26 : r < 100 ? 0x05 : r < 130 ? 0x01 : next();
+        }
+        for (int start = 0; start < size; ++start) {
+            int shift = ResolutionShift(d.data(), start, size);
+            ASSERT_GE(shift, -1);
+            ASSERT_LE(shift, 4);
+        }
+        CDeviceObject dev("/dev/hidraw99", &settings);
+        dev.MouseResShift = 9;
+        ApplyReportDescriptor(&dev, d.data(), size);
+        bool declares_mouse = false;
+        for (int i = 0; i + 1 < size; ++i) declares_mouse |= d[i] == 0x85 && d[i + 1] == 0x01;
+        if (declares_mouse) {
+            EXPECT_GE(dev.MouseResShift, -1);
+            EXPECT_LE(dev.MouseResShift, 4);
+        } else {
+            EXPECT_EQ(9, dev.MouseResShift);
+        }
+    }
+}
+
 TEST(ReportDescriptor, SerialDevicesHaveTheVendorReportWithoutDescriptor) {
     GlobalSettings settings = DevTestSettings();
     for (uint8_t interface : {DEV_RS232, DEV_PS2}) {
