@@ -60,12 +60,18 @@ pid_file_well_formed() {
 }
 
 # Starts the simulator on script $1 in the background; waits for its port.
-# Its log is $OUT/sim.log; its pid is in $SIM_PID.
+# Its log is $OUT/sim.log; its pid is in $SIM_PID; sim_do drives it.
 start_sim() {
-    rm -f /tmp/bed.sim.ready
-    tavrine-sim "$1" --log "$OUT/sim.log" --ready /tmp/bed.sim.ready &
+    rm -f /tmp/bed.sim.ready /tmp/bed.sim.ctl
+    tavrine-sim "$1" --log "$OUT/sim.log" --ready /tmp/bed.sim.ready --control /tmp/bed.sim.ctl &
     SIM_PID=$!
     wait_until '[ -e /tmp/bed.sim.ready ]' 50
+}
+
+# Makes the simulator started by start_sim run one step action at once,
+# e.g. sim_do send 06 01 01 00 00 04 00 02
+sim_do() {
+    timeout 2 sh -c 'echo "$1" > /tmp/bed.sim.ctl' sh "$*"
 }
 
 # Starts recording the input device named $1 into $OUT/$2 in the background

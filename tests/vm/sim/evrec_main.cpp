@@ -25,6 +25,7 @@
 #include <cstring>
 #include <fstream>
 #include <string>
+#include <vector>
 
 #include "evdev_trace.h"
 #include "event_log.h"
@@ -110,7 +111,10 @@ int Record(const Options& opt) {
     std::fflush(trace);
     if (!opt.ready.empty()) UniqueFd(open(opt.ready.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
 
-    tvm::MtChecker checker;
+    uint8_t abs_bits[(ABS_MAX + 8) / 8] = {};
+    ioctl(fd.get(), EVIOCGBIT(EV_ABS, sizeof abs_bits), abs_bits);
+    bool slotted = abs_bits[ABS_MT_SLOT / 8] & (1u << (ABS_MT_SLOT % 8));
+    tvm::MtChecker checker(slotted);
     uint64_t events = 0, begin = tvm::MonotonicUs(), last = begin;
     const char* why = "signal";
     while (!g_stop) {
@@ -151,6 +155,7 @@ int Record(const Options& opt) {
     std::fprintf(trace, "# end: %s, %llu events\n", why, static_cast<unsigned long long>(events));
     int status = 0;
     if (opt.check) {
+        if (!slotted) std::fputs("# check: no ABS_MT_SLOT, slot rules not applied\n", trace);
         checker.Finish();
         status = Report(checker, trace);
     }
@@ -164,12 +169,21 @@ int Check(const std::string& path) {
         std::fprintf(stderr, "tavrine-evrec: cannot read %s\n", path.c_str());
         return 2;
     }
-    tvm::MtChecker checker;
-    std::string line, time;
+    // A header with axes but without "A: 2f" (ABS_MT_SLOT) is an unslotted
+    // device; a bare list of events is taken as slotted.
+    std::vector<std::string> lines;
+    bool has_axes = false, has_slot = false;
+    for (std::string line; std::getline(in, line);) {
+        has_axes = has_axes || line.compare(0, 3, "A: ") == 0;
+        has_slot = has_slot || line.compare(0, 6, "A: 2f ") == 0;
+        lines.push_back(line);
+    }
+    tvm::MtChecker checker(!has_axes || has_slot);
+    std::string time;
     int line_no = 0;
     uint16_t type = 0, code = 0;
     int32_t value = 0;
-    while (std::getline(in, line)) {
+    for (const std::string& line : lines) {
         ++line_no;
         if (tvm::ParseEventLine(line, &time, &type, &code, &value))
             checker.Feed(type, code, value, "line " + std::to_string(line_no) + " (" + time + ")");

@@ -84,5 +84,29 @@ check "pty: log shows the command and its echo" $?
 [ ! -e "$link" ]
 check "pty: link removed at exit" $?
 
+# The control FIFO: a line sends at once, a bad line is logged and
+# skipped, "exit 5" ends the simulator with status 5.
+link=$WORK/ttyTV1
+printf 'port rs232 %s\n' "$link" > "$WORK/ctl.scn"
+rm -f "$WORK/ready"
+"$SIM_BIN" "$WORK/ctl.scn" --log "$WORK/ctl.log" --ready "$WORK/ready" --control "$WORK/ctl" --max-ms 8000 &
+sim=$!
+tries=50
+while [ ! -e "$WORK/ready" ] && [ $tries -gt 0 ]; do sleep 0.1; tries=$((tries - 1)); done
+got=""
+if [ -e "$link" ] && exec 3<> "$link"; then
+    stty -F "$link" raw -echo
+    timeout 2 sh -c "echo 'send 80 01 02 03 04' > '$WORK/ctl'; echo 'sned 01' > '$WORK/ctl'"
+    got=$(timeout 3 dd bs=5 count=1 iflag=fullblock <&3 2>/dev/null | od -An -tx1 | tr -s ' \n' ' ')
+    timeout 2 sh -c "echo 'exit 5' > '$WORK/ctl'"
+    exec 3>&-
+fi
+wait $sim
+rc=$?
+check "control: a sent line reaches the port" "$([ "$got" = " 80 01 02 03 04 " ]; echo $?)" "read '$got'"
+grep -q "error control: unknown action 'sned'" "$WORK/ctl.log"
+check "control: a bad line is logged" $? "$(cat "$WORK/ctl.log")"
+check "control: exit 5 ends with status 5" "$([ "$rc" = 5 ]; echo $?)" "status $rc"
+
 echo "vm-tools: $passed passed, $failed failed"
 [ "$failed" = 0 ]

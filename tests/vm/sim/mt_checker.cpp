@@ -4,7 +4,7 @@
 
 namespace tvm {
 
-MtChecker::MtChecker() {
+MtChecker::MtChecker(bool slotted) : slotted_(slotted) {
     for (int32_t& id : tracking_) id = -1;
 }
 
@@ -35,7 +35,7 @@ void MtChecker::Feed(uint16_t type, uint16_t code, int32_t value, const std::str
         }
         return;
     }
-    if (code != ABS_MT_TRACKING_ID || slot_ < 0) return;
+    if (!slotted_ || code != ABS_MT_TRACKING_ID || slot_ < 0) return;
     int32_t& current = tracking_[slot_];
     std::string slot = "slot " + std::to_string(slot_) + ": ";
     if (value == -1 && current == -1)

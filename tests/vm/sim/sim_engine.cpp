@@ -2,6 +2,8 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -15,8 +17,52 @@ constexpr uint64_t kTickUs = 20000;
 
 }  // namespace
 
-SimEngine::SimEngine(const Script& script, EventLog* log, uint64_t max_ms)
-    : script_(script), log_(log), max_ms_(max_ms), rules_(script.rules) {}
+SimEngine::SimEngine(const Script& script, EventLog* log, uint64_t max_ms, std::string control)
+    : script_(script),
+      log_(log),
+      max_ms_(max_ms),
+      control_path_(std::move(control)),
+      rules_(script.rules) {}
+
+bool SimEngine::OpenControl() {
+    if (control_path_.empty()) return true;
+    if (mkfifo(control_path_.c_str(), 0600) != 0 && errno != EEXIST) {
+        log_->Write("error", "mkfifo " + control_path_ + ": " + std::strerror(errno));
+        return false;
+    }
+    // Read-write, so the FIFO never reads as ended between writers.
+    control_.reset(open(control_path_.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    if (!control_.valid()) {
+        log_->Write("error", "open " + control_path_ + ": " + std::strerror(errno));
+        return false;
+    }
+    return true;
+}
+
+bool SimEngine::ServiceControl(uint64_t now) {
+    constexpr size_t kMaxLine = 16384;
+    char buf[1024];
+    ssize_t n;
+    while ((n = read(control_.get(), buf, sizeof buf)) > 0) control_buf_.append(buf, n);
+    size_t end;
+    while ((end = control_buf_.find('\n')) != std::string::npos) {
+        std::string line = control_buf_.substr(0, end);
+        control_buf_.erase(0, end + 1);
+        log_->Write("control", line);
+        Action action;
+        std::string error;
+        if (!ParseActionLine(line, &action, &error)) {
+            log_->Write("error", "control: " + error);
+        } else if (RunAction(action, now) == Progress::kExit) {
+            return false;
+        }
+    }
+    if (control_buf_.size() > kMaxLine) {
+        log_->Write("error", "control: line too long, dropped");
+        control_buf_.clear();
+    }
+    return true;
+}
 
 Bytes SimEngine::Garbage(size_t size) {
     Bytes bytes(size);
@@ -165,7 +211,7 @@ int SimEngine::Run(const std::string& ready_path, volatile sig_atomic_t* stop) {
     port_ = script_.port == PortKind::kUsb ? CreateUhidPort(script_, log_)
                                            : CreatePtyPort(script_, log_);
     start_us_ = prev_end_us_ = MonotonicUs();
-    if (!port_->Plug()) return 4;
+    if (!OpenControl() || !port_->Plug()) return 4;
     bool ready_done = ready_path.empty();
 
     std::vector<Bytes> packets;
@@ -191,11 +237,9 @@ int SimEngine::Run(const std::string& ready_path, volatile sig_atomic_t* stop) {
 
         uint64_t wake = NextWake(now);
         int timeout_ms = wake > now ? static_cast<int>((wake - now + 999) / 1000) : 0;
-        pollfd pfd{port_->fd(), POLLIN, 0};
-        if (pfd.fd >= 0)
-            poll(&pfd, 1, timeout_ms);
-        else
-            poll(nullptr, 0, timeout_ms);
+        pollfd pfds[2] = {{port_->fd(), POLLIN, 0}, {control_.get(), POLLIN, 0}};
+        poll(pfds, 2, timeout_ms);  // negative descriptors are skipped
+        if (control_.valid() && !ServiceControl(MonotonicUs())) return exit_status_;
         port_->Tick();
         packets.clear();
         if (port_->plugged() && !port_->Service(&packets))

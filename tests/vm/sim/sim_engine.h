@@ -18,7 +18,9 @@ namespace tvm {
 class SimEngine {
   public:
     // 'script' and 'log' must outlive the engine. max_ms 0 = no limit.
-    SimEngine(const Script& script, EventLog* log, uint64_t max_ms);
+    // 'control': path of a FIFO (created if missing) whose lines are step
+    // actions run at once ("send 06 ..."); empty = none.
+    SimEngine(const Script& script, EventLog* log, uint64_t max_ms, std::string control);
 
     // Plugs the port, creates 'ready_path' (if not empty) once the host can
     // reach the port (SimPort::ready), and runs until
@@ -37,10 +39,16 @@ class SimEngine {
     void HandlePacket(const Bytes& packet, uint64_t now);
     Bytes Garbage(size_t size);
     uint64_t NextWake(uint64_t now) const;
+    bool OpenControl();
+    // Runs the complete lines read from the control FIFO; false on 'exit'.
+    bool ServiceControl(uint64_t now);
 
     const Script& script_;
     EventLog* log_;
     uint64_t max_ms_;
+    std::string control_path_;
+    UniqueFd control_;
+    std::string control_buf_;
     std::unique_ptr<SimPort> port_;
     std::vector<Rule> rules_;  // copy: uses are counted down
     std::multimap<uint64_t, Bytes> pending_;

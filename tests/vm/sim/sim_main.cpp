@@ -2,13 +2,17 @@
 // as a script says, answers the commands it receives from its reply table,
 // and records every byte both ways with CLOCK_MONOTONIC times.
 //
-//   tavrine-sim SCRIPT --log FILE [--ready FILE] [--max-ms N] [--check | --dump]
+//   tavrine-sim SCRIPT --log FILE [--ready FILE] [--control FIFO] [--max-ms N]
+//               [--check | --dump]
 //
-// --ready FILE is created once the host can reach the port (USB: the hidraw
-// node exists; serial: the link exists); --max-ms ends the run after
-// N ms; --check only parses the script, --dump also prints what it parsed. Exit status: 0 after the
-// last step when the run was stopped by SIGTERM/SIGINT, --max-ms or 'exit'; 2 for bad usage or
-// script; 3 when a 'wait' timed out; 4 when the port failed.
+// --ready FILE is created once the host can reach the port (USB: the
+// hidraw node exists; serial: the link exists). Each line written to
+// --control FIFO is a step action ("send 06 ...", "unplug", "exit 0") run at
+// once. --max-ms ends the run after N ms. --check only parses the script,
+// --dump also prints what it parsed.
+// Exit status: 0 when stopped by SIGTERM/SIGINT, --max-ms or 'exit' (or the
+// status 'exit' names); 2 for bad usage or script; 3 when a 'wait' timed
+// out; 4 when the port or the control FIFO could not be set up.
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -31,14 +35,15 @@ void OnStop(int) {
 int Usage() {
     std::fprintf(
         stderr,
-        "usage: tavrine-sim SCRIPT --log FILE [--ready FILE] [--max-ms N] [--check | --dump]\n");
+        "usage: tavrine-sim SCRIPT --log FILE [--ready FILE] [--control FIFO] [--max-ms N]\n"
+        "                   [--check | --dump]\n");
     return 2;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::string script_path, log_path = "-", ready_path;
+    std::string script_path, log_path = "-", ready_path, control_path;
     uint64_t max_ms = 0;
     bool check_only = false, dump = false;
     for (int i = 1; i < argc; ++i) {
@@ -48,6 +53,8 @@ int main(int argc, char** argv) {
             log_path = argv[++i];
         } else if (arg == "--ready" && has_value) {
             ready_path = argv[++i];
+        } else if (arg == "--control" && has_value) {
+            control_path = argv[++i];
         } else if (arg == "--max-ms" && has_value) {
             if (!tvm::ParseNumber(argv[++i], 24ull * 3600 * 1000, &max_ms)) return Usage();
         } else if (arg == "--check" || arg == "--dump") {
@@ -78,6 +85,6 @@ int main(int argc, char** argv) {
 
     auto log = tvm::EventLog::Create(log_path);
     if (!log) return 2;
-    tvm::SimEngine engine(script, log.get(), max_ms);
+    tvm::SimEngine engine(script, log.get(), max_ms, control_path);
     return engine.Run(ready_path, &g_stop);
 }

@@ -388,6 +388,12 @@ std::string FormatPattern(const Pattern& pattern) {
     return text;
 }
 
+bool ParseActionLine(const std::string& line, Action* action, std::string* error) {
+    LineParser p(SplitWords(line.substr(0, line.find('#'))), error);
+    if (p.AtEnd()) return p.Fail("empty command");
+    return ParseAction(p, RestAfterWords(line, 1), action);
+}
+
 bool ParseScript(const std::string& text, const std::string& base_dir, Script* script,
                  std::string* error) {
     std::istringstream lines(text);

@@ -124,6 +124,10 @@ struct Script {
 bool ParseScript(const std::string& text, const std::string& base_dir, Script* script,
                  std::string* error);
 
+// Parses one step action ("send 06 01 ...", "unplug", ...), as written
+// after "at <time>" in a script; used for commands sent at run time.
+bool ParseActionLine(const std::string& line, Action* action, std::string* error);
+
 // Reads and parses a script file.
 bool LoadScript(const std::string& path, Script* script, std::string* error);
 
