@@ -180,4 +180,27 @@ TEST(BlockingChannel, TimedWaitHonoursItsDeadline) {
     EXPECT_EQ(1, dev.WakeCount);
 }
 
+TEST(BlockingChannel, UnregisterClearsOnlyAMatchingHook) {
+    GlobalSettings settings = DevTestSettings();
+    CDeviceObject dev("/dev/ttyS99", &settings);
+    dev.SigHookCmd = 0x33;
+    dev.SigHookSubCmd = 1;
+    UnRegisSigHookCmd(&dev, 0x41, kAnySubCmd);
+    EXPECT_EQ(0x33, dev.SigHookCmd.load());
+    EXPECT_EQ(1, dev.SigHookSubCmd.load());
+    UnRegisSigHookCmd(&dev, 0x33, 2);
+    EXPECT_EQ(0x33, dev.SigHookCmd.load());
+    UnRegisSigHookCmd(&dev, 0x33, 1);
+    EXPECT_EQ(0, dev.SigHookCmd.load());
+    EXPECT_EQ(0, dev.SigHookSubCmd.load());
+
+    dev.SelfHookCmd = 0x39;
+    dev.SelfHookSubCmd = 4;
+    UnRegisSelfHookCmd(&dev, 0x39, kAnySubCmd);
+    EXPECT_EQ(0x39, dev.SelfHookCmd.load());
+    UnRegisSelfHookCmd(&dev, 0x39, 4);
+    EXPECT_EQ(0, dev.SelfHookCmd.load());
+    EXPECT_EQ(0, dev.SelfHookSubCmd.load());
+}
+
 }  // namespace

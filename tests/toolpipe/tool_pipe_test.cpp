@@ -10,6 +10,7 @@
 #include <string>
 
 #include "core/paths.h"
+#include "device/cmd_channel.h"
 #include "device/device_object.h"
 #include "support/dev_test_util.h"
 
@@ -228,6 +229,39 @@ TEST_F(ForwardTest, ResetCommandOnRs232RechecksTheSpeed) {
     std::vector<Bytes> got = controller.Received();
     ASSERT_GE(got.size(), 1u);
     EXPECT_EQ((Bytes{0x0A, 0x03, 0x52, 0x3A, 0xFF}), got[0]);
+}
+
+// Nobody answers at any speed: three passes over the four speeds, then the line goes
+// back to the speed the device had.
+TEST(RecheckBaudRate, SilentControllerKeepsTheOldSpeed) {
+    DevLogCapture log;
+    int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    ASSERT_GE(master, 0);
+    ASSERT_EQ(0, grantpt(master));
+    ASSERT_EQ(0, unlockpt(master));
+    GlobalSettings settings = DevTestSettings();
+    CDeviceObject dev("/dev/ttyS99", &settings);
+    dev.DevInterface = DEV_RS232;
+    dev.CmdHeader = CMD_HEADER_SERIAL;
+    dev.m_Port_fd.reset(OpenCloexec(ptsname(master), O_RDWR | O_NOCTTY | O_NONBLOCK));
+    ASSERT_TRUE(dev.m_Port_fd.valid());
+    dev.BaudRate = 19200;
+    ASSERT_EQ(0, SetPortBaudRate(dev.m_Port_fd.get(), 19200, 1));
+    FakeController controller(master);
+    controller.Start();
+    int64_t start = DevNowMs();
+    RecheckBaudRate(&dev);
+    int64_t elapsed = DevNowMs() - start;
+    controller.Stop();
+    EXPECT_EQ(19200u, dev.BaudRate);
+    EXPECT_EQ(12, log.Count("Test Baudrate ["));
+    EXPECT_TRUE(log.Contains("Recheck BaudRate failed, set to origin baud [19200]"));
+    EXPECT_EQ(12u, controller.ReceivedCount());  // one loop-back per speed and pass
+    struct termios line;
+    ASSERT_EQ(0, tcgetattr(master, &line));
+    EXPECT_EQ(static_cast<speed_t>(B19200), cfgetospeed(&line));
+    EXPECT_GE(elapsed, 1500);
+    EXPECT_LE(elapsed, 4000);
 }
 
 TEST_F(ForwardTest, ResetCommandOnUsbIsOnlyForwarded) {
