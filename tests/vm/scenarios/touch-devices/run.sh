@@ -1,5 +1,9 @@
 # Scenario 1: the controller is found as /dev/hidraw0, identified, and both
 # virtual devices appear with their names, ids, axes, keys and properties.
+# The daemon gives ABS_MT_TRACKING_ID 0..20, but with ABS_MT_SLOT registered
+# the input core itself resets that axis to 0..65535 (input_mt_init_slots).
+# The pen has no tilt axes: kernel 6.1 has minor number 1 and the release
+# (getprop) is 9, not 0.
 . ./touch-env.sh
 
 touch_settings 80807
