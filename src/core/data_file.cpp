@@ -6,7 +6,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "core/paths.h"
 #include "core/unique_fd.h"
+#include "log/debug_log.h"
 
 int OpenDataFile(const char* path, int flags, mode_t mode) {
     // O_NONBLOCK: opening a FIFO for writing with no reader (or for reading with no
@@ -23,6 +25,16 @@ int OpenDataFile(const char* path, int flags, mode_t mode) {
     if (status == -1 || fcntl(fd.get(), F_SETFL, status & ~O_NONBLOCK) == -1) return -1;
     if (truncate && ftruncate(fd.get(), 0) != 0) return -1;
     return fd.release();
+}
+
+bool WarnIfDataDirWritable() {
+    struct stat st;
+    if (stat(DataDir(), &st) != 0 || (st.st_mode & (S_IWGRP | S_IWOTH)) == 0) return false;
+    TLOG(LOG_MAIN,
+         "Warning: data directory %s (mode %03o) is writable by group or others; they may "
+         "replace the settings file, PID file, logs and tool pipes",
+         DataDir(), static_cast<unsigned>(st.st_mode & 07777));
+    return true;
 }
 
 FILE* FopenDataFile(const char* path, const char* mode) {

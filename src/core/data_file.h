@@ -13,6 +13,11 @@
 // EINVAL for a file that is not regular, else the errno of open.
 int OpenDataFile(const char* path, int flags, mode_t mode = 0644);
 
+// Logs one warning under LOG_MAIN when the data directory can be written by its group or
+// by others (they could then replace or add files the daemon trusts). Returns true when it
+// warned; false when the mode is safe or the directory cannot be examined.
+bool WarnIfDataDirWritable();
+
 // fopen(3) modes "r", "r+", "w", "w+", "a", "a+" on top of OpenDataFile. nullptr on
 // failure (errno as above).
 FILE* FopenDataFile(const char* path, const char* mode);

@@ -7,6 +7,7 @@
 
 #include "config/global_settings.h"
 #include "core/command_line.h"
+#include "core/data_file.h"
 #include "core/environment.h"
 #include "core/manager.h"
 #include "core/single_instance.h"
@@ -23,6 +24,7 @@ int TavrineMain(int argc, char** argv) {
     ParseCommandLine(argc, argv, &settings);
     HandleStartupFlags(&settings);
     PrintGlobalSettings(&settings);
+    WarnIfDataDirWritable();
 
     TLOG(LOG_MAIN, "Run process as a background daemon");
     if (daemon(0, 0) != 0) {

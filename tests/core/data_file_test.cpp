@@ -11,6 +11,8 @@
 
 #include <string>
 
+#include "core/paths.h"
+#include "log/debug_log.h"
 #include "support/core_test_util.h"
 
 namespace {
@@ -111,6 +113,40 @@ TEST(DataFileTest, StreamModesReadWriteAndAppend) {
     EXPECT_EQ("one two", ReadFile(path));
     EXPECT_EQ(nullptr, FopenDataFile(path.c_str(), "x"));
     EXPECT_EQ(nullptr, FopenDataFile(dir.File("missing").c_str(), "r"));
+}
+
+}  // namespace
+
+namespace {
+
+TEST(DataFileTest, WarnsOnceWhenTheDataDirectoryIsWritableByGroupOrOthers) {
+    TempDataDir dir;
+    struct Case {
+        mode_t mode;
+        bool warned;
+    };
+    const Case cases[] = {
+        {0700, false}, {0755, false}, {0751, false}, {0711, false}, {0770, true},
+        {0771, true},  {0720, true},  {0702, true},  {0777, true},  {01777, true},
+    };
+    for (const Case& c : cases) {
+        ASSERT_EQ(0, chmod(dir.path().c_str(), c.mode));
+        coretest::LogCapture log(LOG_MAIN, 1);
+        bool warned = !c.warned;
+        coretest::Quiet([&] { warned = WarnIfDataDirWritable(); });
+        EXPECT_EQ(c.warned, warned) << std::oct << c.mode;
+        EXPECT_EQ(c.warned ? 1 : 0, log.CountContaining("Warning: data directory " + dir.path()))
+            << std::oct << c.mode;
+        EXPECT_EQ(c.warned ? 1u : 0u, log.lines().size()) << std::oct << c.mode;
+    }
+    {
+        coretest::LogCapture log(0xFFFFFFFF & ~LOG_MAIN, 1);  // the warning belongs to 0x1
+        coretest::Quiet([&] { WarnIfDataDirWritable(); });
+        EXPECT_TRUE(log.lines().empty());
+    }
+    ASSERT_EQ(0, chmod(dir.path().c_str(), 0700));
+    SetDataDirForTest((dir.path() + "/missing").c_str());
+    EXPECT_FALSE(WarnIfDataDirWritable());
 }
 
 }  // namespace

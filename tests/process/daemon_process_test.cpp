@@ -263,6 +263,34 @@ TEST_F(DaemonProcessTest, DetachesWritesItsPidFileAndLoops) {
     EXPECT_EQ(0, Count(log, "Entering CheckIniDevPID"));  // ScanInterface 4: no scanning
 }
 
+// A data directory others may write to is reported once at start, after the settings
+// file has chosen the log output (the file here) and before the daemon detaches; a
+// directory only root may write to is not.
+TEST_F(DaemonProcessTest, WritableDataDirectoryIsReportedOnce) {
+    pid_t previous = -1;
+    for (mode_t mode : {mode_t{0755}, mode_t{0777}}) {
+        SCOPED_TRACE(mode);
+        ASSERT_EQ(0, chmod(kDataDir.c_str(), mode));
+        EXPECT_EQ(0, Run({"-f"}));  // also removes the earlier start's log file
+        previous = WaitForDaemon(previous);
+        ASSERT_GT(previous, 0);
+        const long deadline = NowMs() + 5000;
+        while (Count(LogText(), "Entering EndlessScanLoop") == 0 && NowMs() < deadline) {
+            usleep(10000);
+        }
+        const std::string log = LogText();
+        const std::string warning = "<Main> Warning: data directory " + kDataDir;
+        if (mode == 0755) {
+            EXPECT_EQ(0, Count(log, warning)) << log;
+            continue;
+        }
+        EXPECT_EQ(1, Count(log, warning)) << log;
+        const size_t at = log.find(warning);
+        EXPECT_LT(log.find("<Main> Daemon Version: [2.5.6720.]"), at);
+        EXPECT_GT(log.find("<Main> Run process as a background daemon"), at);
+    }
+}
+
 // Each SIGUSR2 gives one log line and one plug-and-play check in the next pass.
 TEST_F(DaemonProcessTest, EachSigusr2IsLoggedOnce) {
     EXPECT_EQ(0, Run({}));
