@@ -467,6 +467,44 @@ TEST_F(ParamFileTest, UncreatableTemporaryFileLeavesTheFileUntouched) {
     EXPECT_TRUE(S_ISDIR(st.st_mode));
 }
 
+// Symbolic links at the settings file or its temporary copy: the file a link points to is
+// never read as the settings nor written, whatever the device step does. A link at the
+// settings path is replaced by the generated file (rename does not follow it); a link at
+// the temporary path makes the rewrite fail as an uncreatable temporary file does.
+TEST_F(ParamFileTest, LinksAtTheSettingsPathsAreNeverWrittenThrough) {
+    const std::string victim = dir_.path() + "/victim.ini";
+    const std::string full = kHead + DefaultBlock(0, kAddrA) + kEnd;
+    {
+        SCOPED_TRACE("link to a settings file");
+        ASSERT_TRUE(WriteBytes(victim, full));
+        ASSERT_EQ(symlink(victim.c_str(), IniFilePath()), 0);
+        EXPECT_NE(Start(kAddrB), 0);  // no block 0 read through the link
+        EXPECT_EQ(ReadBytes(victim), full);
+        ASSERT_EQ(unlink(IniFilePath()), 0);
+    }
+    {
+        SCOPED_TRACE("dangling link");
+        const std::string nowhere = dir_.path() + "/nowhere.ini";
+        ASSERT_EQ(symlink(nowhere.c_str(), IniFilePath()), 0);
+        EXPECT_EQ(Start(kAddrA), 0);
+        EXPECT_FALSE(Exists(nowhere));
+        struct stat st;
+        ASSERT_EQ(lstat(IniFilePath(), &st), 0);
+        EXPECT_TRUE(S_ISREG(st.st_mode));
+        EXPECT_EQ(CountOf(ReadBytes(IniFilePath()), "[Device_No.0]"), 1);
+        ASSERT_EQ(unlink(IniFilePath()), 0);
+    }
+    {
+        SCOPED_TRACE("link at the temporary copy");
+        ASSERT_EQ(symlink(victim.c_str(), IniTempPath()), 0);
+        ConfLogRecorder log;
+        EXPECT_EQ(Start(kAddrA), -1);
+        EXPECT_EQ(log.Count("Create temp param file failed, please modify param manually"), 1);
+        EXPECT_FALSE(Exists(IniFilePath()));
+        EXPECT_EQ(ReadBytes(victim), full);
+    }
+}
+
 TEST_F(ParamFileTest, WriteFailureMidCopyLeavesTheFileUntouched) {
     // A file-size limit below the size of the copy makes the writes of the temporary file
     // fail part way (EFBIG), as a full disk would.
