@@ -8,6 +8,7 @@
 #include "device/cmd_internal.h"
 #include "device/device_object.h"
 #include "device/identification.h"
+#include "device/rx_wait.h"
 #include "discovery/probe_exchange.h"
 #include "log/debug_log.h"
 
@@ -27,10 +28,6 @@ void ClearBuffers(CDeviceObject* device) {
 void SetSelfHook(CDeviceObject* device, uint16_t cmd, uint16_t sub_cmd) {
     device->SelfHookSubCmd = sub_cmd;
     device->SelfHookCmd = cmd;
-}
-
-bool OnOwnThread(const CDeviceObject* device) {
-    return device->bThreadCreated && pthread_equal(pthread_self(), device->ThreadId);
 }
 
 // During set-up the device's own thread reads the port itself: the reply is polled with
@@ -73,8 +70,8 @@ int SetFormat(CDeviceObject* device, uint8_t format) {
     if (PortInvalid(device, LOG_CMD, "Leave SetFormat")) return -1;
     int len = PrepareFixedCommand(device, packet, 4);
     const uint8_t expect[4] = {hdr, 0x02, kFormatReply, format};
-    int ret = OnOwnThread(device) ? SetFormatPolling(device, packet, len, expect)
-                                  : SetFormatBlocking(device, packet, len, expect);
+    int ret = IsRxThreadOf(device) ? SetFormatPolling(device, packet, len, expect)
+                                   : SetFormatBlocking(device, packet, len, expect);
     TLOG(LOG_CMD, "Leave SetFormat with ret=%d", ret);
     return ret;
 }

@@ -15,6 +15,7 @@ namespace {
 
 thread_local volatile sig_atomic_t tStopRequested = 0;
 thread_local volatile sig_atomic_t tStopBySignal = 0;
+thread_local const CDeviceObject* tRxDevice = nullptr;
 
 int64_t MonotonicMs() {
     struct timespec now;
@@ -52,6 +53,14 @@ void RequestRxThreadStop() {
 
 bool RxThreadStoppedBySignal() {
     return tStopBySignal != 0;
+}
+
+void MarkRxThreadOf(const CDeviceObject* device) {
+    tRxDevice = device;
+}
+
+bool IsRxThreadOf(const CDeviceObject* device) {
+    return device && tRxDevice == device;
 }
 
 int RxThreadSelect(int nfds, fd_set* readfds, struct timeval* timeout) {

@@ -37,6 +37,7 @@ void CountIdleWake(CDeviceObject* device) {
 
 void* DevThreadMain(void* arg) {
     CDeviceObject* device = static_cast<CDeviceObject*>(arg);
+    MarkRxThreadOf(device);
     TLOG(LOG_MAIN, "<Device thread start running>");
     int ret = DevSetup(device);
     if (ret == -1) TLOG(LOG_MAIN, "DevSetup failed with return -1");

@@ -3,6 +3,8 @@
 // thread asked to end never sits out a long sleep first.
 #pragma once
 
+class CDeviceObject;
+
 // Sleeps ms milliseconds. 0 when the time passed, -1 when the stop request was raised.
 int RxThreadSleep(int ms);
 // Waits up to ms milliseconds (ms < 0: no limit) for fd to become readable; an
@@ -11,3 +13,9 @@ int RxThreadSleep(int ms);
 int RxWaitReadable(int fd, int ms);
 // True when the stop request came from SIGUSR1 (not from the thread itself).
 bool RxThreadStoppedBySignal();
+
+// Marks the calling thread as the receive thread of device (set on its first line, so no
+// field written by the creating thread is needed to tell).
+void MarkRxThreadOf(const CDeviceObject* device);
+// True on the receive thread of device.
+bool IsRxThreadOf(const CDeviceObject* device);

@@ -7,6 +7,7 @@
 
 #include "core/environment.h"
 #include "device/identification.h"
+#include "device/rx_wait.h"
 #include "support/dev_test_util.h"
 
 namespace {
@@ -113,12 +114,11 @@ TEST_F(ReportFormatTest, SetFormatOnOwnThreadPolls) {
         if (c.answer) controller.SetResponder(Replies({{0x34, Bytes{0x03, 0x02, 0x33, 0x01}}}));
         controller.Start();
         AttachPort(&dev, &controller, DEV_USB);
-        dev.ThreadId = pthread_self();
-        dev.bThreadCreated = true;  // this thread plays the device's receive thread
+        MarkRxThreadOf(&dev);  // this thread plays the device's receive thread
         int64_t start = DevNowMs();
         int ret = SetFormat(&dev, 1);
         int64_t elapsed = DevNowMs() - start;
-        dev.bThreadCreated = false;
+        MarkRxThreadOf(nullptr);
         EXPECT_EQ(c.expect, ret);
         EXPECT_LE(elapsed, c.max_ms);
         ASSERT_GE(controller.ReceivedCount(), 1u);
