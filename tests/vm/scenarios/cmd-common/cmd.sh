@@ -36,7 +36,8 @@ cmd_received() {
 # (lines start "[hh:mm:ss:mmm]-: ").
 cmd_log_ms() {
     grep -F -- "$1" "$(cmd_log)" | head -n 1 |
-        awk -F'[][:]' '{ print (($2 * 60 + $3) * 60 + $4) * 1000 + $5 }'
+        sed -n 's/^\[\([0-9]*\):\([0-9]*\):\([0-9]*\):\([0-9]*\)\].*/\1 \2 \3 \4/p' |
+        awk '{ print (($1 * 60 + $2) * 60 + $3) * 1000 + $4 }'
 }
 
 # Prints the set-up time in milliseconds: from the log line that reports the
