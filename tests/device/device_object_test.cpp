@@ -1,5 +1,6 @@
 // Construction pieces of the device object: interface by path, port open and close on a
 // pty, parameter defaults and address, and the stop of a created thread during set-up.
+#include <dirent.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <termios.h>
@@ -197,6 +198,36 @@ TEST(CreatedDevice, DestroyDuringSetupStopsTheThread) {
     EXPECT_TRUE(log.Contains("StopThreadHandler with SIGUSR1"));
     EXPECT_FALSE(log.Contains("DevSetup failed"));
     EXPECT_TRUE(log.Contains("Desconstructor ~CDeviceObject() is called."));
+}
+
+int CountEntries(const char* dir) {
+    int n = 0;
+    if (DIR* d = opendir(dir)) {
+        while (readdir(d)) ++n;
+        closedir(d);
+    }
+    return n;
+}
+
+// Creating and destroying devices again and again leaves no descriptor and no thread.
+TEST(CreatedDevice, RepeatedCreateAndDestroyLeavesNothingBehind) {
+    DevIgnoreSigusr2();
+    DevTempDataDir data;
+    Pty pty;
+    ASSERT_TRUE(OpenPty(&pty));
+    GlobalSettings settings = DevTestSettings();
+    snprintf(settings.UinputPath, sizeof(settings.UinputPath), "%s/no_uinput", data.path().c_str());
+    settings.CustomPathMask = kCustomUinputPathBit;
+    const int fds_before = CountEntries("/proc/self/fd");
+    const int tasks_before = CountEntries("/proc/self/task");
+    for (int i = 0; i < 30; ++i) {
+        std::unique_ptr<CDeviceObject> dev =
+            CDeviceObject::Create(pty.slave_path.c_str(), &settings);
+        ASSERT_NE(nullptr, dev);
+        if (i % 2) usleep(2000);  // destroyed during set-up or after it ended
+    }
+    EXPECT_EQ(fds_before, CountEntries("/proc/self/fd"));
+    EXPECT_EQ(tasks_before, CountEntries("/proc/self/task"));
 }
 
 }  // namespace
