@@ -33,6 +33,32 @@ all_scenarios() {
     done
 }
 
+# Stops the guest (through the timeout process $1) when it has not reached
+# its script after BOOT_LIMIT s, or its console stood still for longer than
+# the longest scenario may take; sets HUNG to the reason.
+BOOT_LIMIT=90
+watch_guest() {
+    waited=0
+    still=0
+    last_size=-1
+    while kill -0 "$1" 2> /dev/null; do
+        sleep 1
+        waited=$((waited + 1))
+        size=$(wc -c < "$CONSOLE")
+        if [ "$size" = "$last_size" ]; then still=$((still + 1)); else still=0; fi
+        last_size=$size
+        if [ $waited -ge $BOOT_LIMIT ] && ! grep -q '@@BED-BOOTED' "$CONSOLE"; then
+            HUNG="the guest did not reach its script within $BOOT_LIMIT s"
+        elif [ $still -ge $((STALL_LIMIT)) ]; then
+            HUNG="the guest console stood still for $STALL_LIMIT s"
+        fi
+        if [ -n "$HUNG" ]; then
+            kill "$1" 2> /dev/null
+            return
+        fi
+    done
+}
+
 SCENARIOS=""
 while [ $# -gt 0 ]; do
     case "$1" in
@@ -78,27 +104,35 @@ done
 SCENARIOS=$RUN
 build_initramfs || die "could not build the initramfs"
 
-if [ -z "$VM_TIMEOUT" ]; then
-    VM_TIMEOUT=60
-    for s in $SCENARIOS; do
-        t=30
-        [ -f "$BED/scenarios/$s/timeout" ] && t=$(cat "$BED/scenarios/$s/timeout")
-        VM_TIMEOUT=$((VM_TIMEOUT + t + 5))
-    done
-fi
+STALL_LIMIT=30
+sum=0
+for s in $SCENARIOS; do
+    t=30
+    [ -f "$BED/scenarios/$s/timeout" ] && t=$(cat "$BED/scenarios/$s/timeout")
+    sum=$((sum + t + 5))
+    [ $((t + 30)) -gt $STALL_LIMIT ] && STALL_LIMIT=$((t + 30))
+done
+[ -n "$VM_TIMEOUT" ] || VM_TIMEOUT=$((60 + sum))
 
 echo "run-vm: booting $(cat "$CACHE/kernel/ready") with:$SCENARIOS (limit ${VM_TIMEOUT} s, logs in $OUT)"
 start=$(date +%s.%N)
 timeout -k 5 "$VM_TIMEOUT" qemu-system-x86_64 -accel tcg -cpu max -m 512 -smp 1 -nographic -no-reboot \
     -kernel "$CACHE/kernel/vmlinuz" -initrd "$INITRAMFS" \
-    -append "console=ttyS0 quiet panic=-1" < /dev/null > "$CONSOLE" 2>&1
+    -append "console=ttyS0 quiet panic=-1" < /dev/null > "$CONSOLE" 2>&1 &
+qemu_pid=$!
+HUNG=""
+watch_guest "$qemu_pid"
+wait "$qemu_pid"
 qemu_rc=$?
 wall=$(echo "$start $(date +%s.%N)" | awk '{ printf "%.1f", $2 - $1 }')
 
 booted=$(tr -d '\r' < "$CONSOLE" | sed -n 's/.*@@BED-BOOTED \([0-9.]*\).*/\1/p' | head -n 1)
 echo "run-vm: boot time ${booted:-?} s to the guest script (guest uptime); whole VM run ${wall} s wall"
 tr -d '\r' < "$CONSOLE" | grep '@@BED-WARN' | sed 's/.*@@BED-WARN/run-vm: guest warning:/'
-if [ "$qemu_rc" = 124 ] || [ "$qemu_rc" = 137 ]; then
+if [ -n "$HUNG" ]; then
+    echo "run-vm: $HUNG and was killed; last console lines:" >&2
+    tail -n 30 "$CONSOLE" | tr -d '\r' >&2
+elif [ "$qemu_rc" = 124 ] || [ "$qemu_rc" = 137 ]; then
     echo "run-vm: the guest hung and was killed after ${VM_TIMEOUT} s; last console lines:" >&2
     tail -n 30 "$CONSOLE" | tr -d '\r' >&2
 elif ! grep -q '@@BED-DONE' "$CONSOLE"; then

@@ -4,7 +4,7 @@
 . /bed/lib.sh
 
 write_settings 2 /dev/ttyTAV0
-sed -i 's/^DebugEnableBits 1$/DebugEnableBits 410005/' /data/TavrineA.ini
+sed -i 's/^DebugEnableBits 1$/DebugEnableBits 410007/' /data/TavrineA.ini
 start_sim sim.scn
 start_evrec MorvelTouch_VirtualDevice touch.trace --wait-ms 20000 --idle-ms 1500
 TavrineD -f > "$OUT/start.out" 2>&1

@@ -49,3 +49,10 @@ touch_record() {
 touch_go() {
     printf '\003\001\176' > /dev/hidraw0
 }
+
+# touch_events IN OUT: the events of trace IN as "<code name> <value>"
+# lines, a frame ending with a "SYN_REPORT" line (no times, no header).
+touch_events() {
+    awk '/^E:/ { name = (NF >= 7) ? $NF : $3 " " $4
+                 if (name == "SYN_REPORT") print name; else print name, $5 + 0 }' "$1" > "$2"
+}
