@@ -3,7 +3,8 @@
 # already present are not touched, and apt is not contacted when nothing is missing.
 set -euo pipefail
 
-packages=(cmake g++ make libgtest-dev libgmock-dev)
+# clang and its runtime (libFuzzer, sanitizers): scripts/run-fuzz.sh, scripts/run-sanitizers.sh.
+packages=(cmake g++ make libgtest-dev libgmock-dev clang libclang-rt-14-dev)
 
 missing=()
 for p in "${packages[@]}"; do
