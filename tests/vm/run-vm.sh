@@ -25,37 +25,12 @@ die() {
 
 . "$BED/lib/build-tools.sh"
 . "$BED/lib/initramfs.sh"
+. "$BED/lib/boot.sh"
 . "$BED/lib/verdict.sh"
 
 all_scenarios() {
     for d in "$BED"/scenarios/*/; do
         [ -f "$d/run.sh" ] && basename "$d"
-    done
-}
-
-# Stops the guest (through the timeout process $1) when it has not reached
-# its script after BOOT_LIMIT s, or its console stood still for longer than
-# the longest scenario may take; sets HUNG to the reason.
-BOOT_LIMIT=90
-watch_guest() {
-    waited=0
-    still=0
-    last_size=-1
-    while kill -0 "$1" 2> /dev/null; do
-        sleep 1
-        waited=$((waited + 1))
-        size=$(wc -c < "$CONSOLE")
-        if [ "$size" = "$last_size" ]; then still=$((still + 1)); else still=0; fi
-        last_size=$size
-        if [ $waited -ge $BOOT_LIMIT ] && ! grep -q '@@BED-BOOTED' "$CONSOLE"; then
-            HUNG="the guest did not reach its script within $BOOT_LIMIT s"
-        elif [ $still -ge $((STALL_LIMIT)) ]; then
-            HUNG="the guest console stood still for $STALL_LIMIT s"
-        fi
-        if [ -n "$HUNG" ]; then
-            kill "$1" 2> /dev/null
-            return
-        fi
     done
 }
 
@@ -104,27 +79,7 @@ done
 SCENARIOS=$RUN
 build_initramfs || die "could not build the initramfs"
 
-STALL_LIMIT=30
-sum=0
-for s in $SCENARIOS; do
-    t=30
-    [ -f "$BED/scenarios/$s/timeout" ] && t=$(cat "$BED/scenarios/$s/timeout")
-    sum=$((sum + t + 5))
-    [ $((t + 30)) -gt $STALL_LIMIT ] && STALL_LIMIT=$((t + 30))
-done
-[ -n "$VM_TIMEOUT" ] || VM_TIMEOUT=$((60 + sum))
-
-echo "run-vm: booting $(cat "$CACHE/kernel/ready") with:$SCENARIOS (limit ${VM_TIMEOUT} s, logs in $OUT)"
-start=$(date +%s.%N)
-timeout -k 5 "$VM_TIMEOUT" qemu-system-x86_64 -accel tcg -cpu max -m 512 -smp 1 -nographic -no-reboot \
-    -kernel "$CACHE/kernel/vmlinuz" -initrd "$INITRAMFS" \
-    -append "console=ttyS0 quiet panic=-1" < /dev/null > "$CONSOLE" 2>&1 &
-qemu_pid=$!
-HUNG=""
-watch_guest "$qemu_pid"
-wait "$qemu_pid"
-qemu_rc=$?
-wall=$(echo "$start $(date +%s.%N)" | awk '{ printf "%.1f", $2 - $1 }')
+boot_guest
 
 booted=$(tr -d '\r' < "$CONSOLE" | sed -n 's/.*@@BED-BOOTED \([0-9.]*\).*/\1/p' | head -n 1)
 echo "run-vm: boot time ${booted:-?} s to the guest script (guest uptime); whole VM run ${wall} s wall"

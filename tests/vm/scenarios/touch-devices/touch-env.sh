@@ -53,6 +53,12 @@ touch_go() {
 # touch_events IN OUT: the events of trace IN as "<code name> <value>"
 # lines, a frame ending with a "SYN_REPORT" line (no times, no header).
 touch_events() {
+    # Values are printed "%04d"; busybox awk would read "0500" as octal, so
+    # the leading zeros are cut as text.
     awk '/^E:/ { name = (NF >= 7) ? $NF : $3 " " $4
-                 if (name == "SYN_REPORT") print name; else print name, $5 + 0 }' "$1" > "$2"
+                 v = $5; sign = ""
+                 if (substr(v, 1, 1) == "-") { sign = "-"; v = substr(v, 2) }
+                 sub(/^0+/, "", v)
+                 if (v == "") v = "0"
+                 if (name == "SYN_REPORT") print name; else print name, sign v }' "$1" > "$2"
 }
