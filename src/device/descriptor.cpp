@@ -123,7 +123,7 @@ void DevGetDescriptorInfo(CDeviceObject* device) {
     }
     if (size < 0) size = 0;
     if (size > kMaxDescriptorSize) size = kMaxDescriptorSize;
-    static_assert(sizeof(((struct hidraw_report_descriptor*)nullptr)->value) >= kMaxDescriptorSize,
+    static_assert(sizeof(hidraw_report_descriptor::value) >= kMaxDescriptorSize,
                   "descriptor buffer too small");
     struct hidraw_report_descriptor report = {};
     report.size = static_cast<__u32>(size);
