@@ -43,7 +43,8 @@ bool SimEngine::ServiceControl(uint64_t now) {
     constexpr size_t kMaxLine = 16384;
     char buf[1024];
     ssize_t n;
-    while ((n = read(control_.get(), buf, sizeof buf)) > 0) control_buf_.append(buf, n);
+    while (control_buf_.size() <= kMaxLine && (n = read(control_.get(), buf, sizeof buf)) > 0)
+        control_buf_.append(buf, static_cast<size_t>(n));
     size_t end;
     while ((end = control_buf_.find('\n')) != std::string::npos) {
         std::string line = control_buf_.substr(0, end);

@@ -1,0 +1,94 @@
+# Descriptor inheritance: every command the daemon starts inherits standard
+# input, output and error and nothing else, while the daemon holds the
+# controller's hidraw node, two uinput devices, both tool FIFOs and the
+# syslog socket. /bin/sh is replaced for the scenario's length by
+# fd-probe.sh, which records the descriptors of each shell the daemon starts
+# (the one it opened itself to read its script is left out by name).
+. /bed/lib.sh
+set -f  # descriptor targets such as pipe:[123] are words, not patterns
+
+PROBE=/tmp/fd-probe/sh
+LOG=/tmp/fd-probe.log
+restore_sh() { ln -sf busybox /bin/sh; }
+trap restore_sh EXIT
+
+has_input() { grep -q "^N: Name=\"$1\"$" /proc/bus/input/devices; }
+# Descriptors of the probe log lines from line $1 on that are not 0, 1, 2 or
+# the probe's own script, one "command | N=TARGET" per line.
+extras_from() {
+    tail -n "+$1" "$LOG" | while IFS= read -r line; do
+        cmd=${line%%|*}
+        for pair in ${line#*|}; do
+            case "$pair" in
+            0=* | 1=* | 2=* | *"=$PROBE") ;;
+            *) echo "$cmd| $pair" ;;
+            esac
+        done
+    done
+}
+lines() { if [ -f "$LOG" ]; then wc -l < "$LOG" | tr -d ' '; else echo 0; fi; }
+
+# The syslog socket of the daemon's platform log stays connected only when
+# something listens on /dev/log.
+syslogd -n -O /tmp/messages &
+SYSLOG_PID=$!
+wait_until '[ -S /dev/log ]' 50
+
+mkdir -p /tmp/fd-probe
+cp fd-probe.sh "$PROBE"
+chmod 755 "$PROBE"
+ln -sf "$PROBE" /bin/sh
+rm -f "$LOG"
+
+# Control: a descriptor a shell inherits is reported.
+FD_PROBE_ALL=1 sh -c true 7< /data
+extras_from 1 | grep -q '7=/data$' && step "control: an inherited descriptor is reported" ||
+    step "control: an inherited descriptor is missed"
+rm -f "$LOG"
+
+# DeviceNums 2 keeps the scan loop running its commands while the device is
+# open; ShowDebugPosition 2 sends the log to the syslog socket as well.
+write_settings 1
+sed -i 's/^DeviceNums 1$/DeviceNums 2/; s/^ShowDebugPosition 0$/ShowDebugPosition 2/' /data/TavrineA.ini
+start_sim sim.scn && step "controller plugged"
+TavrineD -f > "$OUT/start.out" 2>&1
+step "start -f: exit status $?"
+wait_until 'has_input MorvelTouch_VirtualDevice && has_input MorvelTouch_VirtualPen' 300 &&
+    step "touch and pen devices: present" || step "touch and pen devices: missing"
+daemon=$(pid_file_pid)
+wait_until '[ -e /data/MorvelPipe_in ] && [ -e /data/MorvelPipe_out ]' 100
+ls -l "/proc/$daemon/fd" > "$OUT/daemon-fds.txt" 2>&1
+held=""
+for what in /dev/hidraw0 uinput /data/MorvelPipe_in /data/MorvelPipe_out socket:; do
+    grep -q -- "-> .*$what" "$OUT/daemon-fds.txt" && held="$held $what"
+done
+step "daemon holds:$held"
+
+# Scan passes with the device open: at least five more shells.
+open_from=$(($(lines) + 1))
+wait_until '[ "$(lines)" -ge $((open_from + 4)) ]' 200 &&
+    step "commands started with the device open: 5 or more" ||
+    step "commands started with the device open: fewer than 5"
+
+# Unplug: the receive thread removes the stale node through a shell while it
+# still holds the port and its uinput devices.
+stop_pid "$SIM_PID"
+step "controller unplugged"
+wait_until 'grep -q -e "^-c rm /dev/hidraw0 |" "$LOG"' 150 &&
+    step "rm of the port from the receive thread: seen" ||
+    step "rm of the port from the receive thread: not seen"
+wait_until '! has_input MorvelTouch_VirtualDevice && ! has_input MorvelTouch_VirtualPen' 150
+restore_sh
+
+grep -q ' 1=/data/tmpDrvLog 2=/data/tmpDrvLog' "$LOG" &&
+    step "captured output: standard output and error on /data/tmpDrvLog" ||
+    step "captured output: not seen"
+cp "$LOG" "$OUT/fd-probe.log"
+extras_from 1 > "$OUT/extras.txt"
+if [ -s "$OUT/extras.txt" ]; then
+    step "descriptors beyond 0, 1, 2: see extras.txt"
+else
+    step "descriptors beyond 0, 1, 2: none"
+fi
+echo "$(lines) commands probed" > "$OUT/count.txt"
+kill "$SYSLOG_PID" 2>/dev/null
