@@ -19,8 +19,17 @@ namespace {
 
 constexpr int kSelfRecvWrites = 3;
 constexpr int kSelfRecvPeriodMs = 500;
+// Other traffic restarts no write, so a controller that keeps sending (a finger held on
+// the screen during set-up) could hold the exchange for ever: it ends after this long.
+constexpr int kSelfRecvLimitMs = 2 * kSelfRecvWrites * kSelfRecvPeriodMs;
 constexpr int kWakeTries = 3;
 constexpr useconds_t kWakePauseUs = 5000;
+
+int64_t MonotonicMs() {
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
 
 }  // namespace
 
@@ -52,8 +61,13 @@ void SendAndPoll(CDeviceObject* device, int len, bool shift_both_ends) {
     }
     int writes_left = kSelfRecvWrites;
     int state = 0;
+    const int64_t give_up_ms = MonotonicMs() + kSelfRecvLimitMs;
     while (writes_left > 0 && device->bSelfHookReplied.load() == 0) {
         if (RxThreadStopRequested()) return;
+        if (MonotonicMs() >= give_up_ms) {
+            TLOG(LOG_PORT, "SelfRecv gives up after %d ms", kSelfRecvLimitMs);
+            return;
+        }
         if (state == 0) {
             int written = static_cast<int>(
                 WriteRetry(device->m_Port_fd.get(), device->CmdSendBuf, static_cast<size_t>(len)));

@@ -90,6 +90,36 @@ TEST(SelfRecv, OtherRepliesDoNotTriggerRewrites) {
     EXPECT_EQ(1u, controller.ReceivedCount());
 }
 
+// A controller that never stops sending other packets: no new write, and the exchange
+// still ends after 3 s.
+TEST(SelfRecv, EndlessOtherTrafficIsBounded) {
+    DevIgnoreSigusr2();
+    DevLogCapture log;
+    GlobalSettings settings = DevTestSettings();
+    FakeController controller(true);
+    controller.SetResponder([](const Bytes&) {
+        std::vector<TimedReply> replies;
+        for (int i = 0; i < 60; ++i) replies.push_back({100, Bytes{0x03, 0x01, 0x44}});
+        return replies;
+    });
+    controller.Start();
+    CDeviceObject dev("/dev/hidraw99", &settings);
+    AttachPort(&dev, &controller, DEV_USB);
+    dev.SelfHookSubCmd = kAnySubCmd;
+    dev.SelfHookCmd = 0x41;
+    const uint8_t cmd[3] = {0x03, 0x01, 0x41};
+    memcpy(dev.CmdSendBuf, cmd, 3);
+    int64_t start = DevNowMs();
+    SelfRecv(&dev, 3);
+    int64_t elapsed = DevNowMs() - start;
+    controller.Stop();
+    EXPECT_EQ(0, dev.bSelfHookReplied.load());
+    EXPECT_EQ(1u, controller.ReceivedCount());
+    EXPECT_GE(elapsed, 2900);
+    EXPECT_LE(elapsed, 3600);
+    EXPECT_TRUE(log.Contains("SelfRecv gives up after 3000 ms"));
+}
+
 // A port that fails every write: three attempts, each followed by a pause, then give up.
 TEST(SelfRecv, FailedWritesAreBounded) {
     DevLogCapture log;
