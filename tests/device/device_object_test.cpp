@@ -3,6 +3,8 @@
 #include <dirent.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -198,6 +200,46 @@ TEST(CreatedDevice, DestroyDuringSetupStopsTheThread) {
     EXPECT_TRUE(log.Contains("StopThreadHandler with SIGUSR1"));
     EXPECT_FALSE(log.Contains("DevSetup failed"));
     EXPECT_TRUE(log.Contains("Desconstructor ~CDeviceObject() is called."));
+}
+
+// Thread creation fails (stacks of the size the stack limit asks for cannot be mapped):
+// Create() reports the failure with nullptr and nothing is left to stop. Checked in a
+// fresh process image started with that limit.
+TEST(CreatedDevice, ThreadCreationFailureGivesNoDevice) {
+    if (getenv("TAVRINE_DEV_HUGE_STACK_CHILD")) {
+        pthread_t probe;
+        if (pthread_create(
+                &probe, nullptr, [](void*) -> void* { return nullptr; }, nullptr) == 0) {
+            pthread_join(probe, nullptr);
+            GTEST_SKIP() << "threads can still be created under this limit";
+        }
+        DevTempDataDir data;
+        Pty pty;
+        ASSERT_TRUE(OpenPty(&pty));
+        GlobalSettings settings = DevTestSettings();
+        DevLogCapture log;
+        std::unique_ptr<CDeviceObject> dev =
+            CDeviceObject::Create(pty.slave_path.c_str(), &settings);
+        EXPECT_EQ(nullptr, dev);
+        EXPECT_TRUE(log.Contains("Thread Create failed:"));
+        EXPECT_FALSE(log.Contains("Call pthread_kill"));
+        return;
+    }
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        struct rlimit huge = {static_cast<rlim_t>(1) << 45, static_cast<rlim_t>(1) << 45};
+        setrlimit(RLIMIT_STACK, &huge);
+        setenv("TAVRINE_DEV_HUGE_STACK_CHILD", "1", 1);
+        execl("/proc/self/exe", "device_tests",
+              "--gtest_filter=CreatedDevice.ThreadCreationFailureGivesNoDevice",
+              static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    int status = 0;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(0, WEXITSTATUS(status));
 }
 
 int CountEntries(const char* dir) {
