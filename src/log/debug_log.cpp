@@ -9,6 +9,7 @@
 #include "core/data_file.h"
 #include "core/paths.h"
 #include "core/shell.h"
+#include "core/shell_token.h"
 #include "core/unique_fd.h"
 #include "log/platform_log.h"
 
@@ -138,6 +139,11 @@ void DebugErrorLog(uint32_t category, const char* format, ...) {
 void SetPlatformLogSinkForTest(PlatformLogSink sink) { g_platform_sink = sink; }
 
 void RemoveOldLogs() {
+    if (!IsPlainPathToken(DataDir())) {
+        TLOG(LOG_MAIN, "Data directory [%s] is not a plain path: old debug logs are kept",
+             DataDir());
+        return;
+    }
     char command[kLogPathMax + 16];
     snprintf(command, sizeof(command), "rm %s/%s_*", DataDir(), "Tavrine");
     if (RunShell(command) != 0) {

@@ -427,6 +427,26 @@ TEST_F(LogFileFixture, RemoveOldLogsDeletesOnlyEarlierLogFiles) {
     }
 }
 
+// The data directory stands in the rm command line: a directory whose path is not one
+// plain word keeps its old logs rather than handing the shell a second word to remove.
+TEST_F(LogFileFixture, RemoveOldLogsRefusesADataDirectoryThatIsNotAPlainPath) {
+    const std::string victim = dir.File("a");
+    ASSERT_TRUE(coretest::WriteFile(victim, "keep me"));
+    const std::string spaced = dir.File("a b");
+    ASSERT_EQ(0, mkdir(spaced.c_str(), 0700));
+    ASSERT_TRUE(coretest::WriteFile(spaced + "/Tavrine_2026.11.16_9.log", "x"));
+    SetDataDirForTest(spaced.c_str());
+    {
+        LogCapture capture(LOG_MAIN, 1);
+        coretest::Quiet([&] { RemoveOldLogs(); });
+        EXPECT_EQ(1, capture.Count("Data directory [" + spaced +
+                                   "] is not a plain path: old debug logs are kept"));
+    }
+    SetDataDirForTest(dir.path().c_str());
+    EXPECT_EQ("keep me", coretest::ReadFile(victim));
+    EXPECT_EQ(std::vector<std::string>{"Tavrine_2026.11.16_9.log"}, DirEntries(spaced));
+}
+
 // Two starts in the same hour: the second removes the first one's file, then names the
 // same file again.
 TEST_F(LogFileFixture, SecondStartInTheSameHourStartsAFreshFile) {
