@@ -53,7 +53,7 @@ cmd_setup_ms() {
 # parallel report and lifts; writes the events without times to $OUT/$1.
 cmd_touch_once() {
     rm -f /tmp/cmd.evrec.ready
-    start_evrec MorvelTouch_VirtualDevice "$1.trace" --idle-ms 1500 --check --ready /tmp/cmd.evrec.ready
+    start_evrec MorvelTouch_VirtualDevice "$1.trace" --wait-ms 3000 --idle-ms 1500 --check --ready /tmp/cmd.evrec.ready
     wait_until '[ -e /tmp/cmd.evrec.ready ]' 50
     sim_do send 06 01 01 00 00 08 00 08
     sleep 0.2
@@ -65,11 +65,12 @@ cmd_touch_once() {
 
 # Stops the daemon and the simulator and keeps their records under the
 # name $1 (sim-$1.log, daemon-$1.log); /data is emptied for the next round.
+# (The log is copied first: a start with -k begins a new log file.)
 cmd_end_round() {
+    cp "$(cmd_log)" "$OUT/daemon-$1.log" 2>/dev/null
     TavrineD -k > /dev/null 2>&1
     wait_until '[ "$(daemon_count)" = 0 ]' 50
     stop_pid "$SIM_PID"
     mv "$OUT/sim.log" "$OUT/sim-$1.log"
-    cp "$(cmd_log)" "$OUT/daemon-$1.log" 2>/dev/null
     rm -rf /data/*
 }
