@@ -1,7 +1,7 @@
 # Start-up and single instance: -E with -k is refused, -E detaches and
 # writes /data/TouchPID, -f replaces the running daemon, -k stops it, and a
-# second -k finds nothing to stop. ScanInterface 4 keeps the
-# daemon away from every port (the console is /dev/ttyS0).
+# second -k finds nothing to stop. ScanInterface 4 keeps the daemon away
+# from every port (the console is /dev/ttyS0).
 . /bed/lib.sh
 
 write_settings 4
