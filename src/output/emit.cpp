@@ -155,7 +155,10 @@ void WriteInputEvent(CDeviceObject* device, int fd, uint16_t type, uint16_t code
     device->Event.code = code;
     device->Event.value = value;
     if (fd < 0) return;
-    const ssize_t written = WriteRetry(fd, &device->Event, sizeof(device->Event));
+    // Written from a whole-record copy: GCC 12 on 32-bit ARM takes the member's address for
+    // the address of its first field (timeval::tv_sec) and rejects the 16-byte write.
+    const struct input_event record = device->Event;
+    const ssize_t written = WriteRetry(fd, &record, sizeof(record));
     (void)written;
 }
 
