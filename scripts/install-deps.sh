@@ -4,7 +4,8 @@
 set -euo pipefail
 
 # clang and its runtime (libFuzzer, sanitizers): scripts/run-fuzz.sh, scripts/run-sanitizers.sh.
-packages=(cmake g++ make libgtest-dev libgmock-dev clang libclang-rt-14-dev)
+# pandoc: the man pages (docs/*.md); python3: the udev rule check (tests/platform).
+packages=(cmake g++ make libgtest-dev libgmock-dev clang libclang-rt-14-dev pandoc python3)
 
 missing=()
 for p in "${packages[@]}"; do
