@@ -13,8 +13,9 @@
 int OpenDataFile(const char* path, int flags, mode_t mode) {
     // O_NONBLOCK: opening a FIFO for writing with no reader (or for reading with no
     // writer) returns at once instead of hanging the caller; cleared again below.
+    // O_NOCTTY: a terminal placed at the path never becomes the daemon's controlling one.
     const bool truncate = (flags & O_TRUNC) != 0;
-    UniqueFd fd(OpenCloexec(path, (flags & ~O_TRUNC) | O_NOFOLLOW | O_NONBLOCK, mode));
+    UniqueFd fd(OpenCloexec(path, (flags & ~O_TRUNC) | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, mode));
     if (!fd.valid()) return -1;
     struct stat st;
     if (fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {

@@ -39,7 +39,7 @@ int CreateFifo(const char* path, mode_t mode, int flags) {
         ++attempts;
         if (mknod(path, mode | S_IFIFO, 0) == 0) created = true;
     }
-    UniqueFd fd(OpenCloexec(path, flags | O_NOFOLLOW));
+    UniqueFd fd(OpenCloexec(path, flags | O_NOFOLLOW | O_NOCTTY));  // a tty there is no ctty
     if (!fd.valid()) return -1;
     if (fstat(fd.get(), &st) != 0 || !S_ISFIFO(st.st_mode)) {
         TLOG(LOG_PIPE, "CreateFifo: [%s] is not a FIFO", path);

@@ -14,6 +14,7 @@
 #include "core/paths.h"
 #include "log/debug_log.h"
 #include "support/core_test_util.h"
+#include "support/sec_tty.h"
 
 namespace {
 
@@ -147,6 +148,29 @@ TEST(DataFileTest, WarnsOnceWhenTheDataDirectoryIsWritableByGroupOrOthers) {
     ASSERT_EQ(0, chmod(dir.path().c_str(), 0700));
     SetDataDirForTest((dir.path() + "/missing").c_str());
     EXPECT_FALSE(WarnIfDataDirWritable());
+}
+
+}  // namespace
+
+namespace {
+
+// A terminal at a data file path is refused without becoming the daemon's controlling
+// terminal (the control: a plain open of the same terminal does acquire it).
+TEST(DataFileTest, TerminalIsRefusedWithoutBecomingTheControllingTerminal) {
+    const auto plain = [](const char* path) { return OpenCloexec(path, O_RDWR | O_NONBLOCK); };
+    const sectest::TtyResult control = sectest::OpenOfTerminalAcquiresIt(plain);
+    if (control == sectest::TtyResult::kSkipped) GTEST_SKIP() << "no pseudo-terminal";
+    EXPECT_EQ(sectest::TtyResult::kAcquired, control);
+
+    for (int flags : {O_RDONLY, O_RDWR, O_WRONLY | O_CREAT | O_APPEND}) {
+        const auto data_file = [flags](const char* path) {
+            const int fd = OpenDataFile(path, flags);
+            if (fd >= 0) _exit(4);  // a terminal must never open as a data file
+            return fd;
+        };
+        EXPECT_EQ(sectest::TtyResult::kNotAcquired, sectest::OpenOfTerminalAcquiresIt(data_file))
+            << flags;
+    }
 }
 
 }  // namespace

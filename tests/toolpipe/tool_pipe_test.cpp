@@ -13,6 +13,7 @@
 #include "device/cmd_channel.h"
 #include "device/device_object.h"
 #include "support/dev_test_util.h"
+#include "support/sec_tty.h"
 
 namespace {
 
@@ -73,6 +74,20 @@ TEST(CreateFifo, RefusesWhatIsNotAFifo) {
     ASSERT_EQ(0, symlink(nowhere.c_str(), dangling.c_str()));
     EXPECT_EQ(-1, CreateFifo(dangling.c_str(), kPipeInMode, O_RDWR | O_NONBLOCK));
     EXPECT_EQ(0u, ModeOf(nowhere));
+}
+
+// A terminal at a tool pipe path is refused without becoming the daemon's controlling
+// terminal.
+TEST(CreateFifo, TerminalIsRefusedWithoutBecomingTheControllingTerminal) {
+    DevLogCapture log;
+    const auto create = [](const char* path) {
+        const int fd = CreateFifo(path, kPipeInMode, O_RDWR | O_NONBLOCK);
+        if (fd >= 0) _exit(4);  // a terminal must never be taken for a FIFO
+        return fd;
+    };
+    const sectest::TtyResult result = sectest::OpenOfTerminalAcquiresIt(create);
+    if (result == sectest::TtyResult::kSkipped) GTEST_SKIP() << "no pseudo-terminal";
+    EXPECT_EQ(sectest::TtyResult::kNotAcquired, result);
 }
 
 TEST(CreateFifo, UncreatablePathGivesUpQuickly) {

@@ -1,0 +1,37 @@
+#include "support/sec_tty.h"
+
+#include <fcntl.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "core/unique_fd.h"
+
+namespace sectest {
+
+TtyResult OpenOfTerminalAcquiresIt(const std::function<int(const char*)>& open_path) {
+    UniqueFd master(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
+    if (!master.valid() || grantpt(master.get()) != 0 || unlockpt(master.get()) != 0) {
+        return TtyResult::kSkipped;
+    }
+    const char* name = ptsname(master.get());
+    if (!name) return TtyResult::kSkipped;
+    const std::string slave = name;
+    const pid_t child = fork();
+    if (child < 0) return TtyResult::kSkipped;
+    if (child == 0) {
+        if (setsid() < 0) _exit(3);
+        UniqueFd opened(open_path(slave.c_str()));
+        UniqueFd tty(OpenCloexec("/dev/tty", O_RDWR | O_NOCTTY));
+        _exit(tty.valid() ? 1 : 0);
+    }
+    int status = 0;
+    if (waitpid(child, &status, 0) != child || !WIFEXITED(status) || WEXITSTATUS(status) > 1) {
+        return TtyResult::kSkipped;
+    }
+    return WEXITSTATUS(status) == 1 ? TtyResult::kAcquired : TtyResult::kNotAcquired;
+}
+
+}  // namespace sectest
