@@ -55,16 +55,17 @@ void SetDirectProperty(int fd) {
 }
 
 // Opens the configured uinput node; when it is not a configured path, falls back to
-// "/dev/uinput" and keeps that path for every later device.
+// "/dev/uinput" and keeps that path for every later device. O_NOCTTY: a configured path
+// that names a terminal never becomes the daemon's controlling terminal.
 int OpenUinput(GlobalSettings* settings, UniqueFd* out) {
-    out->reset(OpenCloexec(settings->UinputPath, O_WRONLY | O_NONBLOCK));
+    out->reset(OpenCloexec(settings->UinputPath, O_WRONLY | O_NONBLOCK | O_NOCTTY));
     if (!out->valid()) {
         if (settings->CustomPathMask & kCustomUinputPathBit) {
             TLOG_ERR(LOG_MAIN, "Unable to open assigned uninput path : %s", settings->UinputPath);
             return -1;
         }
         snprintf(settings->UinputPath, sizeof(settings->UinputPath), "%s", kFallbackUinputPath);
-        out->reset(OpenCloexec(settings->UinputPath, O_WRONLY | O_NONBLOCK));
+        out->reset(OpenCloexec(settings->UinputPath, O_WRONLY | O_NONBLOCK | O_NOCTTY));
         if (!out->valid()) {
             TLOG_ERR(LOG_MAIN, "Unable to open %s & /dev/input/uinput ", settings->UinputPath);
             return -1;
