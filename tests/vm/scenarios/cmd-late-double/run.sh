@@ -1,8 +1,8 @@
 # Late and doubled answers. A late answer (after the 500 ms read period)
 # costs one more write of the command and is still taken; the second copy of
 # the version answer, read while the model is asked (before the tool pipes
-# exist), is not taken for the model; the copy of the format answer that comes after set-up is awaited by
-# nobody and goes to the tool's output pipe.
+# exist), is not taken for the model; the copy of the format answer that
+# comes after set-up is awaited by nobody and goes to the tool's output pipe.
 . /bed/lib.sh
 . ../cmd-common/cmd.sh
 
