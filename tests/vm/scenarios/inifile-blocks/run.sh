@@ -1,0 +1,46 @@
+# The self-written settings file. No file: the first device generates it
+# whole. DeviceNums 2 with two USB controllers on different physical
+# addresses: the first claims the empty address of block 0, the second adds
+# block 1 in front of [EndOfFile]. A third start changes nothing.
+# -r names a serial path that does not exist, so no serial port is probed.
+. /bed/lib.sh
+
+start_b() {
+    tavrine-sim usb-b.scn --log "$OUT/sim-b.log" --ready /tmp/b.ready &
+    SIM_B=$!
+    wait_until '[ -e /tmp/b.ready ]' 50
+}
+# Set-up ends with the report switch-on (command 0x34) to each controller.
+set_up() { for f in "$@"; do grep -q 'rx 03 02 34' "$f" 2>/dev/null || return 1; done; }
+tasks() {  # kept for a hung daemon: its threads and where they wait
+    for t in /proc/$(pid_file_pid)/task/*; do echo "$1 $t $(cut -d' ' -f3 $t/stat) $(cat $t/wchan)"; done >> "$OUT/tasks.txt"
+}
+stop_all() {
+    TavrineD -k > /dev/null 2>&1
+    stop_pid "$SIM_PID"
+    [ -n "$SIM_B" ] && stop_pid "$SIM_B"
+    rm -f /tmp/b.ready
+}
+
+rm -f /data/TavrineA.ini
+start_sim usb-a.scn
+TavrineD -D -r /dev/ttyTAVnone > "$OUT/start1.out" 2>&1
+wait_until 'set_up "$OUT/sim.log"' 200 || tasks phase1
+cp /data/TavrineA.ini "$OUT/generated.ini"
+stop_all
+
+sed -i "s/^\(DeviceNums[[:space:]]*\)1$/\12/" /data/TavrineA.ini
+start_sim usb-a.scn
+start_b
+TavrineD -f -r /dev/ttyTAVnone > "$OUT/start2.out" 2>&1
+wait_until 'set_up "$OUT/sim.log" "$OUT/sim-b.log"' 200 || tasks phase2
+cp /data/TavrineA.ini "$OUT/two-devices.ini"
+stop_all
+
+start_sim usb-a.scn
+start_b
+TavrineD -f -r /dev/ttyTAVnone > "$OUT/start3.out" 2>&1
+wait_until 'set_up "$OUT/sim.log" "$OUT/sim-b.log"' 200 || tasks phase3
+cmp -s /data/TavrineA.ini "$OUT/two-devices.ini" && step "third start: file unchanged" || cp /data/TavrineA.ini "$OUT/third.ini"
+grep -ho 'Found match physical address \[[^]]*\], device figure \[[0-9]\]' /data/Tavrine_*.log >> "$OUT/steps.txt"
+stop_all
