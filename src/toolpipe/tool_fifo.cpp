@@ -39,6 +39,12 @@ int CreateFifo(const char* path, mode_t mode, int flags) {
         ++attempts;
         if (mknod(path, mode | S_IFIFO, 0) == 0) created = true;
     }
+    // Nothing but a FIFO is ever opened (a device node's open may have effects of its own);
+    // the descriptor is checked again below in case the path changed in between.
+    if (!S_ISFIFO(st.st_mode)) {
+        TLOG(LOG_PIPE, "CreateFifo: [%s] is not a FIFO", path);
+        return -1;
+    }
     UniqueFd fd(OpenCloexec(path, flags | O_NOFOLLOW | O_NOCTTY));  // a tty there is no ctty
     if (!fd.valid()) return -1;
     if (fstat(fd.get(), &st) != 0 || !S_ISFIFO(st.st_mode)) {

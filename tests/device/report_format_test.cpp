@@ -103,7 +103,7 @@ TEST_F(ReportFormatTest, SetFormatOnOwnThreadPolls) {
     } cases[] = {
         {"answered", 0, true, Bytes{0x03, 0x02, 0x34, 0x01, 0x00, 0x00}, 0, 300},
         {"old kernel", 1, true, Bytes{0x00, 0x03, 0x02, 0x34, 0x01, 0x00, 0x00}, 0, 300},
-        {"silent", 0, false, Bytes{0x03, 0x02, 0x34, 0x01, 0x00, 0x00}, -1, 2000},
+        {"silent", 0, false, Bytes{0x03, 0x02, 0x34, 0x01, 0x00, 0x00}, -1, 1500},
     };
     int32_t saved = bOldKernel;
     for (const Case& c : cases) {
@@ -120,7 +120,7 @@ TEST_F(ReportFormatTest, SetFormatOnOwnThreadPolls) {
         int64_t elapsed = DevNowMs() - start;
         MarkRxThreadOf(nullptr);
         EXPECT_EQ(c.expect, ret);
-        EXPECT_LE(elapsed, c.max_ms);
+        EXPECT_LE(elapsed, c.max_ms + kLoadSlackMs);  // blocking here would take 9 s
         ASSERT_GE(controller.ReceivedCount(), 1u);
         EXPECT_EQ(c.expect_sent, controller.Received()[0]);
         EXPECT_EQ(0, dev.SelfHookCmd.load());

@@ -39,7 +39,7 @@ TEST_F(RxThreadTest, StopsALoopBlockedOnThePort) {
         EXPECT_EQ(1, dev.bThreadRunning.load());
         int64_t start = DevNowMs();
         EXPECT_EQ(0, StopReadThread(&dev));
-        EXPECT_LT(DevNowMs() - start, 100);
+        EXPECT_LT(DevNowMs() - start, kStopBoundMs);
         EXPECT_FALSE(dev.bThreadCreated);
         EXPECT_EQ(0, dev.bThreadRunning.load());
         EXPECT_FALSE(log.Contains("Call pthread_kill"));
@@ -107,7 +107,7 @@ TEST_F(RxThreadTest, StopInterruptsThePollingExchange) {
     usleep(100000);
     int64_t start = DevNowMs();
     StopReadThread(&dev);
-    EXPECT_LT(DevNowMs() - start, 100);
+    EXPECT_LT(DevNowMs() - start, kStopBoundMs);
     EXPECT_EQ(1u, controller.ReceivedCount());  // no write after the stop
 }
 
@@ -137,7 +137,7 @@ TEST_F(RxThreadTest, Rs232SilenceCountsIdleWakeUps) {
         StopReadThread(&dev);
         if (c.counts) {
             // 20 ms idle waits: about 15 in 300 ms (the loop start runs a shell command).
-            EXPECT_GE(dev.IdleWakeCount, 5u);
+            EXPECT_GE(dev.IdleWakeCount, 3u);
             EXPECT_LE(dev.IdleWakeCount, 16u);
         } else {
             EXPECT_EQ(0u, dev.IdleWakeCount);
@@ -168,12 +168,12 @@ TEST_F(RxThreadTest, Rs232SilenceRequestsPresenceCheck) {
     bDeviceExistCheck = 0;
     int64_t start = DevNowMs();
     StartRxLoopThread(&dev);
-    while (bDeviceExistCheck.load() == 0 && DevNowMs() - start < 25000) usleep(50000);
+    while (bDeviceExistCheck.load() == 0 && DevNowMs() - start < 40000) usleep(50000);
     int64_t elapsed = DevNowMs() - start;
     StopReadThread(&dev);
     EXPECT_EQ(1, bDeviceExistCheck.load());
     EXPECT_GE(elapsed, 14500);
-    EXPECT_LE(elapsed, 20000);
+    EXPECT_LE(elapsed, 15000 + 10 * kLoadSlackMs);  // 750 waits, each late on a busy host
     EXPECT_EQ(1, log.Count("Timeout to check RS232 device exist or not."));
     bDeviceExistCheck = 0;
 }

@@ -12,6 +12,8 @@ namespace {
 struct SelfRecvCase {
     const char* name;
     int reply_delay_ms;  // -1: never answers
+    int answer_write;    // the write (1, 2, ...) that is answered
+    int min_writes;
     int expect_writes;
     uint8_t expect_replied;
     int min_ms;
@@ -21,23 +23,25 @@ struct SelfRecvCase {
 TEST(SelfRecv, WritesAgainOnlyAfterASilentPeriod) {
     DevIgnoreSigusr2();
     const SelfRecvCase cases[] = {
-        {"on time", 10, 1, 1, 0, 300},
-        // First period (500 ms) passes in silence: second write; the late reply to the
-        // first one arrives in the second period.
-        {"after 600 ms", 600, 2, 1, 550, 1100},
+        {"on time", 10, 1, 1, 1, 1, 0, 500},
+        // The first period (500 ms) passes in silence: second write; the late reply to
+        // the first write arrives in the second period and ends the exchange.
+        {"after 600 ms", 600, 1, 1, 2, 1, 550, 1100},
+        // Only the rewrite is answered: exactly two writes.
+        {"answers the second write", 10, 2, 2, 2, 1, 450, 1000},
         // Three writes, three silent periods: about 1.5 s.
-        {"never", -1, 3, 0, 1450, 2000},
+        {"never", -1, 1, 3, 3, 0, 1450, 1500},
     };
     GlobalSettings settings = DevTestSettings();
     for (const SelfRecvCase& c : cases) {
         SCOPED_TRACE(c.name);
         FakeController controller(true);
         const int delay = c.reply_delay_ms;
-        bool answered = false;
-        controller.SetResponder([delay, &answered](const Bytes&) {
+        const int answer_write = c.answer_write;
+        int writes = 0;
+        controller.SetResponder([delay, answer_write, &writes](const Bytes&) {
             std::vector<TimedReply> replies;
-            if (delay >= 0 && !answered) {
-                answered = true;
+            if (delay >= 0 && ++writes == answer_write) {
                 replies.push_back({delay, Bytes{0x03, 0x01, 0x41}});
             }
             return replies;
@@ -55,11 +59,13 @@ TEST(SelfRecv, WritesAgainOnlyAfterASilentPeriod) {
         int64_t elapsed = DevNowMs() - start;
         controller.Stop();
         EXPECT_EQ(c.expect_replied, dev.bSelfHookReplied.load());
-        EXPECT_EQ(static_cast<size_t>(c.expect_writes), controller.ReceivedCount());
+        // A loaded host may delay the late reply's window edge; never a write too many.
+        EXPECT_GE(controller.ReceivedCount(), static_cast<size_t>(c.min_writes));
+        EXPECT_LE(controller.ReceivedCount(), static_cast<size_t>(c.expect_writes));
         for (const Bytes& packet : controller.Received())
             EXPECT_EQ((Bytes{0x03, 0x01, 0x41}), packet);
         EXPECT_GE(elapsed, c.min_ms);
-        EXPECT_LE(elapsed, c.max_ms);
+        EXPECT_LE(elapsed, c.max_ms + kLoadSlackMs);
         if (c.expect_replied) {
             EXPECT_EQ(0x41, dev.CmdReplyBuf[2]);
         }
@@ -116,7 +122,7 @@ TEST(SelfRecv, EndlessOtherTrafficIsBounded) {
     EXPECT_EQ(0, dev.bSelfHookReplied.load());
     EXPECT_EQ(1u, controller.ReceivedCount());
     EXPECT_GE(elapsed, 2900);
-    EXPECT_LE(elapsed, 3600);
+    EXPECT_LE(elapsed, 3000 + kLoadSlackMs);
     EXPECT_TRUE(log.Contains("SelfRecv gives up after 3000 ms"));
 }
 
@@ -137,7 +143,7 @@ TEST(SelfRecv, FailedWritesAreBounded) {
     EXPECT_EQ(3, log.Count("Write command to prot failed with ret = -1. The actually len = 3."));
     // Each failed write pauses 500 ms; the first two are followed by a 500 ms read period.
     EXPECT_GE(elapsed, 2400);
-    EXPECT_LE(elapsed, 3200);
+    EXPECT_LE(elapsed, 2500 + kLoadSlackMs);
 }
 
 // No port at all (a closed port, as the firmware-kind query may meet): still three
@@ -154,7 +160,7 @@ TEST(SelfRecv, NoPortIsBounded) {
     EXPECT_EQ(IAP_FW, dev.IAPType);
     EXPECT_EQ(3, log.Count("Write command to prot failed with ret = -1. The actually len = 4."));
     EXPECT_GE(elapsed, 2400);
-    EXPECT_LE(elapsed, 3200);
+    EXPECT_LE(elapsed, 2500 + kLoadSlackMs);
     EXPECT_TRUE(log.Contains("Controller didn't feedback. Device IAP Type = IAP_FW"));
 }
 

@@ -17,6 +17,12 @@
 
 using Bytes = std::vector<uint8_t>;
 
+// Time bounds of the tests. A stop that works takes about a millisecond, one that does
+// not takes seconds or never ends; the bounds leave room for a loaded host (these tests
+// run beside others on two CPUs). Durations get the same slack above their nominal value.
+constexpr int kStopBoundMs = 500;
+constexpr int kLoadSlackMs = 1500;
+
 // Milliseconds on the monotonic clock.
 int64_t DevNowMs();
 
