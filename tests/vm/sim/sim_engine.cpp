@@ -228,16 +228,26 @@ int SimEngine::Run(const std::string& ready_path, volatile sig_atomic_t* stop) {
         }
         RunRate(now);
         SendDueReplies(now);
+        uint32_t timed = 0;  // timed steps run in this wake-up ('burst')
+        bool capped = false;
         while (!rate_active_ && step_index_ < script_.steps.size()) {
-            Progress progress = TryStep(script_.steps[step_index_], now);
+            const Step& step = script_.steps[step_index_];
+            bool is_timed = step.kind == StepKind::kAt || step.kind == StepKind::kAfter;
+            if (is_timed && script_.max_burst && timed >= script_.max_burst) {
+                capped = true;
+                break;
+            }
+            Progress progress = TryStep(step, now);
             if (progress == Progress::kExit) return exit_status_;
             if (progress == Progress::kBlocked) break;
+            if (is_timed) ++timed;
             ++step_index_;
             if (!rate_active_) prev_end_us_ = now;
         }
 
         uint64_t wake = NextWake(now);
         int timeout_ms = wake > now ? static_cast<int>((wake - now + 999) / 1000) : 0;
+        if (capped) timeout_ms = 1;  // give way to the reader before the next steps
         pollfd pfds[2] = {{port_->fd(), POLLIN, 0}, {control_.get(), POLLIN, 0}};
         poll(pfds, 2, timeout_ms);  // negative descriptors are skipped
         if (control_.valid() && !ServiceControl(MonotonicUs())) return exit_status_;

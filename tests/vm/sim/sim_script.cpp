@@ -356,6 +356,12 @@ bool ParseLine(const std::string& raw, int line_no, const std::string& base_dir,
         std::string path = p.Next();
         return p.End() && AppendDescriptorFile(path, base_dir, script, error);
     }
+    if (verb == "burst") {
+        uint64_t value = 0;
+        if (!p.Number(100000, &value, "burst")) return false;
+        script->max_burst = static_cast<uint32_t>(value);
+        return p.End();
+    }
     if (verb == "pad") {
         std::string mode = p.Next();
         if (mode != "on" && mode != "off") return p.Fail("pad on or off expected");

@@ -9,6 +9,12 @@
 //   descriptor <hex bytes...>          appends to the USB report descriptor
 //   descriptor-file <path>             appends the hex words of a file
 //                                      (relative paths: the script's folder)
+//   burst <n>                          at most n timed steps ('at', 'after')
+//                                      per wake-up; a late simulator then
+//                                      catches up a few steps at a time and
+//                                      lets the reader run in between instead
+//                                      of sending everything due back to back
+//                                      (default 0: no limit)
 //   pad on | off                       USB: fill input reports shorter than
 //                                      the descriptor declares with zeros
 //                                      (default on; the kernel drops short
@@ -114,6 +120,7 @@ struct Script {
     std::string phys = "usb-tavrine-sim/input0";
     Bytes descriptor;
     bool pad_reports = true;  // USB: pad input reports to their declared size
+    uint32_t max_burst = 0;   // timed steps run per wake-up at most; 0 = no limit
     std::vector<Rule> rules;
     std::vector<GetReportRule> get_reports;
     std::vector<Step> steps;
