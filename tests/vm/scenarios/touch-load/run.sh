@@ -35,12 +35,17 @@ sed -i "s#^descriptor-file ../../#descriptor-file $PWD/../../#" /tmp/load.scn
 touch_settings 1
 touch_start /tmp/load.scn && step "set-up done" || step "set-up not done"
 wait_until 'grep -q "note load in" "$OUT/sim.log"' 100 && step "set-up done before the load"
+# One emulated CPU, on a host that may be busy, runs the simulator, the
+# daemon and the recorder; the hidraw queue holds 64 reports (64 ms here).
+# As a touch daemon on a device would, the daemon's threads run above the
+# test programs, so that a stall of the bed is not counted as a lost frame.
+pid=$(pid_file_pid)
+for task in /proc/$pid/task/*; do renice -n -10 -p "${task##*/}" > /dev/null; done
 touch_record touch.trace --idle-ms 2000
 # Figures for the report: the daemon's read calls (one per report) and the
 # CPU ticks of each party over the load.
 cpu() { awk '{ print $14 + $15 }' "/proc/$1/stat"; }
 reads() { awk '/^syscr/ { print $2 }' "/proc/$1/io"; }
-pid=$(pid_file_pid)
 io0=$(reads "$pid") d0=$(cpu "$pid") s0=$(cpu "$SIM_PID") r0=$(cpu "$EVREC_PID")
 sleep 8
 ticks="cpu ticks over 8 s: daemon $(($(cpu "$pid") - d0)), simulator $(($(cpu "$SIM_PID") - s0)), recorder $(($(cpu "$EVREC_PID") - r0))"
@@ -69,6 +74,7 @@ echo "scans sent $sent ($reports reports) from $first to $last s; frames receive
     tee "$OUT/figures.txt"
 step "scans sent: $sent, reports sent: $reports"
 step "frames received: $received"
+step "reports read by the daemon: $(($(reads "$pid") - io0))"
 cmp -s /tmp/x0.got /tmp/x0.want && step "contact 0 moves: all $scans, in order" ||
     step "contact 0 moves: $(wc -l < /tmp/x0.got) of $scans or out of order"
 dmesg | grep -q 'Event data for report' && step "kernel dropped reports"
