@@ -2,9 +2,12 @@
 # Boots a stock Debian kernel under qemu with the project's static programs
 # and runs end-to-end scenarios inside it. See tests/vm/README.md.
 #
-#   tests/vm/run-vm.sh [--out DIR] [--timeout SECS] [--daemon PATH] [--list] [SCENARIO...]
+#   tests/vm/run-vm.sh [--out DIR] [--timeout SECS] [--daemon PATH] [--jobs N] [--list]
+#                      [SCENARIO...]
 #
-# Without scenario names every folder in tests/vm/scenarios runs, in one boot.
+# Without scenario names every folder in tests/vm/scenarios runs. The
+# scenarios are dealt out to N VMs booted side by side (default: 2 when the
+# machine has 2 cores or more, else 1); each VM runs its share in one boot.
 # Exit status: 0 all passed, 1 a scenario failed, 2 the bed could not run.
 set -u
 
@@ -14,6 +17,7 @@ BUILD=${TAVRINE_VM_BUILD:-$BED/.build}
 CACHE=${TAVRINE_CACHE:-$HOME/.cache/tavrine}
 KROOT=$CACHE/kernel/root
 VM_TIMEOUT=""
+JOBS=""
 DAEMON_BIN=""
 DAEMON_WHY=""
 OUT=""
@@ -39,25 +43,35 @@ while [ $# -gt 0 ]; do
     case "$1" in
     --out) OUT=$2; shift 2 ;;
     --timeout) VM_TIMEOUT=$2; shift 2 ;;
+    --jobs) JOBS=$2; shift 2 ;;
     --daemon) DAEMON_BIN=$(cd "$(dirname "$2")" && pwd)/$(basename "$2"); shift 2 ;;
     --list) all_scenarios; exit 0 ;;
-    -h | --help) sed -n '2,9p' "$0"; exit 0 ;;
+    -h | --help) sed -n '2,12p' "$0"; exit 0 ;;
     -*) die "unknown option $1" ;;
     *) [ -f "$BED/scenarios/$1/run.sh" ] || die "no scenario $1 (tests/vm/scenarios/$1/run.sh)"
        SCENARIOS="$SCENARIOS $1"; shift ;;
     esac
 done
 [ -n "$SCENARIOS" ] || SCENARIOS=$(all_scenarios | tr '\n' ' ')
+if [ -z "$JOBS" ]; then
+    JOBS=1
+    [ "$(nproc)" -ge 2 ] && JOBS=2
+fi
+case "$JOBS" in '' | *[!0-9]* | 0) die "--jobs needs a positive number" ;; esac
 
 deps_log=$(mktemp)
 "$REPO/scripts/install-vm-deps.sh" > "$deps_log" 2>&1 || { msg=$(tail -n 1 "$deps_log"); rm -f "$deps_log"; die "$msg"; }
 rm -f "$deps_log"
 [ -f "$CACHE/kernel/vmlinuz" ] || die "no kernel in $CACHE/kernel (scripts/install-vm-deps.sh)"
 mkdir -p "$BUILD"
-[ -n "$OUT" ] || OUT=$BUILD/logs/$(date +%Y%m%d-%H%M%S)
+# Each run has folders of its own, so that runs started side by side (by
+# several people in one work tree) do not share their VM files.
+[ -n "$OUT" ] || OUT=$BUILD/logs/$(date +%Y%m%d-%H%M%S)-$$
 mkdir -p "$OUT"
 ln -sfn "$OUT" "$BUILD/logs/latest" 2>/dev/null
-CONSOLE=$OUT/console.log
+RUN=$OUT/.vm
+rm -rf "$RUN"
+mkdir -p "$RUN"
 
 build_tools || die "the simulator or the recorder did not build"
 if [ -z "$DAEMON_BIN" ]; then
@@ -79,24 +93,36 @@ done
 SCENARIOS=$RUN
 build_initramfs || die "could not build the initramfs"
 
-boot_guest
+boot_guests
 
-booted=$(tr -d '\r' < "$CONSOLE" | sed -n 's/.*@@BED-BOOTED \([0-9.]*\).*/\1/p' | head -n 1)
-echo "run-vm: boot time ${booted:-?} s to the guest script (guest uptime); whole VM run ${wall} s wall"
-tr -d '\r' < "$CONSOLE" | grep '@@BED-WARN' | sed 's/.*@@BED-WARN/run-vm: guest warning:/'
-if [ -n "$HUNG" ]; then
-    echo "run-vm: $HUNG and was killed; last console lines:" >&2
-    tail -n 30 "$CONSOLE" | tr -d '\r' >&2
-elif [ "$qemu_rc" = 124 ] || [ "$qemu_rc" = 137 ]; then
-    echo "run-vm: the guest hung and was killed after ${VM_TIMEOUT} s; last console lines:" >&2
-    tail -n 30 "$CONSOLE" | tr -d '\r' >&2
-elif ! grep -q '@@BED-DONE' "$CONSOLE"; then
-    echo "run-vm: the guest stopped early (qemu status $qemu_rc); last console lines:" >&2
-    tail -n 30 "$CONSOLE" | tr -d '\r' >&2
-fi
-if [ -z "$booted" ]; then
-    echo "run-vm: the guest never reached its script" >&2
-fi
+# Reports how VM $1 went; false when it never reached its script.
+report_vm() {
+    console=$OUT/console-$1.log
+    rc=$(cat "$RUN/vm-$1.rc" 2> /dev/null)
+    booted=$(tr -d '\r' < "$console" | sed -n 's/.*@@BED-BOOTED \([0-9.]*\).*/\1/p' | head -n 1)
+    echo "run-vm: VM $1: boot time ${booted:-?} s to the guest script (guest uptime)"
+    tr -d '\r' < "$console" | grep '@@BED-WARN' | sed "s/.*@@BED-WARN/run-vm: VM $1: guest warning:/"
+    problem=""
+    if [ -f "$RUN/vm-$1.hung" ]; then
+        problem="its $(cat "$RUN/vm-$1.hung"); it was killed"
+    elif [ "$rc" = 124 ] || [ "$rc" = 137 ]; then
+        problem="it hung and was killed at its time limit"
+    elif ! grep -q '@@BED-DONE' "$console"; then
+        problem="it stopped early (status $rc)"
+    fi
+    if [ -n "$problem" ]; then
+        echo "run-vm: VM $1: $problem; last console lines ($console):" >&2
+        tail -n 30 "$console" | tr -d '\r' >&2
+    fi
+    [ -n "$booted" ] || { echo "run-vm: VM $1 never reached its script" >&2; return 1; }
+}
+
+all_booted=1
+for i in $(seq 1 "$VMS"); do
+    report_vm "$i" || all_booted=0
+done
+echo "run-vm: whole run of $VMS VM(s): ${wall} s wall"
+CONSOLES=$(ls "$OUT"/console-*.log)
 
 split_console
 passed=0
@@ -108,6 +134,7 @@ done
 for s in $SCENARIOS; do
     if judge_scenario "$s"; then passed=$((passed + 1)); else failed=$((failed + 1)); fi
 done
+rm -f "$INITRAMFS"
 echo "run-vm: logs in $OUT"
 echo "vm: $passed passed, $failed failed"
-[ "$failed" = 0 ] && [ -n "$booted" ]
+[ "$failed" = 0 ] && [ "$all_booted" = 1 ]

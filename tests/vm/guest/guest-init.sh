@@ -41,12 +41,24 @@ kill_leftovers() {
     done
 }
 
+# Puts back what a scenario may have changed in the kernel: the HID drivers
+# are loaded afresh, which forgets product ids added through new_id.
+reset_hid_drivers() {
+    local m
+    for m in hid_multitouch hid_generic; do
+        rmmod "$m" 2> /tmp/rmmod.err || echo "@@BED-WARN rmmod $m before $1: $(cat /tmp/rmmod.err)"
+    done
+    grep -q '^hid_generic ' /proc/modules || insmod /lib/modules/hid-generic.ko
+    grep -q '^hid_multitouch ' /proc/modules || insmod /lib/modules/hid-multitouch.ko
+}
+
 run_scenario() {
     local name dir out limit start end rc rel
     name=$1
     dir=/bed/scenarios/$name
-    out=/tmp/out/$name
-    rm -rf /data/* /data/.[!.]* /tmp/bed.*
+    out=/bed-out/$name
+    rm -rf /data/* /data/.[!.]* /tmp/* /tmp/.[!.]*
+    reset_hid_drivers "$name"
     mkdir -p "$out"
     dmesg -c > /dev/null
     limit=30
@@ -70,7 +82,11 @@ run_scenario() {
     echo "@@BED-SCENARIO-END $name rc=$rc start=$start end=$end"
 }
 
-for name in $(cat /bed/run-list); do
+# This VM's share of the scenarios comes on the kernel command line
+# (bedrun=a,b,c); /bed/run-list holds all of them.
+list=$(tr ' ' '\n' < /proc/cmdline | sed -n 's/^bedrun=//p' | tr ',' ' ')
+[ -n "$list" ] || list=$(cat /bed/run-list)
+for name in $list; do
     run_scenario "$name"
 done
 echo "@@BED-DONE $(cut -d' ' -f1 /proc/uptime)"

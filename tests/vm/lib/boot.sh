@@ -1,11 +1,37 @@
-# Boots the VM with the initramfs and watches it (sourced by run-vm.sh).
-# Needs: BED, CACHE, INITRAMFS, OUT, CONSOLE, SCENARIOS, VM_TIMEOUT (may be
-# empty). Sets qemu_rc, wall (seconds), HUNG (why the guest was stopped).
+# Boots the VMs with the initramfs and watches them (sourced by run-vm.sh).
+# Needs: BED, RUN (this run's own folder), CACHE, INITRAMFS, OUT, SCENARIOS, JOBS, VM_TIMEOUT (may
+# be empty). Sets VMS (the number booted), wall (seconds); for VM i leaves
+# $OUT/console-i.log, $RUN/vm-i.list (its scenarios), $RUN/vm-i.rc
+# (the exit status of qemu under timeout) and $RUN/vm-i.hung (why it was stopped, if it was).
 
-# Stops the guest (through the timeout process $1) when it has not reached
-# its script after BOOT_LIMIT s, or its console stood still for longer than
-# the longest scenario may take; sets HUNG to the reason.
 BOOT_LIMIT=90
+
+# Time limit of scenario $1 in seconds.
+scenario_limit() {
+    if [ -f "$BED/scenarios/$1/timeout" ]; then cat "$BED/scenarios/$1/timeout"; else echo 30; fi
+}
+
+# Writes $RUN/vm-1.list .. vm-$VMS.list: the scenarios dealt out so that
+# the sums of their limits are close (longest first, to the lightest VM).
+split_scenarios() {
+    VMS=$JOBS
+    count=$(echo $SCENARIOS | wc -w)
+    [ "$count" -lt "$VMS" ] && VMS=$count
+    [ "$VMS" -ge 1 ] || VMS=1
+    rm -f "$RUN"/vm-*.list "$RUN"/vm-*.rc "$RUN"/vm-*.hung
+    for s in $SCENARIOS; do
+        echo "$(scenario_limit "$s") $s"
+    done | sort -k1,1nr -k2,2 | awk -v vms="$VMS" -v dir="$RUN" '
+        { best = 1
+          for (i = 2; i <= vms; i++) if (load[i] < load[best]) best = i
+          load[best] += $1
+          print $2 > (dir "/vm-" best ".list") }'
+    for i in $(seq 1 "$VMS"); do touch "$RUN/vm-$i.list"; done
+}
+
+# Stops VM $2 (through its timeout process $1) when it has not reached its
+# script after BOOT_LIMIT s, or its console $3 stood still for $4 s; the
+# reason goes to $RUN/vm-$2.hung.
 watch_guest() {
     waited=0
     still=0
@@ -13,45 +39,59 @@ watch_guest() {
     while kill -0 "$1" 2> /dev/null; do
         sleep 1
         waited=$((waited + 1))
-        size=$(wc -c < "$CONSOLE")
+        size=$(wc -c < "$3")
         if [ "$size" = "$last_size" ]; then still=$((still + 1)); else still=0; fi
         last_size=$size
-        if [ $waited -ge $BOOT_LIMIT ] && ! grep -q '@@BED-BOOTED' "$CONSOLE"; then
-            HUNG="the guest did not reach its script within $BOOT_LIMIT s"
-        elif [ $still -ge $((STALL_LIMIT)) ]; then
-            HUNG="the guest console stood still for $STALL_LIMIT s"
+        why=""
+        if [ $waited -ge $BOOT_LIMIT ] && ! grep -q '@@BED-BOOTED' "$3"; then
+            why="did not reach its script within $BOOT_LIMIT s"
+        elif [ $still -ge "$4" ]; then
+            why="console stood still for $4 s"
         fi
-        if [ -n "$HUNG" ]; then
+        if [ -n "$why" ]; then
+            echo "$why" > "$RUN/vm-$2.hung"
             kill "$1" 2> /dev/null
             return
         fi
     done
 }
 
-# Runs qemu in the background under the whole-boot limit and waits for it.
-boot_guest() {
-    STALL_LIMIT=30
+# Boots VM $1 with the scenarios of its list in the background.
+boot_one() {
+    list=$(tr '\n' ' ' < "$RUN/vm-$1.list")
+    stall=30
     sum=0
-    for s in $SCENARIOS; do
-        t=30
-        [ -f "$BED/scenarios/$s/timeout" ] && t=$(cat "$BED/scenarios/$s/timeout")
+    for s in $list; do
+        t=$(scenario_limit "$s")
         sum=$((sum + t + 5))
-        [ $((t + 30)) -gt $STALL_LIMIT ] && STALL_LIMIT=$((t + 30))
+        [ $((t + 30)) -gt $stall ] && stall=$((t + 30))
     done
     # Capped below CTest's limit for the run (1200 s), so that a slow run is
     # still reported by the bed itself; hangs are caught by watch_guest.
     [ $sum -gt 1000 ] && sum=1000
-    [ -n "$VM_TIMEOUT" ] || VM_TIMEOUT=$((60 + sum))
+    limit=${VM_TIMEOUT:-$((60 + sum))}
+    console=$OUT/console-$1.log
+    echo "run-vm: VM $1 runs: $list(limit $limit s)"
+    timeout -k 5 "$limit" qemu-system-x86_64 -accel tcg -cpu max -m 512 -smp 1 -nographic \
+        -no-reboot -kernel "$CACHE/kernel/vmlinuz" -initrd "$INITRAMFS" \
+        -append "console=ttyS0 quiet panic=-1 bedrun=$(echo $list | tr ' ' ,)" \
+        < /dev/null > "$console" 2>&1 &
+    echo $! > "$RUN/vm-$1.pid"
+    watch_guest "$!" "$1" "$console" "$stall" &
+}
 
-    echo "run-vm: booting $(cat "$CACHE/kernel/ready") with:$SCENARIOS (limit ${VM_TIMEOUT} s, logs in $OUT)"
+# Boots every VM, waits for all of them, and measures the wall time.
+boot_guests() {
+    split_scenarios
+    echo "run-vm: booting $(cat "$CACHE/kernel/ready") in $VMS VM(s), logs in $OUT"
     start=$(date +%s.%N)
-    timeout -k 5 "$VM_TIMEOUT" qemu-system-x86_64 -accel tcg -cpu max -m 512 -smp 1 -nographic -no-reboot \
-        -kernel "$CACHE/kernel/vmlinuz" -initrd "$INITRAMFS" \
-        -append "console=ttyS0 quiet panic=-1" < /dev/null > "$CONSOLE" 2>&1 &
-    qemu_pid=$!
-    HUNG=""
-    watch_guest "$qemu_pid"
-    wait "$qemu_pid"
-    qemu_rc=$?
+    for i in $(seq 1 "$VMS"); do
+        boot_one "$i"
+    done
+    for i in $(seq 1 "$VMS"); do
+        wait "$(cat "$RUN/vm-$i.pid")"
+        echo $? > "$RUN/vm-$i.rc"
+    done
+    wait  # the watchers end with their VM
     wall=$(echo "$start $(date +%s.%N)" | awk '{ printf "%.1f", $2 - $1 }')
 }

@@ -20,26 +20,59 @@ build_tool() {
     mv "$out.tmp.$$" "$out"
 }
 
+# Runs "$@" while holding the build folder's lock: runs started side by side
+# share the programs and the daemon's build folder.
+with_build_lock() {
+    mkdir -p "$BUILD"
+    (
+        flock 9
+        "$@"
+    ) 9> "$BUILD/build.lock"
+}
+
 build_tools() {
-    build_tool tavrine-sim sim_main.cpp sim_engine.cpp sim_script.cpp uhid_port.cpp pty_port.cpp hid_report_sizes.cpp sim_dump.cpp \
-        event_log.cpp hex.cpp || return 1
-    build_tool tavrine-evrec evrec_main.cpp evdev_trace.cpp mt_checker.cpp event_log.cpp hex.cpp || return 1
+    with_build_lock build_tools_locked || return 1
     SIM_BIN=$BUILD/bin/tavrine-sim
     EVREC_BIN=$BUILD/bin/tavrine-evrec
 }
 
-# Builds the daemon statically. Sets DAEMON_BIN, or DAEMON_WHY on failure.
+build_tools_locked() {
+    build_tool tavrine-sim sim_main.cpp sim_engine.cpp sim_script.cpp uhid_port.cpp pty_port.cpp hid_report_sizes.cpp sim_dump.cpp \
+        event_log.cpp hex.cpp || return 1
+    build_tool tavrine-evrec evrec_main.cpp evdev_trace.cpp mt_checker.cpp event_log.cpp hex.cpp
+}
+
+# Builds the daemon statically. Sets DAEMON_BIN, or DAEMON_WHY on failure; also builds
+# the maintenance tool tavrinectl in the same folder (CTL_BIN, empty when it fails).
 # GCC 12 sees the inlined write(2) of a whole input_event as reading past
 # its first member (-Wstringop-overread, a false positive); here it stays a
 # warning so that the bed tests behaviour. The main build keeps its gate.
 build_daemon() {
     log=$BUILD/daemon-build.log
-    if cmake -S "$REPO" -B "$BUILD/daemon" -DTAVRINE_STATIC=ON -DTAVRINE_BUILD_TESTS=OFF \
-        -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_FLAGS=-Wno-error=stringop-overread > "$log" 2>&1 &&
-        cmake --build "$BUILD/daemon" -j2 --target TavrineD >> "$log" 2>&1; then
+    DAEMON_BIN=""
+    CTL_BIN=""
+    if with_build_lock build_daemon_locked "$log"; then
         DAEMON_BIN=$(find "$BUILD/daemon" -type f -name TavrineD -perm -u+x | head -n 1)
+        if [ -f "$BUILD/daemon/.tavrinectl-built" ]; then
+            CTL_BIN=$(find "$BUILD/daemon" -type f -name tavrinectl -perm -u+x | head -n 1)
+        else
+            echo "run-vm: tavrinectl did not build statically (log: $log)" >&2
+        fi
         [ -n "$DAEMON_BIN" ] && return 0
     fi
     DAEMON_WHY="TavrineD did not build statically (log: $log)"
     return 1
+}
+
+# Configures and builds into $BUILD/daemon, logging to $1; the marker file
+# says whether tavrinectl built too.
+build_daemon_locked() {
+    rm -f "$BUILD/daemon/.tavrinectl-built"
+    cmake -S "$REPO" -B "$BUILD/daemon" -DTAVRINE_STATIC=ON -DTAVRINE_BUILD_TESTS=OFF \
+        -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_FLAGS=-Wno-error=stringop-overread > "$1" 2>&1 &&
+        cmake --build "$BUILD/daemon" -j2 --target TavrineD >> "$1" 2>&1 || return 1
+    if cmake --build "$BUILD/daemon" -j2 --target tavrinectl >> "$1" 2>&1; then
+        touch "$BUILD/daemon/.tavrinectl-built"
+    fi
+    return 0
 }

@@ -1,6 +1,6 @@
 # Builds the VM's initramfs (sourced by run-vm.sh).
-# Needs: BED, BUILD, KROOT (unpacked kernel package), SIM_BIN, EVREC_BIN,
-# DAEMON_BIN (may be empty), SCENARIOS (names). Sets INITRAMFS.
+# Needs: BED, RUN (this run's own folder), KROOT (unpacked kernel package), SIM_BIN, EVREC_BIN,
+# DAEMON_BIN and CTL_BIN (may be empty), SCENARIOS (names). Sets INITRAMFS.
 
 MODULES="hid uhid hid-generic hid-multitouch uinput evdev serio_raw serport"
 
@@ -18,7 +18,7 @@ copy_module() {
 }
 
 build_initramfs() {
-    root=$BUILD/initramfs-root
+    root=$RUN/initramfs-root
     rm -rf "$root"
     mkdir -p "$root/bin" "$root/sbin" "$root/etc" "$root/dev" "$root/proc" "$root/sys" "$root/lib/modules" \
         "$root/bed/bin" "$root/bed/scenarios"
@@ -36,10 +36,12 @@ build_initramfs() {
     done
     cp "$SIM_BIN" "$EVREC_BIN" "$root/bed/bin/"
     [ -n "$DAEMON_BIN" ] && cp "$DAEMON_BIN" "$root/bed/bin/TavrineD"
+    [ -n "${CTL_BIN:-}" ] && cp "$CTL_BIN" "$root/bed/bin/tavrinectl"
     mkdir -p "$root/bed/sim"
     cp -r "$BED/sim/descriptors" "$root/bed/sim/descriptors"   # same place relative to scenarios as in git
     cp -r "$BED/scenarios/." "$root/bed/scenarios/"   # all: scenarios may share files
     echo "$SCENARIOS" | tr ' ' '\n' | sed '/^$/d' > "$root/bed/run-list"
-    INITRAMFS=$BUILD/initramfs.cpio.gz
+    INITRAMFS=$RUN/initramfs.cpio.gz
     (cd "$root" && find . | /bin/busybox cpio -o -H newc 2>/dev/null) | gzip -1 > "$INITRAMFS"
+    rm -rf "$root"
 }

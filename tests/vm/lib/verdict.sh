@@ -1,9 +1,11 @@
 # Splits the VM console into per-scenario files and judges each scenario
-# (sourced by run-vm.sh). Needs: BED, OUT, CONSOLE.
+# (sourced by run-vm.sh). Needs: BED, OUT, CONSOLES (the console logs).
 
 # Writes every file printed between markers to $OUT/<scenario>/<path>.
 split_console() {
-    tr -d '\r' < "$CONSOLE" | awk -v out="$OUT" '
+    awk -v out="$OUT" '
+        FNR == 1 { file = "" }  # a block cut off by a killed VM ends with its console
+        { sub(/\r$/, "") }
         /@@BED-FILE-END/ { if (file != "") close(file); file = ""; next }
         match($0, /@@BED-FILE [^ ]+ [^ ]+/) {
             split(substr($0, RSTART, RLENGTH), w, " ")
@@ -15,7 +17,7 @@ split_console() {
             next
         }
         file != "" { print > file }
-    '
+    ' $CONSOLES
     find "$OUT" -name '*.b64' | while read -r f; do
         base64 -d < "$f" > "${f%.b64}" 2>/dev/null || echo "run-vm: could not decode ${f%.b64}" >&2
         rm -f "$f"
@@ -24,7 +26,7 @@ split_console() {
 
 # "rc=N start=S end=E" of scenario $1 from the console, empty if missing.
 scenario_end_line() {
-    tr -d '\r' < "$CONSOLE" | sed -n "s/.*@@BED-SCENARIO-END $1 //p" | head -n 1
+    cat $CONSOLES | tr -d '\r' | sed -n "s/.*@@BED-SCENARIO-END $1 //p" | head -n 1
 }
 
 # Compares each expected.<name> of scenario $1 with the actual <name>;
@@ -52,7 +54,7 @@ judge_scenario() {
     rm -f "$OUT/$s/diff.txt"
     end=$(scenario_end_line "$s")
     if [ -z "$end" ]; then
-        echo "FAIL $s: did not finish in the guest (see $CONSOLE)"
+        echo "FAIL $s: did not finish in the guest (see $OUT/console-*.log)"
         return 1
     fi
     rc=$(echo "$end" | sed -n 's/.*rc=\([0-9]*\).*/\1/p')
