@@ -86,7 +86,7 @@ int ParseHexBytes(const char* const* words, int word_count, uint8_t* out, int ma
 int ParseCtlArgs(int argc, const char* const* argv, CtlOptions* options, char* err,
                  size_t err_size) {
     *options = CtlOptions();
-    const char* words[kCtlMaxPacket * 2];
+    const char* words[kCtlMaxPacket * 2] = {};
     int word_count = 0;
     bool bus_given = false;
     bool count_given = false;
