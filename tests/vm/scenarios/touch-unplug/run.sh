@@ -50,4 +50,5 @@ echo "descriptors and threads before: $before, after 50 cycles: $after; cycles t
     tee "$OUT/figures.txt"
 [ "$before" = "$after" ] && step "descriptors and threads back to their starting count" ||
     step "descriptors and threads changed: $before -> $after"
+step "virtual devices: $(grep -c '^N: Name="MorvelTouch_Virtual' /proc/bus/input/devices)"
 step "TavrineD processes: $(daemon_count), same pid: $([ "$(pid_file_pid)" = "$pid" ] && echo yes)"
