@@ -41,5 +41,8 @@ wait_until 'ls /sys/bus/hid/devices | grep -q "^0003:3C7A:7E57\."' 30
 for drv in hid-generic hid-multitouch; do
     ls /sys/bus/hid/drivers/$drv | grep -q '^0003:3C7A:7E57\.' && step "3c7a:7e57 bound to $drv"
 done
+# The daemon goes first: with 3c7a:0001 unplugged it would teach the drivers
+# that id on its next pass, and the ids would stay for later scenarios.
+TavrineD -k > /dev/null 2>&1
 stop_pid "$SIM_2"
 stop_pid "$SIM_PID"

@@ -6,7 +6,7 @@
 write_settings 2 /dev/ttyTAV0
 sed -i 's/^DebugEnableBits 1$/DebugEnableBits 410007/' /data/TavrineA.ini
 start_sim sim.scn
-start_evrec MorvelTouch_VirtualDevice touch.trace --wait-ms 20000 --idle-ms 1500
+start_evrec MorvelTouch_VirtualDevice touch.trace --wait-ms 20000 --duration-ms 20000 --count 31
 TavrineD -f > "$OUT/start.out" 2>&1
 wait_until 'grep -q "note reports sent" "$OUT/sim.log"' 250
 wait "$EVREC_PID"

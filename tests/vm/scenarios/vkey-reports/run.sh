@@ -13,7 +13,7 @@ start_sim sim.scn
 TavrineD -f > "$OUT/start.out" 2>&1
 wait_until 'grep -q "rx 03 02 34" "$OUT/sim.log"' 250
 sleep 0.5
-start_evrec MorvelTouch_VirtualDevice touch.trace --wait-ms 5000 --idle-ms 3000 --ready /tmp/vk.ready
+start_evrec MorvelTouch_VirtualDevice touch.trace --wait-ms 5000 --duration-ms 15000 --count 12 --ready /tmp/vk.ready
 wait_until '[ -e /tmp/vk.ready ]' 50
 key() {  # key STATE INDEX
     sim_do send 03 04 36 2f "$1" "$2"
