@@ -5,7 +5,8 @@
 #   tests/vm/run-vm.sh [--out DIR] [--timeout SECS] [--daemon PATH] [--jobs N] [--list]
 #                      [SCENARIO...]
 #
-# Without scenario names every folder in tests/vm/scenarios runs. The
+# Without scenario names every folder in tests/vm/scenarios runs, except
+# those with a file named 'manual' (benchmarks: they run only by name). The
 # scenarios are dealt out to N VMs booted side by side (default: 2 when the
 # machine has 2 cores or more, else 1); each VM runs its share in one boot.
 # Exit status: 0 all passed, 1 a scenario failed, 2 the bed could not run.
@@ -34,7 +35,7 @@ die() {
 
 all_scenarios() {
     for d in "$BED"/scenarios/*/; do
-        [ -f "$d/run.sh" ] && basename "$d"
+        [ -f "$d/run.sh" ] && [ ! -f "$d/manual" ] && basename "$d"
     done
 }
 

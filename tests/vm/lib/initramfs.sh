@@ -1,6 +1,8 @@
 # Builds the VM's initramfs (sourced by run-vm.sh).
 # Needs: BED, RUN (this run's own folder), KROOT (unpacked kernel package), SIM_BIN, EVREC_BIN,
 # DAEMON_BIN and CTL_BIN (may be empty), SCENARIOS (names). Sets INITRAMFS.
+# TAVRINE_VM_EXTRA (optional): a folder whose tree is copied over the root, for programs
+# that only some scenarios use (scripts/bench.sh puts tslib there).
 
 MODULES="hid uhid hid-generic hid-multitouch uinput evdev serio_raw serport"
 
@@ -41,6 +43,9 @@ build_initramfs() {
     cp -r "$BED/sim/descriptors" "$root/bed/sim/descriptors"   # same place relative to scenarios as in git
     cp -r "$BED/scenarios/." "$root/bed/scenarios/"   # all: scenarios may share files
     echo "$SCENARIOS" | tr ' ' '\n' | sed '/^$/d' > "$root/bed/run-list"
+    if [ -n "${TAVRINE_VM_EXTRA:-}" ]; then
+        cp -a "$TAVRINE_VM_EXTRA/." "$root/" || return 1
+    fi
     INITRAMFS=$RUN/initramfs.cpio.gz
     (cd "$root" && find . | /bin/busybox cpio -o -H newc 2>/dev/null) | gzip -1 > "$INITRAMFS"
     rm -rf "$root"
