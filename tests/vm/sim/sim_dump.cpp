@@ -36,6 +36,8 @@ std::string DumpAction(const Action& a) {
             return "exit " + std::to_string(a.status);
         case ActionKind::kNote:
             return "note " + a.text;
+        case ActionKind::kClock:
+            return "clock";
     }
     return "?";
 }

@@ -107,6 +107,10 @@ SimEngine::Progress SimEngine::RunAction(const Action& action, uint64_t now) {
         case ActionKind::kNote:
             log_->Write("note", action.text);
             break;
+        case ActionKind::kClock:
+            start_us_ = now;
+            log_->Write("note", "clock restarted");
+            break;
     }
     return Progress::kDone;
 }

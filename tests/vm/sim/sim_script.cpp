@@ -230,6 +230,8 @@ bool ParseAction(LineParser& p, const std::string& rest_of_line, Action* action)
         uint64_t status = 0;
         if (!p.AtEnd() && !p.Number(255, &status, "exit status")) return false;
         action->status = static_cast<int>(status);
+    } else if (verb == "clock") {
+        action->kind = ActionKind::kClock;
     } else if (verb == "note") {
         action->kind = ActionKind::kNote;
         action->text = rest_of_line;

@@ -38,6 +38,8 @@
 //        step action: send <hex bytes...> | send garbage <n>
 //              | rate <n>/s for <time> send <hex bytes...>
 //              | plug | unplug | exit [<status>] | note <text>
+//              | clock      ('at' times of later steps count from here, so
+//                            a timed load can follow a 'wait')
 //
 // The first 'on' rule whose prefix starts a received packet and that has
 // uses left answers it; later rules with the same prefix serve once the
@@ -86,7 +88,7 @@ struct GetReportRule {
     uint16_t error = 0;  // non-zero: answer with this errno and no data
 };
 
-enum class ActionKind { kSend, kSendGarbage, kRate, kPlug, kUnplug, kExit, kNote };
+enum class ActionKind { kSend, kSendGarbage, kRate, kPlug, kUnplug, kExit, kNote, kClock };
 
 struct Action {
     ActionKind kind = ActionKind::kNote;
