@@ -27,7 +27,10 @@ std::unique_ptr<EventLog> EventLog::Create(const std::string& path) {
 }
 
 void EventLog::Write(const std::string& kind, const std::string& text) {
-    uint64_t us = MonotonicUs();
+    WriteAt(MonotonicUs(), kind, text);
+}
+
+void EventLog::WriteAt(uint64_t us, const std::string& kind, const std::string& text) {
     char stamp[32];
     std::snprintf(stamp, sizeof stamp, "%llu.%06llu ",
                   static_cast<unsigned long long>(us / 1000000u),

@@ -20,6 +20,8 @@ class EventLog {
 
     void Write(const std::string& kind, const std::string& text);
     void WriteBytes(const std::string& kind, const Bytes& bytes) { Write(kind, FormatHex(bytes)); }
+    // The same with a time taken earlier (microseconds of CLOCK_MONOTONIC).
+    void WriteAt(uint64_t us, const std::string& kind, const std::string& text);
 
   private:
     explicit EventLog(UniqueFd fd) : fd_(std::move(fd)) {}

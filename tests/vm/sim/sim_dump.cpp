@@ -71,6 +71,7 @@ std::string DumpScript(const Script& script) {
     out += "descriptor " + std::to_string(script.descriptor.size()) + " bytes, pad " +
            (script.pad_reports ? "on" : "off") + "\n";
     if (script.max_burst) out += "burst " + std::to_string(script.max_burst) + "\n";
+    if (script.stamp_before) out += "stamp before\n";
     for (const GetReportRule& g : script.get_reports)
         out += "getreport " + std::to_string(g.report_id) +
                (g.error ? " error " + std::to_string(g.error) : " reply " + FormatHex(g.data)) +

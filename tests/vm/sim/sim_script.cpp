@@ -364,6 +364,12 @@ bool ParseLine(const std::string& raw, int line_no, const std::string& base_dir,
         script->max_burst = static_cast<uint32_t>(value);
         return p.End();
     }
+    if (verb == "stamp") {
+        std::string mode = p.Next();
+        if (mode != "before" && mode != "after") return p.Fail("stamp before or after expected");
+        script->stamp_before = mode == "before";
+        return p.End();
+    }
     if (verb == "pad") {
         std::string mode = p.Next();
         if (mode != "on" && mode != "off") return p.Fail("pad on or off expected");

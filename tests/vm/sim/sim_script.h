@@ -19,6 +19,11 @@
 //                                      the descriptor declares with zeros
 //                                      (default on; the kernel drops short
 //                                      reports before hidraw sees them)
+//   stamp before | after               USB: the time of a 'tx' log line is taken
+//                                      before or after the write to uhid
+//                                      (default after; 'before' for latency
+//                                      measurements, where the kernel may
+//                                      deliver the report inside the write)
 //   getreport <report id> reply <hex bytes...> | error <errno>
 //   on <pattern> [times <n>] [speed <baud>] <action> [; <action>]...
 //        action: reply [after <time>] (<hex bytes...> | garbage <n> | echo)
@@ -123,6 +128,7 @@ struct Script {
     Bytes descriptor;
     bool pad_reports = true;  // USB: pad input reports to their declared size
     uint32_t max_burst = 0;   // timed steps run per wake-up at most; 0 = no limit
+    bool stamp_before = false;  // USB: 'tx' lines carry the time before the write
     std::vector<Rule> rules;
     std::vector<GetReportRule> get_reports;
     std::vector<Step> steps;

@@ -158,8 +158,14 @@ bool UhidPort::Send(const Bytes& raw) {
     size_t size = std::min(bytes.size(), sizeof ev.u.input2.data);
     std::memcpy(ev.u.input2.data, bytes.data(), size);
     ev.u.input2.size = static_cast<uint16_t>(size);
+    const uint64_t before_us = MonotonicUs();
     if (!WriteEvent(ev)) return false;
-    log_->WriteBytes("tx", Bytes(bytes.begin(), bytes.begin() + static_cast<long>(size)));
+    const Bytes sent(bytes.begin(), bytes.begin() + static_cast<long>(size));
+    if (script_.stamp_before) {
+        log_->WriteAt(before_us, "tx", FormatHex(sent));
+    } else {
+        log_->WriteBytes("tx", sent);
+    }
     return true;
 }
 
