@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# The whole test suite: installs what it needs, builds, runs the host unit tests and the
-# end-to-end scenarios in the VM test bed.
+# The whole test suite: installs what it needs, builds, runs the host unit tests, the
+# sanitizer builds, the fuzz targets and the end-to-end scenarios in the VM test bed.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -10,6 +10,12 @@ scripts/install-deps.sh
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo
 cmake --build build -j2
 ctest --test-dir build --output-on-failure -L unit -j2
+# The unit suite again, cross-built for 32-bit ARM and run under qemu-arm (build-armhf).
+scripts/run-armhf-tests.sh
+# The unit suite again under AddressSanitizer + UBSan and the threaded tests under
+# ThreadSanitizer, then every fuzz target for FUZZ_SECONDS (30) each.
+scripts/run-sanitizers.sh
+scripts/run-fuzz.sh
 if [[ -f tests/vm/CMakeLists.txt ]]; then
     ctest --test-dir build --output-on-failure -L vm
 fi

@@ -256,14 +256,16 @@ def settings_seeds():
         write("settings_read", name + "-block1", b"\x02" + data)
         write("settings_read", name + "-device-step", b"\x80" + data)
         # settings_maintenance: byte 0 = devices (2 + n % 8) and address (bits 3-4),
-        # byte 1 = SupportPoints of the device.
-        write("settings_maintenance", name + "-match", bytes([0x00, 10]) + data)
-        write("settings_maintenance", name + "-other", bytes([0x08, 5]) + data)
+        # byte 1 = SupportPoints of the device, bytes 2-3 = the rewrite (0: own block,
+        # else offsets scaled from both bytes).
+        write("settings_maintenance", name + "-match", bytes([0x00, 10, 0, 0]) + data)
+        write("settings_maintenance", name + "-other", bytes([0x08, 5, 0, 0]) + data)
+        write("settings_maintenance", name + "-stray-rewrite", bytes([0x00, 10, 40, 90]) + data)
     # A single-device file claimed by a second device, and no end marker at all.
     one = files["generated-one-block"].encode()
-    write("settings_maintenance", "claim-empty-address", bytes([0x08, 10]) + one)
+    write("settings_maintenance", "claim-empty-address", bytes([0x08, 10, 0, 0]) + one)
     write("settings_maintenance", "no-end-of-file",
-          bytes([0x10, 10]) + one[:-len(b"[EndOfFile]")])
+          bytes([0x10, 10, 0, 0]) + one[:-len(b"[EndOfFile]")])
 
 
 # --- Descriptor ------------------------------------------------------------------------
