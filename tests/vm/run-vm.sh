@@ -70,9 +70,9 @@ mkdir -p "$BUILD"
 [ -n "$OUT" ] || OUT=$BUILD/logs/$(date +%Y%m%d-%H%M%S)-$$
 mkdir -p "$OUT"
 ln -sfn "$OUT" "$BUILD/logs/latest" 2>/dev/null
-RUN=$OUT/.vm
-rm -rf "$RUN"
-mkdir -p "$RUN"
+VMDIR=$OUT/.vm
+rm -rf "$VMDIR"
+mkdir -p "$VMDIR"
 
 build_tools || die "the simulator or the recorder did not build"
 if [ -z "$DAEMON_BIN" ]; then
@@ -82,16 +82,16 @@ elif [ ! -x "$DAEMON_BIN" ]; then
 fi
 
 # Scenarios that need the daemon fail at once when there is none.
-RUN=""
+TO_RUN=""
 EARLY_FAIL=""
 for s in $SCENARIOS; do
     if [ -f "$BED/scenarios/$s/needs-daemon" ] && [ -z "$DAEMON_BIN" ]; then
         EARLY_FAIL="$EARLY_FAIL $s"
     else
-        RUN="$RUN $s"
+        TO_RUN="$TO_RUN $s"
     fi
 done
-SCENARIOS=$RUN
+SCENARIOS=$TO_RUN
 build_initramfs || die "could not build the initramfs"
 
 boot_guests
@@ -99,13 +99,13 @@ boot_guests
 # Reports how VM $1 went; false when it never reached its script.
 report_vm() {
     console=$OUT/console-$1.log
-    rc=$(cat "$RUN/vm-$1.rc" 2> /dev/null)
+    rc=$(cat "$VMDIR/vm-$1.rc" 2> /dev/null)
     booted=$(tr -d '\r' < "$console" | sed -n 's/.*@@BED-BOOTED \([0-9.]*\).*/\1/p' | head -n 1)
     echo "run-vm: VM $1: boot time ${booted:-?} s to the guest script (guest uptime)"
     tr -d '\r' < "$console" | grep '@@BED-WARN' | sed "s/.*@@BED-WARN/run-vm: VM $1: guest warning:/"
     problem=""
-    if [ -f "$RUN/vm-$1.hung" ]; then
-        problem="its $(cat "$RUN/vm-$1.hung"); it was killed"
+    if [ -f "$VMDIR/vm-$1.hung" ]; then
+        problem="its $(cat "$VMDIR/vm-$1.hung"); it was killed"
     elif [ "$rc" = 124 ] || [ "$rc" = 137 ]; then
         problem="it hung and was killed at its time limit"
     elif ! grep -q '@@BED-DONE' "$console"; then

@@ -1,8 +1,8 @@
 # Boots the VMs with the initramfs and watches them (sourced by run-vm.sh).
-# Needs: BED, RUN (this run's own folder), CACHE, INITRAMFS, OUT, SCENARIOS, JOBS, VM_TIMEOUT (may
+# Needs: BED, VMDIR (this run's own folder), CACHE, INITRAMFS, OUT, SCENARIOS, JOBS, VM_TIMEOUT (may
 # be empty). Sets VMS (the number booted), wall (seconds); for VM i leaves
-# $OUT/console-i.log, $RUN/vm-i.list (its scenarios), $RUN/vm-i.rc
-# (the exit status of qemu under timeout) and $RUN/vm-i.hung (why it was stopped, if it was).
+# $OUT/console-i.log, $VMDIR/vm-i.list (its scenarios), $VMDIR/vm-i.rc
+# (the exit status of qemu under timeout) and $VMDIR/vm-i.hung (why it was stopped, if it was).
 
 BOOT_LIMIT=90
 
@@ -11,27 +11,27 @@ scenario_limit() {
     if [ -f "$BED/scenarios/$1/timeout" ]; then cat "$BED/scenarios/$1/timeout"; else echo 30; fi
 }
 
-# Writes $RUN/vm-1.list .. vm-$VMS.list: the scenarios dealt out so that
+# Writes $VMDIR/vm-1.list .. vm-$VMS.list: the scenarios dealt out so that
 # the sums of their limits are close (longest first, to the lightest VM).
 split_scenarios() {
     VMS=$JOBS
     count=$(echo $SCENARIOS | wc -w)
     [ "$count" -lt "$VMS" ] && VMS=$count
     [ "$VMS" -ge 1 ] || VMS=1
-    rm -f "$RUN"/vm-*.list "$RUN"/vm-*.rc "$RUN"/vm-*.hung
+    rm -f "$VMDIR"/vm-*.list "$VMDIR"/vm-*.rc "$VMDIR"/vm-*.hung
     for s in $SCENARIOS; do
         echo "$(scenario_limit "$s") $s"
-    done | sort -k1,1nr -k2,2 | awk -v vms="$VMS" -v dir="$RUN" '
+    done | sort -k1,1nr -k2,2 | awk -v vms="$VMS" -v dir="$VMDIR" '
         { best = 1
           for (i = 2; i <= vms; i++) if (load[i] < load[best]) best = i
           load[best] += $1
           print $2 > (dir "/vm-" best ".list") }'
-    for i in $(seq 1 "$VMS"); do touch "$RUN/vm-$i.list"; done
+    for i in $(seq 1 "$VMS"); do touch "$VMDIR/vm-$i.list"; done
 }
 
 # Stops VM $2 (through its timeout process $1) when it has not reached its
 # script after BOOT_LIMIT s, or its console $3 stood still for $4 s; the
-# reason goes to $RUN/vm-$2.hung.
+# reason goes to $VMDIR/vm-$2.hung.
 watch_guest() {
     waited=0
     still=0
@@ -49,7 +49,7 @@ watch_guest() {
             why="console stood still for $4 s"
         fi
         if [ -n "$why" ]; then
-            echo "$why" > "$RUN/vm-$2.hung"
+            echo "$why" > "$VMDIR/vm-$2.hung"
             kill "$1" 2> /dev/null
             return
         fi
@@ -58,7 +58,7 @@ watch_guest() {
 
 # Boots VM $1 with the scenarios of its list in the background.
 boot_one() {
-    list=$(tr '\n' ' ' < "$RUN/vm-$1.list")
+    list=$(tr '\n' ' ' < "$VMDIR/vm-$1.list")
     stall=30
     sum=0
     for s in $list; do
@@ -76,7 +76,7 @@ boot_one() {
         -no-reboot -kernel "$CACHE/kernel/vmlinuz" -initrd "$INITRAMFS" \
         -append "console=ttyS0 quiet panic=-1 bedrun=$(echo $list | tr ' ' ,)" \
         < /dev/null > "$console" 2>&1 &
-    echo $! > "$RUN/vm-$1.pid"
+    echo $! > "$VMDIR/vm-$1.pid"
     watch_guest "$!" "$1" "$console" "$stall" &
 }
 
@@ -89,8 +89,8 @@ boot_guests() {
         boot_one "$i"
     done
     for i in $(seq 1 "$VMS"); do
-        wait "$(cat "$RUN/vm-$i.pid")"
-        echo $? > "$RUN/vm-$i.rc"
+        wait "$(cat "$VMDIR/vm-$i.pid")"
+        echo $? > "$VMDIR/vm-$i.rc"
     done
     wait  # the watchers end with their VM
     wall=$(echo "$start $(date +%s.%N)" | awk '{ printf "%.1f", $2 - $1 }')

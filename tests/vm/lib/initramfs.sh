@@ -1,5 +1,5 @@
 # Builds the VM's initramfs (sourced by run-vm.sh).
-# Needs: BED, RUN (this run's own folder), KROOT (unpacked kernel package), SIM_BIN, EVREC_BIN,
+# Needs: BED, VMDIR (this run's own folder), KROOT (unpacked kernel package), SIM_BIN, EVREC_BIN,
 # DAEMON_BIN and CTL_BIN (may be empty), SCENARIOS (names). Sets INITRAMFS.
 # TAVRINE_VM_EXTRA (optional): a folder whose tree is copied over the root, for programs
 # that only some scenarios use (scripts/bench.sh puts tslib there).
@@ -20,7 +20,7 @@ copy_module() {
 }
 
 build_initramfs() {
-    root=$RUN/initramfs-root
+    root=$VMDIR/initramfs-root
     rm -rf "$root"
     mkdir -p "$root/bin" "$root/sbin" "$root/etc" "$root/dev" "$root/proc" "$root/sys" "$root/lib/modules" \
         "$root/bed/bin" "$root/bed/scenarios"
@@ -46,7 +46,7 @@ build_initramfs() {
     if [ -n "${TAVRINE_VM_EXTRA:-}" ]; then
         cp -a "$TAVRINE_VM_EXTRA/." "$root/" || return 1
     fi
-    INITRAMFS=$RUN/initramfs.cpio.gz
+    INITRAMFS=$VMDIR/initramfs.cpio.gz
     (cd "$root" && find . | /bin/busybox cpio -o -H newc 2>/dev/null) | gzip -1 > "$INITRAMFS"
     rm -rf "$root"
 }
