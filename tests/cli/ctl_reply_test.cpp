@@ -78,6 +78,17 @@ TEST(CtlReply, PacketLengthNeverPassesTheRead) {
     EXPECT_EQ(CtlPacketLength(serial_reply.data(), 7), 4);
 }
 
+TEST(CtlReply, SerialPacketLengths) {
+    EXPECT_EQ(SerialPacketLength(0x0A, 0x83), 64);  // point packets, touch and lift
+    EXPECT_EQ(SerialPacketLength(0x0A, 0x82), 64);
+    EXPECT_EQ(SerialPacketLength(0x0A, 0x02), 4);   // the switch reply 0A 02 33 00
+    EXPECT_EQ(SerialPacketLength(0x0A, 0x3E), 64);
+    EXPECT_EQ(SerialPacketLength(0x0A, 0x7F), 64);  // capped: never past one packet
+    EXPECT_EQ(SerialPacketLength(0x0A, 0x00), 2);
+    EXPECT_EQ(SerialPacketLength(0x00, 0x0A), 1);   // skipped byte by byte until a header
+    EXPECT_EQ(SerialPacketLength(0x83, 0x0A), 1);
+}
+
 TEST(CtlReply, TextOfIdentificationReplies) {
     EXPECT_EQ(Text({0x03, 0x06, 0x44, 'V', '1', '.', '2', '3'}), "V1.23");
     // The whole 64-byte report of a capacitive controller: the text ends at its length.

@@ -263,6 +263,25 @@ TEST_F(CtlRunTest, PointsAreSwitchedOnPrintedAndSwitchedBack) {
     EXPECT_EQ(Received(6), (std::vector<Bytes>{on, off, on, off, on, off}));
 }
 
+TEST_F(CtlRunTest, PointsSplitAcrossReadsAreJoined) {
+    // A 4-byte reply, a stray byte and five points in one write: 325 bytes, more than
+    // one read of the tool takes, so a point is cut between two reads.
+    StartDaemon([](const Bytes& p) {
+        if (p != Bytes{0x0A, 0x02, 0x34, 0x00}) return std::vector<Bytes>();
+        Bytes all = {0x0A, 0x02, 0x33, 0x00, 0x55};
+        for (int i = 0; i < 5; ++i) {
+            Bytes point = Padded({0x0A, static_cast<uint8_t>(0x83 - (i == 4)),
+                                  static_cast<uint8_t>(2 * i), 0x01, 0x10, 0x02}, 64);
+            all.insert(all.end(), point.begin(), point.end());
+        }
+        return std::vector<Bytes>{all};
+    });
+    EXPECT_EQ(Run({"points", "--count", "5"}), kCtlOk) << err_;
+    EXPECT_EQ(out_,
+              "down x=256 y=528\ndown x=258 y=528\ndown x=260 y=528\ndown x=262 y=528\n"
+              "up x=264 y=528\n");
+}
+
 TEST_F(CtlRunTest, DaemonGoneWhileWaitingIsReported) {
     // The stand-in closes its ends after reading the command: the tool sees the pipe
     // close instead of waiting out its time-out.

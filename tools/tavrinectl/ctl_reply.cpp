@@ -30,6 +30,12 @@ int CtlPacketLength(const uint8_t* bytes, int len) {
     return len;
 }
 
+int SerialPacketLength(uint8_t first, uint8_t second) {
+    if (first != kCtlSerialHeader) return 1;
+    if (second == 0x82 || second == 0x83) return kReportBytes;
+    return Min(second + 2, kReportBytes);
+}
+
 int FindReply(const uint8_t* bytes, int len, uint8_t header, uint8_t command) {
     for (int offset = 0; offset + 3 <= len;) {
         const uint8_t* p = bytes + offset;

@@ -19,6 +19,11 @@ constexpr int kCtlTextMax = 63;           // controller texts are at most 63 cha
 // bytes that start no known packet are taken whole.
 int CtlPacketLength(const uint8_t* bytes, int len);
 
+// Length of the serial packet that starts with these two bytes: 64 for a point packet, the
+// length byte + 2 (at most 64) for a command reply, 1 for a byte that starts no packet
+// (so that a reader skips it and finds the next packet).
+int SerialPacketLength(uint8_t first, uint8_t second);
+
 // Offset of the first packet in bytes whose header and command byte match, or -1.
 int FindReply(const uint8_t* bytes, int len, uint8_t header, uint8_t command);
 

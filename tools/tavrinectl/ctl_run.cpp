@@ -104,13 +104,15 @@ int RunPoints(Session* s) {
     if (status != kCtlOk) return Fail(s, status);
     long printed = 0;
     status = kCtlOk;
-    uint8_t bytes[kCtlReadMax];
+    // A read may end inside a packet: its start waits in front of the next read.
+    uint8_t bytes[kCtlReadMax + kCtlMaxPacket];
+    int held = 0;
     while (s->options.count == 0 || printed < s->options.count) {
         // With --count the time-out bounds the wait for each point; without it the tool
         // runs until it is interrupted.
         long long deadline =
             s->options.count ? NowMs() + s->options.timeout_ms : NowMs() + 1000;
-        int n = ReadUntil(s->pipes.out.get(), bytes, sizeof(bytes), deadline, s->stop);
+        int n = ReadUntil(s->pipes.out.get(), bytes + held, kCtlReadMax, deadline, s->stop);
         if (s->stop != nullptr && *s->stop) break;
         if (n < 0) {
             snprintf(s->why, sizeof(s->why), "%s failed: %s", PipeOutPath(),
@@ -125,8 +127,12 @@ int RunPoints(Session* s) {
             status = Fail(s, kCtlNoAnswer);
             break;
         }
-        for (int offset = 0; offset < n && (s->options.count == 0 || printed < s->options.count);) {
-            int len = CtlPacketLength(bytes + offset, n - offset);
+        int total = held + n;
+        int offset = 0;
+        while (offset < total && (s->options.count == 0 || printed < s->options.count)) {
+            if (total - offset < 2) break;
+            int len = SerialPacketLength(bytes[offset], bytes[offset + 1]);
+            if (len > total - offset) break;
             CtlPoint point;
             if (DecodeToolPoint(bytes + offset, len, &point) == 0) {
                 fprintf(s->out, "%s x=%d y=%d\n", point.down ? "down" : "up", point.x, point.y);
@@ -135,6 +141,9 @@ int RunPoints(Session* s) {
             }
             offset += len;
         }
+        held = total - offset;  // less than one packet (64 bytes) unless --count ended it
+        if (held > kCtlMaxPacket) held = 0;
+        memmove(bytes, bytes + offset, static_cast<size_t>(held));
     }
     int back = Send(s, off, sizeof(off));
     if (back != kCtlOk) return status != kCtlOk ? status : Fail(s, back);
