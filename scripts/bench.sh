@@ -56,25 +56,88 @@ if ((do_host)); then
     table_args+=(--host "$out/host.json" --callgrind "$out/callgrind.txt")
 fi
 
+# tslib's ts_uinput for the guest (Debian libts-bin and libts0, unpacked, not installed):
+# the binary, its input plugin and every library they load, at their usual paths.
+prepare_tslib() {
+    local cache="$build/tslib" extra="$build/tslib/root"
+    if ! ls "$cache"/pkg/usr/bin/ts_uinput >/dev/null 2>&1; then
+        rm -rf "$cache" && mkdir -p "$cache/dl" "$cache/pkg"
+        (cd "$cache/dl" && apt-get download libts-bin libts0 >/dev/null 2>&1) || return 1
+        for deb in "$cache"/dl/*.deb; do dpkg -x "$deb" "$cache/pkg" || return 1; done
+    fi
+    local plugin libdir
+    plugin=$(find "$cache/pkg" -path '*/ts0/input.so' | head -n 1)
+    [[ -n $plugin ]] || return 1
+    libdir=$(dirname "$(dirname "$plugin")")
+    rm -rf "$extra" && mkdir -p "$extra/usr/bin" "$extra${libdir#"$cache/pkg"}/ts0"
+    cp "$cache/pkg/usr/bin/ts_uinput" "$extra/usr/bin/"
+    cp "$plugin" "$extra${libdir#"$cache/pkg"}/ts0/"
+    cp -a "$libdir"/libts.so* "$extra${libdir#"$cache/pkg"}/"
+    local lib
+    for lib in $(LD_LIBRARY_PATH="$libdir" ldd "$cache/pkg/usr/bin/ts_uinput" "$plugin" |
+                 awk '$2 == "=>" && $3 ~ /^\// { print $3 } $1 ~ /^\// { print $1 }' | sort -u); do
+        [[ $lib == "$cache"/* ]] && continue
+        mkdir -p "$extra$(dirname "$lib")"
+        cp -L "$lib" "$extra$lib"
+    done
+    # ts_uinput sizes its device from a framebuffer and stops without one: the kernel's
+    # virtual framebuffer module goes along (loaded by the scenario with vfb_enable=1).
+    local vfb
+    vfb=$(find "${TAVRINE_CACHE:-$HOME/.cache/tavrine}/kernel/root/lib/modules" -name vfb.ko 2>/dev/null | head -n 1)
+    if [[ -n $vfb ]]; then
+        mkdir -p "$extra/lib/modules/extra" && cp "$vfb" "$extra/lib/modules/extra/"
+    fi
+    echo "$extra"
+}
+
 if ((do_vm)); then
+    if extra=$(prepare_tslib); then
+        export TAVRINE_VM_EXTRA=$extra
+    else
+        echo "bench: tslib could not be prepared; the ts_uinput path is left out" >&2
+    fi
+    # perf-*: latency, idle cost and memory. The set-up times come from the command
+    # scenarios that already measure them (cmd-usb-feature: a responsive controller,
+    # cmd-silent-garbage: a silent one).
     scenarios=()
     for d in "$root"/tests/vm/scenarios/perf-*/; do
         [[ -d $d ]] && scenarios+=("$(basename "$d")")
     done
-    if ((${#scenarios[@]})); then
-        echo "bench: VM scenarios ${scenarios[*]} (software emulation)" >&2
-        vmout="$out/vm"
-        rm -rf "$vmout"
-        "$root/tests/vm/run-vm.sh" --jobs 1 --out "$vmout" "${scenarios[@]}" >"$out/vm.txt" 2>&1 || true
-        for s in "${scenarios[@]}"; do
-            if [[ -f "$vmout/$s/bench.rows" ]]; then
-                table_args+=(--rows "$vmout/$s/bench.rows")
-            else
-                echo "bench: $s wrote no results (see $out/vm.txt)" >&2
-            fi
-        done
-    fi
+    scenarios+=(cmd-usb-feature cmd-silent-garbage)
+    echo "bench: VM scenarios ${scenarios[*]} (software emulation, one VM)" >&2
+    vmout="$out/vm"
+    rm -rf "$vmout"
+    "$root/tests/vm/run-vm.sh" --jobs 1 --out "$vmout" "${scenarios[@]}" >"$out/vm.txt" 2>&1 || true
+    for s in "${scenarios[@]}"; do
+        [[ $s == perf-* ]] || continue
+        if [[ -f "$vmout/$s/bench.rows" ]]; then
+            table_args+=(--rows "$vmout/$s/bench.rows")
+        else
+            echo "bench: $s wrote no results (see $out/vm.txt)" >&2
+        fi
+    done
+    {
+        ms=$(sed -n 's/^s2 set-up ms: //p' "$vmout/cmd-usb-feature/setup-times.txt" 2>/dev/null)
+        echo "VM set-up, responsive controller (cmd-usb-feature s2);node found to Setup Done;${ms:--} ms;-;-"
+        ms=$(sed -n 's/^silent set-up ms: //p' "$vmout/cmd-silent-garbage/setup-times.txt" 2>/dev/null)
+        echo "VM set-up, silent controller (cmd-silent-garbage);node found to Setup Done;${ms:--} ms;retry rules 6000 ms;$(awk -v m="${ms:-0}" 'BEGIN { if (m > 0) printf "%.2f", m / 6000; else print "-" }')"
+    } >"$out/setup.rows"
+    table_args+=(--rows "$out/setup.rows")
 fi
+
+# Stripped sizes: the static daemon of the VM bed and the dynamic one built here.
+cmake -S "$root/bench" -B "$build" -DCMAKE_BUILD_TYPE=Release >/dev/null &&
+    cmake --build "$build" -j"$(nproc)" --target TavrineD_dynamic >/dev/null || true
+static_bin="${TAVRINE_VM_BUILD:-$root/tests/vm/.build}/daemon/TavrineD"
+{
+    for pair in "static (RelWithDebInfo, VM bed):$static_bin" "dynamic (Release):$build/TavrineD_dynamic"; do
+        bin=${pair#*:}
+        [[ -x $bin ]] || continue
+        strip -o "$out/TavrineD.stripped" "$bin"
+        echo "daemon binary ${pair%%:*};stripped size;$(stat -c %s "$out/TavrineD.stripped") bytes;-;-"
+    done
+} >"$out/size.rows"
+table_args+=(--rows "$out/size.rows")
 
 echo "bench: $(date -u '+%Y-%m-%d %H:%M UTC'), $(nproc) CPU, $(sed -n 's/^model name[[:space:]]*: //p' /proc/cpuinfo | head -1)"
 python3 "$root/bench/table.py" "${table_args[@]}" "${markdown[@]}"
