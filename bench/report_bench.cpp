@@ -239,6 +239,23 @@ void BM_Floor(benchmark::State& state, bool pipe, int events) {
     state.counters["events"] = events;
 }
 
+// Not what the daemon does: the same events in one write(2) per frame (uinput takes any
+// number of whole records per write), to size the gain of writing a frame at once.
+void BM_FloorOneWrite(benchmark::State& state, bool pipe, int events) {
+    Sink sink(pipe);
+    std::vector<struct input_event> frame(static_cast<size_t>(events));
+    for (struct input_event& ev : frame) {
+        ev.type = EV_ABS;
+        ev.code = ABS_MT_POSITION_X;
+    }
+    const size_t bytes = frame.size() * sizeof(frame[0]);
+    for (auto _ : state) {
+        const ssize_t w = WriteRetry(sink.fd(), frame.data(), bytes);
+        benchmark::DoNotOptimize(w);
+    }
+    state.counters["events"] = events;
+}
+
 }  // namespace
 
 // The measured region of --fixed (callgrind toggles collection on this function).
@@ -304,6 +321,9 @@ int main(int argc, char** argv) {
                                              BM_Path, &c, pipe, events);
                 benchmark::RegisterBenchmark(("floor/" + std::string(c.name) + "/" + sink).c_str(),
                                              BM_Floor, pipe, events);
+                benchmark::RegisterBenchmark(
+                    ("onewrite/" + std::string(c.name) + "/" + sink).c_str(), BM_FloorOneWrite,
+                    pipe, events);
             }
         }
         benchmark::Initialize(&argc, argv);

@@ -5,7 +5,9 @@ set -euo pipefail
 
 # clang and its runtime (libFuzzer, sanitizers): scripts/run-fuzz.sh, scripts/run-sanitizers.sh.
 # pandoc: the man pages (docs/*.md); python3: the udev rule check (tests/platform).
-packages=(cmake g++ make libgtest-dev libgmock-dev clang libclang-rt-14-dev pandoc python3)
+# libbenchmark-dev, valgrind: the benchmark (scripts/bench.sh), not the tests.
+packages=(cmake g++ make libgtest-dev libgmock-dev clang libclang-rt-14-dev pandoc python3
+          libbenchmark-dev valgrind)
 
 missing=()
 for p in "${packages[@]}"; do
