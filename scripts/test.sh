@@ -12,8 +12,6 @@ cmake --build build -j2
 ctest --test-dir build --output-on-failure -L unit -j2
 # The unit suite again, cross-built for 32-bit ARM and run under qemu-arm (build-armhf).
 scripts/run-armhf-tests.sh
-# The unit suite again, cross-built for 32-bit ARM and run under qemu-arm (build-armhf).
-scripts/run-armhf-tests.sh
 # The unit suite again under AddressSanitizer + UBSan and the threaded tests under
 # ThreadSanitizer, then every fuzz target for FUZZ_SECONDS (30) each.
 scripts/run-sanitizers.sh
