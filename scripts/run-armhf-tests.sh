@@ -35,6 +35,29 @@ if [[ "$(od -An -tx1 -j18 -N1 "$build/TavrineD" | tr -d ' ')" != 28 ]]; then
 fi
 built=$(date +%s)
 
-# Each test program runs in its own qemu-arm; timeouts are stretched for the emulation.
-ctest --test-dir "$build" --output-on-failure -L unit -j2 --timeout 300
+# Tests that user-mode emulation cannot run (each is a limit of qemu-arm on this host, not
+# of the target; the native host suite and the VM test bed run them):
+emulator_limits=(
+    # The daemon learns the CPU from a shell command, which runs the host's own programs
+    # (x86_64), while the emulated test's uname() answers armv7l.
+    'EnvironmentTest\.CpuArchitectureIsLoggedAndCaptureRemoved'
+    # Re-executes itself through /proc/self/exe: an emulated program cannot start another
+    # ARM program without a binfmt_misc handler.
+    'CreatedDevice\.ThreadCreationFailureGivesNoDevice'
+    # qemu-user 7.2 copies only the first 4 bytes of the 18-byte struct termio for
+    # TCGETA/TCSETA*: the speed and control flags never reach the pty.
+    'CheckRS232Device\.'
+    'SerialPort\.OpenAtConfiguredSpeedAndRestoreOnClose'
+    'SetPortBaudRate\.'
+    # The serial speed search and recheck go through the same calls.
+    'RecheckBaudRate\.'
+    'ForwardTest\.ResetCommandOnRs232RechecksTheSpeed'
+)
+exclude=$(IFS='|'; echo "${emulator_limits[*]}")
+
+# Each test program runs in its own qemu-arm. Timeouts are stretched for the emulation, and
+# a test that fails is run once more: the time bounds of the threaded tests are set for a
+# native run, and the emulator can miss one on a busy host (the host suite has no retry).
+ctest --test-dir "$build" --output-on-failure -L unit -E "$exclude" -j2 --timeout 300 \
+    --repeat until-pass:2
 echo "run-armhf-tests: build $((built - start)) s, tests $(($(date +%s) - built)) s"

@@ -14,6 +14,7 @@
 #include <stddef.h>
 #include <stdlib.h>
 #include <sys/socket.h>
+#include <sys/types.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -43,6 +44,11 @@ static_assert(sizeof(struct input_event) == kEventSize, "input_event as the kern
 static_assert(offsetof(struct input_event, type) == 2 * kKernelLong, "type after the time");
 static_assert(sizeof(struct uinput_user_dev) == kUinputDevSize, "uinput_user_dev size");
 static_assert(kAbsFlatOffset + 4 * ABS_CNT == kUinputDevSize, "uinput_user_dev offsets");
+#if !defined(__ANDROID__)
+// stat() of the data files and directory listings must not fail with EOVERFLOW on 32-bit
+// targets (large files, 64-bit inode numbers): the build asks for 64-bit offsets.
+static_assert(sizeof(off_t) == 8 && sizeof(ino_t) == 8, "64-bit file offsets and inodes");
+#endif
 
 uint64_t Le(const uint8_t* p, size_t width) {
     uint64_t v = 0;
