@@ -80,8 +80,10 @@ stop_daemon() {
 }
 setups() { grep -c "Setup Done" "$(daemon_log)" 2>/dev/null || echo 0; }
 
-# Baseline: the forks of a window without the daemon.
-b0=$(busy); f0=$(forks); sleep $win; base=$(($(forks) - f0)); base_busy=$(($(busy) - b0))
+# Baseline: a window measured on this shell without the daemon (the forks and the CPU
+# of the measurement itself).
+window $$ base
+base=$(cat /tmp/base.forks) base_busy=$(cat /tmp/base.busy)
 step "baseline forks in $win s: $base, busy jiffies $base_busy"
 
 # --- no controller ---------------------------------------------------------------
