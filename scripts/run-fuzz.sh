@@ -40,7 +40,10 @@ if [[ ${FUZZ_SKIP_BUILD:-0} != 1 ]]; then
 fi
 
 scratch=$(mktemp -d /tmp/tavrine-fuzz-run.XXXXXX)
-trap 'rm -rf "$scratch"' EXIT
+# The targets' data directories: on tmpfs when there is one; removed even after a crash.
+data=$(mktemp -d /dev/shm/tavrine-fuzz-data.XXXXXX 2>/dev/null || mktemp -d "$scratch/data.XXXXXX")
+export TAVRINE_FUZZ_TMPDIR=$data
+trap 'rm -rf "$scratch" "$data"' EXIT
 
 # Runs one target; its log goes to $scratch/<target>.log.
 run_target() {

@@ -54,9 +54,15 @@ inline void QuietProcess() {
     SetPlatformLogSinkForTest(DiscardPlatformLog);
     UniqueFd null_fd(OpenCloexec("/dev/null", O_WRONLY));
     if (null_fd.valid()) dup2(null_fd.get(), STDOUT_FILENO);
-    // tmpfs when there is one: ext4 flushes a file truncated or renamed over, which would
-    // cost milliseconds per input.
-    char pattern[] = "/dev/shm/tavrine_fuzz_XXXXXX";
+    // Under TAVRINE_FUZZ_TMPDIR when set (scripts/run-fuzz.sh removes it, also after a
+    // crash, when the exit handler does not run); else tmpfs when there is one: ext4
+    // flushes a file truncated or renamed over, which would cost milliseconds per input.
+    char pattern[64] = "/dev/shm/tavrine_fuzz_XXXXXX";
+    const char* base = getenv("TAVRINE_FUZZ_TMPDIR");
+    if (base != nullptr && base[0] != '\0') {
+        const int n = snprintf(pattern, sizeof(pattern), "%s/data_XXXXXX", base);
+        if (n < 0 || static_cast<size_t>(n) >= sizeof(pattern)) abort();
+    }
     char fallback[] = "/tmp/tavrine_fuzz_XXXXXX";
     const char* dir = mkdtemp(pattern);
     if (dir == nullptr) dir = mkdtemp(fallback);
