@@ -39,7 +39,8 @@ phase() {  # NAME SECONDS
         step "$name: load controller not set up"
     before=$(rss "$pid")
     # probe touches while the load runs
-    while ! grep -q "note load ends" "/tmp/load-$name.log"; do
+    # (tail, not grep: the load's log grows by thousands of lines a second)
+    while ! tail -n 1 "/tmp/load-$name.log" | grep -q "note load ends"; do
         i=$((i + 1))
         sim_do send 06 01 01 00 $(hx $((probe_x + i))) $(hx $probe_y)
         sleep 0.25
@@ -64,6 +65,10 @@ flood_run() {
     sed -i 's/^DeviceNums 1$/DeviceNums 2/' /data/TavrineA.ini
     touch_start probe.scn && step "probe controller set up" || step "probe controller not set up"
     pid=$(pid_file_pid)
+    # The load simulator stands in for hardware but shares the guest's one
+    # CPU: the daemon's threads (and those it creates later) run at nice -10
+    # so that the simulator's catching up does not count as daemon latency.
+    for task in /proc/$pid/task/*; do renice -n -10 -p "${task##*/}" > /dev/null; done
     touch_record probe.trace --check
     probe_x=100 probe_y=700 removed=0
     phase flood "$secs"
