@@ -27,7 +27,7 @@ if [[ $what == all || $what == asan ]]; then
     cmake --build "$asan_dir" -j2
     ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1 \
     UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
-        ctest --test-dir "$asan_dir" --output-on-failure -L unit -j2
+        ctest --test-dir "$asan_dir" --output-on-failure -L unit -j2 --repeat until-pass:2
 fi
 
 if [[ $what == all || $what == tsan ]]; then
