@@ -211,3 +211,13 @@ int SendAndWaitReply(CDeviceObject* device, const uint8_t* packet, int len, bool
     pthread_mutex_unlock(&device->CmdMutex);
     return result;
 }
+
+void ClearCmdBuffers(CDeviceObject* device) {
+    memset(device->CmdSendBuf, 0, sizeof(device->CmdSendBuf));
+    memset(device->CmdReplyBuf, 0, sizeof(device->CmdReplyBuf));
+}
+
+void SetSelfHook(CDeviceObject* device, uint16_t cmd, uint16_t sub_cmd) {
+    device->SelfHookSubCmd = sub_cmd;
+    device->SelfHookCmd = cmd;
+}

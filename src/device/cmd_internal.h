@@ -28,6 +28,12 @@ int SendAndWaitReply(CDeviceObject* device, const uint8_t* packet, int len, bool
 // On USB applies the old-kernel report-id shift and returns the fixed length instead.
 int PrepareFixedCommand(const CDeviceObject* device, uint8_t* packet, int own_len);
 
+// Clears CmdSendBuf and CmdReplyBuf before a command operation builds its packet.
+void ClearCmdBuffers(CDeviceObject* device);
+// Registers the reply a polling sender awaits (sub-command first, so the receive path never
+// sees the new command with the old sub-command).
+void SetSelfHook(CDeviceObject* device, uint16_t cmd, uint16_t sub_cmd);
+
 // Logs "m_Port_fd=%d is invalid" and leave_line under category when the port descriptor
 // is less than 1; true when the command must not be sent.
 bool PortInvalid(const CDeviceObject* device, uint32_t category, const char* leave_line);

@@ -12,23 +12,13 @@ namespace {
 
 constexpr int kTextCopyMax = kTextMax - 1;  // 63 characters and the terminator
 
-void ClearBuffers(CDeviceObject* device) {
-    memset(device->CmdSendBuf, 0, sizeof(device->CmdSendBuf));
-    memset(device->CmdReplyBuf, 0, sizeof(device->CmdReplyBuf));
-}
-
-void SetSelfHook(CDeviceObject* device, uint16_t cmd, uint16_t sub_cmd) {
-    device->SelfHookSubCmd = sub_cmd;
-    device->SelfHookCmd = cmd;
-}
-
 // One text command (hdr, 0x01, cmd). The reply text from byte 3 on is copied into text
 // (64 bytes) up to the first 0 byte, (length - 1) bytes or 63 bytes, and terminated.
 // 0 when the controller answered the command, else -1 (text untouched); -2 when the port
 // is invalid (nothing sent).
 int TextCommand(CDeviceObject* device, uint8_t cmd, const char* name, char* text) {
     TLOG(LOG_CMD, "Enter %s()", name);
-    ClearBuffers(device);
+    ClearCmdBuffers(device);
     device->CmdSendBuf[0] = static_cast<uint8_t>(device->CmdHeader);
     device->CmdSendBuf[1] = 0x01;
     device->CmdSendBuf[2] = cmd;
@@ -87,7 +77,7 @@ int CheckControllerType(CDeviceObject* device, char* text) {
 
 int GetEEData(CDeviceObject* device, uint8_t address, uint16_t* value) {
     TLOG(LOG_EEPROM, "Enter GetEEData()");
-    ClearBuffers(device);
+    ClearCmdBuffers(device);
     const uint8_t hdr = static_cast<uint8_t>(device->CmdHeader);
     device->CmdSendBuf[0] = hdr;
     device->CmdSendBuf[1] = 0x02;
@@ -110,7 +100,7 @@ int GetEEData(CDeviceObject* device, uint8_t address, uint16_t* value) {
 
 int DevGetIAPType(CDeviceObject* device) {
     TLOG(LOG_INIT, "Entering %s", "DevGetIAPType");
-    ClearBuffers(device);
+    ClearCmdBuffers(device);
     const uint8_t hdr = static_cast<uint8_t>(device->CmdHeader);
     device->CmdSendBuf[0] = hdr;
     device->CmdSendBuf[1] = 0x02;

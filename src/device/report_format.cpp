@@ -20,16 +20,6 @@ constexpr uint8_t kRclkQueryCmd = 0x35;
 constexpr int kSetFormatAttempts = 3;
 constexpr int kSetFormatWaitSeconds = 3;
 
-void ClearBuffers(CDeviceObject* device) {
-    memset(device->CmdSendBuf, 0, sizeof(device->CmdSendBuf));
-    memset(device->CmdReplyBuf, 0, sizeof(device->CmdReplyBuf));
-}
-
-void SetSelfHook(CDeviceObject* device, uint16_t cmd, uint16_t sub_cmd) {
-    device->SelfHookSubCmd = sub_cmd;
-    device->SelfHookCmd = cmd;
-}
-
 // During set-up the device's own thread reads the port itself: the reply is polled with
 // the self hook (at most three writes, about 1.5 s for a silent controller).
 int SetFormatPolling(CDeviceObject* device, const uint8_t* packet, int len, const uint8_t* expect) {
@@ -78,7 +68,7 @@ int SetFormat(CDeviceObject* device, uint8_t format) {
 
 int SetRawFormat(CDeviceObject* device) {
     TLOG(LOG_CMD, "Enter SetRawFormat()");
-    ClearBuffers(device);
+    ClearCmdBuffers(device);
     device->CmdSendBuf[0] = static_cast<uint8_t>(device->CmdHeader);
     device->CmdSendBuf[1] = 0x02;
     device->CmdSendBuf[2] = kFormatCmd;
@@ -97,7 +87,7 @@ int SetRawFormat(CDeviceObject* device) {
 int GetRCLKFormat(CDeviceObject* device, uint8_t* report_id, uint8_t* rclk_control,
                   uint8_t* rclk_count) {
     TLOG(LOG_CMD, "Entering %s", "GetRCLKFormat");
-    ClearBuffers(device);
+    ClearCmdBuffers(device);
     const uint8_t hdr = static_cast<uint8_t>(device->CmdHeader);
     const uint8_t packet[6] = {hdr, 0x04, kRclkQueryCmd, 0x07, 0xFF, 0x00};
     memcpy(device->CmdSendBuf, packet, sizeof(packet));
@@ -122,7 +112,7 @@ int GetRCLKFormat(CDeviceObject* device, uint8_t* report_id, uint8_t* rclk_contr
 int SetRCLKFormat(CDeviceObject* device, uint8_t report_id, uint8_t rclk_control,
                   uint8_t rclk_count) {
     TLOG(LOG_CMD, "Enter SetRCLKFormat()");
-    ClearBuffers(device);
+    ClearCmdBuffers(device);
     const uint8_t hdr = static_cast<uint8_t>(device->CmdHeader);
     const uint8_t packet[6] = {
         hdr,       0x04, kFormatCmd, 0x07, static_cast<uint8_t>(report_id | (rclk_control << 7)),
