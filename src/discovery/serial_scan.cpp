@@ -20,6 +20,22 @@ bool CountReached(const CManager* manager) {
     return manager->DeviceCount >= manager->pSettings->MaxDeviceNums;
 }
 
+enum ProbeResult { kProbeOwned, kProbeNoAnswer, kProbeFound };
+
+// One existing serial port: skipped when a device object owns it already, else probed, and
+// a controller that answers is added to the device list.
+ProbeResult ProbeSerialPort(CManager* manager, const char* path) {
+    TLOG(LOG_SCAN, "----  Scan RS232 Path [%s]  ----", path);
+    if (IsPortObjExisted(manager, path) == 0) {
+        TLOG(LOG_SCAN, "RS232 Portpath [%s] is already created", path);
+        return kProbeOwned;
+    }
+    if (CheckRS232Device(manager, path) != 0) return kProbeNoAnswer;
+    TLOG(LOG_MAIN, "Found a RS232 device at port [%s]", path);
+    AddandInitDevice(manager, path, &manager->DeviceListHead);
+    return kProbeFound;
+}
+
 // Standard ports /dev/ttyS0..9: at most one controller is added per pass.
 void ScanStandardSerialPorts(CManager* manager) {
     for (int n = 0; n < kStandardPorts; ++n) {
@@ -27,16 +43,7 @@ void ScanStandardSerialPorts(CManager* manager) {
         char path[32];
         snprintf(path, sizeof(path), "/dev/ttyS%d", n);
         if (access(path, F_OK) != 0) continue;
-        TLOG(LOG_SCAN, "----  Scan RS232 Path [%s]  ----", path);
-        if (IsPortObjExisted(manager, path) == 0) {
-            TLOG(LOG_SCAN, "RS232 Portpath [%s] is already created", path);
-            continue;
-        }
-        if (CheckRS232Device(manager, path) == 0) {
-            TLOG(LOG_MAIN, "Found a RS232 device at port [%s]", path);
-            AddandInitDevice(manager, path, &manager->DeviceListHead);
-            return;
-        }
+        if (ProbeSerialPort(manager, path) == kProbeFound) return;
     }
 }
 
@@ -52,15 +59,7 @@ void ScanCustomSerialPorts(CManager* manager) {
             TLOG_ERR(LOG_INIT, "RS232 custom path [%s] doesn't exist", path);
             continue;
         }
-        TLOG(LOG_SCAN, "----  Scan RS232 Path [%s]  ----", path);
-        if (IsPortObjExisted(manager, path) == 0) {
-            TLOG(LOG_SCAN, "RS232 Portpath [%s] is already created", path);
-            continue;
-        }
-        if (CheckRS232Device(manager, path) == 0) {
-            TLOG(LOG_MAIN, "Found a RS232 device at port [%s]", path);
-            AddandInitDevice(manager, path, &manager->DeviceListHead);
-        } else {
+        if (ProbeSerialPort(manager, path) == kProbeNoAnswer) {
             TLOG(LOG_INIT, "failed to check device [%s].", path);
         }
     }
