@@ -15,12 +15,7 @@ out=$(cd "$out" && pwd)
 
 scripts/install-deps.sh
 # gnuplot for the picture (the build needs nothing of it); installed once.
-if ! dpkg-query -W -f='${Status}' gnuplot-nox 2>/dev/null | grep -q "install ok installed"; then
-    echo "demo: installing gnuplot-nox"
-    export DEBIAN_FRONTEND=noninteractive
-    apt-get update -qq
-    apt-get install -y -qq --no-install-recommends gnuplot-nox
-fi
+scripts/install-deps.sh gnuplot-nox
 
 # Boots the VM: run-vm.sh installs qemu and the kernel on first use and builds the static
 # daemon, tavrinectl, the simulator and the recorder.

@@ -7,18 +7,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-packages=(cmake make g++-arm-linux-gnueabihf libc6-dev-armhf-cross qemu-user libgtest-dev
-          libgmock-dev)
-missing=()
-for p in "${packages[@]}"; do
-    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
-done
-if ((${#missing[@]})); then
-    echo "run-armhf-tests: installing ${missing[*]}"
-    export DEBIAN_FRONTEND=noninteractive
-    apt-get update -qq
-    apt-get install -y -qq --no-install-recommends "${missing[@]}"
-fi
+scripts/install-deps.sh cmake make g++-arm-linux-gnueabihf libc6-dev-armhf-cross qemu-user \
+    libgtest-dev libgmock-dev
 
 build="${ARMHF_BUILD_DIR:-build-armhf}"
 start=$(date +%s)
