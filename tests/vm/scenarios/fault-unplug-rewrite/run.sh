@@ -57,12 +57,6 @@ done_before=$(grep -c "Setup Done" "$(daemon_log)")
 sim_do plug
 wait_until '[ "$(grep -c "Setup Done" "$(daemon_log)")" -gt "$done_before" ] && has_input MorvelTouch_VirtualDevice' 300 &&
     step "plugged again: set up"
-touch_record touch.trace --idle-ms 1000
-sim_do send 06 01 01 00 e8 03 d0 07
-sleep 0.2
-sim_do send 06 01 00 00 e8 03 d0 07
-wait "$EVREC_PID"
-step "protocol check status $?"
-touch_events "$OUT/touch.trace" "$OUT/touch.events"
+touch_tap_check touch
 step "daemon alive after: $(is_daemon "$pid" && echo yes)"
 cp "$(daemon_log)" "$OUT/daemon.log"

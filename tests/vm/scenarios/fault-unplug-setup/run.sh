@@ -33,11 +33,5 @@ wait_until '! has_input MorvelTouch_VirtualDevice && ! has_input MorvelTouch_Vir
 # Round 3: plugged again; served in full; one touch arrives.
 sim_do plug
 wait_until '[ "$(setups)" -ge 2 ] && has_input MorvelTouch_VirtualDevice' 300 && step "plugged again: set up"
-touch_record touch.trace --idle-ms 1000
-sim_do send 06 01 01 00 e8 03 d0 07
-sleep 0.2
-sim_do send 06 01 00 00 e8 03 d0 07
-wait "$EVREC_PID"
-step "protocol check status $?"
-touch_events "$OUT/touch.trace" "$OUT/touch.events"
+touch_tap_check touch
 step "TavrineD processes: $(daemon_count), same pid: $([ "$(pid_file_pid)" = "$pid" ] && echo yes)"

@@ -50,6 +50,19 @@ touch_go() {
     printf '\003\001\176' > /dev/hidraw0
 }
 
+# touch_tap_check NAME: one finger goes down at (1000, 2000) and lifts while
+# the touch device is recorded into $OUT/NAME.trace with the protocol check
+# on; steps the check's status and writes the events to $OUT/NAME.events.
+touch_tap_check() {
+    touch_record "$1.trace" --idle-ms 1000
+    sim_do send 06 01 01 00 e8 03 d0 07
+    sleep 0.2
+    sim_do send 06 01 00 00 e8 03 d0 07
+    wait "$EVREC_PID"
+    step "protocol check status $?"
+    touch_events "$OUT/$1.trace" "$OUT/$1.events"
+}
+
 # touch_events IN OUT: the events of trace IN as "<code name> <value>"
 # lines, a frame ending with a "SYN_REPORT" line (no times, no header).
 touch_events() {
