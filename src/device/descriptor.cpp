@@ -4,6 +4,7 @@
 
 #include <linux/hidraw.h>
 #include <math.h>
+#include <stdio.h>
 #include <string.h>
 #include <sys/ioctl.h>
 
@@ -38,6 +39,26 @@ int FindResolution(const uint8_t* d, int start, int size) {
         }
     }
     return -1;
+}
+
+// Logs the descriptor bytes with the device's ids, so that a log of a session holds
+// what a replay of it must declare (tavrine-sim --from-log): one line per 192 bytes,
+// "Descriptor of [<port>] <vendor>:<product> bytes <first>-<last> of <size>: <hex>", each
+// under the log's 512-byte message bound.
+void LogDescriptorBytes(const CDeviceObject* device, int fd, const uint8_t* bytes, int size) {
+    constexpr int kBytesPerLine = 192;
+    struct hidraw_devinfo info = {};
+    if (ioctl(fd, HIDIOCGRAWINFO, &info) < 0) memset(&info, 0, sizeof(info));
+    for (int first = 0; first < size; first += kBytesPerLine) {
+        const int count = size - first < kBytesPerLine ? size - first : kBytesPerLine;
+        char hex[2 * kBytesPerLine + 1];
+        for (int i = 0; i < count; ++i)
+            snprintf(hex + 2 * i, sizeof(hex) - 2 * static_cast<size_t>(i), "%02X",
+                     bytes[first + i]);
+        DebugLog(LOG_INIT, "Descriptor of [%s] %04X:%04X bytes %d-%d of %d: %s", device->PortPath,
+                 static_cast<uint16_t>(info.vendor), static_cast<uint16_t>(info.product), first,
+                 first + count - 1, size, hex);
+    }
 }
 
 }  // namespace
@@ -132,6 +153,7 @@ void DevGetDescriptorInfo(CDeviceObject* device) {
         return;
     }
     TLOG(LOG_INIT, "Get Descriptor with size = %d", size);
+    if (DebugEnableBits & LOG_INIT) LogDescriptorBytes(device, fd, report.value, size);
     ApplyReportDescriptor(device, report.value, size);
     TLOG(LOG_MAIN, "--------------  Done with %s  --------------", "DevGetDescriptorInfo");
 }
