@@ -27,7 +27,13 @@ set(expected
     share/tavrine/android/tavrined.rc
     share/tavrine/android/MorvelTouch_VirtualDevice.idc
     share/tavrine/android/MorvelTouch_VirtualPen.idc
-    share/tavrine/android/SELINUX.md)
+    share/tavrine/android/SELINUX.md
+    bin/tavrine-sim
+    bin/tavrine-evrec
+    share/man/man1/tavrine-sim.1
+    share/man/man1/tavrine-evrec.1
+    share/tavrine-sim/descriptors/default.hex
+    share/tavrine-sim/descriptors/multitouch-2.hex)
 if(WITH_TOOL)
     list(APPEND expected bin/tavrinectl)
 endif()
@@ -50,12 +56,14 @@ foreach(path IN LISTS installed)
     endif()
 endforeach()
 
-if(EXISTS ${STAGE}/sbin/TavrineD AND NOT IS_DIRECTORY ${STAGE}/sbin/TavrineD)
-    file(READ ${STAGE}/sbin/TavrineD magic LIMIT 4 HEX)
-    if(NOT magic STREQUAL "7f454c46")
-        string(APPEND failures "  sbin/TavrineD is not an ELF program\n")
+foreach(program sbin/TavrineD bin/tavrine-sim bin/tavrine-evrec)
+    if(EXISTS ${STAGE}/${program} AND NOT IS_DIRECTORY ${STAGE}/${program})
+        file(READ ${STAGE}/${program} magic LIMIT 4 HEX)
+        if(NOT magic STREQUAL "7f454c46")
+            string(APPEND failures "  ${program} is not an ELF program\n")
+        endif()
     endif()
-endif()
+endforeach()
 
 set(service ${STAGE}/lib/systemd/system/tavrined.service)
 if(EXISTS ${service})
@@ -68,7 +76,7 @@ if(EXISTS ${service})
     endif()
 endif()
 
-foreach(page man8/TavrineD.8 man1/tavrinectl.1)
+foreach(page man8/TavrineD.8 man1/tavrinectl.1 man1/tavrine-sim.1)
     set(file ${STAGE}/share/man/${page})
     if(EXISTS ${file})
         get_filename_component(name ${page} NAME_WE)
@@ -79,6 +87,14 @@ foreach(page man8/TavrineD.8 man1/tavrinectl.1)
         endif()
     endif()
 endforeach()
+
+set(evrec_page ${STAGE}/share/man/man1/tavrine-evrec.1)
+if(EXISTS ${evrec_page})
+    file(READ ${evrec_page} text)
+    if(NOT text STREQUAL ".so man1/tavrine-sim.1\n")
+        string(APPEND failures "  man1/tavrine-evrec.1 does not point to man1/tavrine-sim.1\n")
+    endif()
+endif()
 
 if(failures)
     message(FATAL_ERROR "check-install: ${STAGE}\n${failures}")

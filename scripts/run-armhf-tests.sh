@@ -16,10 +16,11 @@ start=$(date +%s)
 # information, which would cost a third of the build time, and with assertions kept.
 cmake -S . -B "$build" -DCMAKE_TOOLCHAIN_FILE=cmake/armhf-linux-gnueabihf.cmake \
     -DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_FLAGS_RELEASE=-O2 >/dev/null
-# The daemon and the maintenance tool (proves they link for the target) and every unit
-# test program; the second daemon build the process tests use is not needed here.
+# The daemon, the maintenance tool and the simulator with its recorder (proves they link
+# for the target) and every unit test program; the second daemon build the process tests
+# use is not needed here.
 mapfile -t targets < <(cmake --build "$build" --target help |
-                       sed -n 's/^\.\.\. \([a-z]*_tests\|tavrinectl\)$/\1/p')
+                       sed -n 's/^\.\.\. \([a-z]*_tests\|tavrinectl\|tavrine-sim\|tavrine-evrec\)$/\1/p')
 cmake --build "$build" -j2 --target TavrineD "${targets[@]}"
 # ELF e_machine 0x28: ARM.
 if [[ "$(od -An -tx1 -j18 -N1 "$build/TavrineD" | tr -d ' ')" != 28 ]]; then

@@ -1,6 +1,7 @@
 #!/bin/sh
 # Boots a stock Debian kernel under qemu with the project's static programs
-# and runs end-to-end scenarios inside it. See tests/vm/README.md.
+# (installed into a staging prefix by cmake --install) and runs end-to-end
+# scenarios inside it. See tests/vm/README.md.
 #
 #   tests/vm/run-vm.sh [--out DIR] [--timeout SECS] [--daemon PATH] [--jobs N] [--list]
 #                      [SCENARIO...]
@@ -74,12 +75,10 @@ VMDIR=$OUT/.vm
 rm -rf "$VMDIR"
 mkdir -p "$VMDIR"
 
-build_tools || die "the simulator or the recorder did not build"
-if [ -z "$DAEMON_BIN" ]; then
-    build_daemon || echo "run-vm: $DAEMON_WHY" >&2
-elif [ ! -x "$DAEMON_BIN" ]; then
-    die "--daemon $DAEMON_BIN is not an executable"
-fi
+[ -z "$DAEMON_BIN" ] || [ -x "$DAEMON_BIN" ] || die "--daemon $DAEMON_BIN is not an executable"
+STAGE=$VMDIR/stage
+build_programs || die "the simulator or the recorder did not build"
+[ -n "$DAEMON_WHY" ] && echo "run-vm: $DAEMON_WHY" >&2
 
 # Scenarios that need the daemon fail at once when there is none.
 TO_RUN=""

@@ -1,6 +1,7 @@
 # Builds the VM's initramfs (sourced by run-vm.sh).
-# Needs: BED, VMDIR (this run's own folder), KROOT (unpacked kernel package), SIM_BIN, EVREC_BIN,
-# DAEMON_BIN and CTL_BIN (may be empty), SCENARIOS (names). Sets INITRAMFS.
+# Needs: BED, VMDIR (this run's own folder), KROOT (unpacked kernel package), STAGE (the
+# staging prefix), SIM_BIN, EVREC_BIN, DAEMON_BIN and CTL_BIN (may be empty), SCENARIOS
+# (names). Sets INITRAMFS.
 # TAVRINE_VM_EXTRA (optional): a folder whose tree is copied over the root, for programs
 # that only some scenarios use (scripts/bench.sh puts tslib there).
 
@@ -39,8 +40,10 @@ build_initramfs() {
     cp "$SIM_BIN" "$EVREC_BIN" "$root/bed/bin/"
     [ -n "$DAEMON_BIN" ] && cp "$DAEMON_BIN" "$root/bed/bin/TavrineD"
     [ -n "${CTL_BIN:-}" ] && cp "$CTL_BIN" "$root/bed/bin/tavrinectl"
+    # The installed sample descriptors, where scenario scripts name them
+    # (descriptor-file ../../sim/descriptors/default.hex from /bed/scenarios/<name>/).
     mkdir -p "$root/bed/sim"
-    cp -r "$BED/sim/descriptors" "$root/bed/sim/descriptors"   # same place relative to scenarios as in git
+    cp -r "$STAGE/share/tavrine-sim/descriptors" "$root/bed/sim/descriptors"
     cp -r "$BED/scenarios/." "$root/bed/scenarios/"   # all: scenarios may share files
     echo "$SCENARIOS" | tr ' ' '\n' | sed '/^$/d' > "$root/bed/run-list"
     if [ -n "${TAVRINE_VM_EXTRA:-}" ]; then

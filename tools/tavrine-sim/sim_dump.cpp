@@ -1,5 +1,6 @@
 #include "sim_dump.h"
 
+#include <algorithm>
 #include <cstdio>
 
 namespace tvm {
@@ -8,12 +9,13 @@ namespace {
 
 std::string Hex16(unsigned value) {
     char text[8];
-    std::snprintf(text, sizeof text, "%04x", value);
+    std::snprintf(text, sizeof text, "0x%04x", value);
     return text;
 }
 
 std::string DumpReply(const Reply& reply) {
-    std::string text = "reply after " + std::to_string(reply.after_ms) + " ";
+    std::string text = "reply ";
+    if (reply.after_ms) text += "after " + std::to_string(reply.after_ms) + " ";
     if (reply.echo) return text + "echo";
     return text + (reply.garbage_len ? "garbage " + std::to_string(reply.garbage_len)
                                      : FormatHex(reply.bytes));
@@ -43,7 +45,9 @@ std::string DumpAction(const Action& a) {
 }
 
 std::string DumpStep(const Step& s) {
-    std::string timeout = " timeout " + std::to_string(s.timeout_ms);
+    std::string timeout;
+    if (s.timeout_ms) timeout = " timeout " + std::to_string(s.timeout_ms);
+    if (s.timeout_ms && s.go_on) timeout += " continue";
     switch (s.kind) {
         case StepKind::kAt:
             return "at " + std::to_string(s.ms) + " " + DumpAction(s.action);
@@ -65,11 +69,16 @@ std::string DumpScript(const Script& script) {
     static const char* const kPorts[] = {"usb", "rs232", "ps2"};
     std::string out = "port " + std::string(kPorts[static_cast<int>(script.port)]);
     if (!script.link.empty()) out += " " + script.link;
-    out += "\nid " + Hex16(script.vendor) + ":" + Hex16(script.product) + " version " +
-           Hex16(script.version) + "\n";
+    out += "\nvendor " + Hex16(script.vendor) + "\nproduct " + Hex16(script.product) +
+           "\nversion " + Hex16(script.version) + "\n";
     out += "name " + script.name + "\nphys " + script.phys + "\n";
-    out += "descriptor " + std::to_string(script.descriptor.size()) + " bytes, pad " +
-           (script.pad_reports ? "on" : "off") + "\n";
+    constexpr size_t kBytesPerLine = 16;
+    for (size_t i = 0; i < script.descriptor.size(); i += kBytesPerLine)
+        out += "descriptor " +
+               FormatHex(&script.descriptor[i],
+                         std::min(kBytesPerLine, script.descriptor.size() - i)) +
+               "\n";
+    out += std::string("pad ") + (script.pad_reports ? "on" : "off") + "\n";
     if (script.max_burst) out += "burst " + std::to_string(script.max_burst) + "\n";
     if (script.stamp_before) out += "stamp before\n";
     for (const GetReportRule& g : script.get_reports)
@@ -77,11 +86,16 @@ std::string DumpScript(const Script& script) {
                (g.error ? " error " + std::to_string(g.error) : " reply " + FormatHex(g.data)) +
                "\n";
     for (const Rule& r : script.rules) {
-        out += "on " + FormatPattern(r.prefix) + " times " + std::to_string(r.times_left);
+        out += "on " + FormatPattern(r.prefix);
+        if (r.times_left >= 0) out += " times " + std::to_string(r.times_left);
         if (r.speed) out += " speed " + std::to_string(r.speed);
-        for (const Reply& reply : r.replies) out += " ; " + DumpReply(reply);
-        if (r.replies.empty() && !r.unplug) out += " ; silent";
-        if (r.unplug) out += " ; unplug";
+        std::string sep = " ";
+        for (const Reply& reply : r.replies) {
+            out += sep + DumpReply(reply);
+            sep = " ; ";
+        }
+        if (r.replies.empty() && !r.unplug) out += " silent";
+        if (r.unplug) out += sep + "unplug";
         out += "\n";
     }
     for (const Step& s : script.steps) out += DumpStep(s) + "\n";

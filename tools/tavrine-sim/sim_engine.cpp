@@ -139,6 +139,10 @@ SimEngine::Progress SimEngine::TryStep(const Step& step, uint64_t now) {
         return Progress::kDone;
     }
     if (step.timeout_ms && now >= prev_end_us_ + step.timeout_ms * 1000) {
+        if (step.go_on) {
+            log_->Write("wait", "line " + std::to_string(step.line) + " timed out, going on");
+            return Progress::kDone;
+        }
         log_->Write("end", "wait of line " + std::to_string(step.line) + " timed out");
         exit_status_ = 3;
         return Progress::kExit;

@@ -1,5 +1,7 @@
 #include "sim_script.h"
 
+#include <cerrno>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 
@@ -68,16 +70,24 @@ class LineParser {
         return false;
     }
 
-    bool Number(uint64_t max, uint64_t* out, const char* what) {
-        std::string word = Next();
-        if (!ParseNumber(word, max, out))
-            return Fail(std::string("bad ") + what + " '" + word + "'");
+    // "expected <what>, found '<word>'" for the word at the cursor (or the end of the line).
+    bool Expected(const std::string& what) {
+        return Fail("expected " + what +
+                    (AtEnd() ? " at the end of the line" : ", found '" + Peek() + "'"));
+    }
+
+    // A decimal (or 0x hex) number from 0 to max.
+    bool Number(uint64_t max, uint64_t* out, const std::string& what) {
+        if (AtEnd() || !ParseNumber(Peek(), max, out))
+            return Expected(what + " (0 to " + std::to_string(max) + ")");
+        ++pos_;
         return true;
     }
 
     // "250", "250ms" or "2s", as milliseconds.
     bool Duration(uint64_t* ms) {
-        std::string word = Next();
+        if (AtEnd()) return Expected("a time (250, 250ms or 2s)");
+        std::string word = Peek();
         uint64_t scale = 1;
         if (word.size() > 2 && word.compare(word.size() - 2, 2, "ms") == 0) {
             word.resize(word.size() - 2);
@@ -86,7 +96,9 @@ class LineParser {
             scale = 1000;
         }
         uint64_t value = 0;
-        if (!ParseNumber(word, kMaxMs / scale, &value)) return Fail("bad time '" + word + "'");
+        if (!ParseNumber(word, kMaxMs / scale, &value))
+            return Expected("a time (250, 250ms or 2s, at most 24 hours)");
+        ++pos_;
         *ms = value * scale;
         return true;
     }
@@ -96,12 +108,13 @@ class LineParser {
         uint8_t byte = 0;
         size_t start = out->size();
         while (!AtEnd() && ParseHexByte(Peek(), &byte)) {
-            if (out->size() >= max) return Fail("more than " + std::to_string(max) + " bytes");
+            if (out->size() >= max)
+                return Fail("expected at most " + std::to_string(max) + " bytes");
             out->push_back(byte);
             ++pos_;
         }
-        if (out->size() == start)
-            return Fail(AtEnd() ? "hex bytes expected" : "bad hex byte '" + Peek() + "'");
+        if (out->size() == start) return Expected("hex bytes");
+        after_hex_ = AtEnd() || Peek() != ";";
         return true;
     }
 
@@ -116,19 +129,21 @@ class LineParser {
             out->mask.push_back(any ? 0 : 0xff);
             ++pos_;
         }
-        if (out->bytes.empty())
-            return Fail(AtEnd() ? "hex pattern expected" : "bad hex byte '" + Peek() + "'");
+        if (out->bytes.empty()) return Expected("a pattern of hex bytes or xx");
         return true;
     }
 
     bool End() {
-        if (!AtEnd()) return Fail("unexpected '" + Peek() + "'");
+        if (!AtEnd())
+            return Expected(after_hex_ ? "hex bytes or the end of the line"
+                                       : "the end of the line");
         return true;
     }
 
   private:
     std::vector<std::string> words_;
     size_t pos_ = 0;
+    bool after_hex_ = false;  // the last words read were hex bytes
     std::string* error_;
 };
 
@@ -140,8 +155,8 @@ bool ParseReply(LineParser& p, Reply* reply) {
     }
     if (p.Accept("garbage")) {
         uint64_t n = 0;
-        if (!p.Number(kMaxPacket, &n, "garbage length") || n == 0)
-            return p.Fail("bad garbage length");
+        if (!p.Number(kMaxPacket, &n, "a garbage length")) return false;
+        if (n == 0) return p.Fail("expected a garbage length of 1 or more, found 0");
         reply->garbage_len = n;
         return true;
     }
@@ -154,12 +169,13 @@ bool ParseRule(LineParser& p, int line, Script* script) {
     if (!p.PatternRun(&rule.prefix)) return false;
     if (p.Accept("times")) {
         uint64_t n = 0;
-        if (!p.Number(1u << 30, &n, "count")) return false;
+        if (!p.Number(1u << 30, &n, "a count")) return false;
         rule.times_left = static_cast<int64_t>(n);
     }
     if (p.Accept("speed")) {
         uint64_t speed = 0;
-        if (!p.Number(4000000, &speed, "speed") || speed == 0) return p.Fail("bad speed");
+        if (!p.Number(4000000, &speed, "a line speed in bit/s")) return false;
+        if (speed == 0) return p.Fail("expected a line speed in bit/s, found 0");
         rule.speed = static_cast<uint32_t>(speed);
     }
     do {
@@ -170,7 +186,7 @@ bool ParseRule(LineParser& p, int line, Script* script) {
         } else if (p.Accept("unplug")) {
             rule.unplug = true;
         } else if (!p.Accept("silent")) {
-            return p.Fail("reply, silent or unplug expected");
+            return p.Expected("reply, silent or unplug");
         }
     } while (p.Accept(";"));
     if (!p.End()) return false;
@@ -182,14 +198,17 @@ bool ParseGetReport(LineParser& p, int line, Script* script) {
     GetReportRule rule;
     rule.line = line;
     uint64_t id = 0;
-    if (!p.Number(255, &id, "report id")) return false;
+    if (!p.Number(255, &id, "a report id")) return false;
     rule.report_id = static_cast<uint8_t>(id);
     if (p.Accept("error")) {
         uint64_t err = 0;
-        if (!p.Number(0xffff, &err, "errno") || err == 0) return p.Fail("bad errno");
+        if (!p.Number(0xffff, &err, "an error number")) return false;
+        if (err == 0) return p.Fail("expected an error number of 1 or more, found 0");
         rule.error = static_cast<uint16_t>(err);
-    } else if (!p.Accept("reply") || !p.HexRun(kMaxPacket, &rule.data)) {
-        return p.Fail("reply <hex> or error <errno> expected");
+    } else if (!p.Accept("reply")) {
+        return p.Expected("reply <hex bytes> or error <number>");
+    } else if (!p.HexRun(kMaxPacket, &rule.data)) {
+        return false;
     }
     if (!p.End()) return false;
     script->get_reports.push_back(rule);
@@ -201,8 +220,8 @@ bool ParseAction(LineParser& p, const std::string& rest_of_line, Action* action)
     if (verb == "send") {
         if (p.Accept("garbage")) {
             uint64_t n = 0;
-            if (!p.Number(kMaxPacket, &n, "garbage length") || n == 0)
-                return p.Fail("bad garbage length");
+            if (!p.Number(kMaxPacket, &n, "a garbage length")) return false;
+            if (n == 0) return p.Fail("expected a garbage length of 1 or more, found 0");
             action->kind = ActionKind::kSendGarbage;
             action->garbage_len = n;
         } else {
@@ -210,16 +229,16 @@ bool ParseAction(LineParser& p, const std::string& rest_of_line, Action* action)
             if (!p.HexRun(kMaxPacket, &action->bytes)) return false;
         }
     } else if (verb == "rate") {
-        std::string word = p.Next();
-        if (word.size() < 3 || word.compare(word.size() - 2, 2, "/s") != 0)
-            return p.Fail("rate <n>/s expected");
-        if (!ParseNumber(word.substr(0, word.size() - 2), 100000, &action->rate_per_s) ||
+        std::string word = p.AtEnd() ? std::string() : p.Peek();
+        if (word.size() < 3 || word.compare(word.size() - 2, 2, "/s") != 0 ||
+            !ParseNumber(word.substr(0, word.size() - 2), 100000, &action->rate_per_s) ||
             action->rate_per_s == 0)
-            return p.Fail("bad rate '" + word + "'");
-        if (!p.Accept("for") || !p.Duration(&action->duration_ms))
-            return p.Fail("rate <n>/s for <time> expected");
-        if (!p.Accept("send") || !p.HexRun(kMaxPacket, &action->bytes))
-            return p.Fail("send <hex> expected");
+            return p.Expected("a rate of 1/s to 100000/s");
+        p.Next();
+        if (!p.Accept("for")) return p.Expected("for <time>");
+        if (!p.Duration(&action->duration_ms)) return false;
+        if (!p.Accept("send")) return p.Expected("send <hex bytes>");
+        if (!p.HexRun(kMaxPacket, &action->bytes)) return false;
         action->kind = ActionKind::kRate;
     } else if (verb == "plug") {
         action->kind = ActionKind::kPlug;
@@ -228,7 +247,7 @@ bool ParseAction(LineParser& p, const std::string& rest_of_line, Action* action)
     } else if (verb == "exit") {
         action->kind = ActionKind::kExit;
         uint64_t status = 0;
-        if (!p.AtEnd() && !p.Number(255, &status, "exit status")) return false;
+        if (!p.AtEnd() && !p.Number(255, &status, "an exit status")) return false;
         action->status = static_cast<int>(status);
     } else if (verb == "clock") {
         action->kind = ActionKind::kClock;
@@ -237,7 +256,9 @@ bool ParseAction(LineParser& p, const std::string& rest_of_line, Action* action)
         action->text = rest_of_line;
         return true;
     } else {
-        return p.Fail("unknown action '" + verb + "'");
+        return p.Fail(
+            "expected an action (send, rate, plug, unplug, exit, note or clock), found '" + verb +
+            "'");
     }
     return p.End();
 }
@@ -277,12 +298,15 @@ bool ParseWait(LineParser& p, int line_no, Script* script) {
     } else if (what == "speed") {
         step.kind = StepKind::kWaitSpeed;
         uint64_t speed = 0;
-        if (!p.Number(4000000, &speed, "speed")) return false;
+        if (!p.Number(4000000, &speed, "a line speed in bit/s")) return false;
         step.speed = static_cast<uint32_t>(speed);
     } else {
-        return p.Fail("wait rx, open or speed expected");
+        return p.Fail("expected rx, open or speed after wait, found '" + what + "'");
     }
-    if (p.Accept("timeout") && !p.Duration(&step.timeout_ms)) return false;
+    if (p.Accept("timeout")) {
+        if (!p.Duration(&step.timeout_ms)) return false;
+        step.go_on = p.Accept("continue");
+    }
     if (!p.End()) return false;
     script->steps.push_back(step);
     return true;
@@ -301,7 +325,7 @@ bool AppendDescriptorFile(const std::string& path, const std::string& base_dir, 
         (!path.empty() && path[0] == '/') || base_dir.empty() ? path : base_dir + "/" + path;
     std::string text;
     if (!ReadFile(full, &text)) {
-        *error = "cannot read descriptor file " + full;
+        *error = "cannot read descriptor file " + full + ": " + std::strerror(errno);
         return false;
     }
     std::istringstream lines(text);
@@ -313,7 +337,7 @@ bool AppendDescriptorFile(const std::string& path, const std::string& base_dir, 
         LineParser p(SplitWords(line), error);
         if (p.AtEnd()) continue;
         if (!p.HexRun(kMaxDescriptor, &script->descriptor) || !p.End()) {
-            *error = full + " line " + std::to_string(line_no) + ": " + *error;
+            *error = full + ":" + std::to_string(line_no) + ": " + *error;
             return false;
         }
     }
@@ -332,24 +356,25 @@ bool ParseLine(const std::string& raw, int line_no, const std::string& base_dir,
             script->port = PortKind::kUsb;
             return p.End();
         }
-        if (kind != "rs232" && kind != "ps2") return p.Fail("port usb, rs232 or ps2 expected");
+        if (kind != "rs232" && kind != "ps2")
+            return p.Fail("expected usb, rs232 or ps2 after port, found '" + kind + "'");
         script->port = kind == "rs232" ? PortKind::kRs232 : PortKind::kPs2;
+        if (p.AtEnd() || p.Peek()[0] != '/') return p.Expected("an absolute link path");
         script->link = p.Next();
-        if (script->link.empty() || script->link[0] != '/')
-            return p.Fail("absolute link path expected");
         return p.End();
     }
-    if (verb == "vendor") return ParseId(p, &script->vendor, "vendor id");
-    if (verb == "product") return ParseId(p, &script->product, "product id");
+    if (verb == "vendor") return ParseId(p, &script->vendor, "a vendor id");
+    if (verb == "product") return ParseId(p, &script->product, "a product id");
     if (verb == "version") {
         uint64_t value = 0;
-        if (!p.Number(0xffffffffu, &value, "version")) return false;
+        if (!p.Number(0xffffffffu, &value, "a version")) return false;
         script->version = static_cast<uint32_t>(value);
         return p.End();
     }
     if (verb == "name" || verb == "phys") {
         std::string text = RestAfterWords(line, 1);
-        if (text.empty() || text.size() > 127) return p.Fail(verb + " needs 1 to 127 characters");
+        if (text.empty() || text.size() > 127)
+            return p.Fail("expected a text of 1 to 127 characters after " + verb);
         (verb == "name" ? script->name : script->phys) = text;
         return true;
     }
@@ -360,20 +385,28 @@ bool ParseLine(const std::string& raw, int line_no, const std::string& base_dir,
     }
     if (verb == "burst") {
         uint64_t value = 0;
-        if (!p.Number(100000, &value, "burst")) return false;
+        if (!p.Number(100000, &value, "a step count")) return false;
         script->max_burst = static_cast<uint32_t>(value);
         return p.End();
     }
     if (verb == "stamp") {
-        std::string mode = p.Next();
-        if (mode != "before" && mode != "after") return p.Fail("stamp before or after expected");
-        script->stamp_before = mode == "before";
+        if (p.Accept("before")) {
+            script->stamp_before = true;
+        } else if (p.Accept("after")) {
+            script->stamp_before = false;
+        } else {
+            return p.Expected("before or after");
+        }
         return p.End();
     }
     if (verb == "pad") {
-        std::string mode = p.Next();
-        if (mode != "on" && mode != "off") return p.Fail("pad on or off expected");
-        script->pad_reports = mode == "on";
+        if (p.Accept("on")) {
+            script->pad_reports = true;
+        } else if (p.Accept("off")) {
+            script->pad_reports = false;
+        } else {
+            return p.Expected("on or off");
+        }
         return p.End();
     }
     if (verb == "getreport") return ParseGetReport(p, line_no, script);
@@ -381,7 +414,10 @@ bool ParseLine(const std::string& raw, int line_no, const std::string& base_dir,
     if (verb == "at") return ParseTimedStep(p, StepKind::kAt, line, line_no, script);
     if (verb == "after") return ParseTimedStep(p, StepKind::kAfter, line, line_no, script);
     if (verb == "wait") return ParseWait(p, line_no, script);
-    return p.Fail("unknown directive '" + verb + "'");
+    return p.Fail(
+        "expected a directive (port, vendor, product, version, name, phys, descriptor, "
+        "descriptor-file, burst, pad, stamp, getreport, on, at, after or wait), found '" +
+        verb + "'");
 }
 
 }  // namespace
@@ -417,12 +453,13 @@ bool ParseScript(const std::string& text, const std::string& base_dir, Script* s
         ++line_no;
         std::string why;
         if (!ParseLine(line, line_no, base_dir, script, &why)) {
-            *error = "line " + std::to_string(line_no) + ": " + why;
+            *error = std::to_string(line_no) + ": " + why;
             return false;
         }
     }
     if (script->port == PortKind::kUsb && script->descriptor.empty()) {
-        *error = "a usb port needs a descriptor (descriptor or descriptor-file)";
+        *error = std::to_string(line_no) +
+                 ": expected a descriptor (descriptor or descriptor-file) for a usb port";
         return false;
     }
     return true;
@@ -431,13 +468,13 @@ bool ParseScript(const std::string& text, const std::string& base_dir, Script* s
 bool LoadScript(const std::string& path, Script* script, std::string* error) {
     std::string text;
     if (!ReadFile(path, &text)) {
-        *error = "cannot read script " + path;
+        *error = "cannot read script " + path + ": " + std::strerror(errno);
         return false;
     }
     size_t slash = path.rfind('/');
     std::string base_dir = slash == std::string::npos ? "." : path.substr(0, slash);
     if (!ParseScript(text, base_dir, script, error)) {
-        *error = path + " " + *error;
+        *error = path + ":" + *error;
         return false;
     }
     return true;

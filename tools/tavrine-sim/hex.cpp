@@ -3,8 +3,6 @@
 #include <cerrno>
 #include <cstdlib>
 
-#include "unique_fd.h"
-
 namespace tvm {
 
 namespace {
@@ -54,20 +52,6 @@ std::string FormatHex(const uint8_t* data, size_t size) {
         text += kDigits[data[i] & 0xf];
     }
     return text;
-}
-
-int WriteAll(int fd, const void* data, size_t size) {
-    const auto* p = static_cast<const uint8_t*>(data);
-    while (size > 0) {
-        ssize_t n = ::write(fd, p, size);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return -1;
-        }
-        p += n;
-        size -= static_cast<size_t>(n);
-    }
-    return 0;
 }
 
 }  // namespace tvm

@@ -1,5 +1,6 @@
 // RS232 or PS/2 controller played through a pty master. The slave is linked
-// at the path the script names, so the host opens it like a real port. The
+// at the path the script names (replacing only an old link, never a real
+// port), so the host opens it like a real port. The
 // line starts in raw mode (a UART does not echo) and the simulator keeps the
 // slave open itself, so the host's closes never hang the line up.
 #include <fcntl.h>
@@ -91,9 +92,15 @@ bool PtyPort::Plug() {
     if (tcgetattr(fd, &tio) != 0) return Fail("tcgetattr");
     cfmakeraw(&tio);
     if (tcsetattr(fd, TCSANOW, &tio) != 0) return Fail("tcsetattr");
+    // An old link (left by an earlier run) is replaced; a real port or file never is.
     struct stat st {};
-    if (lstat(script_.link.c_str(), &st) == 0 && unlink(script_.link.c_str()) != 0)
-        return Fail("unlink old link");
+    if (lstat(script_.link.c_str(), &st) == 0) {
+        if (!S_ISLNK(st.st_mode)) {
+            errno = EEXIST;
+            return Fail(("a file that is not a link is at " + script_.link).c_str());
+        }
+        if (unlink(script_.link.c_str()) != 0) return Fail("unlink old link");
+    }
     if (symlink(name, script_.link.c_str()) != 0) return Fail("symlink");
     last_line_.clear();
     log_->Write("plug", std::string(kind()) + " " + slave_path_ + " linked at " + script_.link);

@@ -7,8 +7,8 @@
 #include <memory>
 #include <string>
 
+#include "core/unique_fd.h"
 #include "hex.h"
-#include "unique_fd.h"
 
 namespace tvm {
 
@@ -30,5 +30,9 @@ class EventLog {
 
 // Microseconds of CLOCK_MONOTONIC.
 uint64_t MonotonicUs();
+
+// write(2) of the whole buffer, retried on EINTR and short writes.
+// Returns 0 on success, -1 with errno set otherwise.
+int WriteAll(int fd, const void* data, size_t size);
 
 }  // namespace tvm

@@ -1,16 +1,15 @@
 #!/bin/sh
-# Host checks of the bed's own programs, without the VM: the simulator's
-# script parser (good and bad scripts), its pty port with the reply table,
-# and the recorder's multi-touch checker on good and broken traces.
-# Prints one line per check and "vm-tools: N passed, N failed".
+# Host test of tavrine-sim and tavrine-evrec, without a VM: the script parser (good and bad
+# scripts, dump round trip), the conversion of TavrineD logs into replay scripts, the pty
+# port with its reply table and link rule, the control FIFO, and the multi-touch checker.
+#
+#   tools/tavrine-sim/tests/selftest.sh SIM_BIN EVREC_BIN
+#
+# Prints one line per check and "tavrine-sim: N passed, N failed".
 set -u
-SIM_DIR=$(cd "$(dirname "$0")" && pwd)
-BED=$(dirname "$SIM_DIR")
-REPO=$(cd "$BED/../.." && pwd)
-BUILD=${TAVRINE_VM_BUILD:-$BED/.build}
-FIX=$SIM_DIR/fixtures
-. "$BED/lib/build-tools.sh"
-build_tools || { echo "vm-tools: the simulator or the recorder did not build"; exit 1; }
+SIM_BIN=$(cd "$(dirname "$1")" && pwd)/$(basename "$1")
+EVREC_BIN=$2
+FIX=$(cd "$(dirname "$0")" && pwd)/fixtures
 WORK=$(mktemp -d)
 trap 'rm -rf "$WORK"' EXIT
 passed=0
@@ -24,18 +23,25 @@ check() {  # check NAME STATUS(0 = pass) [DETAIL]
     fi
 }
 
-# Every scenario script and the full-syntax script parse; the latter's
-# parsed form matches its expected dump.
-for scn in "$BED"/scenarios/*/*.scn "$FIX/full-syntax.scn"; do
-    [ -f "$scn" ] || continue
-    "$SIM_BIN" "$scn" --check > "$WORK/out" 2>&1
-    check "parses ${scn#$BED/}" $? "$(cat "$WORK/out")"
-done
-"$SIM_BIN" "$FIX/full-syntax.scn" --dump > "$WORK/dump" 2>&1
-diff -u "$FIX/full-syntax.dump" "$WORK/dump" > "$WORK/diff"
-check "full-syntax.scn parses to full-syntax.dump" $? "$(cat "$WORK/diff")"
+# Waits up to 5 s for file $1.
+wait_file() {
+    tries=50
+    while [ ! -e "$1" ] && [ $tries -gt 0 ]; do sleep 0.1; tries=$((tries - 1)); done
+}
 
-# Each bad script is refused with status 2 and the message its first line names.
+# A script and two logs read to their expected dumps, and each dump reads back to itself.
+for case in "full-syntax.scn:" "replay-usb.log:--from-log" "replay-rs232.log:--from-log"; do
+    file=${case%%:*}
+    (cd "$FIX" && "$SIM_BIN" ${case#*:} "$file" --dump) > "$WORK/dump" 2> "$WORK/err"
+    diff -u "$FIX/${file%.*}.dump" "$WORK/dump" > "$WORK/diff"
+    check "$file reads to ${file%.*}.dump" $? "$(cat "$WORK/err" "$WORK/diff")"
+    "$SIM_BIN" "$WORK/dump" --dump 2>&1 | grep -v '^#' > "$WORK/again"
+    grep -v '^#' "$WORK/dump" | diff -u - "$WORK/again" > "$WORK/diff"
+    check "${file%.*}.dump reads back to itself" $? "$(cat "$WORK/diff")"
+done
+
+# Each bad script is refused with status 2 and the message its first line names
+# (file, line and what was expected).
 for scn in "$FIX"/bad-*.scn; do
     want=$(sed -n '1s/^# error: //p' "$scn")
     "$SIM_BIN" "$scn" --check > "$WORK/out" 2>&1
@@ -57,14 +63,13 @@ for trace in "$FIX"/mt-bad-*.trace; do
     check "rejects $(basename "$trace")" $? "status $rc, said: $(cat "$WORK/out")"
 done
 
-# The pty port: the line speed the client sets is seen, the loop-back
-# command is echoed (a wildcard rule), and the point report follows it.
+# The pty port: the line speed the client sets is seen, the loop-back command is echoed
+# (a wildcard rule; the rule for 9600 must not answer), and the point report follows it.
 link=$WORK/ttyTV0
 sed "s|@LINK@|$link|" "$FIX/serial-loopback.scn" > "$WORK/loop.scn"
 "$SIM_BIN" "$WORK/loop.scn" --log "$WORK/sim.log" --ready "$WORK/ready" --max-ms 8000 &
 sim=$!
-tries=50
-while [ ! -e "$WORK/ready" ] && [ $tries -gt 0 ]; do sleep 0.1; tries=$((tries - 1)); done
+wait_file "$WORK/ready"
 got=""
 if [ -e "$link" ] && exec 3<> "$link"; then
     stty -F "$link" 115200 raw -echo
@@ -84,15 +89,22 @@ check "pty: log shows the command and its echo" $?
 [ ! -e "$link" ]
 check "pty: link removed at exit" $?
 
-# The control FIFO: a line sends at once, a bad line is logged and
-# skipped, "exit 5" ends the simulator with status 5.
+# A file that is not a link is never replaced by the port's link.
+echo keep > "$WORK/ttyReal"
+printf 'port rs232 %s\n' "$WORK/ttyReal" > "$WORK/real.scn"
+"$SIM_BIN" "$WORK/real.scn" --log "$WORK/real.log" --max-ms 2000
+rc=$?
+[ "$rc" = 4 ] && [ "$(cat "$WORK/ttyReal")" = keep ]
+check "pty: a real file at the link path is left alone (status 4)" $? "status $rc, $(cat "$WORK/real.log")"
+
+# The control FIFO: a line sends at once, a bad line is logged and skipped, "exit 5" ends
+# the simulator with status 5.
 link=$WORK/ttyTV1
 printf 'port rs232 %s\n' "$link" > "$WORK/ctl.scn"
 rm -f "$WORK/ready"
 "$SIM_BIN" "$WORK/ctl.scn" --log "$WORK/ctl.log" --ready "$WORK/ready" --control "$WORK/ctl" --max-ms 8000 &
 sim=$!
-tries=50
-while [ ! -e "$WORK/ready" ] && [ $tries -gt 0 ]; do sleep 0.1; tries=$((tries - 1)); done
+wait_file "$WORK/ready"
 got=""
 if [ -e "$link" ] && exec 3<> "$link"; then
     stty -F "$link" raw -echo
@@ -104,9 +116,9 @@ fi
 wait $sim
 rc=$?
 check "control: a sent line reaches the port" "$([ "$got" = " 80 01 02 03 04 " ]; echo $?)" "read '$got'"
-grep -q "error control: unknown action 'sned'" "$WORK/ctl.log"
+grep -q "error control: expected an action (send, rate, plug, unplug, exit, note or clock), found 'sned'" "$WORK/ctl.log"
 check "control: a bad line is logged" $? "$(cat "$WORK/ctl.log")"
 check "control: exit 5 ends with status 5" "$([ "$rc" = 5 ]; echo $?)" "status $rc"
 
-echo "vm-tools: $passed passed, $failed failed"
+echo "tavrine-sim: $passed passed, $failed failed"
 [ "$failed" = 0 ]

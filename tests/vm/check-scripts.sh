@@ -1,0 +1,30 @@
+#!/bin/sh
+# Host check of the scenarios' simulator scripts, without the VM: every *.scn parses with
+# the installed tavrine-sim, laid out as in the guest (descriptor-file paths such as
+# ../../sim/descriptors/default.hex resolve as they do under /bed/scenarios/<name>/).
+# Prints one line per failing script and "vm-scripts: N passed, N failed".
+set -u
+BED=$(cd "$(dirname "$0")" && pwd)
+REPO=$(cd "$BED/../.." && pwd)
+BUILD=${TAVRINE_VM_BUILD:-$BED/.build}
+WORK=$(mktemp -d)
+trap 'rm -rf "$WORK"' EXIT
+. "$BED/lib/build-tools.sh"
+STAGE=$WORK/stage
+DAEMON_BIN=none   # the simulator only
+build_programs || { echo "vm-scripts: the simulator did not build"; exit 1; }
+mkdir -p "$WORK/bed/sim"
+cp -r "$BED/scenarios" "$WORK/bed/scenarios"
+cp -r "$STAGE/share/tavrine-sim/descriptors" "$WORK/bed/sim/descriptors"
+passed=0
+failed=0
+for scn in "$WORK"/bed/scenarios/*/*.scn; do
+    if "$SIM_BIN" "$scn" --check > "$WORK/out" 2>&1; then
+        passed=$((passed + 1))
+    else
+        failed=$((failed + 1))
+        echo "FAIL ${scn#"$WORK"/bed/}: $(cat "$WORK/out")"
+    fi
+done
+echo "vm-scripts: $passed passed, $failed failed"
+[ "$failed" = 0 ] && [ "$passed" -gt 0 ]
