@@ -17,8 +17,8 @@ scripts/install-deps.sh
 # gnuplot for the picture (the build needs nothing of it); installed once.
 scripts/install-deps.sh gnuplot-nox
 
-# Boots the VM: run-vm.sh installs qemu and the kernel on first use and builds the static
-# daemon, tavrinectl, the simulator and the recorder.
+# Boots the VM: run-vm.sh installs qemu and the kernel on first use, builds the static
+# daemon, tavrinectl, the simulator and the recorder and installs them into a staging prefix.
 vmlogs=$out/vm
 rm -rf "$vmlogs"
 echo "demo: booting the VM with the demo-gesture scenario (first run: a few minutes)"
@@ -31,6 +31,10 @@ if [ ! -f "$run/touch.trace" ] || [ ! -f "$run/pen.trace" ]; then
 fi
 
 section() { printf '\n===== %s =====\n' "$1"; }
+
+echo "demo: the controller is simulated by tavrine-sim (sources tools/tavrine-sim, man page" \
+    "docs/tavrine-sim.1.md), installed for this run in ${vmlogs#"$repo"/}/.vm/stage/bin;" \
+    "its script: tests/vm/scenarios/demo-gesture/sim.scn"
 
 section "tavrinectl in the VM (texts of the controller, its loop-back started the gesture)"
 cat "$run/tool.txt" | cut -c1-100
