@@ -15,6 +15,7 @@ namespace {
 constexpr uint64_t kDayMs = 24ull * 3600 * 1000;
 constexpr uint64_t kReplyWindowMs = 1000;  // reads after a rule's command that answer it
 constexpr uint64_t kWaitSlackMs = 10000;   // a replayed command may come this much later
+constexpr uint64_t kFastLeadMs = 1000;     // --fast: longest pause kept after a command
 constexpr size_t kMaxDescriptor = 4096;
 constexpr size_t kListedNotes = 5;  // lines named one by one per kind of skip
 constexpr uint8_t kUsbHeader = 0x03;
@@ -274,8 +275,15 @@ class Builder {
   private:
     static Pattern Exact(const Bytes& bytes) { return Pattern{bytes, Bytes(bytes.size(), 0xff)}; }
 
-    uint64_t Offset(uint64_t ms) const {
-        return options_.fast || ms < anchor_ms_ ? 0 : ms - anchor_ms_;
+    // Time of a step from the last clock restart. Played fast, the first step after a
+    // command keeps its offset (the daemon may still be setting up, as it was then), at
+    // most kFastLeadMs, and the steps after it follow at once.
+    uint64_t Offset(uint64_t ms) {
+        uint64_t offset = ms < anchor_ms_ ? 0 : ms - anchor_ms_;
+        if (!options_.fast) return offset;
+        if (!fast_lead_taken_) fast_lead_ms_ = std::min(offset, kFastLeadMs);
+        fast_lead_taken_ = true;
+        return fast_lead_ms_;
     }
 
     Step Wait(const Record& r, StepKind kind) const {
@@ -298,6 +306,7 @@ class Builder {
         script_->steps.push_back(clock);
         anchor_ms_ = ms;
         anchored_ = true;
+        fast_lead_taken_ = false;
     }
 
     void Emit(const Record& r, ActionKind kind, const Bytes& bytes = {}) {
@@ -383,6 +392,8 @@ class Builder {
     ReplaySummary* summary_;
     uint64_t first_ms_ = 0, last_ms_ = 0, anchor_ms_ = 0;
     bool anchored_ = false;
+    bool fast_lead_taken_ = false;
+    uint64_t fast_lead_ms_ = 0;
     bool gone_ = false;
     bool rule_open_ = false;
     uint64_t rule_write_ms_ = 0, first_reply_ms_ = 0;
@@ -532,9 +543,13 @@ bool ScriptFromLogText(const std::string& text, const std::string& name,
         size_t missing = 0;
         for (bool b : have) missing += b ? 0 : 1;
         if (descriptor.empty() || missing) {
-            *error = name + ": the log holds " + std::to_string(descriptor.size() - missing) +
-                     " of " + std::to_string(descriptor.size()) + " bytes of the report " +
-                     "descriptor of " + port + " (\"Descriptor of\" lines, category 0x2)";
+            *error =
+                name + ": " +
+                (descriptor.empty() ? std::string("no")
+                                    : std::to_string(descriptor.size() - missing) + " of " +
+                                          std::to_string(descriptor.size()) + " bytes of the") +
+                " report descriptor of " + port +
+                " in the log (\"Descriptor of\" lines, category 0x2, logged at set-up)";
             return false;
         }
         script->descriptor = descriptor;

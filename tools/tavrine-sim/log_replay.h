@@ -22,7 +22,8 @@
 namespace tvm {
 
 struct ReplayOptions {
-    bool fast = false;  // no pauses between reports (one a millisecond at most)
+    bool fast = false;  // no pauses between reports (one a millisecond at most); the pause
+                        // before the first report after a command is kept, up to 1 s
     std::string link;   // serial and PS/2: path of the port (default: the log's port path)
 };
 

@@ -40,6 +40,12 @@ for case in "full-syntax.scn:" "replay-usb.log:--from-log" "replay-rs232.log:--f
     check "${file%.*}.dump reads back to itself" $? "$(cat "$WORK/diff")"
 done
 
+# --fast: the reports after a command all at the time of the first, one step per wake-up.
+(cd "$FIX" && "$SIM_BIN" --fast --from-log replay-rs232.log --dump 2> /dev/null) > "$WORK/fast"
+[ "$(sed -n 's/^at \([0-9]*\) send .*/\1/p' "$WORK/fast" | uniq -c | awk '{ print $1 }')" = 6 ] &&
+    grep -qx 'burst 1' "$WORK/fast"
+check "--fast drops the pauses" $? "$(cat "$WORK/fast")"
+
 # Each bad script is refused with status 2 and the message its first line names
 # (file, line and what was expected).
 for scn in "$FIX"/bad-*.scn; do
