@@ -101,7 +101,9 @@ bool ParseDump(const char* text, int expected, Bytes* out) {
     out->clear();
     unsigned value = 0;
     int used = 0;
-    while (*text == '[' && std::sscanf(text, "[%2x]%n", &value, &used) == 1 && used == 4) {
+    // 'used' is set only when a whole group matched: a cut group ends the loop.
+    while (*text == '[' && (used = 0, std::sscanf(text, "[%2x]%n", &value, &used)) == 1 &&
+           used == 4) {
         out->push_back(static_cast<uint8_t>(value));
         text += used;
     }
