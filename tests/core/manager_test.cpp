@@ -252,7 +252,7 @@ TEST(ManagerTest, CheckOfASilentSerialControllerWhileAnotherRequestArrives) {
                     usleep(2000);
                 }
             });
-            for (int i = 0; i < 200 && received_count == 0; ++i) usleep(10000);
+            for (int i = 0; i < 500 && received_count == 0; ++i) usleep(10000);
             bDeviceExistCheck.store(1);
             ScanLoopPass(&manager);
             streaming = false;
