@@ -4,7 +4,12 @@
 # plays a two-finger pinch and a pen circle), shows the daemon's log and the events the
 # kernel delivered, and draws the trails with gnuplot into out/demo/trails.png.
 # Options: --out DIR (default out/demo). Exit status 0 when the scenario passed.
-set -euo pipefail
+set -Eeuo pipefail
+# A command that fails ends the demo with a line naming it, never silently.
+failed=""
+trap 'failed="line $LINENO: $BASH_COMMAND"' ERR
+trap 'rc=$?; if [ "$rc" != 0 ] && [ -n "$failed" ]; then
+          echo "demo: failed (status $rc) at scripts/demo.sh $failed" >&2; fi' EXIT
 cd "$(dirname "$0")/.."
 repo=$(pwd)
 
@@ -37,13 +42,16 @@ echo "demo: the controller is simulated by tavrine-sim (sources tools/tavrine-si
     "its script: tests/vm/scenarios/demo-gesture/sim.scn"
 
 section "tavrinectl in the VM (texts of the controller, its loop-back started the gesture)"
-cat "$run/tool.txt" | cut -c1-100
+cut -c1-100 "$run/tool.txt"
 
+# Excerpts with grep -m, not "grep | head": head leaving early would end grep by SIGPIPE,
+# which pipefail turns into a silent end of the demo.
 section "daemon log (excerpt of $run/daemon.log)"
 log=$run/daemon.log
-grep -E "Found an QEVO Device|Type:.*Model|AllocateSeries|EventType =|Setup Done" "$log" | head -n 8
+grep -m 8 -E "Found an QEVO Device|Type:.*Model|AllocateSeries|EventType =|Setup Done" "$log" ||
+    echo "  (no set-up lines in the log)"
 echo "  ... the first reports:"
-grep -E "0x06: ID=|PEN: " "$log" | head -n 4
+grep -m 4 -E "0x06: ID=|PEN: " "$log" || echo "  (no reports in the log)"
 echo "  ... $(grep -c "0x06: ID=" "$log") touch contacts and $(grep -c "PEN: " "$log") pen samples parsed"
 
 # The first $2 frames of trace $1, one a line: "CODE value ...".

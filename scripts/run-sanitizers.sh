@@ -4,8 +4,9 @@
 #      (build dir build-asan, shared with scripts/run-fuzz.sh), run through ctest -L unit;
 #   2. the threaded tests built with ThreadSanitizer (build dir build-tsan): the whole device
 #      suite (receive thread start and stop, command channel, set-up), the settings-file
-#      mutex tests, the two-thread log test, the reply routing to a waiting sender and the
-#      probe readers under endless traffic from another thread.
+#      mutex tests, the two-thread log test, the reply routing to a waiting sender, the
+#      probe readers under endless traffic from another thread, and the plug-and-play check
+#      of a serial controller whose receive thread is still busy.
 # Any sanitizer report fails the run (halt_on_error / abort_on_error).
 #
 #   scripts/run-sanitizers.sh          both
@@ -35,7 +36,7 @@ if [[ $what == all || $what == tsan ]]; then
     CC=clang CXX=clang++ cmake -S . -B "$tsan_dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
         -DTAVRINE_SANITIZERS=thread >/dev/null
     cmake --build "$tsan_dir" -j2 --target device_tests config_tests log_tests touch_tests \
-        discovery_tests
+        discovery_tests core_tests
     export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
     # Test executable and gtest filter of each group of threaded tests.
     groups=(
@@ -44,6 +45,7 @@ if [[ $what == all || $what == tsan ]]; then
         "log_tests LogFileFixture.LinesOfTwoThreadsNeverMix"
         "touch_tests ParseCmdReply.*"
         "discovery_tests ReadDeviceResponse.*:WaitDeviceResponse.*"
+        "core_tests ManagerTest.CheckOfASilentSerialControllerWhileAnotherRequestArrives"
     )
     for group in "${groups[@]}"; do
         read -r exe filter <<<"$group"

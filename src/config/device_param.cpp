@@ -140,9 +140,9 @@ bool NextKey(FILE* stream, char key[kTextMax], char pending[kTextMax]) {
 enum BlockReadEnd { kBlockEndMarker, kBlockUnterminated };
 
 // Numeric loop: "key number" pairs until "[EndOfDevice]" or the "VKEYReportMod" cut-over.
-// A value that is not a number is no value: that word is taken as the next key. Returns
-// true at the cut-over (the virtual-key loop follows), false when the block read ended;
-// *end tells how.
+// A value is its leading number; a word with none is no value: it is taken as the next key.
+// Returns true at the cut-over (the virtual-key loop follows), false when the block read
+// ended; *end tells how.
 bool ReadNumericPairs(FILE* stream, DeviceParam* p, char pending[kTextMax], BlockReadEnd* end) {
     char key[kTextMax];
     char value[kTextMax];
@@ -160,7 +160,7 @@ bool ReadNumericPairs(FILE* stream, DeviceParam* p, char pending[kTextMax], Bloc
             return false;
         }
         int32_t number = 0;
-        if (!ParseIniNumber(value, &number)) {
+        if (!ParseLeadingNumber(value, &number)) {
             memcpy(pending, value, kTextMax);
             continue;
         }

@@ -6,19 +6,18 @@
 // rest of a longer word is consumed and the word is marked over-long, so its tail is
 // never taken for a key, and an over-long key or value is ignored (never cut to fit). A
 // word holding a NUL byte is ignored the same way, so "[String]\0x" is not "[String]". The
-// end of the file inside any section ends the read, keeping what was read. A global value
-// that is not a number is not applied; that word is read as the next key, which is how the
-// word "[String]" ends the global section.
+// end of the file inside any section ends the read, keeping what was read. A value is its
+// leading number ("2abc" is 2); a value with none is not applied and that word is read as
+// the next key, which is how the word "[String]" ends the global section.
 #include "config/global_settings.h"
 
 #include <ctype.h>
-#include <errno.h>
-#include <limits.h>
-#include <stdlib.h>
 #include <string.h>
 
+#include "config/param_words.h"
 #include "core/data_file.h"
 #include "core/paths.h"
+#include "core/shell_token.h"
 #include "log/debug_log.h"
 
 namespace {
@@ -77,20 +76,14 @@ void PushBack(WordReader* reader, const Word& word) {
     reader->has_pending = true;
 }
 
-// Decimal (base 10, int range) or hexadecimal (base 16, u32 range, no sign) number filling
-// the whole word. Returns false for anything else. Parsed in 64 bits whatever the size of
-// long, so that an out-of-range value is refused on 32-bit targets too.
-bool ParseNumber(const Word& word, int base, long long* value) {
-    if (!word.Usable() || word.text[0] == '\0') return false;
-    if (base == 16 && (word.text[0] == '-' || word.text[0] == '+')) return false;
-    char* end = nullptr;
-    errno = 0;
-    const long long parsed = strtoll(word.text, &end, base);
-    if (end == word.text || *end != '\0' || errno == ERANGE) return false;
-    if (base == 10 && (parsed < INT_MIN || parsed > INT_MAX)) return false;
-    if (base == 16 && parsed > static_cast<long long>(UINT32_MAX)) return false;
-    *value = parsed;
-    return true;
+// The value of a pair: the leading number of the word, by the one rule of param_words.h. A
+// word that is too long or holds a NUL byte is no number.
+bool DecimalValue(const Word& word, int32_t* value) {
+    return word.Usable() && ParseLeadingNumber(word.text, value);
+}
+
+bool HexValue(const Word& word, uint32_t* value) {
+    return word.Usable() && ParseLeadingHexNumber(word.text, value);
 }
 
 bool EndsStringSection(const char* key) {
@@ -98,7 +91,7 @@ bool EndsStringSection(const char* key) {
            strcmp(key, kEndOfFile) == 0;
 }
 
-void ApplyGlobalPair(GlobalSettings* settings, const char* key, long long value) {
+void ApplyGlobalPair(GlobalSettings* settings, const char* key, int32_t value) {
     if (value == -1) return;
     if (strcmp(key, "ShowDebugPosition") == 0) {
         ShowDebugPosition = static_cast<uint8_t>(value);
@@ -118,15 +111,6 @@ void ApplyGlobalPair(GlobalSettings* settings, const char* key, long long value)
     // Any other key, "DebugEnableBits" after the first pair included, is ignored.
 }
 
-bool IsHexPid(const char* text) {
-    const size_t len = strlen(text);
-    if (len == 0 || len > static_cast<size_t>(kPidTextMax - 1)) return false;
-    for (size_t i = 0; i < len; ++i) {
-        if (!isxdigit(static_cast<unsigned char>(text[i]))) return false;
-    }
-    return true;
-}
-
 void AddSerialPath(GlobalSettings* settings, const char* value) {
     for (int i = 0; i < kSerialPathSlots; ++i) {
         if (strcmp(settings->CustomSerialPath[i], kEmptyPathSlot) == 0) {
@@ -140,16 +124,17 @@ void AddSerialPath(GlobalSettings* settings, const char* value) {
 }
 
 void AddDevPid(GlobalSettings* settings, const char* value) {
-    // Product ids end up in shell commands and sysfs writes: only 1 to 4 hexadecimal
-    // digits are accepted.
-    if (!IsHexPid(value)) {
+    // Product ids end up in shell commands and sysfs writes: 1 to 4 hexadecimal digits are
+    // taken, in the form the driver binding writes them (NormalizeProductId).
+    char pid[kPidTextMax];
+    if (!NormalizeProductId(value, pid)) {
         TLOG(LOG_MAIN, "The PID [%s] is an incorrect form. As a result, skip this PID.", value);
         return;
     }
     for (int i = 0; i < kDevPidSlots; ++i) {
         char* slot = settings->DevPID[i];
         if (strstr(slot, "NULL") || strstr(slot, "null")) {
-            snprintf(slot, kPidTextMax, "%s", value);
+            snprintf(slot, kPidTextMax, "%s", pid);
             TLOG(LOG_MAIN, "Device[%d] PID [%s] was set to add to module.", i, slot);
             return;
         }
@@ -192,12 +177,12 @@ bool ReadFirstPair(WordReader* reader, Word* key) {
     if (IsWord(*key, kStringSection) || EndsGlobalPart(*key)) return true;
     Word value;
     if (!NextWord(reader, &value)) return false;
-    long long bits = 0;
-    if (!ParseNumber(value, 16, &bits)) {
+    uint32_t bits = 0;
+    if (!HexValue(value, &bits)) {
         PushBack(reader, value);  // not a number: it is the next key
         return true;
     }
-    if (IsWord(*key, "DebugEnableBits")) DebugEnableBits = static_cast<uint32_t>(bits);
+    if (IsWord(*key, "DebugEnableBits")) DebugEnableBits = bits;
     return true;
 }
 
@@ -214,8 +199,8 @@ bool ReadGlobalSection(WordReader* reader, GlobalSettings* settings, const Word&
         if (EndsGlobalPart(key)) return false;
         Word value;
         if (!NextWord(reader, &value)) return false;
-        long long number = 0;
-        if (!ParseNumber(value, 10, &number)) {
+        int32_t number = 0;
+        if (!DecimalValue(value, &number)) {
             PushBack(reader, value);  // not a number: it is the next key
             continue;
         }

@@ -20,13 +20,28 @@ constexpr int kHeaderWordLen = 14;      // strlen("[TavrineA.ini]")
 constexpr int kEndOfFileLen = 11;       // strlen("[EndOfFile]")
 constexpr int kSupportPointsLen = 13;   // strlen("SupportPoints")
 
+// An address that may be matched, claimed and written: one word of the file that no reader
+// can take for anything but an address. Refused: "" and words with white space (never found
+// again); any word beginning with '[' (every word that structures the file does, and the
+// readers test some of them by prefix: "[Device", "[Device_No."); "SupportPoints", which
+// marks an empty address line. Any process can give a uhid device such a physical address.
+bool IsMatchableAddress(const char* address) {
+    if (address[0] == '\0' || address[0] == '[') return false;
+    if (strcmp(address, "SupportPoints") == 0) return false;
+    for (const char* c = address; *c; ++c) {
+        if (isspace(static_cast<unsigned char>(*c))) return false;
+    }
+    return true;
+}
+
 // Formats the block text of device numbered block_no into buf. Returns the length, or -1
 // when it does not fit cap.
 int FormatDeviceBlock(char* buf, size_t cap, const CDeviceObject* device, int block_no) {
     const DeviceParam* p = &device->Param;
     const int max_devices = device->pSettings ? device->pSettings->MaxDeviceNums : 1;
     char address_line[kTextMax + 32];
-    if (max_devices == 1) {
+    // An address that is not matchable leaves the line empty, for a later device to claim.
+    if (max_devices == 1 || !IsMatchableAddress(p->Physical_Address)) {
         snprintf(address_line, sizeof(address_line), "Physical_Address\n");
     } else {
         snprintf(address_line, sizeof(address_line), "Physical_Address\t\t%s\n",
@@ -146,15 +161,6 @@ bool IsStructuralWord(const char* word) {
     return IniBlockNumber(word) >= 0 || strcmp(word, kEndOfFileWord) == 0;
 }
 
-// An address the matching can find again: one word of the file.
-bool IsMatchableAddress(const char* address) {
-    if (address[0] == '\0') return false;
-    for (const char* c = address; *c; ++c) {
-        if (isspace(static_cast<unsigned char>(*c))) return false;
-    }
-    return true;
-}
-
 }  // namespace
 
 void WriteDeviceBlock(FILE* stream, const CDeviceObject* device) {
@@ -203,6 +209,7 @@ int IniDevGenerateFile(CDeviceObject* device) {
 }
 
 int IniDevParamAttachPhys(CDeviceObject* device, FILE* stream) {
+    if (!IsMatchableAddress(device->Param.Physical_Address)) return -1;
     // The stream stands just after "SupportPoints"; the address goes in front of the byte
     // that ends the empty address line.
     long position = ftell(stream);
@@ -232,6 +239,7 @@ void IniDevParamPhys(CDeviceObject* device, FILE* stream) {
     if (!IsMatchableAddress(p->Physical_Address)) {
         TLOG(LOG_PARAM, "Physical address [%s] cannot be matched, use default setting",
              p->Physical_Address);
+        p->Device_No = -1;  // no block: not even one this device generated
         CloseAndUnlockFile(stream, &SettingsFileMutex);
         return;
     }

@@ -30,23 +30,54 @@ IniWordResult ReadIniWord(FILE* stream, char word[kTextMax]) {
     return kIniWordOk;
 }
 
-bool ParseIniNumber(const char* word, int32_t* value) {
-    const char* p = word;
+namespace {
+
+int DigitValue(char c, int base) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (base == 16 && c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (base == 16 && c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+}
+
+// Sign and magnitude of the leading number in base; false when no digit follows the sign
+// (and the prefix) or the magnitude passes limit. ASCII only, whatever the locale.
+bool LeadingMagnitude(const char* text, int base, uint64_t limit, bool* negative,
+                      uint64_t* magnitude) {
+    const char* p = text;
+    while (*p == ' ' || (*p >= '\t' && *p <= '\r')) ++p;
+    *negative = *p == '-';
+    if (*p == '+' || *p == '-') ++p;
+    if (base == 16 && p[0] == '0' && (p[1] == 'x' || p[1] == 'X') && DigitValue(p[2], 16) >= 0) {
+        p += 2;
+    }
+    if (DigitValue(*p, base) < 0) return false;
+    uint64_t sum = 0;
+    for (int digit; (digit = DigitValue(*p, base)) >= 0; ++p) {
+        sum = sum * static_cast<uint64_t>(base) + static_cast<uint64_t>(digit);
+        if (sum > limit) return false;
+    }
+    *magnitude = sum;
+    return true;
+}
+
+}  // namespace
+
+bool ParseLeadingNumber(const char* text, int32_t* value) {
     bool negative = false;
-    if (*p == '+' || *p == '-') {
-        negative = (*p == '-');
-        ++p;
-    }
-    if (*p == '\0') return false;
-    int64_t magnitude = 0;
-    for (; *p; ++p) {
-        if (*p < '0' || *p > '9') return false;
-        magnitude = magnitude * 10 + (*p - '0');
-        if (magnitude > 2147483648LL) return false;  // beyond any 32-bit value
-    }
-    int64_t result = negative ? -magnitude : magnitude;
-    if (result > INT32_MAX || result < INT32_MIN) return false;
-    *value = static_cast<int32_t>(result);
+    uint64_t magnitude = 0;
+    if (!LeadingMagnitude(text, 10, 2147483648ULL, &negative, &magnitude)) return false;
+    if (!negative && magnitude > static_cast<uint64_t>(INT32_MAX)) return false;
+    *value = negative ? static_cast<int32_t>(-static_cast<int64_t>(magnitude))
+                      : static_cast<int32_t>(magnitude);
+    return true;
+}
+
+bool ParseLeadingHexNumber(const char* text, uint32_t* value) {
+    bool negative = false;
+    uint64_t magnitude = 0;
+    if (!LeadingMagnitude(text, 16, UINT32_MAX, &negative, &magnitude)) return false;
+    const uint32_t bits = static_cast<uint32_t>(magnitude);
+    *value = negative ? 0u - bits : bits;
     return true;
 }
 

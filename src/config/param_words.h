@@ -20,9 +20,15 @@ constexpr const char* kOverlongWord = "[ overlong word ]";
 // kIniWordOk, or kIniWordEnd at end of file or on a read error (word is then "").
 IniWordResult ReadIniWord(FILE* stream, char word[kTextMax]);
 
-// A whole word that is a decimal number in the signed 32-bit range, with an optional sign.
-// Returns true and stores it in *value; false for anything else ("12abc", "0x10", "").
-bool ParseIniNumber(const char* word, int32_t* value);
+// The one rule for numbers in the settings file and on the command line: the leading number
+// of the text, as the "%d" and "%x" conversions read it. Leading white space, an optional
+// sign, then digits; whatever follows them is ignored ("2abc" is 2, "0x10" is 0 in decimal).
+// A minus sign in hexadecimal negates in 32-bit unsigned arithmetic ("-1" is 0xFFFFFFFF),
+// and "0x" may precede hexadecimal digits. Returns true and stores the number; false, with
+// *value untouched, when no digit follows or the number does not fit 32 bits (signed for
+// decimal, unsigned for hexadecimal), so no value ever wraps.
+bool ParseLeadingNumber(const char* text, int32_t* value);
+bool ParseLeadingHexNumber(const char* text, uint32_t* value);
 
 // The block number 0-9 of a header word "[Device_No.<digit>]", or -1 when word is not
 // exactly such a header ("[Device_No.99]", "[Device_No.x]" and the like are not headers).

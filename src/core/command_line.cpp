@@ -6,23 +6,35 @@
 #include <unistd.h>
 
 #include "config/global_settings.h"
+#include "config/param_words.h"
 #include "log/debug_log.h"
 
 namespace {
 
 constexpr const char* kProductName = "Tavrine";
 constexpr const char* kMakerName = "QEVO";
+constexpr const char* kRefusalText =
+    "Error: The argument of option '%c' is longer than %d characters, it is ignored.";
 
-// Copies a path option into a 64-byte field. A path that does not fit is refused rather
-// than cut, since a truncated path names another file. Returns true when stored.
-bool StorePathOption(char option, const char* argument, char* field) {
-    if (strlen(argument) >= static_cast<size_t>(kTextMax)) {
-        printf("\nError: The path of option '%c' is longer than %d characters, it is ignored.\n",
-               option, kTextMax - 1);
-        return false;
-    }
-    snprintf(field, kTextMax, "%s", argument);
-    return true;
+constexpr int kRefusalsLogged = 8;
+
+// Options refused while the command line is read; logged once it has been applied whole, so
+// that -D, -E, -d and -p given after a refused option choose where the refusal is logged.
+struct Refusals {
+    char option[kRefusalsLogged];
+    int count;
+};
+
+// A text argument (-r, -u, -z) must fit a 64-byte field: a longer one is refused rather than
+// cut, since a truncated path names another file. The message goes to standard error at
+// once: it is unbuffered, so it is out before the process detaches and loses its output.
+// Returns true when the argument may be used.
+bool AcceptTextOption(char option, const char* argument, Refusals* refusals) {
+    if (strlen(argument) < static_cast<size_t>(kTextMax)) return true;
+    fprintf(stderr, kRefusalText, option, kTextMax - 1);
+    fputc('\n', stderr);
+    if (refusals->count < kRefusalsLogged) refusals->option[refusals->count++] = option;
+    return false;
 }
 
 }  // namespace
@@ -30,6 +42,7 @@ bool StorePathOption(char option, const char* argument, char* field) {
 void ParseCommandLine(int argc, char** argv, GlobalSettings* settings) {
     opterr = 0;
     optind = 0;  // a full restart of getopt (glibc, bionic and musl), so a second parse works
+    Refusals refusals = {};
     int option;
     while ((option = getopt(argc, argv, kOptionString)) != -1) {
         switch (option) {
@@ -59,29 +72,37 @@ void ParseCommandLine(int argc, char** argv, GlobalSettings* settings) {
                 settings->ForceRestart = 1;
                 break;
             case 'd': {
-                unsigned int bits = 0;
-                if (sscanf(optarg, "%x", &bits) == 1) DebugEnableBits = bits;
+                uint32_t bits = 0;  // the leading number, as the settings file reads numbers
+                if (ParseLeadingHexNumber(optarg, &bits)) DebugEnableBits = bits;
                 break;
             }
-            case 'p':
-                ShowDebugPosition = static_cast<uint8_t>(atoi(optarg));
+            case 'p': {
+                int32_t position = 0;  // as atoi: 0 when there is no number
+                ParseLeadingNumber(optarg, &position);
+                ShowDebugPosition = static_cast<uint8_t>(position);
                 break;
+            }
             case 'r':
-                if (StorePathOption('r', optarg, settings->CustomSerialPath[0])) {
+                if (AcceptTextOption('r', optarg, &refusals)) {
+                    snprintf(settings->CustomSerialPath[0], kTextMax, "%s", optarg);
                     settings->CustomPathMask |= kCustomSerialPathBit;
                 }
                 break;
             case 'u':
-                if (StorePathOption('u', optarg, settings->UinputPath)) {
+                if (AcceptTextOption('u', optarg, &refusals)) {
+                    snprintf(settings->UinputPath, kTextMax, "%s", optarg);
                     settings->CustomPathMask |= kCustomUinputPathBit;
                 }
                 break;
             case 'z':
-                break;  // accepted and ignored
+                AcceptTextOption('z', optarg, &refusals);  // otherwise accepted and ignored
+                break;
             default:
                 break;  // unknown letters and missing arguments are ignored
         }
     }
+    for (int i = 0; i < refusals.count; ++i)
+        TLOG(LOG_MAIN, kRefusalText, refusals.option[i], kTextMax - 1);
 }
 
 void PrintUsage() {

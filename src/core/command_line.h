@@ -6,9 +6,10 @@ struct GlobalSettings;
 
 constexpr const char* kOptionString = "vVfkhDEd:p:r:u:z:";
 
-// Applies the options in the order given. Unknown letters are ignored silently; a -r or -u
-// argument that does not fit a 64-byte path buffer (more than 63 characters) is refused
-// with a message on standard output and the previous value stays.
+// Applies the options in the order given. Unknown letters are ignored silently. Numbers are
+// read by the settings file's rule (their leading number). A -r, -u or -z argument of more
+// than 63 characters is refused and the previous value stays: the refusal is written to
+// standard error at once and logged under <Main> after the last option.
 void ParseCommandLine(int argc, char** argv, GlobalSettings* settings);
 
 // Acts on the flags, the first that applies wins: -h (usage, exit 0); -k with -f/-D/-E

@@ -43,10 +43,9 @@ CManager::CManager(GlobalSettings* settings) : pSettings(settings) {
 
 void ScanLoopPass(CManager* manager) {
     LogReceivedSigUsr2();
-    if (bDeviceExistCheck.load()) {
-        DevicePnPCheck(manager);
-        bDeviceExistCheck.store(0);
-    }
+    // The request is taken before the check runs: one raised while it runs (a second
+    // controller dropping meanwhile) stays set and is answered at the start of the next pass.
+    if (bDeviceExistCheck.exchange(0)) DevicePnPCheck(manager);
     const int16_t limit = manager->pSettings->MaxDeviceNums;
     if (static_cast<int16_t>(manager->DeviceCount) >= limit || bDeviceExistCheck.load()) return;
 
@@ -73,6 +72,9 @@ void DevicePnPCheck(CManager* manager) {
     while (*link) {
         CDeviceObject* device = *link;
         if (IsDeviceRemoved(device) == 1) {
+            // The receive thread writes the same contact tables and uinput device: it is
+            // stopped before the lifts are written, so none of its frames can follow them.
+            StopReadThread(device);
             ReleaseAllContacts(device);
             RemoveDevice(manager, link);  // *link is now the former successor
         } else {

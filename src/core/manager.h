@@ -23,7 +23,8 @@ constexpr unsigned kScanPeriodUs = 200000;
 [[noreturn]] void EndlessScanLoop(CManager* manager);
 // One pass of the loop without its sleep (the loop body; tests drive it directly).
 void ScanLoopPass(CManager* manager);
-// Removes every device that IsDeviceRemoved reports gone, lifting its contacts first.
+// Removes every device that IsDeviceRemoved reports gone: stops its receive thread, lifts its
+// contacts, then destroys it.
 void DevicePnPCheck(CManager* manager);
 // 1 when the device is gone, 0 when present.
 int IsDeviceRemoved(CDeviceObject* device);

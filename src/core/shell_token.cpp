@@ -35,3 +35,18 @@ bool IsProductIdToken(const char* id) {
     }
     return id[4] == '\0';
 }
+
+bool NormalizeProductId(const char* id, char out[5]) {
+    out[0] = '\0';
+    if (!id) return false;
+    const size_t len = strnlen(id, 5);
+    if (len == 0 || len > 4) return false;
+    char digits[5] = "0000";
+    for (size_t i = 0; i < len; ++i) {
+        const char c = id[i];
+        if (!IsHexDigit(c)) return false;
+        digits[4 - len + i] = (c >= 'A' && c <= 'F') ? static_cast<char>(c - 'A' + 'a') : c;
+    }
+    memcpy(out, digits, sizeof(digits));
+    return true;
+}

@@ -10,3 +10,9 @@ bool IsPlainPathToken(const char* path);
 
 // True when id is exactly four hexadecimal digits (either case), e.g. "3c7a" or "00A1".
 bool IsProductIdToken(const char* id);
+
+// The one form of a product id, wherever one comes from (the settings file, a listing, a
+// caller): 1 to 4 hexadecimal digits of either case, written into out as the four
+// lower-case digits that the kernel shows in /proc/bus/input/devices and reads from a
+// new_id file ("7E5" gives "07e5"). Returns false, with out "", for anything else.
+bool NormalizeProductId(const char* id, char out[5]);

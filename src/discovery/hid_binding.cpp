@@ -6,6 +6,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "config/global_settings.h"
 #include "core/shell.h"
 #include "core/shell_token.h"
 #include "discovery/hid_listing.h"
@@ -18,9 +19,18 @@ constexpr int kMaxListedControllers = 16;
 constexpr int kUsbBusType = 3;
 constexpr int kMultitouchClass = 103;  // read by the kernel as hexadecimal 0x103
 
-bool IdsAcceptable(const char* vid, const char* pid) {
-    if (IsProductIdToken(vid) && IsProductIdToken(pid)) return true;
-    TLOG(LOG_INIT, "Refused device id [%.8s]:[%.8s]: not four hexadecimal digits each",
+// The vendor id as the maker's four hexadecimal digits, the product id in the one form of
+// product ids (NormalizeProductId: the settings reader's rule, written as four lower-case
+// digits). Copies both into the outputs; false, logged, for anything else.
+bool NormalizeIds(const char* vid, const char* pid, char vid_out[kPidTextMax],
+                  char pid_out[kPidTextMax]) {
+    if (IsProductIdToken(vid) && NormalizeProductId(pid, pid_out)) {
+        snprintf(vid_out, kPidTextMax, "%s", vid);
+        return true;
+    }
+    TLOG(LOG_INIT,
+         "Refused device id [%.8s]:[%.8s]: a vendor id has 4 hexadecimal digits, a product id "
+         "1 to 4",
          vid ? vid : "", pid ? pid : "");
     return false;
 }
@@ -29,10 +39,12 @@ bool IdsAcceptable(const char* vid, const char* pid) {
 int WriteNewId(const char* name, const char* vid, const char* pid, const char* new_id_path,
                const char* failure) {
     TLOG(LOG_MAIN, "Entering %s with VID[%.8s] PID[%.8s]", name, vid ? vid : "", pid ? pid : "");
-    if (!IdsAcceptable(vid, pid)) return -1;
+    char vendor[kPidTextMax];
+    char product[kPidTextMax];
+    if (!NormalizeIds(vid, pid, vendor, product)) return -1;
     char path[kKernelPathMax];
     char command[kShellCommandMax];
-    snprintf(command, sizeof(command), "echo %d %s %s %d > %s", kUsbBusType, vid, pid,
+    snprintf(command, sizeof(command), "echo %d %s %s %d > %s", kUsbBusType, vendor, product,
              kMultitouchClass, KernelPath(path, sizeof(path), new_id_path));
     int status = RunShell(command);
     if (status != 0) TLOG_ERR(LOG_INIT, "%s", failure);
@@ -126,7 +138,11 @@ void ModprobeHidMultitouch() {
 int AddPIDintoModuleRoutine(const char* vid, const char* pid) {
     TLOG(LOG_MAIN, "Entering %s() with [%.8s]:[%.8s]", "AddPIDintoModuleRoutine", vid ? vid : "",
          pid ? pid : "");
-    if (!IdsAcceptable(vid, pid)) return -1;
+    char vendor[kPidTextMax];
+    char product[kPidTextMax];
+    if (!NormalizeIds(vid, pid, vendor, product)) return -1;
+    vid = vendor;
+    pid = product;
     if (CheckPIDinInputDevice(pid) == 1) return 1;
     if (KernelPathExists(kBusGenericDir)) {
         char path[kKernelPathMax];

@@ -1,10 +1,8 @@
 // "VKEY_<n>" settings: controller key index n (0-9) mapped to a system key code.
-#include <errno.h>
-#include <limits.h>
 #include <linux/input.h>
-#include <stdlib.h>
 #include <string.h>
 
+#include "config/param_words.h"
 #include "device/device_object.h"
 #include "log/debug_log.h"
 #include "touch/vkey.h"
@@ -21,17 +19,6 @@ struct KeyName {
 constexpr KeyName kKeyNames[] = {
     {"BACK", KEY_BACK}, {"HOME", KEY_HOME}, {"MENU", KEY_MENU}, {"SEARCH", KEY_SEARCH}};
 
-// Whole text as a number in base; -1 when it is empty, has trailing characters or is out
-// of range.
-long ParseWhole(const char* text, int base) {
-    if (text == nullptr || *text == '\0') return -1;
-    errno = 0;
-    char* end = nullptr;
-    const long value = strtol(text, &end, base);
-    if (errno != 0 || end == text || *end != '\0') return -1;
-    return value;
-}
-
 // The system key code named by value; -1 (no key) for text that is no name and no number,
 // and for a number outside the kernel's key codes, which no input device can carry.
 int32_t KeyCodeOf(const char* value) {
@@ -39,17 +26,23 @@ int32_t KeyCodeOf(const char* value) {
     for (const KeyName& key : kKeyNames) {
         if (strcmp(value, key.name) == 0) return key.code;
     }
-    const long code =
-        strncmp(value, "0x", 2) == 0 ? ParseWhole(value + 2, 16) : ParseWhole(value, 10);
-    if (code < 0 || code > KEY_MAX) return -1;
-    return static_cast<int32_t>(code);
+    // The leading number, as every number of the settings file is read.
+    if (strncmp(value, "0x", 2) == 0) {
+        uint32_t code = 0;
+        if (!ParseLeadingHexNumber(value + 2, &code) || code > KEY_MAX) return -1;
+        return static_cast<int32_t>(code);
+    }
+    int32_t code = -1;
+    if (!ParseLeadingNumber(value, &code) || code < 0 || code > KEY_MAX) return -1;
+    return code;
 }
 
 // Index after "VKEY_"; -1 when the key is not of that form.
 int KeyIndexOf(const char* key) {
     if (key == nullptr || strncmp(key, kKeyPrefix, kKeyPrefixLen) != 0) return -1;
-    const long index = ParseWhole(key + kKeyPrefixLen, 10);
-    return index > INT_MAX ? -1 : static_cast<int>(index);
+    int32_t index = -1;
+    if (!ParseLeadingNumber(key + kKeyPrefixLen, &index)) return -1;
+    return index;
 }
 
 }  // namespace

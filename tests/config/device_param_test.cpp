@@ -199,12 +199,12 @@ TEST_F(DeviceParamTest, ReaderRuleFamilies) {
              EXPECT_EQ(d.Param.VKEYReportMod, 1);
              EXPECT_EQ(d.Param.EdgeLeft, 9);
          }},
-        {"a non-number value is read as the next key",
+        {"a value is its leading number; a word with none is read as the next key",
          "Physical_Address\t\tusb-0000:00:1d.0-1/input0\nSupportPoints 7\nEdgeLeft 12abc "
          "EdgeRight 8 EdgeTop 4294967296 EdgeBottom 6",
          [](const CDeviceObject& d) {
              EXPECT_EQ(d.Param.SupportPoints, 7);
-             EXPECT_EQ(d.Param.EdgeLeft, 100);
+             EXPECT_EQ(d.Param.EdgeLeft, 12);
              EXPECT_EQ(d.Param.EdgeRight, 8);
              EXPECT_EQ(d.Param.EdgeTop, 100);
              EXPECT_EQ(d.Param.EdgeBottom, 6);

@@ -160,10 +160,11 @@ TEST(GlobalSettingsTest, DebugEnableBitsOnlyAsTheFirstKey) {
         // Later in the section it is ignored.
         {"[TavrineA.ini] ScanInterface 3 DebugEnableBits ff [String]", 1, 1, 0},
         {"[TavrineA.ini] DebugEnableBits 3 DebugEnableBits ff [String]", 3, 1, 0},
-        // Not a hexadecimal number, or out of range: not applied; the word is the next key.
+        // Read as "%x" reads it: -1 is every bit.
+        {"[TavrineA.ini] DebugEnableBits -1 ScanInterface 2 [String]", 0xFFFFFFFF, 1, 2},
+        // Not a hexadecimal number, or beyond 32 bits: not applied; the word is the next key.
         {"[TavrineA.ini] DebugEnableBits zz ScanInterface 2 [String]", 1, 1, 2},
         {"[TavrineA.ini] DebugEnableBits 1FFFFFFFF ScanInterface 2 [String]", 1, 1, 2},
-        {"[TavrineA.ini] DebugEnableBits -1 ScanInterface 2 [String]", 1, 1, 2},
         // No global pair at all.
         {"[TavrineA.ini] [String] SerialPath /dev/ttyS2", 1, 1, 0},
     };
@@ -216,17 +217,18 @@ TEST(GlobalSettingsTest, MinusOneLeavesTheFieldAlone) {
     EXPECT_EQ(-2, r.settings.MaxDeviceNums);
 }
 
-// A value that is not a decimal number is not applied; reading goes on with that word as
-// the next key, so the section stays in step.
-TEST(GlobalSettingsTest, NonNumericValueIsNotApplied) {
+// A value is its leading number ("2abc" is 2, the rest of the word is dropped). A value with
+// no number, or beyond 32 bits, is not applied; reading goes on with that word as the next
+// key, so the section stays in step.
+TEST(GlobalSettingsTest, ValueIsItsLeadingNumber) {
     ReadResult r = Read(kHead +
-                        "BaudRate abc DeviceNums 3 ScanInterface 1x SkipFirstByte 1 "
+                        "BaudRate abc DeviceNums 2abc ScanInterface 1x SkipFirstByte 1 "
                         "UseDriverCalib 99999999999 ShiftByteBothEnd 1 [String]");
     EXPECT_EQ(0u, r.settings.BaudRate);
-    EXPECT_EQ(3, r.settings.MaxDeviceNums);
-    EXPECT_EQ(0, r.settings.ScanInterface);
+    EXPECT_EQ(2, r.settings.MaxDeviceNums);
+    EXPECT_EQ(1, r.settings.ScanInterface);
     EXPECT_TRUE(r.settings.SkipFirstByte);
-    EXPECT_FALSE(r.settings.UseDriverCalib);  // out of int range
+    EXPECT_FALSE(r.settings.UseDriverCalib);  // beyond 32 bits
     EXPECT_TRUE(r.settings.ShiftByteBothEnd);
 
     // A key without its value: the next key and "[String]" are still seen as such.
@@ -285,11 +287,11 @@ TEST(GlobalSettingsTest, DevPidBySubstringWithLengthAndFormRule) {
              &capture);
     EXPECT_STREQ("0001", r.settings.DevPID[0]);
     EXPECT_STREQ("abcd", r.settings.DevPID[1]);
-    EXPECT_STREQ("1F", r.settings.DevPID[2]);
+    EXPECT_STREQ("001f", r.settings.DevPID[2]);  // as the driver binding writes it
     for (int i = 3; i < kDevPidSlots; ++i) EXPECT_STREQ("NULL", r.settings.DevPID[i]);
     EXPECT_EQ(1, capture.Count("Device[0] PID [0001] was set to add to module."));
     EXPECT_EQ(1, capture.Count("Device[1] PID [abcd] was set to add to module."));
-    EXPECT_EQ(1, capture.Count("Device[2] PID [1F] was set to add to module."));
+    EXPECT_EQ(1, capture.Count("Device[2] PID [001f] was set to add to module."));
     EXPECT_EQ(1,
               capture.Count("The PID [00012] is an incorrect form. As a result, skip this PID."));
     // Product ids reach shell commands: only hexadecimal digits are taken.
@@ -438,7 +440,10 @@ TEST(GlobalSettingsTest, TruncatedFileKeepsWhatWasRead) {
                     IsLeadingPart(s.CustomSerialPath[0], "/dev/ttyS1"))
             << len;
         EXPECT_STREQ("default", s.CustomSerialPath[1]) << len;
-        EXPECT_TRUE(strcmp(s.DevPID[0], "NULL") == 0 || IsLeadingPart(s.DevPID[0], "0001")) << len;
+        // A product id cut to "0", "00" or "000" is taken padded, as "0000".
+        EXPECT_TRUE(strcmp(s.DevPID[0], "NULL") == 0 || strcmp(s.DevPID[0], "0000") == 0 ||
+                    strcmp(s.DevPID[0], "0001") == 0)
+            << len;
         EXPECT_TRUE(strcmp(s.DevPID[1], "NULL") == 0) << len;
         if (len > full.find("[Device_No.1]")) {
             EXPECT_TRUE(SameRecord(whole.settings, s)) << len;

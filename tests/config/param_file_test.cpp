@@ -206,13 +206,36 @@ TEST_F(ParamFileTest, MatchingAddressLeavesTheFileUnchanged) {
     EXPECT_EQ(ReadBytes(IniFilePath()), empty_first);
 }
 
-TEST_F(ParamFileTest, AddressThatIsNoSingleWordChangesNothing) {
-    // Such an address could never be found again: every start would add another block.
+// An address that is no single word could never be found again (every start would add a
+// block); one that reads as a word of the file's structure (a uhid device may carry any
+// physical address) would end a block or the file early. Neither is ever matched, claimed or
+// written: with a claimable block the file stays as it was; with no file, the generated one
+// leaves its address line empty. The device keeps its defaults, and a real address claims
+// the block afterwards.
+TEST_F(ParamFileTest, UnmatchableAddressIsNeverMatchedClaimedOrWritten) {
     const std::string file = kHead + DefaultBlock(0, nullptr) + kEnd;
-    ASSERT_TRUE(WriteBytes(IniFilePath(), file));
-    for (const char* address : {"", "usb 1", "usb\t1"}) {
-        EXPECT_EQ(Start(address), -1) << address;
-        EXPECT_EQ(ReadBytes(IniFilePath()), file);
+    auto model = NewDevice(kAddrA);
+    ASSERT_EQ(IniDevGenerateFile(model.get()), 0);
+    const std::string generated =
+        Replace(ReadBytes(IniFilePath()), std::string("\t\t") + kAddrA, "");
+    for (const char* address : {"", "usb 1", "usb\t1", "[EndOfFile]", "[Device_No.0]",
+                                "[EndOfDevice]", "[String]", "[Device_No.x]", "SupportPoints"}) {
+        SCOPED_TRACE(address);
+        for (bool with_file : {true, false}) {
+            if (with_file) {
+                ASSERT_TRUE(WriteBytes(IniFilePath(), file));
+            } else {
+                unlink(IniFilePath());
+            }
+            const std::string expected = with_file ? file : generated;
+            EXPECT_EQ(Start(address), -1);
+            EXPECT_EQ(Start(address), -1);  // no block on a later start either
+            EXPECT_EQ(ReadBytes(IniFilePath()), expected);
+            EXPECT_EQ(Start(kAddrB), 0);
+            EXPECT_EQ(ReadBytes(IniFilePath()),
+                      Replace(expected, "Physical_Address\n",
+                              std::string("Physical_Address\t\t") + kAddrB + "\n"));
+        }
     }
 }
 

@@ -68,34 +68,51 @@ TEST(ParamWordsTest, BinaryGarbageEndsWithoutOverflow) {
     for (const auto& w : words) EXPECT_LT(w.first.size(), static_cast<size_t>(kTextMax));
 }
 
-TEST(ParamWordsTest, NumbersAreWholeDecimalWordsIn32Bits) {
+// The one rule for numbers of the settings file and the command line: the leading number,
+// as "%d" and "%x" read it, refused when it does not fit 32 bits.
+TEST(ParamWordsTest, NumbersAreLeadingNumbersIn32Bits) {
     struct Case {
         const char* word;
-        bool is_number;
-        int32_t value;
+        bool is_decimal;
+        int32_t decimal;
+        bool is_hex;
+        uint32_t hex;
     } cases[] = {
-        {"0", true, 0},
-        {"10", true, 10},
-        {"-1", true, -1},
-        {"+7", true, 7},
-        {"2147483647", true, INT32_MAX},
-        {"-2147483648", true, INT32_MIN},
-        {"2147483648", false, 0},
-        {"-2147483649", false, 0},
-        {"99999999999999999999", false, 0},
-        {"12abc", false, 0},
-        {"0x10", false, 0},
-        {"", false, 0},
-        {"-", false, 0},
-        {"+", false, 0},
-        {"1 2", false, 0},
-        {"SupportPoints", false, 0},
-        {"[EndOfDevice]", false, 0},
+        {"0", true, 0, true, 0},
+        {"10", true, 10, true, 0x10},
+        {"-1", true, -1, true, 0xFFFFFFFF},
+        {"+7", true, 7, true, 7},
+        {"2147483647", true, INT32_MAX, false, 0},
+        {"-2147483648", true, INT32_MIN, false, 0},
+        {"2147483648", false, 0, false, 0},
+        {"-2147483649", false, 0, false, 0},
+        {"99999999999999999999", false, 0, false, 0},
+        {"FFFFFFFF", false, 0, true, 0xFFFFFFFF},
+        {"1FFFFFFFF", true, 1, false, 0},
+        {"-FFFFFFFF", false, 0, true, 1},
+        {"2abc", true, 2, true, 0x2abc},
+        {"12xyz", true, 12, true, 0x12},
+        {"0x10", true, 0, true, 0x10},
+        {"0X1f", true, 0, true, 0x1f},
+        {"0xg", true, 0, true, 0},
+        {"-0x10", true, 0, true, 0xFFFFFFF0},
+        {" 5", true, 5, true, 5},
+        {"1 2", true, 1, true, 1},
+        {"", false, 0, false, 0},
+        {"-", false, 0, false, 0},
+        {"+", false, 0, false, 0},
+        {"--1", false, 0, false, 0},
+        {"x1", false, 0, false, 0},
+        {"SupportPoints", false, 0, false, 0},
+        {"[EndOfDevice]", false, 0, false, 0},
     };
     for (const Case& c : cases) {
-        int32_t value = 12345;
-        EXPECT_EQ(ParseIniNumber(c.word, &value), c.is_number) << c.word;
-        EXPECT_EQ(value, c.is_number ? c.value : 12345) << c.word;
+        int32_t decimal = 12345;
+        EXPECT_EQ(ParseLeadingNumber(c.word, &decimal), c.is_decimal) << c.word;
+        EXPECT_EQ(decimal, c.is_decimal ? c.decimal : 12345) << c.word;
+        uint32_t hex = 12345;
+        EXPECT_EQ(ParseLeadingHexNumber(c.word, &hex), c.is_hex) << c.word;
+        EXPECT_EQ(hex, c.is_hex ? c.hex : 12345u) << c.word;
     }
 }
 

@@ -1,5 +1,6 @@
 #include "core/command_line.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <string.h>
 #include <unistd.h>
@@ -107,6 +108,11 @@ TEST_F(CommandLineTest, DebugOptionsSetCategoriesOutputsAndForceRestart) {
         {{"-D", "-p", "2"}, 0xFFFFF, 2, 1},  // applied in the order given
         {{"-p", "2", "-E"}, 0xFFFF, 1, 1},
         {{"-d", "zz"}, 1, 1, 0},  // not a hexadecimal number: unchanged
+        // Numbers as the settings file reads them: the leading number, as "%x" and atoi do.
+        {{"-d", "-1"}, 0xFFFFFFFF, 1, 0},
+        {{"-d", "1FFFFFFFF"}, 1, 1, 0},  // beyond 32 bits: unchanged, never wrapped
+        {{"-p", "2abc"}, 1, 2, 0},
+        {{"-p", "x"}, 1, 0, 0},
     };
     for (const Case& c : cases) {
         Defaults d;
@@ -132,31 +138,37 @@ TEST_F(CommandLineTest, PathOptionsFillTheirFieldAndMaskBit) {
     EXPECT_STREQ(kDefaultUinputPath, only_r.settings.UinputPath);
 }
 
-// A -r or -u path must fit 63 characters; a longer one is refused with a message and the
-// previous value stays (a cut path would name another file).
-TEST_F(CommandLineTest, OverlongPathOptionIsRefusedKeepingThePreviousValue) {
+// A -r, -u or -z argument must fit 63 characters; a longer one is refused and the previous
+// value stays (a cut path would name another file). The refusal goes to standard error at
+// once (standard output may be lost when the process detaches) and into the debug log after
+// the last option, so a later -p or -D chooses where it is logged.
+TEST_F(CommandLineTest, OverlongTextOptionIsRefusedOnStandardErrorAndInTheLog) {
     const std::string fits = "/" + std::string(62, 'a');  // 63 characters
     const std::string too_long = fits + "b";              // 64 characters
     Defaults d;
-    Parse(&d.settings, {"-r", fits, "-u", fits});
+    Parse(&d.settings, {"-r", fits, "-u", fits, "-z", fits});
     EXPECT_EQ(fits, d.settings.CustomSerialPath[0]);
     EXPECT_EQ(fits, d.settings.UinputPath);
 
-    for (const char* option : {"-r", "-u"}) {
+    for (const char* option : {"-r", "-u", "-z"}) {
         Defaults before;
         Defaults expected;
+        const std::string message = std::string("Error: The argument of option '") + option[1] +
+                                    "' is longer than 63 characters, it is ignored.";
+        coretest::LogCapture log(0xFFFFFFFFu, 3);  // no output until -p chooses one
         ChildResult child = RunInChild([&] {
-            Parse(&before.settings, {option, too_long});
-            // Report the outcome through the exit status: 0 when nothing changed.
-            fflush(stdout);
-            _exit(memcmp(&before.settings, &expected.settings, sizeof(GlobalSettings)) == 0 ? 0
-                                                                                            : 3);
+            // Standard error on the captured pipe, standard output (and log prefixes) dropped.
+            dup2(STDOUT_FILENO, STDERR_FILENO);
+            UniqueFd null_fd(OpenCloexec("/dev/null", O_WRONLY));
+            dup2(null_fd.get(), STDOUT_FILENO);
+            Parse(&before.settings, {option, too_long, "-p", "1"});
+            // The outcome as the exit status: 3 a field changed, 4 not logged once, else 0.
+            if (memcmp(&before.settings, &expected.settings, sizeof(GlobalSettings)) != 0) _exit(3);
+            _exit(log.Count(message) == 1 ? 0 : 4);
         });
         ASSERT_TRUE(child.exited);
         EXPECT_EQ(0, child.status) << option;
-        const std::string message = std::string("\nError: The path of option '") + option[1] +
-                                    "' is longer than 63 characters, it is ignored.\n";
-        EXPECT_EQ(message, child.out) << option;
+        EXPECT_EQ(message + "\n", child.out) << option;
     }
 }
 

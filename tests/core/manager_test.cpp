@@ -7,7 +7,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "config/global_settings.h"
@@ -16,6 +18,8 @@
 #include "device/device_object.h"
 #include "log/debug_log.h"
 #include "support/core_test_util.h"
+#include "support/dev_test_util.h"
+#include "support/touch_test_util.h"
 
 namespace {
 
@@ -190,6 +194,102 @@ TEST(ManagerTest, PnpCheckRemovesEveryGoneDeviceAndKeepsTheRest) {
     EXPECT_EQ(1, manager.DeviceCount);
     EXPECT_EQ(devices[2], manager.DeviceListHead);
     coretest::Quiet([&] { delete devices[2]; });
+}
+
+// An RS232 controller that stops answering while it still streams touches, and a second
+// plug-and-play request raised while the check of the first runs (two controllers dropping
+// together). The receive thread is stopped before the lifts are written, so the last frame on
+// the touch device lifts every contact; the request raised during the check is kept and
+// answered by the next pass.
+TEST(ManagerTest, CheckOfASilentSerialControllerWhileAnotherRequestArrives) {
+    struct sigaction old_action;
+    ASSERT_EQ(0, sigaction(SIGUSR2, nullptr, &old_action));
+    ASSERT_EQ(0, InstallSigUsr2Handler());
+    GlobalSettings settings = DefaultSettings();
+    settings.ScanInterface = 4;
+    CManager manager(&settings);
+
+    FakeController controller(false);
+    std::atomic<int> loopbacks{0};
+    controller.SetResponder([&](const Bytes& packet) {
+        // The loop-back goes unanswered; its first copy coincides with the second request.
+        if (packet.size() >= 3 && packet[2] == 0x41 && loopbacks++ == 0) kill(getpid(), SIGUSR2);
+        return std::vector<TimedReply>{};
+    });
+    controller.Start();
+    CDeviceObject* device = new CDeviceObject("/dev/ttyS99", &settings);
+    AttachPort(device, &controller, DEV_RS232);
+    device->BaudRate = 9600;  // 5-byte point packets
+    UniqueFd touch_peer;
+    touchtest::MakeEventPair(&device->UinputTouchFd, &touch_peer);
+    manager.DeviceListHead = device;
+    manager.DeviceCount = 1;
+
+    // Everything written to the touch device, read as it comes (its queue is bounded).
+    std::vector<touchtest::Ev> events;
+    std::atomic<size_t> received_count{0};
+    std::atomic<bool> reading{true};
+    std::thread reader([&] {
+        bool more = true;
+        while (more) {
+            more = reading;  // one more read after the last writer is done
+            for (const touchtest::Ev& e : touchtest::Drain(touch_peer.get())) events.push_back(e);
+            received_count = events.size();
+            usleep(1000);
+        }
+    });
+    int stopped = -1;
+    int lifted = -1;
+    {
+        DevLogCapture log;
+        DebugEnableBits = LOG_MAIN | LOG_THREAD | LOG_EVENT;
+        coretest::Quiet([&] {
+            StartRxLoopThread(device);
+            std::atomic<bool> streaming{true};
+            std::thread touches([&] {
+                while (streaming) {
+                    controller.Send(Bytes{0x81, 0x0F, 0x7F, 0x00, 0x00});  // contact 0 down
+                    usleep(2000);
+                }
+            });
+            for (int i = 0; i < 500 && received_count == 0; ++i) usleep(10000);
+            bDeviceExistCheck.store(1);
+            ScanLoopPass(&manager);
+            streaming = false;
+            touches.join();
+        });
+        stopped = log.Find("StopReadThread() is processing");
+        lifted = log.Find("Send SLOT Multi Event ID[0], state[0]");
+    }
+    reading = false;
+    reader.join();
+
+    EXPECT_EQ(0, manager.DeviceCount);
+    EXPECT_EQ(nullptr, manager.DeviceListHead);
+    EXPECT_EQ(1, bDeviceExistCheck.load()) << "the request raised during the check was lost";
+    ASSERT_GE(lifted, 0);
+    EXPECT_TRUE(stopped >= 0 && stopped < lifted) << "lifts written while the thread still ran";
+    // Replayed as slots: a contact went down, and none is down at the end.
+    bool was_down = false;
+    bool down[kMaxContacts] = {};
+    int slot = 0;
+    for (const touchtest::Ev& e : events) {
+        if (e.type != EV_ABS) continue;
+        if (e.code == ABS_MT_SLOT && e.value >= 0 && e.value < kMaxContacts) slot = e.value;
+        if (e.code == ABS_MT_TRACKING_ID) down[slot] = e.value >= 0;
+        was_down = was_down || down[slot];
+    }
+    EXPECT_TRUE(was_down);
+    for (int i = 0; i < kMaxContacts; ++i) EXPECT_FALSE(down[i]) << "contact " << i;
+
+    // The next pass answers the kept request: its signal line, then one check.
+    DevLogCapture log;
+    coretest::Quiet([&] { ScanLoopPass(&manager); });
+    EXPECT_EQ(0, bDeviceExistCheck.load());
+    const int received = log.Find("Receive signal SIGUSR2. Set bDeviceExistCheck true.");
+    EXPECT_GE(received, 0);
+    EXPECT_GT(log.Find("Entering DevicePnPCheck"), received);
+    ASSERT_EQ(0, sigaction(SIGUSR2, &old_action, nullptr));
 }
 
 // A descriptor below 1 counts as unavailable: 0 is never taken for an open port.

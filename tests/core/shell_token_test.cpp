@@ -8,8 +8,9 @@ namespace {
 
 struct TokenCase {
     const char* text;
-    bool path_ok;  // IsPlainPathToken
-    bool id_ok;    // IsProductIdToken
+    bool path_ok;              // IsPlainPathToken
+    bool id_ok;                // IsProductIdToken
+    const char* id_form = "";  // NormalizeProductId ("" = refused)
 };
 
 // One row a value the daemon may put into a command line: device nodes and configured
@@ -22,12 +23,15 @@ const TokenCase kCases[] = {
     {"/dev/ttyUSB-0.1", true, false},
     {"/dev/input/uinput", true, false},
     {"relative/path_1", true, false},
-    {"3c7a", true, true},
-    {"00AB", true, true},
-    {"fFfF", true, true},
-    {"0001", true, true},
+    {"3c7a", true, true, "3c7a"},
+    {"00AB", true, true, "00ab"},
+    {"fFfF", true, true, "ffff"},
+    {"0001", true, true, "0001"},
+    // shorter ids are taken by the settings file and the binding, padded as the kernel shows them
+    {"3c7", true, false, "03c7"},
+    {"E5", true, false, "00e5"},
+    {"7", true, false, "0007"},
     // product ids of the wrong length or with non-hex characters
-    {"3c7", true, false},
     {"3c7a0", true, false},
     {"3c7g", true, false},
     {"0x3c", true, false},
@@ -70,9 +74,14 @@ TEST(ShellTokenTest, TableOfValues) {
     for (const TokenCase& c : kCases) {
         EXPECT_EQ(c.path_ok, IsPlainPathToken(c.text)) << "path [" << c.text << "]";
         EXPECT_EQ(c.id_ok, IsProductIdToken(c.text)) << "id [" << c.text << "]";
+        char form[5] = "xxxx";
+        EXPECT_EQ(c.id_form[0] != '\0', NormalizeProductId(c.text, form)) << c.text;
+        EXPECT_STREQ(c.id_form, form) << c.text;
     }
     EXPECT_FALSE(IsPlainPathToken(nullptr));
     EXPECT_FALSE(IsProductIdToken(nullptr));
+    char form[5] = "xxxx";
+    EXPECT_FALSE(NormalizeProductId(nullptr, form));
 }
 
 TEST(ShellTokenTest, PathMustFitTheSixtyFourByteBuffers) {

@@ -259,7 +259,7 @@ TEST_F(HidBindingTest, DriverDirectoriesThatListTheControllerAreNotTaught) {
         MakeKernelDir(std::string(kGenericDir) + "/0003:3c7a:00ab.0002");
         EXPECT_EQ(0, AddPIDintoModuleRoutine("3c7a", "00AB"));
         EXPECT_EQ("3 3c7a 0001 103\n", KernelFile(kGenericNewId));  // not rewritten
-        EXPECT_EQ("3 3c7a 00AB 103\n", KernelFile(kBusMtNewId));
+        EXPECT_EQ("3 3c7a 00ab 103\n", KernelFile(kBusMtNewId));
     }
 }
 
@@ -336,15 +336,23 @@ TEST_F(HidBindingTest, UsbTouchscreenWarningBeforeEachBinding) {
     EXPECT_EQ("3 3c7a 0002 103\n", KernelFile(kBusMtNewId));
 }
 
-// Ids from the settings file or a listing reach a shell command only as four hex digits.
-TEST_F(HidBindingTest, IdsThatAreNotFourHexDigitsNeverReachTheShell) {
+// Product ids take the settings file's rule, 1 to 4 hexadecimal digits, and reach the kernel
+// as the four lower-case digits it lists in /proc/bus/input/devices; the vendor id is four
+// digits. Nothing else reaches a shell.
+TEST_F(HidBindingTest, IdsAreOneToFourHexDigitsInTheKernelsForm) {
     MakeKernelDir(kGenericDir);
     MakeKernelDir(kBusMtDir);
+    EXPECT_EQ(0, AddPIDintoModuleRoutine("3c7a", "7E5"));
+    EXPECT_EQ("3 3c7a 07e5 103\n", KernelFile(kGenericNewId));
+    EXPECT_EQ("3 3c7a 07e5 103\n", KernelFile(kBusMtNewId));
+    Write("input_devices.txt", "I: Bus=0003 Vendor=3c7a Product=07e5 Version=0210\n");
+    EXPECT_EQ(1, AddPIDintoModuleRoutine("3c7a", "7E5"));  // bound now: nothing written
+    unlink((base_ + "/calls.log").c_str());
+
     const std::string marker = base_ + "/injected";
     const std::vector<std::pair<std::string, std::string>> bad = {
         {"3c7a", "0001; touch " + marker},
         {"3c7a", "0001 > " + marker},
-        {"3c7a", "001"},
         {"3c7a", "00012"},
         {"3c7a", "zz01"},
         {"3c7a", ""},
@@ -358,12 +366,12 @@ TEST_F(HidBindingTest, IdsThatAreNotFourHexDigitsNeverReachTheShell) {
         EXPECT_EQ(-1, AddPidToSysHIDGeneric(ids.first.c_str(), ids.second.c_str()));
         EXPECT_EQ(-1, AddPidToSysModule(ids.first.c_str(), ids.second.c_str()));
         EXPECT_EQ(-1, AddPidToModule(ids.first.c_str(), ids.second.c_str()));
-        EXPECT_TRUE(log.Contains("not four hexadecimal digits"));
+        EXPECT_TRUE(log.Contains("a vendor id has 4 hexadecimal digits, a product id 1 to 4"));
     }
     EXPECT_TRUE(Calls().empty());
     EXPECT_NE(0, access(marker.c_str(), F_OK));
-    EXPECT_EQ("<missing>", KernelFile(kGenericNewId));
-    EXPECT_EQ("<missing>", KernelFile(kBusMtNewId));
+    EXPECT_EQ("3 3c7a 07e5 103\n", KernelFile(kGenericNewId));  // nothing written since
+    EXPECT_EQ("3 3c7a 07e5 103\n", KernelFile(kBusMtNewId));
 
     // From a listing: a short entry is skipped, a hostile one is refused.
     DiscLogCapture log;

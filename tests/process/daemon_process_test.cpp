@@ -90,8 +90,10 @@ class DaemonProcessTest : public ::testing::Test {
     }
 
     // Runs the binary with args; returns the exit status of the started process (the
-    // daemon's first half exits 0 right after detaching). Its output goes to out.
-    int Run(const std::vector<std::string>& args, std::string* out = nullptr) {
+    // daemon's first half exits 0 right after detaching). Its standard output goes to out;
+    // its standard error to out as well when errors_too, else to /dev/null.
+    int Run(const std::vector<std::string>& args, std::string* out = nullptr,
+            bool errors_too = false) {
         UniqueFd read_end;
         UniqueFd write_end;
         if (!coretest::MakePipe(&read_end, &write_end)) return -1;
@@ -100,7 +102,8 @@ class DaemonProcessTest : public ::testing::Test {
         if (pid == 0) {
             dup2(write_end.get(), STDOUT_FILENO);
             const int null_fd = OpenCloexec("/dev/null", O_WRONLY);
-            dup2(null_fd, STDERR_FILENO);  // the exec closes null_fd itself
+            // The exec closes null_fd itself.
+            dup2(errors_too ? write_end.get() : null_fd, STDERR_FILENO);
             std::vector<char*> argv;
             argv.push_back(const_cast<char*>(kDaemon.c_str()));
             for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
@@ -383,6 +386,26 @@ TEST_F(DaemonProcessTest, KillWithoutPidFileCarriesOnAsDaemon) {
     ASSERT_GT(daemon, 0);
     EXPECT_TRUE(IsRunning(daemon));
     EXPECT_EQ(1, Count(LogText(), "<Init> File " + kPidFile + " doesn't existed\n"));
+}
+
+// An over-long -u, -r or -z is refused where the user sees it, with standard output a pipe:
+// on standard error before the daemon detaches, and in its log file. The daemon then runs on.
+TEST_F(DaemonProcessTest, OverlongOptionsAreReportedBeforeDetaching) {
+    const std::string too_long = "/" + std::string(63, 'x');
+    std::string out;
+    EXPECT_EQ(0, Run({"-u", too_long, "-r", too_long, "-z", too_long}, &out, true));
+    ASSERT_GT(WaitForDaemon(), 0);
+    const long deadline = NowMs() + 5000;
+    while (Count(LogText(), "Entering EndlessScanLoop") == 0 && NowMs() < deadline) {
+        usleep(10000);
+    }
+    const std::string log = LogText();
+    for (char option : {'u', 'r', 'z'}) {
+        const std::string message = std::string("Error: The argument of option '") + option +
+                                    "' is longer than 63 characters, it is ignored.";
+        EXPECT_EQ(1, Count(out, message + "\n")) << out;
+        EXPECT_EQ(1, Count(log, "<Main> " + message + "\n")) << log;
+    }
 }
 
 // The informational options end before detaching; what precedes their text on standard

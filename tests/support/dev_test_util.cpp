@@ -59,6 +59,15 @@ DevLogCapture::~DevLogCapture() {
     gLogLines = nullptr;
 }
 
+int DevLogCapture::Find(const std::string& text) const {
+    std::lock_guard<std::mutex> lock(gLogMutex);
+    if (!gLogLines) return -1;
+    for (size_t i = 0; i < gLogLines->size(); ++i) {
+        if ((*gLogLines)[i].find(text) != std::string::npos) return static_cast<int>(i);
+    }
+    return -1;
+}
+
 int DevLogCapture::Count(const std::string& text) const {
     std::lock_guard<std::mutex> lock(gLogMutex);
     int n = 0;

@@ -35,6 +35,8 @@ class DevLogCapture {
     DevLogCapture& operator=(const DevLogCapture&) = delete;
     int Count(const std::string& text) const;
     bool Contains(const std::string& text) const { return Count(text) > 0; }
+    // Index of the first captured message containing text, -1 when there is none.
+    int Find(const std::string& text) const;
 
   private:
     uint32_t saved_bits_;

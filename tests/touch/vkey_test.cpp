@@ -22,7 +22,7 @@ TEST(VKeyIni, KeysAndValues) {
         {"VKEY_4", "0x9e", 4, 158}, {"VKEY_5", "0x2FF", 5, 0x2FF},
         {"VKEY_6", "114", 6, 114},  {"VKEY_7", "home", 7, -1},  // names are case-sensitive
         {"VKEY_8", "0x", 8, -1},                                // no digits
-        {"VKEY_9", "12abc", 9, -1},                             // trailing text
+        {"VKEY_9", "12abc", 9, 12},                             // the leading number
         {"VKEY_9", "abc", 9, -1},   {"VKEY_9", "", 9, -1},
         {"VKEY_9", "0x300", 9, -1},  // beyond the kernel's key codes
         {"VKEY_9", "-5", 9, -1},    {"VKEY_9", "99999999999999999999", 9, -1},

@@ -1,7 +1,10 @@
 # The self-written settings file. No file: the first device generates it
 # whole. DeviceNums 2 with two USB controllers on different physical
 # addresses: the first claims the empty address of block 0, the second adds
-# block 1 in front of [EndOfFile]. A third start changes nothing.
+# block 1 in front of [EndOfFile]. A third start changes nothing. A fourth
+# start adds three controllers whose physical addresses read as words of the
+# file ([EndOfFile], [Device_No.0], [EndOfDevice]; any process can make such a
+# uhid device): all five are served, and the file stays as it was.
 # -r names a serial path that does not exist, so no serial port is probed.
 . /bed/lib.sh
 
@@ -19,7 +22,9 @@ stop_all() {
     TavrineD -k > /dev/null 2>&1
     stop_pid "$SIM_PID"
     [ -n "$SIM_B" ] && stop_pid "$SIM_B"
-    rm -f /tmp/b.ready
+    for pid in $SIM_HOSTILE; do stop_pid "$pid"; done
+    SIM_HOSTILE=
+    rm -f /tmp/b.ready /tmp/h-*.ready
 }
 
 rm -f /data/TavrineA.ini
@@ -43,4 +48,19 @@ TavrineD -f -r /dev/ttyTAVnone > "$OUT/start3.out" 2>&1
 wait_until 'set_up "$OUT/sim.log" "$OUT/sim-b.log"' 200 || tasks phase3
 cmp -s /data/TavrineA.ini "$OUT/two-devices.ini" && step "third start: file unchanged" || cp /data/TavrineA.ini "$OUT/third.ini"
 grep -ho 'Found match physical address \[[^]]*\], device figure \[[0-9]\]' /data/Tavrine_*.log >> "$OUT/steps.txt"
+stop_all
+
+sed -i "s/^\(DeviceNums[[:space:]]*\)2$/\15/" /data/TavrineA.ini
+cp /data/TavrineA.ini /tmp/before-hostile.ini
+start_sim usb-a.scn
+start_b
+for h in eof hdr eod; do
+    tavrine-sim usb-$h.scn --log "$OUT/sim-$h.log" --ready /tmp/h-$h.ready &
+    SIM_HOSTILE="$SIM_HOSTILE $!"
+    wait_until "[ -e /tmp/h-$h.ready ]" 50
+done
+TavrineD -f -r /dev/ttyTAVnone > "$OUT/start4.out" 2>&1
+wait_until 'set_up "$OUT/sim.log" "$OUT/sim-b.log" "$OUT/sim-eof.log" "$OUT/sim-hdr.log" "$OUT/sim-eod.log"' 300 || tasks phase4
+cmp -s /data/TavrineA.ini /tmp/before-hostile.ini && step "fourth start, five devices: file unchanged" || cp /data/TavrineA.ini "$OUT/fourth.ini"
+grep -ho 'Physical address \[.*\] cannot be matched, use default setting' /data/Tavrine_*.log | sort >> "$OUT/steps.txt"
 stop_all
