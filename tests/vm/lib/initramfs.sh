@@ -68,7 +68,7 @@ LIBINPUT_RULES="50-udev-default 60-evdev 60-input-id 60-persistent-input 65-libw
 LIBINPUT_HWDB="60-evdev 60-input-id 65-libwacom 70-mouse 70-pointingstick 70-touchpad"
 
 # Copies Debian's udev and libinput, unpacked by scripts/install-vm-deps.sh, into root $1 at
-# their usual paths: udevadm (also as systemd-udevd), libinput's debug-events and
+# their usual paths: udevadm (also as systemd-udevd), systemd-hwdb, libinput's debug-events and
 # list-devices, libinput's udev helpers, the input rules, a hwdb compiled from the input
 # hwdb files, libinput's quirks, libwacom's data and every library these programs load.
 add_libinput() {
@@ -77,10 +77,10 @@ add_libinput() {
     libs=$src/lib/x86_64-linux-gnu:$src/usr/lib/x86_64-linux-gnu
     mkdir -p "$1/lib/systemd" "$1/lib/udev/rules.d" "$1/lib/udev/hwdb.d" "$1/usr/bin" \
         "$1/usr/libexec/libinput" "$1/usr/share" "$1/run"
-    cp "$src/bin/udevadm" "$1/bin/udevadm"
+    cp "$src/bin/udevadm" "$src/bin/systemd-hwdb" "$1/bin/"
     ln -sf /bin/udevadm "$1/lib/systemd/systemd-udevd"
     cp "$src/usr/bin/libinput" "$1/usr/bin/"
-    progs="$1/bin/udevadm"
+    progs="$1/bin/udevadm $1/bin/systemd-hwdb"
     for p in debug-events list-devices; do
         cp "$src/usr/libexec/libinput/libinput-$p" "$1/usr/libexec/libinput/"
         progs="$progs $1/usr/libexec/libinput/libinput-$p"

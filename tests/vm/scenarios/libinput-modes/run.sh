@@ -15,7 +15,8 @@
 # unit's start and stop commands; libinput's device list shows the kernel's
 # own hid-multitouch node of the controller only while the unit's marker
 # file is absent, and exactly one touch and one tablet device while it is
-# there, also after the controller is unplugged and plugged again.
+# there, also after the controller is unplugged and plugged again; the
+# screen's size given to udev's hwdb reaches libinput.
 . ../touch-devices/touch-env.sh   # touch_events; its getprop stand-in stays off the PATH
 
 # mode        release (- : no getprop at all)
@@ -144,12 +145,13 @@ run_unit() {
     done
     udevadm settle
 }
-# Touch and tablet devices that libinput would use, as "<name>: <capabilities>".
+# Touch and tablet devices that libinput would use, as "<name>: <capabilities> <size>".
 libinput_screens() {
     /usr/libexec/libinput/libinput-list-devices 2>&1 |
-        awk '/^Device:/ { sub(/^Device: */, ""); name = $0 }
+        awk '/^Device:/ { sub(/^Device: */, ""); name = $0; size = "" }
+             /^Size:/ { size = " " $2 }
              /^Capabilities:/ { sub(/^Capabilities: */, ""); sub(/ *$/, "")
-                                if ($0 ~ /touch|tablet/) print name ": " $0 }'
+                                if ($0 ~ /touch|tablet/) print name ": " $0 size }'
 }
 
 start_controller install - && step "install: set-up done" || step "install: set-up not done"
@@ -168,6 +170,19 @@ start_controller install - && step "install: set-up done" || step "install: set-
         step "install: set up again after the re-plug"
     udevadm settle
     echo "# the controller unplugged and plugged again"
+    libinput_screens
+    # The screen's real size given to udev's hwdb as the README says (480 x 270 mm with
+    # ResolX 1919 and ResolY 1079: 4 units per millimetre on both axes), daemon restarted.
+    mkdir -p /etc/udev/hwdb.d
+    sed 's/=::[0-9]*$/=::4/' /bed/platform/linux/61-tavrine-screen.hwdb > /etc/udev/hwdb.d/61-tavrine-screen.hwdb
+    systemd-hwdb update && udevadm control --reload
+    rm -f /data/Tavrine_*
+    TavrineD -f > /dev/null 2>&1
+    wait_until 'grep -q "Device\[/dev/hidraw0\] Setup Done" "$(daemon_log)" 2>/dev/null' 300 &&
+        wait_until 'has_input MorvelTouch_VirtualDevice && has_input MorvelTouch_VirtualPen' 50 &&
+        step "install: set up again with the screen's size in the hwdb"
+    udevadm settle
+    echo "# the screen's size set in the hwdb, daemon restarted"
     libinput_screens
     run_unit ExecStopPost
     echo "# after the unit's stop commands"
