@@ -94,8 +94,10 @@ add_libinput() {
     LD_LIBRARY_PATH=$libs "$src/bin/systemd-hwdb" --root "$1" update || {
         echo "run-vm: systemd-hwdb could not compile the input hwdb" >&2; return 1; }
     cp -r "$src/usr/share/libinput" "$src/usr/share/libwacom" "$1/usr/share/"
+    # shellcheck disable=SC2086 # $progs: one word per program
     missing=$(LD_LIBRARY_PATH=$libs ldd $progs 2>&1 | grep 'not found' | sort -u)
     [ -z "$missing" ] || { echo "run-vm: libraries missing for udev/libinput: $missing" >&2; return 1; }
+    # shellcheck disable=SC2086
     for lib in $(LD_LIBRARY_PATH=$libs ldd $progs | awk '$2 == "=>" && $3 ~ /^\// { print $3 }
                                                           $1 ~ /^\// && $2 ~ /^\(0x/ { print $1 }' |
         sort -u); do

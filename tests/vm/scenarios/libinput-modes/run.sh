@@ -29,7 +29,7 @@ event_of() {
     grep -l "^$1\$" /sys/class/input/event*/device/name 2>/dev/null | sed 's|^/sys/class/input/\(event[0-9]*\)/.*|\1|'
 }
 
-mkdir -p /run /etc/udev/rules.d
+mkdir -p /run
 mount -t tmpfs run /run
 /lib/systemd/systemd-udevd --daemon > "$OUT/udevd.out" 2>&1
 udevadm trigger --action=add && udevadm settle
@@ -131,8 +131,8 @@ done
 
 # The README's Linux install: the rule where `cmake --install` puts it, the
 # daemon started as the unit starts it, then the unit's own commands.
-cp /bed/platform/linux/70-tavrine.rules /usr/lib/udev/rules.d/ 2>/dev/null ||
-    { mkdir -p /usr/lib/udev/rules.d && cp /bed/platform/linux/70-tavrine.rules /usr/lib/udev/rules.d/; }
+mkdir -p /usr/lib/udev/rules.d
+cp /bed/platform/linux/70-tavrine.rules /usr/lib/udev/rules.d/
 udevadm control --reload
 unit=/bed/platform/linux/tavrined.service.in
 # unit_commands KEY: the unit's KEY= command lines, without their prefix characters.
@@ -189,4 +189,9 @@ start_controller install - && step "install: set-up done" || step "install: set-
     libinput_screens
 } > "$OUT/install.screens"
 stop_controller
+# The guest as it was for the scenarios after this one: no udev, no install.
 kill "$(pidof systemd-udevd)" 2>/dev/null
+sleep 0.2
+umount /run
+rm -f /usr/lib/udev/rules.d/70-tavrine.rules /etc/udev/hwdb.d/61-tavrine-screen.hwdb
+systemd-hwdb update
