@@ -73,8 +73,11 @@ install_libinput() {
     rm -rf "$tmp" "$LDIR"
     mkdir -p "$tmp"
     # shellcheck disable=SC2086 # one word per package
-    (cd "$tmp" && apt-get download -qq $LIBINPUT_PACKAGES >/dev/null 2>&1) ||
-        { rm -rf "$tmp"; die "apt-get download of the udev and libinput packages failed"; }
+    if ! (cd "$tmp" && apt-get download -qq $LIBINPUT_PACKAGES >/dev/null 2>&1); then
+        apt-get update -qq || true   # a fresh machine may have no package lists yet
+        (cd "$tmp" && apt-get download -qq $LIBINPUT_PACKAGES >/dev/null 2>&1) ||
+            { rm -rf "$tmp"; die "apt-get download of the udev and libinput packages failed"; }
+    fi
     mkdir -p "$LDIR/root"
     for deb in "$tmp"/*.deb; do
         dpkg -x "$deb" "$LDIR/root" || { rm -rf "$tmp" "$LDIR"; die "dpkg -x $deb failed"; }
