@@ -1,7 +1,8 @@
 #!/bin/sh
-# Installs what the VM test bed needs: qemu, a static busybox and a stock
-# Debian kernel unpacked into a cache outside the work tree. Idempotent: a
-# second run with everything present does nothing and needs no network.
+# Installs what the VM test bed needs: qemu, a static busybox, a stock Debian
+# kernel and Debian's udev and libinput unpacked into a cache outside the work
+# tree. Idempotent: a second run with everything present does nothing and
+# needs no network.
 set -eu
 
 CACHE="${TAVRINE_CACHE:-$HOME/.cache/tavrine}"
@@ -58,7 +59,38 @@ install_kernel() {
     echo "$pkg" > "$KDIR/ready"
 }
 
+# udev and libinput for the scenarios that check the daemon's devices with the desktop's
+# own reader (tests/vm/scenarios/*/needs-libinput): Debian's packages and the libraries they
+# load, downloaded and unpacked into the cache (libc comes from the host). Not installed on
+# the host: udev would pull a systemd upgrade, libinput-tools a GTK stack.
+LIBINPUT_PACKAGES="udev libudev1 libinput10 libinput-bin libinput-tools libwacom9 libwacom-common
+    libevdev2 libmtdev1 libgudev-1.0-0 libglib2.0-0 libffi8 libpcre2-8-0 libacl1 libblkid1 libcap2
+    libkmod2 liblzma5 libzstd1 libssl3 libselinux1"
+
+install_libinput() {
+    if [ -f "$LDIR/ready" ]; then return 0; fi
+    tmp="$CACHE/libinput-download.$$"
+    rm -rf "$tmp" "$LDIR"
+    mkdir -p "$tmp"
+    # shellcheck disable=SC2086 # one word per package
+    if ! (cd "$tmp" && apt-get download -qq $LIBINPUT_PACKAGES >/dev/null 2>&1); then
+        apt-get update -qq || true   # a fresh machine may have no package lists yet
+        (cd "$tmp" && apt-get download -qq $LIBINPUT_PACKAGES >/dev/null 2>&1) ||
+            { rm -rf "$tmp"; die "apt-get download of the udev and libinput packages failed"; }
+    fi
+    mkdir -p "$LDIR/root"
+    for deb in "$tmp"/*.deb; do
+        dpkg -x "$deb" "$LDIR/root" || { rm -rf "$tmp" "$LDIR"; die "dpkg -x $deb failed"; }
+    done
+    rm -rf "$tmp"
+    [ -x "$LDIR/root/usr/libexec/libinput/libinput-debug-events" ] && [ -x "$LDIR/root/bin/udevadm" ] ||
+        die "the unpacked packages have no libinput-debug-events or udevadm"
+    echo "$LIBINPUT_PACKAGES" | tr -s ' \n' ' ' > "$LDIR/ready"
+}
+
+LDIR="$CACHE/libinput"
 mkdir -p "$CACHE"
 install_tools
 install_kernel
-echo "install-vm-deps: ready (kernel $(cat "$KDIR/ready"), cache $CACHE)"
+install_libinput
+echo "install-vm-deps: ready (kernel $(cat "$KDIR/ready"), udev and libinput in $LDIR, cache $CACHE)"

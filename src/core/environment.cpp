@@ -45,6 +45,10 @@ void CloseAndRemove(FILE* stream) {
 
 }  // namespace
 
+bool OnPlainLinux() {
+    return AndroidVersion.major == 0;
+}
+
 void ParseKernelVersion(const char* text, size_t len, KernelVersionInfo* version) {
     int32_t numbers[3] = {0, 0, 0};
     if (len > kProcVersionRead) len = kProcVersionRead;

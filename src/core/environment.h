@@ -23,6 +23,10 @@ extern KernelVersionInfo KernelVersion;    // 0.0.0 when unknown
 extern int32_t bOldKernel;                 // 1 on 2.6.x with x <= 34
 extern AndroidVersionInfo AndroidVersion;  // 0.0 when not on Android
 
+// True when no Android release was found: the virtual devices then follow what a Linux
+// input stack (libinput, libevdev, evdev readers) expects instead of an Android release.
+bool OnPlainLinux();
+
 // Set by the SIGUSR2 handler and by device threads; read and cleared by the scan loop.
 extern std::atomic<uint8_t> bDeviceExistCheck;
 

@@ -61,6 +61,14 @@ void LogDescriptorBytes(const CDeviceObject* device, int fd, const uint8_t* byte
     }
 }
 
+// Shift and logical maximum of the coordinate report whose Report ID item is at start.
+void ReadCoordinateReport(const uint8_t* d, int start, int size, int8_t* shift,
+                          int32_t* logical_max) {
+    *shift = static_cast<int8_t>(ResolutionShift(d, start, size));
+    const int declared = FindResolution(d, start, size);
+    *logical_max = declared > 0 ? declared : 0;
+}
+
 }  // namespace
 
 int ResolutionShift(const uint8_t* descriptor, int start, int size) {
@@ -95,13 +103,14 @@ void ApplyReportDescriptor(CDeviceObject* device, const uint8_t* descriptor, int
         if (descriptor[i] != kReportIdItem) continue;
         switch (descriptor[i + 1]) {
             case 0x01:
-                device->MouseResShift = static_cast<int8_t>(ResolutionShift(descriptor, i, size));
+                ReadCoordinateReport(descriptor, i, size, &device->MouseResShift,
+                                     &device->MouseLogicalMax);
                 TLOG(LOG_INIT, "Support Mouse Report. Resolution shift = %d",
                      device->MouseResShift);
                 break;
             case 0x02:
-                device->DigitizerResShift =
-                    static_cast<int8_t>(ResolutionShift(descriptor, i, size));
+                ReadCoordinateReport(descriptor, i, size, &device->DigitizerResShift,
+                                     &device->DigitizerLogicalMax);
                 TLOG(LOG_INIT, "Support Digitizer Report. Resolution shift = %d",
                      device->DigitizerResShift);
                 break;
@@ -110,7 +119,8 @@ void ApplyReportDescriptor(CDeviceObject* device, const uint8_t* descriptor, int
                 TLOG(LOG_INIT, "Support Vendor Report");
                 break;
             case 0x04:
-                device->MTouchResShift = static_cast<int8_t>(ResolutionShift(descriptor, i, size));
+                ReadCoordinateReport(descriptor, i, size, &device->MTouchResShift,
+                                     &device->MTouchLogicalMax);
                 TLOG(LOG_INIT, "Support MTouch Report. Resolution shift = %d",
                      device->MTouchResShift);
                 break;
@@ -119,8 +129,8 @@ void ApplyReportDescriptor(CDeviceObject* device, const uint8_t* descriptor, int
                 TLOG(LOG_INIT, "Support Set Feature");
                 break;
             case 0x06:
-                device->ParallelResShift =
-                    static_cast<int8_t>(ResolutionShift(descriptor, i, size));
+                ReadCoordinateReport(descriptor, i, size, &device->ParallelResShift,
+                                     &device->ParallelLogicalMax);
                 TLOG(LOG_INIT, "Support Parallel Report. Resolution shift = %d",
                      device->ParallelResShift);
                 break;

@@ -119,6 +119,11 @@ public:
     int8_t DigitizerResShift = 0;
     int8_t MTouchResShift = 0;
     int8_t ParallelResShift = 0;
+    // Logical maximum each coordinate report declares (device/descriptor.h); 0 = none.
+    int32_t MouseLogicalMax = 0;
+    int32_t DigitizerLogicalMax = 0;
+    int32_t MTouchLogicalMax = 0;
+    int32_t ParallelLogicalMax = 0;
 
     // Tool pipes (toolpipe/tool_pipe.h) and virtual input devices (output/).
     UniqueFd m_fdPipeIn;

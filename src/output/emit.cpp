@@ -77,6 +77,22 @@ void WriteTypeAEntry(CDeviceObject* device, int j, const TouchPoint& entry) {
     WriteTouch(device, EV_SYN, SYN_MT_REPORT, 0);
 }
 
+// Single-touch view of a slot frame on plain Linux: BTN_TOUCH while any contact touches,
+// ABS_X/ABS_Y following the lowest-numbered touching contact. The input core drops the
+// values that did not change.
+void WritePointerEmulation(CDeviceObject* device) {
+    const int entries = FrameEntries(device);
+    for (int j = 0; j < entries; ++j) {
+        const TouchPoint& entry = device->CurContacts[j];
+        if (entry.State != 1) continue;
+        WriteTouch(device, EV_KEY, BTN_TOUCH, 1);
+        WriteTouch(device, EV_ABS, ABS_X, entry.X);
+        WriteTouch(device, EV_ABS, ABS_Y, entry.Y);
+        return;
+    }
+    WriteTouch(device, EV_KEY, BTN_TOUCH, 0);
+}
+
 // Every non-empty entry, then SYN_REPORT. A lifted entry is written once and then emptied.
 void WriteFrame(CDeviceObject* device, TouchProtocol protocol) {
     const int entries = FrameEntries(device);
@@ -97,6 +113,7 @@ void WriteFrame(CDeviceObject* device, TouchProtocol protocol) {
         device->LastContacts[j] = entry;
         if (entry.State == 0) entry.State = -1;
     }
+    if (protocol == TouchProtocol::kSlot && OnPlainLinux()) WritePointerEmulation(device);
     WriteTouch(device, EV_SYN, SYN_REPORT, 0);
 }
 

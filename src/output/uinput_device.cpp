@@ -2,8 +2,10 @@
 //
 // Creating a device: open the uinput node (with the "/dev/uinput" fallback), fill the
 // uinput_user_dev record, set the event, axis, key, misc and property bits in the order
-// listed in SetupTouchBits / SetupPenBits, write the record, then UI_DEV_CREATE. The bit
-// ioctls' results are ignored (a kernel without a bit simply lacks it).
+// listed in SetupTouchBits / SetupPenBits, write the record, give the position axes their
+// resolution (UI_ABS_SETUP), then UI_DEV_CREATE. The bit and resolution ioctls' results are
+// ignored (a kernel without a bit simply lacks it; one without UI_ABS_SETUP, before 4.5,
+// creates the axes without a resolution).
 #include "output/uinput_device.h"
 
 #include <linux/input.h>
@@ -30,6 +32,11 @@ constexpr int32_t kMaxSlot = 20;
 constexpr int32_t kTiltRange = 6000;
 constexpr int32_t kMaxPressure = 1023;
 constexpr uint8_t kEventTypeA = 4;
+// Physical size assumed for the screen when the axes' resolution (units per millimetre) is
+// set: a 15.6-inch 16:9 panel. The real size of an installation is given to udev's hwdb,
+// which overrides this resolution when the device appears.
+constexpr int32_t kScreenWidthMm = 344;
+constexpr int32_t kScreenHeightMm = 194;
 
 static_assert(sizeof(struct uinput_user_dev) == 1116, "uinput_user_dev record size");
 
@@ -44,6 +51,36 @@ void SetAbsAxis(int fd, struct uinput_user_dev* dev, int axis, int32_t min, int3
     ioctl(fd, UI_SET_ABSBIT, axis);
     dev->absmin[axis] = min;
     dev->absmax[axis] = max;
+}
+
+// Upper end of a position axis: the output range set for the device, or the 12-bit range.
+int32_t OutputMax(int32_t resolution) {
+    return resolution == -1 ? kMaxCoord : resolution;
+}
+
+// Units per millimetre of an axis whose range spans size_mm, rounded, at least 1.
+int32_t UnitsPerMm(int32_t min, int32_t max, int32_t size_mm) {
+    const int64_t range = static_cast<int64_t>(max) - min;
+    const int64_t units = (range + size_mm / 2) / size_mm;
+    return units < 1 ? 1 : static_cast<int32_t>(units);
+}
+
+// Sets the resolution of an axis already in the written record, keeping its range.
+void SetAxisResolution(int fd, const struct uinput_user_dev& dev, int axis, int32_t size_mm) {
+#ifdef UI_ABS_SETUP
+    struct uinput_abs_setup setup;
+    memset(&setup, 0, sizeof(setup));
+    setup.code = static_cast<__u16>(axis);
+    setup.absinfo.minimum = dev.absmin[axis];
+    setup.absinfo.maximum = dev.absmax[axis];
+    setup.absinfo.resolution = UnitsPerMm(dev.absmin[axis], dev.absmax[axis], size_mm);
+    ioctl(fd, UI_ABS_SETUP, &setup);
+#else
+    (void)fd;
+    (void)dev;
+    (void)axis;
+    (void)size_mm;
+#endif
 }
 
 void SetDirectProperty(int fd) {
@@ -84,14 +121,22 @@ void FillIdentity(struct uinput_user_dev* dev, const char* name, uint16_t produc
     snprintf(dev->name, sizeof(dev->name), "%s", name);
 }
 
+// On plain Linux the slot protocol's touch device also carries the single-touch view of
+// the first contact (BTN_TOUCH, ABS_X, ABS_Y), as kernel touch screen drivers do.
+bool HasPointerEmulation(const CDeviceObject* device) {
+    return OnPlainLinux() && device->Param.EventType != kEventTypeA;
+}
+
 void SetupTouchBits(const CDeviceObject* device, int fd, struct uinput_user_dev* dev) {
     const DeviceParam& param = device->Param;
     SetEvBit(fd, EV_ABS);
-    SetAbsAxis(fd, dev, ABS_MT_POSITION_X, 0, param.ResolX == -1 ? kMaxCoord : param.ResolX);
-    SetAbsAxis(fd, dev, ABS_MT_POSITION_Y, 0, param.ResolY == -1 ? kMaxCoord : param.ResolY);
+    SetAbsAxis(fd, dev, ABS_MT_POSITION_X, 0, OutputMax(param.ResolX));
+    SetAbsAxis(fd, dev, ABS_MT_POSITION_Y, 0, OutputMax(param.ResolY));
     SetAbsAxis(fd, dev, ABS_MT_TOOL_TYPE, 0, 1);
     if (param.EventType != kEventTypeA) {
-        if (AndroidVersion.major > 3) SetAbsAxis(fd, dev, ABS_MT_SLOT, 0, kMaxSlot);
+        if (AndroidVersion.major > 3 || OnPlainLinux()) {
+            SetAbsAxis(fd, dev, ABS_MT_SLOT, 0, kMaxSlot);
+        }
         SetAbsAxis(fd, dev, ABS_MT_TRACKING_ID, 0, kMaxSlot);
         if (param.VKEYEnable) {
             SetEvBit(fd, EV_KEY);
@@ -100,17 +145,34 @@ void SetupTouchBits(const CDeviceObject* device, int fd, struct uinput_user_dev*
             }
         }
     }
+    if (HasPointerEmulation(device)) {
+        SetEvBit(fd, EV_KEY);
+        SetKeyBit(fd, BTN_TOUCH);
+        SetAbsAxis(fd, dev, ABS_X, 0, OutputMax(param.ResolX));
+        SetAbsAxis(fd, dev, ABS_Y, 0, OutputMax(param.ResolY));
+    }
     SetDirectProperty(fd);
+}
+
+void SetTouchResolution(const CDeviceObject* device, int fd, const struct uinput_user_dev& dev) {
+    SetAxisResolution(fd, dev, ABS_MT_POSITION_X, kScreenWidthMm);
+    SetAxisResolution(fd, dev, ABS_MT_POSITION_Y, kScreenHeightMm);
+    if (HasPointerEmulation(device)) {
+        SetAxisResolution(fd, dev, ABS_X, kScreenWidthMm);
+        SetAxisResolution(fd, dev, ABS_Y, kScreenHeightMm);
+    }
 }
 
 bool PenHasTilt() {
     return (KernelVersion.major > 2 && KernelVersion.minor > 1) || AndroidVersion.major == 0;
 }
 
-void SetupPenBits(int fd, struct uinput_user_dev* dev) {
+// The pen's positions are scaled to the output range like the touches' (ResolX/ResolY),
+// so its axes have that range too.
+void SetupPenBits(const CDeviceObject* device, int fd, struct uinput_user_dev* dev) {
     SetEvBit(fd, EV_ABS);
-    SetAbsAxis(fd, dev, ABS_X, 0, kMaxCoord);
-    SetAbsAxis(fd, dev, ABS_Y, 0, kMaxCoord);
+    SetAbsAxis(fd, dev, ABS_X, 0, OutputMax(device->Param.ResolX));
+    SetAbsAxis(fd, dev, ABS_Y, 0, OutputMax(device->Param.ResolY));
     SetAbsAxis(fd, dev, ABS_MT_TOOL_TYPE, 0, 1);
     if (PenHasTilt()) {
         SetAbsAxis(fd, dev, ABS_TILT_X, -kTiltRange, kTiltRange);
@@ -128,10 +190,15 @@ void SetupPenBits(int fd, struct uinput_user_dev* dev) {
     SetDirectProperty(fd);
 }
 
-// Writes the record and creates the device. 0 or -1.
-int WriteRecordAndCreate(int fd, const struct uinput_user_dev* dev) {
-    const ssize_t written = WriteRetry(fd, dev, sizeof(*dev));
+// Writes the record (the device's set-up on every kernel). Its result is ignored: a failed
+// write shows as a failed UI_DEV_CREATE.
+void WriteRecord(int fd, const struct uinput_user_dev& dev) {
+    const ssize_t written = WriteRetry(fd, &dev, sizeof(dev));
     (void)written;
+}
+
+// Creates the device from the written record. 0 or -1.
+int CreateFromRecord(int fd) {
     if (ioctl(fd, UI_DEV_CREATE) < 0) {
         TLOG_ERR(LOG_MAIN, "Unable to create UINPUT device.\n");
         return -1;
@@ -153,7 +220,9 @@ int CreateTouchDevice(CDeviceObject* device) {
     struct uinput_user_dev dev;
     FillIdentity(&dev, kTouchName, kTouchProductId);
     SetupTouchBits(device, fd, &dev);
-    if (WriteRecordAndCreate(fd, &dev) < 0) return -1;
+    WriteRecord(fd, dev);
+    SetTouchResolution(device, fd, dev);
+    if (CreateFromRecord(fd) < 0) return -1;
     device->bTouchDeviceCreated = true;
     return 0;
 }
@@ -163,8 +232,11 @@ int CreatePenDevice(CDeviceObject* device) {
     const int fd = device->UinputPenFd.get();
     struct uinput_user_dev dev;
     FillIdentity(&dev, kPenName, kPenProductId);
-    SetupPenBits(fd, &dev);
-    if (WriteRecordAndCreate(fd, &dev) < 0) return -1;
+    SetupPenBits(device, fd, &dev);
+    WriteRecord(fd, dev);
+    SetAxisResolution(fd, dev, ABS_X, kScreenWidthMm);
+    SetAxisResolution(fd, dev, ABS_Y, kScreenHeightMm);
+    if (CreateFromRecord(fd) < 0) return -1;
     device->bPenDeviceCreated = true;
     return 0;
 }

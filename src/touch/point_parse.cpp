@@ -21,6 +21,7 @@ constexpr int kSeriesSpecial04 = 11;
 constexpr int kSeriesLastDigitizer = 21;
 constexpr int kSeriesLastUnshifted04 = 8;
 constexpr int kMaxShift = 16;  // values are 16-bit: a larger shift reads as 0 anyway
+constexpr int32_t kMaxCoord = 4095;
 constexpr int kTiltLimit = 6000;
 constexpr int kSerialFarEdge = 4094;
 
@@ -37,12 +38,17 @@ int32_t U16(const uint8_t* p, int offset) {
     return static_cast<int32_t>(p[offset] | (p[offset + 1] << 8));
 }
 
-// Shift of a report from its descriptor-derived value. A negative result (a descriptor
-// that gave -1, or a report it did not announce: field 0) means no shift; the count is
-// capped so that it is always a valid shift of a 32-bit value.
-int EffectiveShift(int shift) {
-    if (shift < 0) return 0;
-    return shift > kMaxShift ? kMaxShift : shift;
+// A report coordinate brought to the 12-bit range. shift is the report's shift as its
+// layout applies it (the descriptor's value or one less). From 0 up the coordinate is
+// shifted right (capped, so it is always a valid shift of a 32-bit value). Below 0 the
+// declared maximum was too small for any shift (2047, say): the coordinate is scaled so
+// that the declared maximum lands on 4095. Without a declared maximum (the descriptor had
+// none, or did not announce the report) it is taken as it is.
+int32_t ScaleCoord(int32_t raw, int shift, int32_t logical_max) {
+    if (shift >= 0) return raw >> (shift > kMaxShift ? kMaxShift : shift);
+    if (logical_max <= 0) return raw;
+    const int32_t bounded = raw < logical_max ? raw : logical_max;
+    return bounded * kMaxCoord / logical_max;
 }
 
 // Contact numbers usable as a table index and announced by the device.
@@ -66,13 +72,12 @@ bool LongEnough(const uint8_t* packet, int count, int needed) {
     return false;
 }
 
-// Single-contact layout: status bit 0 state, bits 2-6 contact id, X and Y after a shift.
-void ReadSingle(const uint8_t* packet, int shift, TouchPoint* point) {
-    const int s = EffectiveShift(shift);
+// Single-contact layout: status bit 0 state, bits 2-6 contact id, X and Y scaled.
+void ReadSingle(const uint8_t* packet, int shift, int32_t logical_max, TouchPoint* point) {
     point->State = packet[1] & 0x01;
     point->ID = (packet[1] >> 2) & 0x1F;
-    point->X = U16(packet, 2) >> s;
-    point->Y = U16(packet, 4) >> s;
+    point->X = ScaleCoord(U16(packet, 2), shift, logical_max);
+    point->Y = ScaleCoord(U16(packet, 4), shift, logical_max);
 }
 
 void HandSingle(CDeviceObject* device, const char* format, TouchPoint* point) {
@@ -114,17 +119,18 @@ void ParsePenReport(CDeviceObject* device, const uint8_t* packet, TouchPoint* po
 // Series 11 0x04 report: one contact, and a second when byte 17 is 2.
 void ParseSpecial04(CDeviceObject* device, const uint8_t* packet, int count, TouchPoint* point) {
     if (!LongEnough(packet, count, kSpecialLen)) return;
-    const int s = EffectiveShift(device->MTouchResShift - 1);
+    const int s = device->MTouchResShift - 1;
+    const int32_t max = device->MTouchLogicalMax;
     point->State = packet[1] & 0x01;
     point->ID = packet[4];
-    point->X = U16(packet, 5) >> s;
-    point->Y = U16(packet, 7) >> s;
+    point->X = ScaleCoord(U16(packet, 5), s, max);
+    point->Y = ScaleCoord(U16(packet, 7), s, max);
     HandSingle(device, "0x04 specail: ID=%d, X=%d, Y=%d, State=%d", point);
     if (count < kSpecialSecondLen || packet[17] != 2) return;
     point->State = packet[9] & 0x01;
     point->ID = packet[12];
-    point->X = U16(packet, 13) >> s;
-    point->Y = U16(packet, 15) >> s;
+    point->X = ScaleCoord(U16(packet, 13), s, max);
+    point->Y = ScaleCoord(U16(packet, 15), s, max);
     HandSingle(device, "0x04 specail: ID=%d, X=%d, Y=%d, State=%d", point);
 }
 
@@ -185,13 +191,14 @@ void ParseFrame(CDeviceObject* device, const uint8_t* packet, int count, const F
     if (!AcceptFrameHeader(device, packet)) return;
     const int whole_slots = (count - kFrameSlotStart) / layout.slot_size;
     const int slots = whole_slots < layout.max_slots ? whole_slots : layout.max_slots;
-    const int s = layout.shifted ? EffectiveShift(device->ParallelResShift - 1) : 0;
+    const int s = layout.shifted ? device->ParallelResShift - 1 : 0;
+    const int32_t max = layout.shifted ? device->ParallelLogicalMax : 0;
     for (int k = 0; k < slots; ++k) {
         const uint8_t* slot = packet + kFrameSlotStart + k * layout.slot_size;
         point->State = slot[0] & 0x01;
         point->ID = slot[1];
-        point->X = U16(slot, 2) >> s;
-        point->Y = U16(slot, layout.y_offset) >> s;
+        point->X = ScaleCoord(U16(slot, 2), s, max);
+        point->Y = ScaleCoord(U16(slot, layout.y_offset), s, max);
         if (point->ID >= ContactLimit(device)) {
             ResetFrame(device);
             TLOG(LOG_DATA, "Get error ContactID.\n");
@@ -224,7 +231,7 @@ void ParsePointPacket(CDeviceObject* device, const uint8_t* packet, int count) {
         ParseFrame(device, packet, count, kFrame17, &point);
     } else if (id == 0x01 || id == 0x03) {
         if (!LongEnough(packet, count, kSingleLen)) return;
-        ReadSingle(packet, device->MouseResShift - 1, &point);
+        ReadSingle(packet, device->MouseResShift - 1, device->MouseLogicalMax, &point);
         HandSingle(device, "0x01: ID=%d, X=%d, Y=%d, State=%d", &point);
     } else if (id == 0x02) {
         if (device->Series > kSeriesLastDigitizer) {
@@ -233,12 +240,12 @@ void ParsePointPacket(CDeviceObject* device, const uint8_t* packet, int count) {
             return;
         }
         if (!LongEnough(packet, count, kSingleLen)) return;
-        ReadSingle(packet, device->DigitizerResShift - 1, &point);
+        ReadSingle(packet, device->DigitizerResShift - 1, device->DigitizerLogicalMax, &point);
         HandSingle(device, "0x02: ID=%d, X=%d, Y=%d, State=%d", &point);
     } else if (id == 0x04) {
         if (!LongEnough(packet, count, kSingleLen)) return;
         const int shift = device->Series > kSeriesLastUnshifted04 ? device->MTouchResShift : 0;
-        ReadSingle(packet, shift, &point);
+        ReadSingle(packet, shift, device->MTouchLogicalMax, &point);
         HandSingle(device, "0x04: ID=%d, X=%d, Y=%d, State=%d", &point);
     } else if (id >= 0x80) {
         ParseSerialReport(device, packet, count, &point);

@@ -88,6 +88,7 @@ TEST(ReportDescriptor, ReportIdsSetTheirFields) {
     d.insert(d.end(), ignored.begin(), ignored.end());
     ApplyReportDescriptor(&dev, d.data(), static_cast<int>(d.size()));
     EXPECT_EQ(1, dev.MouseResShift);
+    EXPECT_EQ(4095, dev.MouseLogicalMax);
     EXPECT_EQ(1, dev.bVendorReport);
     EXPECT_EQ(3, dev.MTouchResShift);
     EXPECT_EQ(1, dev.bSetFeature);
@@ -101,6 +102,8 @@ TEST(ReportDescriptor, ReportIdsSetTheirFields) {
     ApplyReportDescriptor(&other, digitizer.data(), static_cast<int>(digitizer.size()));
     EXPECT_EQ(2, other.DigitizerResShift);
     EXPECT_EQ(0, other.ParallelResShift);
+    EXPECT_EQ(16383, other.DigitizerLogicalMax);
+    EXPECT_EQ(2047, other.ParallelLogicalMax);  // too small for a shift: scaled when parsed
     EXPECT_EQ(0, other.bVendorReport);
     EXPECT_EQ(0, other.bSetFeature);
 }

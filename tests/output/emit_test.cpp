@@ -27,59 +27,74 @@ void Send(TouchRig& rig, int id, int state, int x, int y) {
 
 }  // namespace
 
-// Two fingers down, moving and lifted one after the other, slot protocol (Android 4+).
+// Two fingers down, moving and lifted one after the other, slot protocol: Android 4+, and
+// plain Linux (no Android found), where each frame also carries the single-touch view of
+// the lowest-numbered touching contact (BTN_TOUCH, ABS_X, ABS_Y).
 TEST(EmitFrameRule, SlotProtocolWritesOneFramePerScanAndEachLiftOnce) {
-    VersionGuard version(9);
-    TouchRig rig;
+    for (int android : {9, 0}) {
+        SCOPED_TRACE(testing::Message() << "android " << android);
+        VersionGuard version(android);
+        TouchRig rig;
+        // Ends an expected frame; first_x -1: no contact touches any more.
+        auto end_frame = [android](std::vector<Ev>* want, int first_x, int first_y) {
+            if (android == 0 && first_x < 0) want->push_back(Key(BTN_TOUCH, 0));
+            if (android == 0 && first_x >= 0) {
+                want->push_back(Key(BTN_TOUCH, 1));
+                want->push_back(Abs(ABS_X, first_x));
+                want->push_back(Abs(ABS_Y, first_y));
+            }
+            want->push_back(Syn());
+        };
 
-    Send(rig, 0, 1, 100, 200);  // new contact: frame at once
-    std::vector<Ev> want;
-    AddSlotDown(&want, 0, 100, 200);
-    want.push_back(Syn());
-    EXPECT_EQ(want, rig.TouchEvents());
+        Send(rig, 0, 1, 100, 200);  // new contact: frame at once
+        std::vector<Ev> want;
+        AddSlotDown(&want, 0, 100, 200);
+        end_frame(&want, 100, 200);
+        EXPECT_EQ(want, rig.TouchEvents());
 
-    Send(rig, 1, 1, 300, 400);  // second contact: state change, frame with both
-    want.clear();
-    AddSlotDown(&want, 0, 100, 200);
-    AddSlotDown(&want, 1, 300, 400);
-    want.push_back(Syn());
-    EXPECT_EQ(want, rig.TouchEvents());
-    EXPECT_EQ(1, rig.dev->LastContactID);
+        Send(rig, 1, 1, 300, 400);  // second contact: state change, frame with both
+        want.clear();
+        AddSlotDown(&want, 0, 100, 200);
+        AddSlotDown(&want, 1, 300, 400);
+        end_frame(&want, 100, 200);
+        EXPECT_EQ(want, rig.TouchEvents());
+        EXPECT_EQ(1, rig.dev->LastContactID);
 
-    Send(rig, 0, 1, 110, 210);  // next scan begins (0 is not above 1): frame
-    want.clear();
-    AddSlotDown(&want, 0, 110, 210);
-    AddSlotDown(&want, 1, 300, 400);
-    want.push_back(Syn());
-    EXPECT_EQ(want, rig.TouchEvents());
-    EXPECT_EQ(0, rig.dev->LastContactID);
+        Send(rig, 0, 1, 110, 210);  // next scan begins (0 is not above 1): frame
+        want.clear();
+        AddSlotDown(&want, 0, 110, 210);
+        AddSlotDown(&want, 1, 300, 400);
+        end_frame(&want, 110, 210);
+        EXPECT_EQ(want, rig.TouchEvents());
+        EXPECT_EQ(0, rig.dev->LastContactID);
 
-    Send(rig, 1, 1, 310, 410);  // rising within the scan, unchanged: nothing yet
-    EXPECT_TRUE(rig.TouchEvents().empty());
-    EXPECT_EQ(1, rig.dev->LastContactID);
+        Send(rig, 1, 1, 310, 410);  // rising within the scan, unchanged: nothing yet
+        EXPECT_TRUE(rig.TouchEvents().empty());
+        EXPECT_EQ(1, rig.dev->LastContactID);
 
-    Send(rig, 0, 0, 110, 210);  // lift of 0: written once
-    want.clear();
-    AddSlotUp(&want, 0);
-    AddSlotDown(&want, 1, 310, 410);
-    want.push_back(Syn());
-    EXPECT_EQ(want, rig.TouchEvents());
-    EXPECT_EQ(-1, rig.dev->CurContacts[0].State);
-    EXPECT_EQ(0, rig.dev->LastContacts[0].State);
+        Send(rig, 0, 0, 110, 210);  // lift of 0: written once; the pointer follows 1
+        want.clear();
+        AddSlotUp(&want, 0);
+        AddSlotDown(&want, 1, 310, 410);
+        end_frame(&want, 310, 410);
+        EXPECT_EQ(want, rig.TouchEvents());
+        EXPECT_EQ(-1, rig.dev->CurContacts[0].State);
+        EXPECT_EQ(0, rig.dev->LastContacts[0].State);
 
-    Send(rig, 1, 1, 320, 420);  // 1 above 0, unchanged: waits
-    EXPECT_TRUE(rig.TouchEvents().empty());
-    Send(rig, 1, 0, 320, 420);  // lift of 1: slot 0 no longer appears
-    want.clear();
-    AddSlotUp(&want, 1);
-    want.push_back(Syn());
-    EXPECT_EQ(want, rig.TouchEvents());
+        Send(rig, 1, 1, 320, 420);  // 1 above 0, unchanged: waits
+        EXPECT_TRUE(rig.TouchEvents().empty());
+        Send(rig, 1, 0, 320, 420);  // lift of 1: slot 0 no longer appears
+        want.clear();
+        AddSlotUp(&want, 1);
+        end_frame(&want, -1, -1);
+        EXPECT_EQ(want, rig.TouchEvents());
 
-    Send(rig, 1, 1, 500, 600);  // the empty table takes a new touch again
-    want.clear();
-    AddSlotDown(&want, 1, 500, 600);
-    want.push_back(Syn());
-    EXPECT_EQ(want, rig.TouchEvents());
+        Send(rig, 1, 1, 500, 600);  // the empty table takes a new touch again
+        want.clear();
+        AddSlotDown(&want, 1, 500, 600);
+        end_frame(&want, 500, 600);
+        EXPECT_EQ(want, rig.TouchEvents());
+    }
 }
 
 TEST(EmitFrameRule, AndroidMultiSyncProtocolOnAndroid1To3) {
@@ -128,39 +143,47 @@ TEST(EmitFrameRule, AndroidMultiSyncProtocolOnAndroid1To3) {
 }
 
 TEST(EmitFrameRule, TypeAProtocolEndsWithAnEmptyFrameWhenTheLastFingerLifts) {
-    VersionGuard version(9);
-    TouchRig rig;
-    rig.dev->Param.EventType = 4;
+    // Type A is kept as it is on plain Linux too: a settings file that asks for it gets it.
+    for (int android : {9, 0}) {
+        SCOPED_TRACE(testing::Message() << "android " << android);
+        VersionGuard version(android);
+        TouchRig rig;
+        rig.dev->Param.EventType = 4;
 
-    Send(rig, 0, 1, 100, 200);
-    std::vector<Ev> want = {Abs(ABS_MT_POSITION_X, 100), Abs(ABS_MT_POSITION_Y, 200), MtSyn(),
-                            Syn()};
-    EXPECT_EQ(want, rig.TouchEvents());
+        Send(rig, 0, 1, 100, 200);
+        std::vector<Ev> want = {Abs(ABS_MT_POSITION_X, 100), Abs(ABS_MT_POSITION_Y, 200), MtSyn(),
+                                Syn()};
+        EXPECT_EQ(want, rig.TouchEvents());
 
-    Send(rig, 1, 1, 300, 400);
-    want = {Abs(ABS_MT_POSITION_X, 100),
-            Abs(ABS_MT_POSITION_Y, 200),
-            MtSyn(),
-            Abs(ABS_MT_POSITION_X, 300),
-            Abs(ABS_MT_POSITION_Y, 400),
-            MtSyn(),
-            Syn()};
-    EXPECT_EQ(want, rig.TouchEvents());
+        Send(rig, 1, 1, 300, 400);
+        want = {Abs(ABS_MT_POSITION_X, 100),
+                Abs(ABS_MT_POSITION_Y, 200),
+                MtSyn(),
+                Abs(ABS_MT_POSITION_X, 300),
+                Abs(ABS_MT_POSITION_Y, 400),
+                MtSyn(),
+                Syn()};
+        EXPECT_EQ(want, rig.TouchEvents());
 
-    Send(rig, 0, 0, 100, 200);  // one finger left: no empty frame
-    want = {Abs(ABS_MT_POSITION_X, 100),
-            Abs(ABS_MT_POSITION_Y, 200),
-            MtSyn(),
-            Abs(ABS_MT_POSITION_X, 300),
-            Abs(ABS_MT_POSITION_Y, 400),
-            MtSyn(),
-            Syn()};
-    EXPECT_EQ(want, rig.TouchEvents());
+        Send(rig, 0, 0, 100, 200);  // one finger left: no empty frame
+        want = {Abs(ABS_MT_POSITION_X, 100),
+                Abs(ABS_MT_POSITION_Y, 200),
+                MtSyn(),
+                Abs(ABS_MT_POSITION_X, 300),
+                Abs(ABS_MT_POSITION_Y, 400),
+                MtSyn(),
+                Syn()};
+        EXPECT_EQ(want, rig.TouchEvents());
 
-    Send(rig, 1, 0, 300, 400);  // last finger: final position, then the empty frame
-    want = {
-        Abs(ABS_MT_POSITION_X, 300), Abs(ABS_MT_POSITION_Y, 400), MtSyn(), Syn(), MtSyn(), Syn()};
-    EXPECT_EQ(want, rig.TouchEvents());
+        Send(rig, 1, 0, 300, 400);  // last finger: final position, then the empty frame
+        want = {Abs(ABS_MT_POSITION_X, 300),
+                Abs(ABS_MT_POSITION_Y, 400),
+                MtSyn(),
+                Syn(),
+                MtSyn(),
+                Syn()};
+        EXPECT_EQ(want, rig.TouchEvents());
+    }
 }
 
 TEST(EmitFrameRule, SupportPointsBoundsTheFrame) {

@@ -98,6 +98,10 @@ TEST(UinputRecord, TouchDeviceRecordPerProtocolAndAndroidVersion) {
         {3, 2, -1, -1, {x_full, y_full, tool, tracking}},
         // Type A: neither.
         {9, 4, -1, 799, {x_full, {ABS_MT_POSITION_Y, 0, 799}, tool}},
+        // Plain Linux: slots, and ABS_X/ABS_Y of the single-touch view in the output range.
+        {0, 1, 1919, -1, {{ABS_MT_POSITION_X, 0, 1919}, y_full, tool, slot, tracking,
+                          {ABS_X, 0, 1919}, {ABS_Y, 0, 4095}}},
+        {0, 4, -1, -1, {x_full, y_full, tool}},
     };
     // clang-format on
     for (const Case& c : cases) {
@@ -136,14 +140,19 @@ TEST(UinputRecord, PenDeviceRecordAndTiltCondition) {
         int kernel_major;
         int kernel_minor;
         bool tilt;
+        int resol_x = -1;
+        int resol_y = -1;
     };
+    // clang-format off
     const Case cases[] = {
         {9, 3, 2, true},                     // kernel 3.2: major above 2 and minor above 1
         {9, 4, 19, true}, {9, 4, 1, false},  // minor 1 is not above 1
         {9, 2, 6, false},                    // kernel 2.6
         {0, 2, 6, true},                     // no Android found
         {4, 3, 0, false},
+        {9, 4, 19, true, 1919, 1079},        // pen positions are scaled to ResolX/ResolY
     };
+    // clang-format on
     for (const Case& c : cases) {
         SCOPED_TRACE(testing::Message() << "android " << c.android << " kernel " << c.kernel_major
                                         << "." << c.kernel_minor);
@@ -151,6 +160,8 @@ TEST(UinputRecord, PenDeviceRecordAndTiltCondition) {
         TempDir dir;
         TouchRig rig;
         rig.dev->UinputPenFd.reset();
+        rig.dev->Param.ResolX = c.resol_x;
+        rig.dev->Param.ResolY = c.resol_y;
         std::string path = UseStandIn(rig, dir, "uinput");
         EXPECT_EQ(-1, CreatePenDevice(rig.dev.get()));
         EXPECT_FALSE(rig.dev->bPenDeviceCreated);
@@ -162,8 +173,10 @@ TEST(UinputRecord, PenDeviceRecordAndTiltCondition) {
         EXPECT_EQ(0x3C7A, dev.id.vendor);
         EXPECT_EQ(0x0030, dev.id.product);
         EXPECT_EQ(1, dev.id.version);
-        std::vector<AxisWant> axes = {
-            {ABS_X, 0, 4095}, {ABS_Y, 0, 4095}, {ABS_MT_TOOL_TYPE, 0, 1}, {ABS_PRESSURE, 0, 1023}};
+        std::vector<AxisWant> axes = {{ABS_X, 0, c.resol_x == -1 ? 4095 : c.resol_x},
+                                      {ABS_Y, 0, c.resol_y == -1 ? 4095 : c.resol_y},
+                                      {ABS_MT_TOOL_TYPE, 0, 1},
+                                      {ABS_PRESSURE, 0, 1023}};
         if (c.tilt) {
             axes.push_back({ABS_TILT_X, -6000, 6000});
             axes.push_back({ABS_TILT_Y, -6000, 6000});

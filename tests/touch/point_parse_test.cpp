@@ -70,6 +70,7 @@ TEST(PointParseSingle, MouseDigitizerAndTouchReportsWithTheirShifts) {
         int id;
         int x;
         int y;
+        int logical_max = 0;  // declared by every coordinate report; 0 = none
     };
     std::vector<uint8_t> oversized(64, 0xAB);  // bytes past the layout are ignored
     const uint8_t head[] = {0x01, 0x05, 0x10, 0x00, 0x20, 0x00};
@@ -83,10 +84,16 @@ TEST(PointParseSingle, MouseDigitizerAndTouchReportsWithTheirShifts) {
         {"0x02 series 21 2 -> 1",  21, 1, 2, 1, {0x02, 0x05, 0x00, 0x0F, 0x00, 0x08}, 1, 1920, 1024},
         {"0x04 series 8: none",    8,  1, 1, 3, {0x04, 0x05, 0x00, 0x0F, 0x00, 0x08}, 1, 3840, 2048},
         {"0x04 series 9: itself",  9,  1, 1, 2, {0x04, 0x05, 0x00, 0x0F, 0x00, 0x08}, 1, 960, 512},
-        // Shifts below 0 (descriptor gave -1 or announced nothing): no shift, never 31.
+        // Shifts below 0 without a declared maximum (descriptor gave -1 or announced
+        // nothing): no shift, never 31.
         {"0x01 shift field 0",     0,  0, 1, 1, {0x01, 0x05, 0x00, 0x0F, 0x00, 0x08}, 1, 3840, 2048},
         {"0x01 shift field -1",    0, -1, 1, 1, {0x01, 0x05, 0x00, 0x0F, 0x00, 0x08}, 1, 3840, 2048},
         {"0x04 series 9 shift -1", 9,  1, 1, -1, {0x04, 0x05, 0x00, 0x0F, 0x00, 0x08}, 1, 3840, 2048},
+        // Declared maxima too small for a shift (shift field 0) are scaled up to 4095:
+        // 2047 -> 4095 and 1023 -> 4095 at the far corner, 1000 of 2047 -> 2000.
+        {"0x01 max 2047 far corner", 0, 0, 1, 1, {0x01, 0x05, 0xFF, 0x07, 0xE8, 0x03}, 1, 4095, 2000, 2047},
+        {"0x02 max 1023 far corner", 21, 1, 0, 1, {0x02, 0x05, 0xFF, 0x03, 0x00, 0x00}, 1, 4095, 0, 1023},
+        {"0x01 above the maximum", 0, 0, 1, 1, {0x01, 0x05, 0xFF, 0xFF, 0x00, 0x08}, 1, 4095, 4095, 2047},
         {"0x01 of 64 bytes",       0,  1, 1, 1, oversized, 1, 16, 32},
     };
     // clang-format on
@@ -97,6 +104,9 @@ TEST(PointParseSingle, MouseDigitizerAndTouchReportsWithTheirShifts) {
         rig.dev->MouseResShift = static_cast<int8_t>(c.mouse_shift);
         rig.dev->DigitizerResShift = static_cast<int8_t>(c.digitizer_shift);
         rig.dev->MTouchResShift = static_cast<int8_t>(c.mtouch_shift);
+        rig.dev->MouseLogicalMax = c.logical_max;
+        rig.dev->DigitizerLogicalMax = c.logical_max;
+        rig.dev->MTouchLogicalMax = c.logical_max;
         Parse(rig, c.bytes);
         EXPECT_EQ(NewContact(c.id, c.x, c.y), rig.TouchEvents());
     }
@@ -241,6 +251,16 @@ TEST(PointParseFrame, ShiftOf0x06AndLayoutOf0x17) {
         Slot06(&bytes, 1, 2, 4000, 2000);
         Parse(rig, bytes);
         EXPECT_EQ(NewContact(2, 1000, 500), rig.TouchEvents());
+    }
+    {
+        // Declared maximum 2047 (shift 0): the far corner lands on 4095, not mid-screen.
+        TouchRig rig;
+        rig.dev->ParallelResShift = 0;
+        rig.dev->ParallelLogicalMax = 2047;
+        std::vector<uint8_t> bytes = {0x06, 1};
+        Slot06(&bytes, 1, 2, 2047, 512);
+        Parse(rig, bytes);
+        EXPECT_EQ(NewContact(2, 4095, 1024), rig.TouchEvents());
     }
     {
         // 0x17: 14-byte slots, X at slot bytes 2-3, Y at 6-7, never shifted.

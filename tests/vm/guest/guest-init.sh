@@ -27,13 +27,14 @@ emit_file() {
     echo "@@BED-FILE-END"
 }
 
-# Kills what a scenario left running: daemons, simulators, recorders.
+# Kills what a scenario left running: daemons, simulators, recorders, udev and
+# libinput's readers (process names are cut at 15 characters).
 kill_leftovers() {
     local status name pid
     for status in /proc/[0-9]*/status; do
         name=$(sed -n 's/^Name:[[:space:]]*//p' "$status" 2>/dev/null)
         case "$name" in
-        TavrineD | tavrine-sim | tavrine-evrec)
+        TavrineD | tavrine-sim | tavrine-evrec | systemd-udevd | libinput-debug-)
             pid=${status#/proc/}
             kill -9 "${pid%/status}" 2>/dev/null
             ;;

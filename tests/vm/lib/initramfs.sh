@@ -1,7 +1,7 @@
 # Builds the VM's initramfs (sourced by run-vm.sh).
-# Needs: BED, VMDIR (this run's own folder), KROOT (unpacked kernel package), STAGE (the
-# staging prefix), SIM_BIN, EVREC_BIN, DAEMON_BIN and CTL_BIN (may be empty), SCENARIOS
-# (names). Sets INITRAMFS.
+# Needs: REPO, BED, VMDIR (this run's own folder), KROOT (unpacked kernel package), CACHE,
+# STAGE (the staging prefix), SIM_BIN, EVREC_BIN, DAEMON_BIN and CTL_BIN (may be empty),
+# SCENARIOS (names). Sets INITRAMFS.
 # TAVRINE_VM_EXTRA (optional): a folder whose tree is copied over the root, for programs
 # that only some scenarios use (scripts/bench.sh puts tslib there).
 
@@ -46,10 +46,72 @@ build_initramfs() {
     cp -r "$STAGE/share/tavrine-sim/descriptors" "$root/bed/sim/descriptors"
     cp -r "$BED/scenarios/." "$root/bed/scenarios/"   # all: scenarios may share files
     echo "$SCENARIOS" | tr ' ' '\n' | sed '/^$/d' > "$root/bed/run-list"
+    if wants_libinput; then
+        add_libinput "$root" || return 1
+    fi
     if [ -n "${TAVRINE_VM_EXTRA:-}" ]; then
         cp -a "$TAVRINE_VM_EXTRA/." "$root/" || return 1
     fi
     INITRAMFS=$VMDIR/initramfs.cpio.gz
     (cd "$root" && find . | /bin/busybox cpio -o -H newc 2>/dev/null) | gzip -1 > "$INITRAMFS"
     rm -rf "$root"
+}
+
+# True when one of the scenarios to run reads the daemon's devices through udev and
+# libinput (a file named needs-libinput in its folder).
+wants_libinput() {
+    for s in $SCENARIOS; do
+        [ -f "$BED/scenarios/$s/needs-libinput" ] && return 0
+    done
+    return 1
+}
+
+LIBINPUT_RULES="50-udev-default 60-evdev 60-input-id 60-persistent-input 65-libwacom 70-mouse
+    70-touchpad 80-libinput-device-groups 90-libinput-fuzz-override"
+LIBINPUT_HWDB="60-evdev 60-input-id 65-libwacom 70-mouse 70-pointingstick 70-touchpad"
+
+# Copies Debian's udev and libinput, unpacked by scripts/install-vm-deps.sh, into root $1 at
+# their usual paths: udevadm (also as systemd-udevd), systemd-hwdb, libinput's debug-events and
+# list-devices, libinput's udev helpers, the input rules, a hwdb compiled from the input
+# hwdb files, libinput's quirks, libwacom's data and every library these programs load.
+add_libinput() {
+    src=$CACHE/libinput/root
+    [ -x "$src/bin/udevadm" ] || { echo "run-vm: no udev/libinput in $src (scripts/install-vm-deps.sh)" >&2; return 1; }
+    libs=$src/lib/x86_64-linux-gnu:$src/usr/lib/x86_64-linux-gnu
+    mkdir -p "$1/lib/systemd" "$1/lib/udev/rules.d" "$1/lib/udev/hwdb.d" "$1/usr/bin" \
+        "$1/usr/libexec/libinput" "$1/usr/share" "$1/run"
+    cp "$src/bin/udevadm" "$src/bin/systemd-hwdb" "$1/bin/"
+    ln -sf /bin/udevadm "$1/lib/systemd/systemd-udevd"
+    cp "$src/usr/bin/libinput" "$1/usr/bin/"
+    progs="$1/bin/udevadm $1/bin/systemd-hwdb"
+    for p in debug-events list-devices; do
+        cp "$src/usr/libexec/libinput/libinput-$p" "$1/usr/libexec/libinput/"
+        progs="$progs $1/usr/libexec/libinput/libinput-$p"
+    done
+    for p in libinput-device-group libinput-fuzz-extract libinput-fuzz-to-zero; do
+        cp "$src/lib/udev/$p" "$1/lib/udev/"
+        progs="$progs $1/lib/udev/$p"
+    done
+    for r in $LIBINPUT_RULES; do cp "$src/lib/udev/rules.d/$r.rules" "$1/lib/udev/rules.d/"; done
+    for h in $LIBINPUT_HWDB; do cp "$src/lib/udev/hwdb.d/$h.hwdb" "$1/lib/udev/hwdb.d/"; done
+    LD_LIBRARY_PATH=$libs "$src/bin/systemd-hwdb" --root "$1" update || {
+        echo "run-vm: systemd-hwdb could not compile the input hwdb" >&2; return 1; }
+    cp -r "$src/usr/share/libinput" "$src/usr/share/libwacom" "$1/usr/share/"
+    # shellcheck disable=SC2086 # $progs: one word per program
+    missing=$(LD_LIBRARY_PATH=$libs ldd $progs 2>&1 | grep 'not found' | sort -u)
+    [ -z "$missing" ] || { echo "run-vm: libraries missing for udev/libinput: $missing" >&2; return 1; }
+    # shellcheck disable=SC2086
+    for lib in $(LD_LIBRARY_PATH=$libs ldd $progs | awk '$2 == "=>" && $3 ~ /^\// { print $3 }
+                                                          $1 ~ /^\// && $2 ~ /^\(0x/ { print $1 }' |
+        sort -u); do
+        dest=${lib#"$src"}
+        mkdir -p "$1$(dirname "$dest")"
+        cp -L "$lib" "$1$dest"
+    done
+    # The project's Linux install files, for the scenarios that install them as the README says.
+    mkdir -p "$1/bed/platform"
+    cp -r "$REPO/platform/linux" "$1/bed/platform/"
+    printf 'root:x:0:0:root:/tmp:/bin/sh\nnobody:x:65534:65534:nobody:/:/bin/false\n' > "$1/etc/passwd"
+    printf 'root:x:0:\ninput:x:101:\nvideo:x:44:\naudio:x:29:\nkvm:x:102:\nrender:x:103:\nplugdev:x:46:\nnogroup:x:65534:\n' \
+        > "$1/etc/group"
 }

@@ -12,7 +12,7 @@ wait_until '[ -e /tmp/ps2b.ready ]' 50
 TavrineD -f > "$OUT/start.out" 2>&1
 log=$(ls /data/Tavrine_*.log | head -n 1)
 # Both touch devices have the same name and get the same reports: either will do.
-start_evrec MorvelTouch_VirtualDevice touch.trace --wait-ms 20000 --duration-ms 15000 --count 7
+start_evrec MorvelTouch_VirtualDevice touch.trace --wait-ms 20000 --duration-ms 15000 --count 10
 wait_until 'grep -q "note reports sent" "$OUT/sim.log"' 250
 wait "$EVREC_PID"
 grep "^E:" "$OUT/touch.trace" | sed -e 's/^E: [0-9.]* /E: /' -e 's/\t#.*//' > "$OUT/touch.events"

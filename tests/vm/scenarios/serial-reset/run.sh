@@ -9,7 +9,7 @@ start_sim sim.scn
 TavrineD -f > "$OUT/start.out" 2>&1
 wait_until 'grep -q "rx 0a 02 34 01" "$OUT/sim.log"' 250
 sleep 0.5
-start_evrec MorvelTouch_VirtualDevice touch.trace --wait-ms 5000 --duration-ms 12000 --count 7
+start_evrec MorvelTouch_VirtualDevice touch.trace --wait-ms 5000 --duration-ms 12000 --count 10
 printf '\012\004\105\072\377\000' > /data/MorvelPipe_in
 wait_until 'grep -q "note reports sent" "$OUT/sim.log"' 100
 wait "$EVREC_PID"

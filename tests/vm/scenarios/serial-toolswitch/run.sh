@@ -10,7 +10,7 @@ TavrineD -f > "$OUT/start.out" 2>&1
 # The set-up's own switch-on comes first; the tool starts after it.
 wait_until 'grep -q "rx 0a 02 34 01" "$OUT/sim.log"' 250
 sleep 0.5
-start_evrec MorvelTouch_VirtualDevice touch.trace --wait-ms 5000 --duration-ms 12000 --count 7
+start_evrec MorvelTouch_VirtualDevice touch.trace --wait-ms 5000 --duration-ms 12000 --count 10
 timeout 10 head -c 128 /data/MorvelPipe_out > /tmp/pipe_out.bin &
 READER=$!
 printf '\012\002\064\000' > /data/MorvelPipe_in

@@ -5,8 +5,9 @@
 has_input() { grep -q "^N: Name=\"$1\"$" /proc/bus/input/devices; }
 daemon_log() { ls /data/Tavrine_*.log 2>/dev/null | head -n 1; }
 
-# The daemon registers ABS_MT_SLOT only on an Android release above 3; the
-# guest has no getprop, so one answering "9" is put first on its PATH.
+# The touch-* scenarios check the devices and streams of an Android release
+# above 3; the guest has no getprop, so one answering "9" is put first on the
+# daemon's PATH (without it the daemon takes the system for plain Linux).
 mkdir -p /tmp/touchbin
 printf '#!/bin/sh\necho 9\n' > /tmp/touchbin/getprop
 chmod 755 /tmp/touchbin/getprop
