@@ -69,6 +69,10 @@ void ParseAndroidVersion(const char* release, AndroidVersionInfo* version) {
     version->minor = numbers[1];
 }
 
+bool RunsOnAndroid() {
+    return AndroidVersion.major > 0;
+}
+
 int32_t IsOldKernel(const KernelVersionInfo& version) {
     return (version.major == 2 && version.minor == 6 && version.patch <= 34) ? 1 : 0;
 }

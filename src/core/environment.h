@@ -23,6 +23,10 @@ extern KernelVersionInfo KernelVersion;    // 0.0.0 when unknown
 extern int32_t bOldKernel;                 // 1 on 2.6.x with x <= 34
 extern AndroidVersionInfo AndroidVersion;  // 0.0 when not on Android
 
+// True when the probe found an Android release. Without one (no getprop answered) the
+// daemon runs as on plain Linux.
+bool RunsOnAndroid();
+
 // Set by the SIGUSR2 handler and by device threads; read and cleared by the scan loop.
 extern std::atomic<uint8_t> bDeviceExistCheck;
 
