@@ -24,6 +24,7 @@ set(expected
     share/man/man8/TavrineD.8
     lib/systemd/system/tavrined.service
     lib/udev/rules.d/70-tavrine.rules
+    lib/sysusers.d/tavrine.conf
     share/tavrine/android/tavrined.rc
     share/tavrine/android/MorvelTouch_VirtualDevice.idc
     share/tavrine/android/MorvelTouch_VirtualPen.idc
