@@ -40,7 +40,8 @@ int OpenDataFile(const char* path, int flags, mode_t mode) {
     if (fstat(fd.get(), &st) != 0) return -1;
     char why[48];
     if (!S_ISREG(st.st_mode)) {
-        snprintf(why, sizeof(why), "not a regular file (mode %o)", static_cast<unsigned>(st.st_mode));
+        snprintf(why, sizeof(why), "not a regular file (mode %o)",
+                 static_cast<unsigned>(st.st_mode));
         return Refuse(path, EINVAL, why);
     }
     // A second link makes the file reachable under another name, possibly outside the

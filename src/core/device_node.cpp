@@ -23,9 +23,11 @@ const char* Mismatch(const struct stat& st, DeviceNodeKind kind, char* why, size
         snprintf(why, size, "not a character device (mode %o)", static_cast<unsigned>(st.st_mode));
         return why;
     }
-    if (kind == kNodeUinput && (major(st.st_rdev) != kMiscMajor || minor(st.st_rdev) != kUinputMinor)) {
+    if (kind == kNodeUinput &&
+        (major(st.st_rdev) != kMiscMajor || minor(st.st_rdev) != kUinputMinor)) {
         snprintf(why, size, "character device %u:%u is not uinput (10:223)",
-                 static_cast<unsigned>(major(st.st_rdev)), static_cast<unsigned>(minor(st.st_rdev)));
+                 static_cast<unsigned>(major(st.st_rdev)),
+                 static_cast<unsigned>(minor(st.st_rdev)));
         return why;
     }
     return nullptr;

@@ -139,7 +139,8 @@ TEST(DataFileTest, DaemonFilesHardLinkedElsewhereAreNeverWritten) {
     const Case cases[] = {
         {PidFilePath(), true, [] { WritePidFile(); }},
         {log_file, true, [] { TLOG(LOG_MAIN, "a line for the log file"); }},
-        {DrvLogPath(), false, [] {
+        {DrvLogPath(), false,
+         [] {
              FILE* out = RunShellCommand("echo captured", DrvLogPath());
              char word[16] = "";
              EXPECT_TRUE(out && fscanf(out, "%15s", word) == 1);
@@ -155,7 +156,8 @@ TEST(DataFileTest, DaemonFilesHardLinkedElsewhereAreNeverWritten) {
         coretest::LogCapture log(LOG_MAIN, 2);  // standard output, system log and file
         coretest::Quiet(c.use);
         EXPECT_EQ("keep me", ReadFile(victim));
-        EXPECT_EQ(c.refused, log.CountContaining("Refused data file [" + c.path + "]: 2 links") > 0);
+        EXPECT_EQ(c.refused,
+                  log.CountContaining("Refused data file [" + c.path + "]: 2 links") > 0);
         unlink(c.path.c_str());
     }
     memcpy(LogFilePath, saved_log_path, sizeof(saved_log_path));

@@ -105,9 +105,9 @@ TEST(CreateFifo, TerminalIsRefusedWithoutBecomingTheControllingTerminal) {
     EXPECT_EQ(sectest::TtyResult::kNotAcquired, result);
 }
 
-constexpr gid_t kToolGroup = 4242;   // the data directory's group: users who may run the tool
-constexpr uid_t kMember = 4243;      // a user in that group
-constexpr uid_t kOther = 65534;      // a local user outside it
+constexpr gid_t kToolGroup = 4242;  // the data directory's group: users who may run the tool
+constexpr uid_t kMember = 4243;     // a user in that group
+constexpr uid_t kOther = 65534;     // a local user outside it
 
 // Runs body in a child with the ids of uid (primary group uid, supplementary group
 // group); returns its exit status, or -1.
@@ -178,8 +178,10 @@ TEST(AppPipes, OnPlainLinuxOnlyRootAndTheDirectorysGroupReachThem) {
         ASSERT_EQ(0, chmod(data.path().c_str(), c.dir_mode));
         if (c.fifo_mode != 0) {
             ASSERT_EQ(0, AsUser(c.fifo_owner, kToolGroup, [&c] {
-                          return mkfifo(PipeInPath(), 0) == 0 && chmod(PipeInPath(), c.fifo_mode) == 0
-                                     ? 0 : 1;
+                          return mkfifo(PipeInPath(), 0) == 0 &&
+                                         chmod(PipeInPath(), c.fifo_mode) == 0
+                                     ? 0
+                                     : 1;
                       }));
         }
         DevLogCapture log;

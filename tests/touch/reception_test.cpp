@@ -4,8 +4,8 @@
 #include "touch/reception.h"
 
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sched.h>
+#include <signal.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -87,8 +87,9 @@ namespace {
 // Returns the child's failure bits: 1 result, 2 running flag, 4 stop request, 8 SIGUSR2,
 // 16 the port path is gone (removed 0) or still there (removed 1), 32 prepare failed; 64
 // when the child did not exit.
-int RunEmptyReadInChild(const std::string& port_path, int removed = -1,
-                        const std::function<bool()>& prepare = [] { return true; }) {
+int RunEmptyReadInChild(
+    const std::string& port_path, int removed = -1,
+    const std::function<bool()>& prepare = [] { return true; }) {
     const pid_t child = fork();
     if (child == -1) return 64;
     if (child == 0) {
@@ -127,7 +128,8 @@ void TouchFile(const std::string& path) {
 // In the child: a private mount namespace with an empty tmpfs on /dev, holding what make
 // puts there, so the test never touches the host's /dev.
 bool PrivateDev(const std::function<bool()>& make) {
-    return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+    return unshare(CLONE_NEWNS) == 0 &&
+           mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
            mount("tmpfs", "/dev", "tmpfs", 0, "mode=0755") == 0 && make();
 }
 
@@ -142,13 +144,15 @@ TEST(ReceiveStep, EmptyReadIsAnUnplugAndRemovesOnlyADeviceNodeUnderDev) {
     const std::string outside = std::string(dir_pattern) + "/hidraw7";
     TouchFile(outside);
     EXPECT_EQ(0, RunEmptyReadInChild(outside, 0)) << "bits: 1 result, 2 running flag, 4 stop "
-                                                  "request, 8 SIGUSR2, 16 removal";
+                                                     "request, 8 SIGUSR2, 16 removal";
     EXPECT_EQ(0, access(outside.c_str(), F_OK)) << "a file outside /dev must stay";
     unlink(outside.c_str());
     rmdir(dir_pattern);
 
     if (geteuid() != 0) GTEST_SKIP() << "a private /dev needs root";
-    const auto node = [](const char* path) { return mknod(path, S_IFCHR | 0600, makedev(1, 3)) == 0; };
+    const auto node = [](const char* path) {
+        return mknod(path, S_IFCHR | 0600, makedev(1, 3)) == 0;
+    };
     struct Case {
         const char* port;
         int removed;
@@ -156,9 +160,11 @@ TEST(ReceiveStep, EmptyReadIsAnUnplugAndRemovesOnlyADeviceNodeUnderDev) {
     };
     const Case cases[] = {
         {"/dev/hidraw7", 1, [&] { return node("/dev/hidraw7"); }},
-        {"/dev/ttyTV0", 0, [&] { return node("/dev/pts0") && symlink("/dev/pts0", "/dev/ttyTV0") == 0; }},
+        {"/dev/ttyTV0", 0,
+         [&] { return node("/dev/pts0") && symlink("/dev/pts0", "/dev/ttyTV0") == 0; }},
         {"/dev/ttyS5", 0, [] { return coretest::WriteFile("/dev/ttyS5", "keep"); }},
-        {"/dev/x/../hidraw7", 0, [&] { return mkdir("/dev/x", 0755) == 0 && node("/dev/hidraw7"); }},
+        {"/dev/x/../hidraw7", 0,
+         [&] { return mkdir("/dev/x", 0755) == 0 && node("/dev/hidraw7"); }},
     };
     for (const Case& c : cases) {
         EXPECT_EQ(0, RunEmptyReadInChild(c.port, c.removed, [&c] { return PrivateDev(c.make); }))
