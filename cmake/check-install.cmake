@@ -25,6 +25,7 @@ set(expected
     lib/systemd/system/tavrined.service
     lib/udev/rules.d/70-tavrine.rules
     share/tavrine/linux/61-tavrine-screen.hwdb
+    lib/sysusers.d/tavrine.conf
     share/tavrine/android/tavrined.rc
     share/tavrine/android/MorvelTouch_VirtualDevice.idc
     share/tavrine/android/MorvelTouch_VirtualPen.idc

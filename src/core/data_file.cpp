@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -9,6 +10,24 @@
 #include "core/paths.h"
 #include "core/unique_fd.h"
 #include "log/debug_log.h"
+
+namespace {
+
+// The debug log writes its own file through OpenDataFile: a refusal met while one is being
+// reported (the log file itself refused) is not reported again.
+thread_local bool g_reporting_refusal = false;
+
+int Refuse(const char* path, int error, const char* why) {
+    if (!g_reporting_refusal) {
+        g_reporting_refusal = true;
+        TLOG(LOG_MAIN, "Refused data file [%s]: %s", path, why);
+        g_reporting_refusal = false;
+    }
+    errno = error;
+    return -1;
+}
+
+}  // namespace
 
 int OpenDataFile(const char* path, int flags, mode_t mode) {
     // O_NONBLOCK: opening a FIFO for writing with no reader (or for reading with no
@@ -18,9 +37,22 @@ int OpenDataFile(const char* path, int flags, mode_t mode) {
     UniqueFd fd(OpenCloexec(path, (flags & ~O_TRUNC) | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, mode));
     if (!fd.valid()) return -1;
     struct stat st;
-    if (fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
-        errno = EINVAL;
-        return -1;
+    if (fstat(fd.get(), &st) != 0) return -1;
+    char why[48];
+    if (!S_ISREG(st.st_mode)) {
+        snprintf(why, sizeof(why), "not a regular file (mode %o)",
+                 static_cast<unsigned>(st.st_mode));
+        return Refuse(path, EINVAL, why);
+    }
+    // A second link makes the file reachable under another name, possibly outside the
+    // data directory: writing it would change that file too.
+    if (st.st_nlink != 1) {
+        snprintf(why, sizeof(why), "%lu links", static_cast<unsigned long>(st.st_nlink));
+        return Refuse(path, EMLINK, why);
+    }
+    if (st.st_uid != geteuid()) {
+        snprintf(why, sizeof(why), "owned by uid %lu", static_cast<unsigned long>(st.st_uid));
+        return Refuse(path, EPERM, why);
     }
     const int status = fcntl(fd.get(), F_GETFL);
     if (status == -1 || fcntl(fd.get(), F_SETFL, status & ~O_NONBLOCK) == -1) return -1;

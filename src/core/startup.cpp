@@ -9,6 +9,7 @@
 #include "core/command_line.h"
 #include "core/data_file.h"
 #include "core/environment.h"
+#include "core/inherited_fds.h"
 #include "core/manager.h"
 #include "core/single_instance.h"
 #include "log/debug_log.h"
@@ -16,6 +17,10 @@
 CManager* g_Manager = nullptr;
 
 int TavrineMain(int argc, char** argv) {
+    // Before the first shell command (the old-log removal below): commands inherit
+    // standard input, output and error only.
+    CloseInheritedDescriptors();
+
     // Lives in this frame for the life of the process: the scan loop below never returns.
     GlobalSettings settings{};
 

@@ -11,6 +11,7 @@
 
 #include <new>
 
+#include "core/device_node.h"
 #include "log/debug_log.h"
 
 namespace {
@@ -84,7 +85,9 @@ uint8_t DetectInterface(CDeviceObject* device) {
 
 int OpenPort(CDeviceObject* device) {
     device->m_Port_fd.reset();
-    int fd = OpenCloexec(device->PortPath, O_RDWR | O_NONBLOCK | O_NOCTTY);
+    // A serial port must be a terminal; every other port some character device.
+    const DeviceNodeKind kind = device->DevInterface == DEV_RS232 ? kNodeTerminal : kNodeAnyChar;
+    int fd = OpenDeviceNode(device->PortPath, O_RDWR | O_NONBLOCK, kind);
     if (fd < 0) {
         TLOG_ERR(LOG_INIT, "Open file [%s] failed", device->PortPath);
         return -1;

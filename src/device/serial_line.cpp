@@ -1,5 +1,6 @@
 // Serial line settings of a port, with the one process-wide saved copy that is written
 // back when a serial port is closed.
+#include <pthread.h>
 #include <sys/ioctl.h>
 #include <termio.h>
 
@@ -8,7 +9,10 @@
 
 namespace {
 
-// Written only by the thread that configures or closes a serial port.
+// The scan loop's probe, device set-up, the tool's reset command and device removal all
+// save or restore it, from the main thread and from receive threads: the mutex keeps
+// every copy whole.
+pthread_mutex_t SavedLineMutex = PTHREAD_MUTEX_INITIALIZER;
 struct termio SavedLine;
 bool HaveSavedLine = false;
 
@@ -16,14 +20,20 @@ bool HaveSavedLine = false;
 
 int SetPortBaudRate(int fd, uint32_t rate, int save) {
     if (save == 0) {
+        pthread_mutex_lock(&SavedLineMutex);
+        const bool have = HaveSavedLine;
+        const struct termio saved = SavedLine;
+        pthread_mutex_unlock(&SavedLineMutex);
         // Nothing saved yet: writing a zeroed record would hang the line up (speed B0).
-        if (!HaveSavedLine) return -1;
-        return ioctl(fd, TCSETAF, &SavedLine);
+        if (!have) return -1;
+        return ioctl(fd, TCSETAF, &saved);
     }
     struct termio current;
     if (ioctl(fd, TCGETA, &current) < 0) return -1;
+    pthread_mutex_lock(&SavedLineMutex);
     SavedLine = current;
     HaveSavedLine = true;
+    pthread_mutex_unlock(&SavedLineMutex);
     struct termio line = current;
     line.c_iflag = 0;
     line.c_oflag = 0;

@@ -7,6 +7,7 @@
 #include <termios.h>
 
 #include "config/global_settings.h"
+#include "core/device_node.h"
 #include "core/environment.h"
 #include "core/manager.h"
 #include "core/unique_fd.h"
@@ -101,7 +102,7 @@ int CheckRS232Device(CManager* manager, const char* path) {
     TLOG(LOG_SCAN, "Entering %s.", "CheckRS232Device");
     GlobalSettings* settings = manager->pSettings;
     ResetSerialReplyParser();
-    UniqueFd fd(OpenCloexec(path, O_RDWR | O_NONBLOCK | O_NOCTTY));
+    UniqueFd fd(OpenDeviceNode(path, O_RDWR | O_NONBLOCK, kNodeTerminal));
     if (!fd.valid()) {
         TLOG(LOG_SCAN,
              "Open port [%s] failed with fd=%d. This may be caused by executing with "

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "config/global_settings.h"
+#include "core/device_node.h"
 #include "core/manager.h"
 #include "core/unique_fd.h"
 #include "discovery/device_list.h"
@@ -85,7 +86,7 @@ void ScanPS2Port(CManager* manager) {
         if (access(path, F_OK) != 0) continue;
         TLOG(LOG_SCAN, "----  Scan PS2 Path [%s]  ----", path);
         if (IsPortObjExisted(manager, path) == 0) continue;
-        UniqueFd fd(OpenCloexec(path, O_RDWR | O_NONBLOCK | O_NOCTTY));
+        UniqueFd fd(OpenDeviceNode(path, O_RDWR | O_NONBLOCK, kNodeAnyChar));
         if (!fd.valid()) {
             TLOG(LOG_SCAN, "Open port [%s] failed", path);
             continue;

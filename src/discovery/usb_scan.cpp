@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "config/global_settings.h"
+#include "core/device_node.h"
 #include "core/manager.h"
 #include "core/unique_fd.h"
 #include "discovery/device_list.h"
@@ -38,7 +39,7 @@ void ScanUSBPort(CManager* manager) {
 
 int CheckUSBDevice(CManager* /*manager*/, const char* path) {
     TLOG(LOG_SCAN, "Entering %s.", "CheckUSBDevice");
-    UniqueFd fd(OpenCloexec(path, O_RDWR));
+    UniqueFd fd(OpenDeviceNode(path, O_RDWR, kNodeAnyChar));
     if (!fd.valid()) {
         TLOG_ERR(LOG_SCAN,
                  "Open port [%s] failed with fd=%d. This may be caused by executing with "

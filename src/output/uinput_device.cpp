@@ -14,6 +14,7 @@
 #include <string.h>
 #include <sys/ioctl.h>
 
+#include "core/device_node.h"
 #include "core/environment.h"
 #include "device/device_object.h"
 #include "log/debug_log.h"
@@ -92,17 +93,18 @@ void SetDirectProperty(int fd) {
 }
 
 // Opens the configured uinput node; when it is not a configured path, falls back to
-// "/dev/uinput" and keeps that path for every later device. O_NOCTTY: a configured path
-// that names a terminal never becomes the daemon's controlling terminal.
+// "/dev/uinput" and keeps that path for every later device. Only the kernel's uinput
+// device is opened: a path naming anything else (a regular file, another device) counts
+// as a failed open, and the device record is never written into it.
 int OpenUinput(GlobalSettings* settings, UniqueFd* out) {
-    out->reset(OpenCloexec(settings->UinputPath, O_WRONLY | O_NONBLOCK | O_NOCTTY));
+    out->reset(OpenDeviceNode(settings->UinputPath, O_WRONLY | O_NONBLOCK, kNodeUinput));
     if (!out->valid()) {
         if (settings->CustomPathMask & kCustomUinputPathBit) {
             TLOG_ERR(LOG_MAIN, "Unable to open assigned uninput path : %s", settings->UinputPath);
             return -1;
         }
         snprintf(settings->UinputPath, sizeof(settings->UinputPath), "%s", kFallbackUinputPath);
-        out->reset(OpenCloexec(settings->UinputPath, O_WRONLY | O_NONBLOCK | O_NOCTTY));
+        out->reset(OpenDeviceNode(settings->UinputPath, O_WRONLY | O_NONBLOCK, kNodeUinput));
         if (!out->valid()) {
             TLOG_ERR(LOG_MAIN, "Unable to open %s & /dev/input/uinput ", settings->UinputPath);
             return -1;
@@ -216,6 +218,10 @@ void DestroyDevice(UniqueFd* fd, bool* created) {
 
 int CreateTouchDevice(CDeviceObject* device) {
     if (OpenUinput(device->pSettings, &device->UinputTouchFd) < 0) return -1;
+    return SetUpTouchDevice(device);
+}
+
+int SetUpTouchDevice(CDeviceObject* device) {
     const int fd = device->UinputTouchFd.get();
     struct uinput_user_dev dev;
     FillIdentity(&dev, kTouchName, kTouchProductId);
@@ -229,6 +235,10 @@ int CreateTouchDevice(CDeviceObject* device) {
 
 int CreatePenDevice(CDeviceObject* device) {
     if (OpenUinput(device->pSettings, &device->UinputPenFd) < 0) return -1;
+    return SetUpPenDevice(device);
+}
+
+int SetUpPenDevice(CDeviceObject* device) {
     const int fd = device->UinputPenFd.get();
     struct uinput_user_dev dev;
     FillIdentity(&dev, kPenName, kPenProductId);

@@ -1,9 +1,13 @@
 // The tool's named pipes: creation, opening, closing and the write towards the tool.
 #include <errno.h>
 #include <fcntl.h>
+#include <stdio.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <unistd.h>
 
+#include "core/environment.h"
 #include "core/paths.h"
 #include "device/device_object.h"
 #include "discovery/probe_exchange.h"
@@ -24,9 +28,50 @@ void OpenPipe(UniqueFd* pipe, const char* path, mode_t mode) {
     }
 }
 
+// The directory part of path (the text before its last '/'; "." when it has none).
+bool DirectoryOf(const char* path, char* dir, size_t size) {
+    const char* slash = strrchr(path, '/');
+    if (!slash) return snprintf(dir, size, ".") > 0;
+    const size_t len = slash == path ? 1 : static_cast<size_t>(slash - path);
+    if (len >= size) return false;
+    memcpy(dir, path, len);
+    dir[len] = '\0';
+    return true;
+}
+
+// The directory of a tool pipe on plain Linux: it must belong to root (or the daemon's
+// user) and let nobody outside its group read or write it. dir_st receives its status.
+bool DirectoryFenced(const char* path, struct stat* dir_st) {
+    char dir[kDataPathMax];
+    if (!DirectoryOf(path, dir, sizeof(dir)) || stat(dir, dir_st) != 0) {
+        TLOG_ERR(LOG_MAIN, "Tool pipe [%s] refused: its directory cannot be examined", path);
+        return false;
+    }
+    if (dir_st->st_uid != 0 && dir_st->st_uid != geteuid()) {
+        TLOG(LOG_MAIN, "Tool pipe [%s] refused: directory %s is owned by uid %lu", path, dir,
+             static_cast<unsigned long>(dir_st->st_uid));
+        return false;
+    }
+    if ((dir_st->st_mode & (S_IROTH | S_IWOTH)) != 0) {
+        TLOG(LOG_MAIN,
+             "Tool pipe [%s] refused: directory %s (mode %04o) can be read or written by users "
+             "outside its group; make it 0750 or 0770",
+             path, dir, static_cast<unsigned>(dir_st->st_mode & 07777));
+        return false;
+    }
+    return true;
+}
+
 }  // namespace
 
 int CreateFifo(const char* path, mode_t mode, int flags) {
+    // On plain Linux no SELinux policy stands between the pipes and local users: the
+    // directory fences them, and nobody outside the owner and group gets any access.
+    const bool linux_fence = OnPlainLinux();
+    struct stat dir_st;
+    if (linux_fence && !DirectoryFenced(path, &dir_st)) return -1;
+    if (linux_fence) mode &= ~static_cast<mode_t>(S_IRWXO);
+
     struct stat st;
     bool created = false;
     int attempts = 0;
@@ -51,9 +96,30 @@ int CreateFifo(const char* path, mode_t mode, int flags) {
         TLOG(LOG_PIPE, "CreateFifo: [%s] is not a FIFO", path);
         return -1;
     }
-    // The process umask narrowed the mode given to mknod; set it in full on the FIFO
-    // that was opened (never through a path that could have been replaced).
-    if (created) fchmod(fd.get(), mode);
+    // A FIFO someone else made may already be open at their end, whatever its mode now.
+    if (st.st_uid != 0 && st.st_uid != geteuid()) {
+        TLOG(LOG_MAIN, "Tool pipe [%s] refused: owned by uid %lu, not by root", path,
+             static_cast<unsigned long>(st.st_uid));
+        return -1;
+    }
+    if (created) {
+        // The process umask narrowed the mode given to mknod; set it in full on the FIFO
+        // that was opened (never through a path that could have been replaced). On Linux the
+        // pipe joins the directory's group: the users an integrator lets run the tool.
+        fchmod(fd.get(), mode);
+        if (linux_fence && fchown(fd.get(), static_cast<uid_t>(-1), dir_st.st_gid) != 0) {
+            TLOG_ERR(LOG_MAIN, "Tool pipe [%s]: cannot give it group %lu", path,
+                     static_cast<unsigned long>(dir_st.st_gid));
+        }
+    } else if (linux_fence && (st.st_mode & (S_IROTH | S_IWOTH)) != 0) {
+        // Users outside the group may have opened it already: a new mode would not
+        // close their descriptors, so the pipe is not used at all.
+        TLOG(LOG_MAIN,
+             "Tool pipe [%s] refused: mode %04o lets users outside its group read or write "
+             "it; remove it and the daemon creates it anew",
+             path, static_cast<unsigned>(st.st_mode & 07777));
+        return -1;
+    }
     return fd.release();
 }
 

@@ -5,6 +5,7 @@
 #include <signal.h>
 #include <stdio.h>
 
+#include "core/device_node.h"
 #include "core/shell.h"
 #include "core/shell_token.h"
 #include "device/device_object.h"
@@ -23,13 +24,16 @@ constexpr int kReadSlack = 8;
 // thread for a plug-and-play check and raises this thread's stop request.
 void HandleEmptyRead(CDeviceObject* device) {
     TLOG(LOG_INIT, "Detect no data in port. Send SIGUSR2 to mainthread do check PNP");
-    if (IsPlainPathToken(device->PortPath)) {
+    if (!IsPlainPathToken(device->PortPath)) {
+        TLOG(LOG_INIT, "Port path [%s] is not a plain path: refused to run rm on it",
+             device->PortPath);
+    } else if (!IsDeviceNodeUnderDev(device->PortPath)) {
+        TLOG(LOG_INIT, "Port path [%s] is not a device node under /dev: not removed",
+             device->PortPath);
+    } else {
         char command[kShellCommandMax];
         snprintf(command, sizeof(command), "rm %s", device->PortPath);
         RunShell(command);
-    } else {
-        TLOG(LOG_INIT, "Port path [%s] is not a plain path: refused to run rm on it",
-             device->PortPath);
     }
     kill(0, SIGUSR2);
     device->bThreadRunning = 0;

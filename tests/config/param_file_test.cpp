@@ -525,6 +525,23 @@ TEST_F(ParamFileTest, LinksAtTheSettingsPathsAreNeverWrittenThrough) {
         EXPECT_EQ(log.Count("Create temp param file failed, please modify param manually"), 1);
         EXPECT_FALSE(Exists(IniFilePath()));
         EXPECT_EQ(ReadBytes(victim), full);
+        ASSERT_EQ(unlink(IniTempPath()), 0);
+    }
+    // Hard links: the same file under a second name. Neither the generation, nor a read,
+    // nor the copy made for a new block writes the linked file.
+    for (const char* path : {IniFilePath(), IniTempPath()}) {
+        SCOPED_TRACE(std::string("hard link at ") + path);
+        const std::string claimable = kHead + DefaultBlock(0, nullptr) + kEnd;
+        if (path == IniTempPath()) {
+            ASSERT_TRUE(WriteBytes(IniFilePath(), claimable));
+        }
+        ASSERT_EQ(link(victim.c_str(), path), 0);
+        EXPECT_EQ(Start(kAddrB), -1);
+        EXPECT_EQ(ReadBytes(victim), full);
+        if (path == IniTempPath()) {
+            EXPECT_EQ(ReadBytes(IniFilePath()), claimable);
+        }
+        ASSERT_EQ(unlink(path), 0);
     }
 }
 

@@ -9,9 +9,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <functional>
 #include <string>
 
 #include "core/paths.h"
+#include "core/shell.h"
+#include "core/single_instance.h"
 #include "log/debug_log.h"
 #include "support/core_test_util.h"
 #include "support/sec_tty.h"
@@ -58,10 +61,20 @@ TEST(DataFileTest, RegularFileOpensCloseOnExecAndBlocking) {
     EXPECT_TRUE(S_ISREG(st.st_mode));
 }
 
-TEST(DataFileTest, LinksFifosAndDirectoriesAreRefusedUntouched) {
+TEST(DataFileTest, LinksFifosDirectoriesAndOtherUsersFilesAreRefusedUntouched) {
     TempDataDir dir;
     const std::string victim = dir.File("victim");
     ASSERT_TRUE(WriteFile(victim, "keep me"));
+    // A second name for the victim (as if in another directory of the same file system),
+    // and a file of another user.
+    const std::string hard = dir.File("hard");
+    ASSERT_EQ(0, link(victim.c_str(), hard.c_str()));
+    const std::string foreign = dir.File("foreign");
+    ASSERT_TRUE(WriteFile(foreign, "keep me"));
+    const bool root = geteuid() == 0;
+    if (root) {
+        ASSERT_EQ(0, chown(foreign.c_str(), 65534, 65534));
+    }
     const std::string link = dir.File("link");
     ASSERT_EQ(0, symlink(victim.c_str(), link.c_str()));
     const std::string dangling = dir.File("dangling");
@@ -79,18 +92,75 @@ TEST(DataFileTest, LinksFifosAndDirectoriesAreRefusedUntouched) {
         EXPECT_EQ(-1, OpenDataFile(dangling.c_str(), c.flags)) << c.name;
         EXPECT_EQ(-1, OpenDataFile(fifo.c_str(), c.flags)) << c.name;
         EXPECT_EQ(-1, OpenDataFile(subdir.c_str(), c.flags)) << c.name;
+        errno = 0;
+        EXPECT_EQ(-1, OpenDataFile(hard.c_str(), c.flags)) << c.name;
+        EXPECT_TRUE(errno == EMLINK || errno == EEXIST) << c.name << ": " << errno;
+        if (root) {
+            errno = 0;
+            EXPECT_EQ(-1, OpenDataFile(foreign.c_str(), c.flags)) << c.name;
+            EXPECT_TRUE(errno == EPERM || errno == EEXIST) << c.name << ": " << errno;
+        }
     }
     for (const char* mode : {"r", "r+", "w", "w+", "a", "a+"}) {
         EXPECT_EQ(nullptr, FopenDataFile(link.c_str(), mode)) << mode;
         EXPECT_EQ(nullptr, FopenDataFile(dangling.c_str(), mode)) << mode;
         EXPECT_EQ(nullptr, FopenDataFile(fifo.c_str(), mode)) << mode;
         EXPECT_EQ(nullptr, FopenDataFile(subdir.c_str(), mode)) << mode;
+        EXPECT_EQ(nullptr, FopenDataFile(hard.c_str(), mode)) << mode;
+        if (root) {
+            EXPECT_EQ(nullptr, FopenDataFile(foreign.c_str(), mode)) << mode;
+        }
     }
     EXPECT_EQ("keep me", ReadFile(victim));
+    EXPECT_EQ("keep me", ReadFile(foreign));
     EXPECT_FALSE(FileExists(nowhere));
     struct stat st;
     ASSERT_EQ(0, lstat(fifo.c_str(), &st));
     EXPECT_TRUE(S_ISFIFO(st.st_mode));
+}
+
+// The daemon's PID file, debug log and captured command output, each planted as a hard
+// link to a file outside the data directory: that file keeps every byte, the refusal is
+// logged (the captured output is made afresh instead), and the output still reaches its
+// reader.
+TEST(DataFileTest, DaemonFilesHardLinkedElsewhereAreNeverWritten) {
+    TempDataDir elsewhere;
+    TempDataDir data;  // the last one made is the data directory
+    const std::string victim = elsewhere.File("victim");
+    const std::string log_file = data.File("Tavrine_2026.11.16_9.log");
+    char saved_log_path[kLogPathMax];
+    memcpy(saved_log_path, LogFilePath, sizeof(saved_log_path));
+    snprintf(LogFilePath, sizeof(LogFilePath), "%s", log_file.c_str());
+    struct Case {
+        std::string path;
+        bool refused;
+        std::function<void()> use;
+    };
+    const Case cases[] = {
+        {PidFilePath(), true, [] { WritePidFile(); }},
+        {log_file, true, [] { TLOG(LOG_MAIN, "a line for the log file"); }},
+        {DrvLogPath(), false,
+         [] {
+             FILE* out = RunShellCommand("echo captured", DrvLogPath());
+             char word[16] = "";
+             EXPECT_TRUE(out && fscanf(out, "%15s", word) == 1);
+             EXPECT_STREQ("captured", word);
+             if (out) fclose(out);
+         }},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.path);
+        ASSERT_TRUE(WriteFile(victim, "keep me"));
+        unlink(c.path.c_str());  // an earlier row's log lines may have made the log file
+        ASSERT_EQ(0, link(victim.c_str(), c.path.c_str()));
+        coretest::LogCapture log(LOG_MAIN, 2);  // standard output, system log and file
+        coretest::Quiet(c.use);
+        EXPECT_EQ("keep me", ReadFile(victim));
+        EXPECT_EQ(c.refused,
+                  log.CountContaining("Refused data file [" + c.path + "]: 2 links") > 0);
+        unlink(c.path.c_str());
+    }
+    memcpy(LogFilePath, saved_log_path, sizeof(saved_log_path));
 }
 
 TEST(DataFileTest, StreamModesReadWriteAndAppend) {

@@ -127,6 +127,12 @@ TEST(SerialPort, OpenAtConfiguredSpeedAndRestoreOnClose) {
     ASSERT_EQ(0, tcgetattr(pty.master.get(), &restored));
     EXPECT_EQ(cfgetospeed(&original), cfgetospeed(&restored));
     EXPECT_EQ(original.c_lflag, restored.c_lflag);
+
+    // A serial port path that names no terminal is refused before any line setting.
+    CDeviceObject not_a_tty("/dev/null", &settings);
+    not_a_tty.DevInterface = DEV_RS232;
+    EXPECT_EQ(-1, OpenPort(&not_a_tty));
+    EXPECT_TRUE(log.Contains("Refused device node [/dev/null]: not a terminal"));
 }
 
 // Writes to fd every millisecond until stopped: a controller that never stops sending.

@@ -16,6 +16,7 @@
 #include "discovery/device_list.h"
 #include "discovery/serial_scan.h"
 #include "discovery/usb_scan.h"
+#include "support/core_test_util.h"
 #include "support/disc_log_capture.h"
 #include "support/disc_pty_controller.h"
 
@@ -81,7 +82,10 @@ TEST_F(PortScanTest, CheckUSBDeviceRejectsWhatIsNotAHidrawNode) {
     const std::string plain = data_.path() + "/hidraw_plain_file";
     { UniqueFd f(OpenCloexec(plain.c_str(), O_CREAT | O_WRONLY, 0600)); }
     EXPECT_EQ(-1, CheckUSBDevice(&manager_, plain.c_str()));
-    EXPECT_TRUE(log.Contains("Failed to get HIDRAW Device Info at " + plain + "!"));
+    EXPECT_TRUE(log.Contains("Refused device node [" + plain + "]: not a character device"));
+    // A character device that is not a hidraw node opens, and its info request fails.
+    EXPECT_EQ(-1, CheckUSBDevice(&manager_, "/dev/null"));
+    EXPECT_TRUE(log.Contains("Failed to get HIDRAW Device Info at /dev/null!"));
     EXPECT_EQ(0, log.Count("Found an QEVO Device"));
 }
 
@@ -123,6 +127,32 @@ TEST_F(PortScanTest, CustomSerialPathsReplaceTheStandardPorts) {
     EXPECT_EQ(0, log.Count("[default]"));
     EXPECT_EQ(0, manager_.DeviceCount);
     EXPECT_EQ(1234u, settings_.DeviceBaudRate);
+}
+
+// Serial paths that do not name a terminal are refused before a probe byte is written: a
+// file whose bytes 3-5 read back like a loop-back reply is not taken for a controller, and
+// the settings file named as a port keeps every byte.
+TEST_F(PortScanTest, CustomSerialPathsThatAreNotTerminalsAreNeverWritten) {
+    const std::string lure = data_.path() + "/lure";
+    const std::string lure_bytes("\x01\x02\x03\x0a\x01\x41\x0a\x01\x41", 9);
+    ASSERT_TRUE(coretest::WriteFile(lure, lure_bytes));
+    const std::string ini = IniFilePath();
+    const std::string ini_bytes = "[TavrineA.ini]\nDeviceNums 2\n[String]\n[EndOfFile]";
+    ASSERT_TRUE(coretest::WriteFile(ini, ini_bytes));
+    DiscLogCapture log;
+    settings_.MaxDeviceNums = 2;
+    settings_.CustomPathMask = kCustomSerialPathBit;
+    snprintf(settings_.CustomSerialPath[0], kTextMax, "%s", lure.c_str());
+    snprintf(settings_.CustomSerialPath[1], kTextMax, "%s", ini.c_str());
+    snprintf(settings_.CustomSerialPath[2], kTextMax, "/dev/null");
+    ScanRS232Port(&manager_);
+    ScanRS232Port(&manager_);
+    EXPECT_EQ(0, manager_.DeviceCount);
+    EXPECT_EQ(lure_bytes, coretest::ReadFile(lure));
+    EXPECT_EQ(ini_bytes, coretest::ReadFile(ini));
+    EXPECT_EQ(2, log.Count("Refused device node [" + lure + "]: not a character device"));
+    EXPECT_EQ(2, log.Count("Refused device node [" + ini + "]: not a character device"));
+    EXPECT_EQ(2, log.Count("Refused device node [/dev/null]: not a terminal"));
 }
 
 TEST_F(PortScanTest, OwnedCustomPathIsNotProbedAgain) {

@@ -95,7 +95,7 @@ bool Contains(const std::vector<Ev>& events, const Ev& want) {
     return false;
 }
 
-// The record a device creation wrote to a regular file standing in for the uinput node
+// The record a device set-up wrote to a regular file standing in for the uinput node
 // (the ioctls fail on it, after the record is written).
 std::vector<uint8_t> CreatedRecord(bool pen) {
     char pattern[] = "/tmp/abi_uinput_XXXXXX";
@@ -103,16 +103,15 @@ std::vector<uint8_t> CreatedRecord(bool pen) {
     EXPECT_NE(nullptr, dir);
     if (dir == nullptr) return {};
     const std::string path = std::string(dir) + "/uinput";
-    { UniqueFd create(OpenCloexec(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600)); }
+    UniqueFd file(OpenCloexec(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600));
 
     TouchRig rig;
-    snprintf(rig.settings.UinputPath, sizeof(rig.settings.UinputPath), "%s", path.c_str());
     if (pen) {
-        rig.dev->UinputPenFd.reset();
-        EXPECT_EQ(-1, CreatePenDevice(rig.dev.get()));
+        rig.dev->UinputPenFd = std::move(file);
+        EXPECT_EQ(-1, SetUpPenDevice(rig.dev.get()));
     } else {
-        rig.dev->UinputTouchFd.reset();
-        EXPECT_EQ(-1, CreateTouchDevice(rig.dev.get()));
+        rig.dev->UinputTouchFd = std::move(file);
+        EXPECT_EQ(-1, SetUpTouchDevice(rig.dev.get()));
     }
     std::vector<uint8_t> bytes(2 * kUinputDevSize, 0);
     UniqueFd fd(OpenCloexec(path.c_str(), O_RDONLY));

@@ -1,8 +1,9 @@
 // The virtual input devices: the uinput_user_dev record (names, ids, axis ranges per
-// protocol, Android and kernel version), the "/dev/uinput" fallback and the configured-path
-// rule. The host has no uinput node: a regular file in a temporary directory stands in for
-// it, so the record written before UI_DEV_CREATE can be read back; the ioctls fail on it,
-// so creation reports failure and nothing counts as created.
+// protocol, Android and kernel version), the "/dev/uinput" fallback, the configured-path
+// rule and the refusal of paths that are not the uinput device. The host has no uinput
+// node: the set-up after the open runs on a regular file in a temporary directory, so the
+// record written before UI_DEV_CREATE can be read back; the ioctls fail on it, so the
+// set-up reports failure and nothing counts as created.
 #include "output/uinput_device.h"
 
 #include <gtest/gtest.h>
@@ -13,6 +14,7 @@
 
 #include <string>
 
+#include "support/core_test_util.h"
 #include "support/touch_test_util.h"
 
 using namespace touchtest;
@@ -36,12 +38,11 @@ class TempDir {
     std::string path_;
 };
 
-// Points the rig's settings at an empty regular file standing in for the uinput node.
-std::string UseStandIn(TouchRig& rig, const TempDir& dir, const char* name) {
+// Opens an empty regular file standing in for the uinput node, as the open step would.
+std::string UseStandIn(UniqueFd* uinput_fd, const TempDir& dir, const char* name) {
     std::string path = dir.path() + "/" + name;
-    UniqueFd fd(OpenCloexec(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600));
-    EXPECT_TRUE(fd.valid());
-    snprintf(rig.settings.UinputPath, sizeof(rig.settings.UinputPath), "%s", path.c_str());
+    uinput_fd->reset(OpenCloexec(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK, 0600));
+    EXPECT_TRUE(uinput_fd->valid());
     return path;
 }
 
@@ -109,15 +110,13 @@ TEST(UinputRecord, TouchDeviceRecordPerProtocolAndAndroidVersion) {
         VersionGuard version(c.android);
         TempDir dir;
         TouchRig rig;
-        rig.dev->UinputTouchFd.reset();
         rig.dev->Param.EventType = static_cast<int8_t>(c.event_type);
         rig.dev->Param.ResolX = c.resol_x;
         rig.dev->Param.ResolY = c.resol_y;
-        std::string path = UseStandIn(rig, dir, "uinput");
+        std::string path = UseStandIn(&rig.dev->UinputTouchFd, dir, "uinput");
 
-        EXPECT_EQ(-1, CreateTouchDevice(rig.dev.get()));  // UI_DEV_CREATE fails on a file
+        EXPECT_EQ(-1, SetUpTouchDevice(rig.dev.get()));  // UI_DEV_CREATE fails on a file
         EXPECT_FALSE(rig.dev->bTouchDeviceCreated);
-        EXPECT_STREQ(path.c_str(), rig.settings.UinputPath);
 
         struct uinput_user_dev dev;
         ASSERT_TRUE(ReadRecord(path, &dev));
@@ -159,11 +158,10 @@ TEST(UinputRecord, PenDeviceRecordAndTiltCondition) {
         VersionGuard version(c.android, c.kernel_major, c.kernel_minor);
         TempDir dir;
         TouchRig rig;
-        rig.dev->UinputPenFd.reset();
         rig.dev->Param.ResolX = c.resol_x;
         rig.dev->Param.ResolY = c.resol_y;
-        std::string path = UseStandIn(rig, dir, "uinput");
-        EXPECT_EQ(-1, CreatePenDevice(rig.dev.get()));
+        std::string path = UseStandIn(&rig.dev->UinputPenFd, dir, "uinput");
+        EXPECT_EQ(-1, SetUpPenDevice(rig.dev.get()));
         EXPECT_FALSE(rig.dev->bPenDeviceCreated);
 
         struct uinput_user_dev dev;
@@ -212,22 +210,42 @@ TEST(UinputOpen, FallbackToDevUinputUnlessThePathIsConfigured) {
     }
 }
 
-TEST(UinputOpen, DescriptorIsCloseOnExecAndReleasedOnClose) {
+// A configured path that names anything but the uinput device is refused before a byte is
+// written: the 1116-byte record never lands in a file or another device.
+TEST(UinputOpen, PathThatIsNotTheUinputDeviceIsRefusedUntouched) {
+    TempDir dir;
+    const std::string file = dir.path() + "/uinput";
+    ASSERT_TRUE(coretest::WriteFile(file, "settings"));
+    const std::string link = dir.path() + "/link";
+    ASSERT_EQ(0, symlink(file.c_str(), link.c_str()));
+    for (const std::string& path : {file, link, std::string("/dev/null")}) {
+        SCOPED_TRACE(path);
+        TouchRig rig;
+        LogCapture log;
+        rig.settings.CustomPathMask = kCustomUinputPathBit;
+        snprintf(rig.settings.UinputPath, sizeof(rig.settings.UinputPath), "%s", path.c_str());
+        EXPECT_EQ(-1, CreateTouchDevice(rig.dev.get()));
+        EXPECT_EQ(-1, CreatePenDevice(rig.dev.get()));
+        EXPECT_FALSE(rig.dev->UinputTouchFd.valid());
+        EXPECT_EQ(2, log.Count("Refused device node [" + path + "]"));
+        EXPECT_TRUE(log.Has("Unable to open assigned uninput path : " + path));
+    }
+    EXPECT_EQ("settings", coretest::ReadFile(file));
+    unlink(link.c_str());
+}
+
+TEST(UinputOpen, DescriptorsAreReleasedOnClose) {
     VersionGuard version(9);
     TempDir dir;
     TouchRig rig;
     LogCapture log;
-    UseStandIn(rig, dir, "uinput");
-    EXPECT_EQ(-1, CreateTouchDevice(rig.dev.get()));
-    EXPECT_EQ(-1, CreatePenDevice(rig.dev.get()));
-    EXPECT_TRUE(log.Has("has been opened"));
+    UseStandIn(&rig.dev->UinputTouchFd, dir, "uinput");
+    UseStandIn(&rig.dev->UinputPenFd, dir, "uinput");
+    EXPECT_EQ(-1, SetUpTouchDevice(rig.dev.get()));
+    EXPECT_EQ(-1, SetUpPenDevice(rig.dev.get()));
     EXPECT_TRUE(log.Has("Unable to create UINPUT device."));
     ASSERT_TRUE(rig.dev->UinputTouchFd.valid());
     ASSERT_TRUE(rig.dev->UinputPenFd.valid());
-    EXPECT_TRUE(fcntl(rig.dev->UinputTouchFd.get(), F_GETFD) & FD_CLOEXEC);
-    EXPECT_TRUE(fcntl(rig.dev->UinputPenFd.get(), F_GETFD) & FD_CLOEXEC);
-    EXPECT_EQ(O_WRONLY | O_NONBLOCK,
-              fcntl(rig.dev->UinputTouchFd.get(), F_GETFL) & (O_ACCMODE | O_NONBLOCK));
 
     const int touch_fd = rig.dev->UinputTouchFd.get();
     CloseUinputDevices(rig.dev.get());

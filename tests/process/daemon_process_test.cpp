@@ -9,6 +9,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -91,9 +92,10 @@ class DaemonProcessTest : public ::testing::Test {
 
     // Runs the binary with args; returns the exit status of the started process (the
     // daemon's first half exits 0 right after detaching). Its standard output goes to out;
-    // its standard error to out as well when errors_too, else to /dev/null.
+    // its standard error to out as well when errors_too, else to /dev/null. inherited >= 0
+    // is handed to the daemon as descriptor 7, open across the exec.
     int Run(const std::vector<std::string>& args, std::string* out = nullptr,
-            bool errors_too = false) {
+            bool errors_too = false, int inherited = -1) {
         UniqueFd read_end;
         UniqueFd write_end;
         if (!coretest::MakePipe(&read_end, &write_end)) return -1;
@@ -101,6 +103,7 @@ class DaemonProcessTest : public ::testing::Test {
         pid_t pid = fork();
         if (pid == 0) {
             dup2(write_end.get(), STDOUT_FILENO);
+            if (inherited >= 0) dup2(inherited, 7);  // after: the pipe above may be number 7
             const int null_fd = OpenCloexec("/dev/null", O_WRONLY);
             // The exec closes null_fd itself.
             dup2(errors_too ? write_end.get() : null_fd, STDERR_FILENO);
@@ -264,6 +267,24 @@ TEST_F(DaemonProcessTest, DetachesWritesItsPidFileAndLoops) {
         at = found + step.size();
     }
     EXPECT_EQ(0, Count(log, "Entering CheckIniDevPID"));  // ScanInterface 4: no scanning
+}
+
+// A descriptor the starter leaves open (here the write end of a pipe) is closed by the
+// daemon at start: its reader sees the end of the pipe although the daemon runs on, and
+// no command the daemon starts can inherit it.
+TEST_F(DaemonProcessTest, InheritedDescriptorsAreClosedAtStart) {
+    UniqueFd read_end;
+    UniqueFd write_end;
+    ASSERT_TRUE(coretest::MakePipe(&read_end, &write_end));
+    EXPECT_EQ(0, Run({}, nullptr, false, write_end.get()));
+    write_end.reset();
+    const pid_t daemon = WaitForDaemon();
+    ASSERT_GT(daemon, 0);
+    struct pollfd end = {read_end.get(), POLLIN, 0};
+    ASSERT_EQ(1, poll(&end, 1, 5000)) << "the daemon still holds the inherited pipe";
+    char byte;
+    EXPECT_EQ(0, ReadRetry(read_end.get(), &byte, 1));
+    EXPECT_TRUE(IsRunning(daemon));
 }
 
 // A data directory others may write to is reported once at start, after the settings

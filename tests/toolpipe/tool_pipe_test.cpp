@@ -2,13 +2,17 @@
 // pipe to a controller stand-in.
 #include "toolpipe/tool_pipe.h"
 
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
 
+#include <functional>
 #include <string>
 
+#include "core/environment.h"
 #include "core/paths.h"
 #include "device/cmd_channel.h"
 #include "device/device_object.h"
@@ -23,7 +27,18 @@ mode_t ModeOf(const std::string& path) {
     return st.st_mode;
 }
 
+// Sets the Android major version (0: plain Linux) for one test.
+class AndroidGuard {
+  public:
+    explicit AndroidGuard(int major) : saved_(AndroidVersion) { AndroidVersion = {major, 0}; }
+    ~AndroidGuard() { AndroidVersion = saved_; }
+
+  private:
+    AndroidVersionInfo saved_;
+};
+
 TEST(CreateFifo, ModesDoNotDependOnTheUmask) {
+    AndroidGuard android(9);
     DevTempDataDir data;
     mode_t saved = umask(077);
     int in = CreateFifo(PipeInPath(), kPipeInMode, O_RDWR | O_NONBLOCK);
@@ -88,6 +103,118 @@ TEST(CreateFifo, TerminalIsRefusedWithoutBecomingTheControllingTerminal) {
     const sectest::TtyResult result = sectest::OpenOfTerminalAcquiresIt(create);
     if (result == sectest::TtyResult::kSkipped) GTEST_SKIP() << "no pseudo-terminal";
     EXPECT_EQ(sectest::TtyResult::kNotAcquired, result);
+}
+
+constexpr gid_t kToolGroup = 4242;  // the data directory's group: users who may run the tool
+constexpr uid_t kMember = 4243;     // a user in that group
+constexpr uid_t kOther = 65534;     // a local user outside it
+
+// Runs body in a child with the ids of uid (primary group uid, supplementary group
+// group); returns its exit status, or -1.
+int AsUser(uid_t uid, gid_t group, const std::function<int()>& body) {
+    const pid_t child = fork();
+    if (child < 0) return -1;
+    if (child == 0) {
+        const gid_t groups[1] = {group};
+        if (setgroups(1, groups) != 0 || setresgid(uid, uid, uid) != 0 ||
+            setresuid(uid, uid, uid) != 0) {
+            _exit(100);
+        }
+        _exit(body());
+    }
+    int status = 0;
+    if (waitpid(child, &status, 0) != child || !WIFEXITED(status)) return -1;
+    return WEXITSTATUS(status);
+}
+
+// A user writes the tool's switch of serial point reports to itself (0A 02 34 00) into
+// the input pipe and opens the output pipe for reading. Bits: 1 wrote, 2 could read.
+int ReachPipes(uid_t uid, gid_t group) {
+    return AsUser(uid, group, [] {
+        int bits = 0;
+        UniqueFd in(OpenCloexec(PipeInPath(), O_WRONLY | O_NONBLOCK));
+        if (in.valid() && write(in.get(), "\x0a\x02\x34\x00", 4) == 4) bits |= 1;
+        UniqueFd out(OpenCloexec(PipeOutPath(), O_RDONLY | O_NONBLOCK));
+        if (out.valid()) bits |= 2;
+        return bits;
+    });
+}
+
+// Who reaches the tool pipes of a serial controller, by platform, data directory mode and
+// what was at the input pipe's path before. A user who reaches the input pipe diverts
+// the controller's touches to the output pipe; a user outside the directory's group must
+// never manage it on plain Linux, while a member of the group drives the relay as before.
+TEST(AppPipes, OnPlainLinuxOnlyRootAndTheDirectorysGroupReachThem) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to act as other users";
+    DevIgnoreSigusr2();
+    struct Case {
+        const char* what;
+        int android;       // 0: plain Linux
+        mode_t dir_mode;   // owner root, group kToolGroup
+        uid_t fifo_owner;  // with fifo_mode: a FIFO already at the input pipe's path
+        mode_t fifo_mode;
+        bool in_opened;  // the daemon uses the input pipe
+        const char* refusal;
+        int other;   // ReachPipes bits of kOther
+        int member;  // and of kMember
+    };
+    // clang-format off
+    const Case cases[] = {
+        {"linux 0755",              0, 0755,  0,       0,     false, "can be read or written by users outside its group", 0, 0},
+        {"linux 1777",              0, 01777, 0,       0,     false, "can be read or written by users outside its group", 0, 0},
+        {"linux 0750",              0, 0750,  0,       0,     true,  nullptr, 0, 3},
+        {"linux 0771",              0, 0771,  0,       0,     true,  nullptr, 0, 3},
+        {"linux old root FIFO 0622", 0, 0750, 0,       0622,  false, "mode 0622 lets users outside its group", 0, 2},
+        {"linux planted FIFO 0666", 0, 0770,  kMember, 0666,  false, "owned by uid 4243, not by root", 0, 2},
+        {"android 0755",            9, 0755,  0,       0,     true,  nullptr, 3, 3},
+        {"android planted FIFO",    9, 0777,  kOther,  0666,  false, "owned by uid 65534, not by root", 2, 2},
+    };
+    // clang-format on
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        AndroidGuard android(c.android);
+        DevTempDataDir data;
+        ASSERT_EQ(0, chown(data.path().c_str(), 0, kToolGroup));
+        ASSERT_EQ(0, chmod(data.path().c_str(), c.dir_mode));
+        if (c.fifo_mode != 0) {
+            ASSERT_EQ(0, AsUser(c.fifo_owner, kToolGroup, [&c] {
+                          return mkfifo(PipeInPath(), 0) == 0 &&
+                                         chmod(PipeInPath(), c.fifo_mode) == 0
+                                     ? 0
+                                     : 1;
+                      }));
+        }
+        DevLogCapture log;
+        GlobalSettings settings = DevTestSettings();
+        FakeController controller(false);
+        controller.Start();
+        CDeviceObject dev("/dev/ttyS99", &settings);
+        AttachPort(&dev, &controller, DEV_RS232);
+        dev.Series = 5;
+        DevCreateAppPipe(&dev);
+        EXPECT_EQ(c.in_opened, dev.m_fdPipeIn.valid());
+        if (c.refusal) {
+            EXPECT_TRUE(log.Contains(c.refusal));
+        }
+        if (c.in_opened) {
+            struct stat in, out;
+            ASSERT_EQ(0, stat(PipeInPath(), &in));
+            ASSERT_EQ(0, stat(PipeOutPath(), &out));
+            EXPECT_EQ(c.android ? 0622u : 0620u, in.st_mode & 07777);
+            EXPECT_EQ(c.android ? 0644u : 0640u, out.st_mode & 07777);
+            if (!c.android) {
+                EXPECT_EQ(kToolGroup, in.st_gid);
+            }
+        }
+        // The other user tries first, then the member; the relay forwards what arrived.
+        EXPECT_EQ(c.other, ReachPipes(kOther, kOther));
+        if (dev.m_fdPipeIn.valid()) ForwardFromTool(&dev);
+        EXPECT_EQ((c.other & 1) && c.in_opened ? 1 : 0, dev.bPointsToTool) << "diverted";
+        EXPECT_EQ(c.member, ReachPipes(kMember, kToolGroup));
+        if (dev.m_fdPipeIn.valid()) ForwardFromTool(&dev);
+        EXPECT_EQ(((c.other | c.member) & 1) && c.in_opened ? 1 : 0, dev.bPointsToTool);
+        DevCloseAppPipe(&dev);
+    }
 }
 
 TEST(CreateFifo, UncreatablePathGivesUpQuickly) {

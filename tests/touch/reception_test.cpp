@@ -4,16 +4,21 @@
 #include "touch/reception.h"
 
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "device/cmd_channel.h"
+#include "support/core_test_util.h"
 #include "support/touch_test_util.h"
 
 using namespace touchtest;
@@ -78,13 +83,18 @@ TEST(ReceiveStep, ReadsOneReportAndTreatsNothingReadyAsNoData) {
 namespace {
 
 // Runs one reception step on a port whose controller has gone, in a child with its own
-// process group (the step signals the whole group). Returns the child's failure bits:
-// 1 result, 2 running flag, 4 stop request, 8 SIGUSR2; 64 when the child did not exit.
-int RunEmptyReadInChild(const std::string& port_path) {
+// process group (the step signals the whole group). prepare runs first in the child.
+// Returns the child's failure bits: 1 result, 2 running flag, 4 stop request, 8 SIGUSR2,
+// 16 the port path is gone (removed 0) or still there (removed 1), 32 prepare failed; 64
+// when the child did not exit.
+int RunEmptyReadInChild(
+    const std::string& port_path, int removed = -1,
+    const std::function<bool()>& prepare = [] { return true; }) {
     const pid_t child = fork();
     if (child == -1) return 64;
     if (child == 0) {
         setpgid(0, 0);
+        if (!prepare()) _exit(32);
         struct sigaction action = {};
         action.sa_handler = CountUsr2;
         sigaction(SIGUSR2, &action, nullptr);
@@ -101,6 +111,8 @@ int RunEmptyReadInChild(const std::string& port_path) {
         if (rig.dev->bThreadRunning.load() != 0) code |= 2;
         if (!RxThreadStopRequested()) code |= 4;
         if (g_usr2_count != 1) code |= 8;
+        struct stat st;
+        if (removed >= 0 && (lstat(port_path.c_str(), &st) != 0) != (removed == 1)) code |= 16;
         rig.dev->m_Port_fd.reset();
         _exit(code);
     }
@@ -113,17 +125,51 @@ void TouchFile(const std::string& path) {
     UniqueFd fd(OpenCloexec(path.c_str(), O_WRONLY | O_CREAT, 0600));
 }
 
+// In the child: a private mount namespace with an empty tmpfs on /dev, holding what make
+// puts there, so the test never touches the host's /dev.
+bool PrivateDev(const std::function<bool()>& make) {
+    return unshare(CLONE_NEWNS) == 0 &&
+           mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           mount("tmpfs", "/dev", "tmpfs", 0, "mode=0755") == 0 && make();
+}
+
 }  // namespace
 
-TEST(ReceiveStep, EmptyReadIsAnUnplug) {
+// The unplug: result, stop request and SIGUSR2 whatever the path; the stale node is
+// deleted only when it is a device node under /dev, never a file elsewhere, a link or a
+// regular file that took a port's name.
+TEST(ReceiveStep, EmptyReadIsAnUnplugAndRemovesOnlyADeviceNodeUnderDev) {
     char dir_pattern[] = "/tmp/touch_rx_XXXXXX";
     ASSERT_NE(nullptr, mkdtemp(dir_pattern));
-    const std::string node = std::string(dir_pattern) + "/hidraw7";
-    TouchFile(node);
-    EXPECT_EQ(0, RunEmptyReadInChild(node)) << "bits: 1 result, 2 running flag, 4 stop "
-                                               "request, 8 SIGUSR2, 64 child";
-    EXPECT_NE(0, access(node.c_str(), F_OK)) << "the node must be deleted";
+    const std::string outside = std::string(dir_pattern) + "/hidraw7";
+    TouchFile(outside);
+    EXPECT_EQ(0, RunEmptyReadInChild(outside, 0)) << "bits: 1 result, 2 running flag, 4 stop "
+                                                     "request, 8 SIGUSR2, 16 removal";
+    EXPECT_EQ(0, access(outside.c_str(), F_OK)) << "a file outside /dev must stay";
+    unlink(outside.c_str());
     rmdir(dir_pattern);
+
+    if (geteuid() != 0) GTEST_SKIP() << "a private /dev needs root";
+    const auto node = [](const char* path) {
+        return mknod(path, S_IFCHR | 0600, makedev(1, 3)) == 0;
+    };
+    struct Case {
+        const char* port;
+        int removed;
+        std::function<bool()> make;
+    };
+    const Case cases[] = {
+        {"/dev/hidraw7", 1, [&] { return node("/dev/hidraw7"); }},
+        {"/dev/ttyTV0", 0,
+         [&] { return node("/dev/pts0") && symlink("/dev/pts0", "/dev/ttyTV0") == 0; }},
+        {"/dev/ttyS5", 0, [] { return coretest::WriteFile("/dev/ttyS5", "keep"); }},
+        {"/dev/x/../hidraw7", 0,
+         [&] { return mkdir("/dev/x", 0755) == 0 && node("/dev/hidraw7"); }},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(0, RunEmptyReadInChild(c.port, c.removed, [&c] { return PrivateDev(c.make); }))
+            << c.port;
+    }
 }
 
 // A port path that is not one plain word never reaches "rm": with a blank in it the shell

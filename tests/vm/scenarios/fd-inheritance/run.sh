@@ -1,7 +1,7 @@
 # Descriptor inheritance: every command the daemon starts inherits standard
 # input, output and error and nothing else, while the daemon holds the
 # controller's hidraw node, two uinput devices, both tool FIFOs and the
-# syslog socket. /bin/sh is replaced for the scenario's length by
+# syslog socket, and although its own starter left two descriptors open. /bin/sh is replaced for the scenario's length by
 # fd-probe.sh, which records the descriptors of each shell the daemon starts
 # (the one it opened itself to read its script is left out by name).
 . /bed/lib.sh
@@ -56,7 +56,9 @@ rm -f "$LOG"
 write_settings 1
 sed -i 's/^DeviceNums 1$/DeviceNums 2/; s/^ShowDebugPosition 0$/ShowDebugPosition 2/' /data/TavrineA.ini
 start_sim sim.scn && step "controller plugged"
-TavrineD -f > "$OUT/start.out" 2>&1
+# Started with two descriptors of its own starter open (7 and 9): the daemon
+# must close them, or every command it runs inherits them too.
+TavrineD -f > "$OUT/start.out" 2>&1 7< /proc/version 9> /tmp/inherited.txt
 step "start -f: exit status $?"
 wait_until 'has_input MorvelTouch_VirtualDevice && has_input MorvelTouch_VirtualPen' 300 &&
     step "touch and pen devices: present" || step "touch and pen devices: missing"
@@ -68,6 +70,8 @@ for what in /dev/hidraw0 uinput /data/MorvelPipe_in /data/MorvelPipe_out socket:
     grep -q -- "-> .*$what" "$OUT/daemon-fds.txt" && held="$held $what"
 done
 step "daemon holds:$held"
+grep -q -e '/proc/version' -e '/tmp/inherited.txt' "$OUT/daemon-fds.txt" &&
+    step "descriptors of the starter: still held" || step "descriptors of the starter: closed"
 
 # Scan passes with the device open: at least five more shells.
 open_from=$(($(lines) + 1))
