@@ -10,6 +10,7 @@ those whose binary changed, stopping at the first failing test.
 
 import argparse
 import difflib
+import fcntl
 import hashlib
 import json
 import os
@@ -450,9 +451,15 @@ def configure(tree, build, jobs):
 
 
 def object_targets(build):
+    """The objects of the compile commands that the build of the test programs made."""
     with open(os.path.join(build, "compile_commands.json")) as f:
         entries = json.load(f)
-    return sorted({e["output"] for e in entries})
+    objects = set()
+    for e in entries:
+        m = re.search(r" -o (\S+)", e["command"])
+        if m and os.path.isfile(os.path.join(build, m.group(1))):
+            objects.add(m.group(1))
+    return sorted(objects)
 
 
 def test_programs(tree):
@@ -608,6 +615,7 @@ def restore_objects(build, baseline, store):
 def build_baseline(build, programs, jobs, out_dir):
     """Builds the unmutated copy, records its object and program hashes and the run time of
     each test program; every program must pass."""
+    started = time.monotonic()
     log_file = os.path.join(out_dir, "baseline.log")
     open(log_file, "w").close()
     targets = programs + ["TavrineD_testdata"]
@@ -624,14 +632,17 @@ def build_baseline(build, programs, jobs, out_dir):
                 "mtimes": mtimes(build, objects + binaries + sorted(libraries)),
                 "seconds": {}}
     for program in programs:
-        verdict, detail = judge_program(build, program, 600, log_file)
-        if verdict != "pass":
-            sys.exit("mutation: %s fails without any mutant (%s; see %s)"
-                     % (program, detail, log_file))
-        # The time of a clean pass, for the per-program limit.
-        _, _, seconds = run_program(build, program, [], 600, log_file)
+        status, _, seconds = run_program(build, program, [], 600, log_file)
+        if status != "pass":
+            verdict, detail = judge_program(build, program, 600, log_file)
+            if verdict != "pass" or detail:
+                sys.exit("mutation: %s fails without any mutant (%s; see %s)"
+                         % (program, detail or verdict, log_file))
+            # The time of a clean pass, for the per-program limit.
+            _, _, seconds = run_program(build, program, [], 600, log_file)
         baseline["seconds"][program] = round(seconds, 2)
         log("baseline %-16s %6.1f s" % (program, seconds))
+    baseline["baseline_seconds"] = round(time.monotonic() - started, 1)
     return baseline
 
 
@@ -670,15 +681,18 @@ def test_mutant(m, build, jobs, programs, baseline, log_file):
     # The tests of the mutated folder first, then the quickest programs.
     folder = m["file"].split("/")[1] + "_tests"
     to_run.sort(key=lambda p: (p != folder, baseline["seconds"][p]))
+    flaky = []
     for program in to_run:
         limit = max(30.0, 5 * baseline["seconds"][program])
         verdict, detail = judge_program(build, program, limit, log_file)
         if verdict != "pass":
             return verdict, detail
-    return "survived", "ran " + " ".join(to_run)
+        if detail:
+            flaky.append("%s %s" % (program, detail))
+    return "survived", "ran " + " ".join(to_run) + "".join("; " + f for f in flaky)
 
 
-def summarise(sample, out_dir, wall, load_start):
+def summarise(sample, baseline, out_dir, wall, load_start):
     counts = {"killed": 0, "timeout": 0, "survived": 0, "not-compiled": 0, "equivalent": 0}
     seconds = 0.0
     survivors = []
@@ -701,16 +715,18 @@ def summarise(sample, out_dir, wall, load_start):
                      "timeouts count as killed)"
                      % (100.0 * (counts["killed"] + counts["timeout"]) / judged,
                         counts["killed"] + counts["timeout"], judged))
-    lines.append("time: %.0f s of mutant builds and tests in all runs into this folder; "
-                 "this run %.0f s wall" % (seconds, wall))
+    lines.append("time: %.0f s unmutated build and tests, %.0f s mutant builds and tests (all "
+                 "runs into this folder); this run %.0f s wall"
+                 % (baseline.get("baseline_seconds", 0), seconds, wall))
     with open("/proc/loadavg") as f:
         lines.append("load average (1/5/15 min): at start %s, at end %s"
                      % (load_start, " ".join(f.read().split()[:3])))
     lines.append("survivors:")
     lines += ["  " + s for s in survivors] or ["  (none)"]
     text = "\n".join(lines) + "\n"
-    with open(os.path.join(out_dir, "summary.txt"), "w") as f:
-        f.write(text)
+    if os.path.isdir(out_dir):
+        with open(os.path.join(out_dir, "summary.txt"), "w") as f:
+            f.write(text)
     print(text, end="")
 
 
@@ -723,6 +739,8 @@ def main():
     p.add_argument("--build", default="build-mutation")
     p.add_argument("--jobs", type=int, default=2)
     p.add_argument("--list", action="store_true", help="print the sample and stop")
+    p.add_argument("--summary", action="store_true",
+                   help="print the summary of the verdicts in the output folder and stop")
     args = p.parse_args()
 
     started = time.monotonic()
@@ -736,9 +754,8 @@ def main():
     out_dir = args.out or os.path.join(work, "out", name)
     out_dir = os.path.abspath(out_dir)
 
-    os.makedirs(tree, exist_ok=True)
-    sync_tree(repo, tree)
-    candidates, sample, digest = sample_mutants(tree, folders, args.seed, args.size)
+    # The sample is drawn from the work tree's sources, which the copy is made equal to.
+    candidates, sample, digest = sample_mutants(repo, folders, args.seed, args.size)
     header = ("seed %d, sample %d of %d candidate mutants in %s, digest %s"
               % (args.seed, len(sample), len(candidates),
                  ",".join(folders) if folders else "src/", digest))
@@ -748,10 +765,28 @@ def main():
             print("%03d %s" % (i, describe(m)))
         return 0
 
-    os.makedirs(out_dir, exist_ok=True)
     sample_file = os.path.join(out_dir, "sample.txt")
     listing = header + "\n" + "".join("%03d %s\n" % (i, describe(m))
                                       for i, m in enumerate(sample, 1))
+    baseline_file = os.path.join(out_dir, "baseline.json")
+    if args.summary:
+        baseline = {}
+        if os.path.isfile(baseline_file):
+            with open(baseline_file) as f:
+                baseline = json.load(f)
+        summarise(sample, baseline, out_dir, time.monotonic() - started, load_start)
+        return 0
+
+    # One run at a time in a build folder: it owns the copy of the sources and the build.
+    os.makedirs(tree, exist_ok=True)
+    lock = open(os.path.join(work, "lock"), "w")
+    try:
+        fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
+    except OSError:
+        sys.exit("mutation: another run is using %s" % work)
+    sync_tree(repo, tree)
+
+    os.makedirs(out_dir, exist_ok=True)
     if os.path.isfile(sample_file):
         with open(sample_file) as f:
             if f.read() != listing:
@@ -764,7 +799,6 @@ def main():
 
     configure(tree, build, args.jobs)
     programs = test_programs(tree)
-    baseline_file = os.path.join(out_dir, "baseline.json")
     store = os.path.join(work, "unmutated-objects")
     if os.path.isfile(baseline_file):
         with open(baseline_file) as f:
@@ -822,9 +856,9 @@ def main():
     except Interrupted as e:
         kill_leftovers(build)
         log("interrupted (%s); the copy is restored; run the same command to resume" % e)
-        summarise(sample, out_dir, time.monotonic() - started, load_start)
+        summarise(sample, baseline, out_dir, time.monotonic() - started, load_start)
         return 130
-    summarise(sample, out_dir, time.monotonic() - started, load_start)
+    summarise(sample, baseline, out_dir, time.monotonic() - started, load_start)
     return 0
 
 

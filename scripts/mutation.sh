@@ -6,6 +6,7 @@
 #   scripts/mutation.sh --seed 7 --size 300
 #   scripts/mutation.sh --folders touch,config  only mutants of src/touch/ and src/config/
 #   scripts/mutation.sh --list                  print the sample and its digest, build nothing
+#   scripts/mutation.sh --summary               counts and survivors of the verdicts so far
 #   nice -n 15 scripts/mutation.sh              on a shared machine
 #
 # Options: --seed N (1), --size N (150), --folders A,B (all of src/), --out DIR
