@@ -528,7 +528,8 @@ def run_program(build, program, extra, limit, log_file):
     text = out.decode(errors="replace")
     with open(log_file, "a") as f:
         f.write("$ %s  [%s, %.1f s]\n%s" % (" ".join(cmd), status, seconds, text[-20000:]))
-    failed = re.findall(r"^\[  FAILED  \] ([\w/.]+)", text, re.M)
+    # The daemon's log may leave a time prefix without a line end before GoogleTest's lines.
+    failed = re.findall(r"\[  FAILED  \] ([A-Za-z_][\w/]*\.[\w/]+)", text)
     if status == "fail" and not failed:
         failed = ["(exit status %d)" % proc.returncode]
     return status, failed, seconds
