@@ -716,9 +716,10 @@ def summarise(sample, baseline, out_dir, wall, load_start):
                      "timeouts count as killed)"
                      % (100.0 * (counts["killed"] + counts["timeout"]) / judged,
                         counts["killed"] + counts["timeout"], judged))
-    lines.append("time: %.0f s unmutated build and tests, %.0f s mutant builds and tests (all "
-                 "runs into this folder); this run %.0f s wall"
-                 % (baseline.get("baseline_seconds", 0), seconds, wall))
+    unmutated = ("%.0f s unmutated build and tests, " % baseline["baseline_seconds"]
+                 if "baseline_seconds" in baseline else "")
+    lines.append("time: %s%.0f s mutant builds and tests (all runs into this folder); this "
+                 "run %.0f s wall" % (unmutated, seconds, wall))
     with open("/proc/loadavg") as f:
         lines.append("load average (1/5/15 min): at start %s, at end %s"
                      % (load_start, " ".join(f.read().split()[:3])))
