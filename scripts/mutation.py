@@ -693,7 +693,9 @@ def test_mutant(m, build, jobs, programs, baseline, log_file):
     return "survived", "ran " + " ".join(to_run) + "".join("; " + f for f in flaky)
 
 
-def summarise(sample, baseline, out_dir, wall, load_start):
+def summarise(sample, baseline, out_dir, wall, load_start, record=True):
+    """Prints the counts; a run (record) also gives its wall time and load and keeps the text
+    in summary.txt."""
     counts = {"killed": 0, "timeout": 0, "survived": 0, "not-compiled": 0, "equivalent": 0}
     seconds = 0.0
     survivors = []
@@ -718,15 +720,16 @@ def summarise(sample, baseline, out_dir, wall, load_start):
                         counts["killed"] + counts["timeout"], judged))
     unmutated = ("%.0f s unmutated build and tests, " % baseline["baseline_seconds"]
                  if "baseline_seconds" in baseline else "")
-    lines.append("time: %s%.0f s mutant builds and tests (all runs into this folder); this "
-                 "run %.0f s wall" % (unmutated, seconds, wall))
-    with open("/proc/loadavg") as f:
-        lines.append("load average (1/5/15 min): at start %s, at end %s"
-                     % (load_start, " ".join(f.read().split()[:3])))
+    lines.append("time: %s%.0f s mutant builds and tests (all runs into this folder)"
+                 % (unmutated, seconds) + ("; this run %.0f s wall" % wall if record else ""))
+    if record:
+        with open("/proc/loadavg") as f:
+            lines.append("load average (1/5/15 min): at start %s, at end %s"
+                         % (load_start, " ".join(f.read().split()[:3])))
     lines.append("survivors:")
     lines += ["  " + s for s in survivors] or ["  (none)"]
     text = "\n".join(lines) + "\n"
-    if os.path.isdir(out_dir):
+    if record and os.path.isdir(out_dir):
         with open(os.path.join(out_dir, "summary.txt"), "w") as f:
             f.write(text)
     print(text, end="")
@@ -776,7 +779,7 @@ def main():
         if os.path.isfile(baseline_file):
             with open(baseline_file) as f:
                 baseline = json.load(f)
-        summarise(sample, baseline, out_dir, time.monotonic() - started, load_start)
+        summarise(sample, baseline, out_dir, 0, "", record=False)
         return 0
 
     # One run at a time in a build folder: it owns the copy of the sources and the build.
