@@ -21,6 +21,9 @@ constexpr int kPacketMax = 64;        // one command packet or reply packet
 constexpr int kPortReadMax = 65;      // one read from a port
 constexpr int kSerialBufSize = 64;
 constexpr int kVKeyCount = 10;
+// Events of one frame held for its one write: a frame of every contact table entry in the
+// longest protocol (6 events each) with its SYN_REPORT and an empty type A frame fits.
+constexpr int kFrameEventMax = 128;
 
 enum : uint8_t {
     DEV_USB = 0,
@@ -128,6 +131,11 @@ public:
     bool bTouchDeviceCreated = false;
     bool bPenDeviceCreated = false;
     struct input_event Event = {};  // the one event record every emitter reuses
+    // The frame being written (output/emit.h): its events so far, sent with one write at
+    // its SYN_REPORT to FrameTarget, a descriptor of the uinput devices above (not owned).
+    struct input_event FrameEvents[kFrameEventMax] = {};
+    int FrameEventCount = 0;
+    int FrameTarget = -1;
 
     // Virtual keys (touch/vkey.h).
     int32_t VKeyCode[kVKeyCount];

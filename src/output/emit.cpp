@@ -1,8 +1,10 @@
 // Event emission. Touch records update the device's contact table; the whole table is
 // written as one frame when a contact changes state or when the contact numbers of the
 // incoming records stop rising (the controller began its next scan). Pen and eraser
-// samples are written at once to the pen device. Each event is one write of one
-// struct input_event; write results are ignored (a full uinput queue drops the event).
+// samples are written at once to the pen device. The events of a frame are gathered and
+// written with one write at its SYN_REPORT: uinput takes whole input_event records in any
+// number, and a reader of the event node sees the same events as from one write each.
+// Write results are ignored (a full uinput queue drops the frame).
 #include "output/emit.h"
 
 #include <linux/input.h>
@@ -155,10 +157,22 @@ void WriteInputEvent(CDeviceObject* device, int fd, uint16_t type, uint16_t code
     device->Event.code = code;
     device->Event.value = value;
     if (fd < 0) return;
-    // Written from a whole-record copy: GCC 12 on 32-bit ARM takes the member's address for
-    // the address of its first field (timeval::tv_sec) and rejects the 16-byte write.
-    const struct input_event record = device->Event;
-    const ssize_t written = WriteRetry(fd, &record, sizeof(record));
+    // Held events of another descriptor, or a frame longer than the buffer, go out first.
+    if (device->FrameEventCount > 0 &&
+        (device->FrameTarget != fd || device->FrameEventCount == kFrameEventMax)) {
+        FlushFrameEvents(device);
+    }
+    device->FrameTarget = fd;
+    device->FrameEvents[device->FrameEventCount++] = device->Event;
+    if (type == EV_SYN && code == SYN_REPORT) FlushFrameEvents(device);
+}
+
+void FlushFrameEvents(CDeviceObject* device) {
+    const int count = device->FrameEventCount;
+    device->FrameEventCount = 0;
+    if (count == 0 || device->FrameTarget < 0) return;
+    const ssize_t written = WriteRetry(device->FrameTarget, device->FrameEvents,
+                                       static_cast<size_t>(count) * sizeof(struct input_event));
     (void)written;
 }
 

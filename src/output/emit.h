@@ -17,7 +17,11 @@ void EmitTypeAEvent(CDeviceObject* device, const TouchPoint* point);
 void EmitPenEvent(CDeviceObject* device, const TouchPoint* point);
 void EmitEraserEvent(CDeviceObject* device, const TouchPoint* point);
 
-// Writes one input_event (with the time already in device->Event) to fd in one write.
+// Adds one input_event (with the time already in device->Event) to the frame being
+// written to fd. A SYN_REPORT ends the frame: its events go to fd with one write. Every
+// caller ends what it writes with a SYN_REPORT.
 void WriteInputEvent(CDeviceObject* device, int fd, uint16_t type, uint16_t code, int32_t value);
+// Writes the events held for the frame in progress, if any, with one write.
+void FlushFrameEvents(CDeviceObject* device);
 // Sets the time of device->Event (gettimeofday), shared by all events of one emitter call.
 void StampEventTime(CDeviceObject* device);
