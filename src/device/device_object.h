@@ -92,6 +92,12 @@ public:
     TouchPoint HoldContacts[kMaxContacts] = {};  // last record that passed the hold filter
     uint8_t LastContactID = 0;                   // per device (see output/emit.h)
     int32_t LastPenInvert = 0;
+    // A scan of a report that announces its contact count (output/emit.h): while it is
+    // open, touch records only change CurContacts and its one frame is held back.
+    bool bScanOpen = false;
+    bool bScanPending = false;      // a record changed CurContacts since the last frame
+    uint32_t ScanStateChanged = 0;  // bit per entry whose state changed since the last frame
+    uint8_t ScanProtocol = 0;       // touch protocol of the held frame
 
     CDeviceObject* pNext = nullptr;
     DeviceParam Param = {};

@@ -8,8 +8,18 @@
 class CDeviceObject;
 
 void DispatchTouchEvent(CDeviceObject* device, TouchPoint* point);
-// Lifts every contact last written as touching.
+// Writes a scan still open, then lifts every contact last written as touching.
 void ReleaseAllContacts(CDeviceObject* device);
+
+// Scans of the reports that announce their contact count. From BeginTouchScan to
+// EndTouchScan the touch emitters only record each contact in the table; EndTouchScan then
+// writes the scan's one frame (when a record changed the table), so every SYN_REPORT
+// carries one whole scan with all its contacts at their new positions. BeginTouchScan
+// first ends a scan still open (one that lost its last packet). A contact that changes
+// state twice within one scan gets the frame so far written before its second change, so
+// no press or lift is lost.
+void BeginTouchScan(CDeviceObject* device);
+void EndTouchScan(CDeviceObject* device);
 
 void EmitSlotEvent(CDeviceObject* device, const TouchPoint* point);
 void EmitAndroidMultiSyncEvent(CDeviceObject* device, const TouchPoint* point);
