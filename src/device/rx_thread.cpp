@@ -84,8 +84,8 @@ void DevRxLoop(CDeviceObject* device) {
         }
         const bool frame_open = MultiContactFrameOpen(device);
         struct timeval wait = {0, (frame_open ? kOpenFrameWaitMs : kRs232IdleWaitMs) * 1000};
-        int ret = RxThreadSelect(max_fd + 1, &readable,
-                                 frame_open || presence_check ? &wait : nullptr);
+        int ret =
+            RxThreadSelect(max_fd + 1, &readable, frame_open || presence_check ? &wait : nullptr);
         if (ret < 0) {
             if (RxThreadStopRequested()) return;
             if (errno == EINTR) continue;

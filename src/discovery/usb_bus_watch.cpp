@@ -54,8 +54,8 @@ UsbDeviceSet ListUsbDevices(const char* dir) {
             memcpy(&length, buffer + at + 16, sizeof(length));
             if (length <= kDirentNameOffset || at + length > static_cast<size_t>(got)) break;
             const uint8_t* name = buffer + at + kDirentNameOffset;
-            const size_t len = strnlen(reinterpret_cast<const char*>(name),
-                                       length - kDirentNameOffset);
+            const size_t len =
+                strnlen(reinterpret_cast<const char*>(name), length - kDirentNameOffset);
             at += length;
             if (name[0] == '.' && (len == 1 || (len == 2 && name[1] == '.'))) continue;
             const uint64_t digest = EntryDigest(name, len, inode);

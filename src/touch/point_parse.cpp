@@ -255,7 +255,7 @@ bool MultiContactFrameOpen(const CDeviceObject* device) {
 
 void EndMultiContactFrame(CDeviceObject* device) {
     if (device->TotalPtsCnt <= 0) return;
-    TLOG(LOG_DATA, "Frame of %d contacts ended after %d: no further packet",
-         device->TotalPtsCnt, device->HandledPtsCnt);
+    TLOG(LOG_DATA, "Frame of %d contacts ended after %d: no further packet", device->TotalPtsCnt,
+         device->HandledPtsCnt);
     EndFrame(device);
 }

@@ -236,9 +236,10 @@ TEST(EmitFrameRule, AllEventsOfOneCallShareOneTimeStamp) {
 // carries every contact at its new position, in each protocol.
 TEST(EmitScan, OneFramePerScanInEveryProtocol) {
     auto multi_sync = [](std::vector<Ev>* out, int id, int touching, int x, int y) {
-        const std::vector<Ev> entry = {Abs(ABS_MT_TRACKING_ID, id), Abs(ABS_MT_TOUCH_MAJOR, touching),
-                                       Abs(ABS_MT_POSITION_X, x),   Abs(ABS_MT_POSITION_Y, y),
-                                       Abs(ABS_MT_WIDTH_MAJOR, 0),  MtSyn()};
+        const std::vector<Ev> entry = {
+            Abs(ABS_MT_TRACKING_ID, id), Abs(ABS_MT_TOUCH_MAJOR, touching),
+            Abs(ABS_MT_POSITION_X, x),   Abs(ABS_MT_POSITION_Y, y),
+            Abs(ABS_MT_WIDTH_MAJOR, 0),  MtSyn()};
         out->insert(out->end(), entry.begin(), entry.end());
     };
     auto type_a = [](std::vector<Ev>* out, int x, int y) {

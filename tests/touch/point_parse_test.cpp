@@ -330,40 +330,28 @@ TEST(PointParseFrame, LostAndOverCountedPacketsLeaveNoContactDown) {
         return steps;
     };
     const Case cases[] = {
-        {"seven fingers, the second packet lost, then all seven lifted",
-         10,
+        {"seven fingers, the second packet lost, then all seven lifted", 10,
          with_tap({{Frame06(7, Slots(1, 0, 5)), "held"},
-                   {Frame06(7, Slots(0, 0, 5)), "0 1 2 3 4"},  // the cut frame is written
+                   {Frame06(7, Slots(0, 0, 5)), "0 1 2 3 4"},           // the cut frame is written
                    {Frame06(0, Slots(0, 5, 2, Slots(1, 7, 3))), ""}}),  // 7-9: past the frame
-         4,
-         1},
-        {"eleven announced with SupportPoints 10, then all eleven lifted",
-         10,
+         4, 1},
+        {"eleven announced with SupportPoints 10, then all eleven lifted", 10,
          with_tap({{Frame06(11, Slots(1, 0, 5)), "held"},
                    {Frame06(0, Slots(1, 5, 5)), "held"},
                    {Frame06(0, Slots(1, 10, 1)), "0 1 2 3 4 5 6 7 8 9"},  // id 10 ends it
                    {Frame06(11, Slots(0, 0, 5)), "held"},
                    {Frame06(0, Slots(0, 5, 5)), "held"},
                    {Frame06(0, Slots(0, 10, 1)), ""}}),
-         4,
-         2},
-        {"a continuation whose first packet was lost: served contact by contact",
-         10,
-         with_tap({{Frame06(0, Slots(1, 0, 2)), "0 1"}, {Frame06(0, Slots(0, 0, 2)), ""}}),
-         6,
-         2},
-        {"a count of 255, then silence: the held contact is written",
-         10,
+         4, 2},
+        {"a continuation whose first packet was lost: served contact by contact", 10,
+         with_tap({{Frame06(0, Slots(1, 0, 2)), "0 1"}, {Frame06(0, Slots(0, 0, 2)), ""}}), 6, 2},
+        {"a count of 255, then silence: the held contact is written", 10,
          with_tap({{Frame06(255, Slots(1, 0, 1, Slots(1, 0, 1))), "held"},
                    {{}, "0"},
                    {Frame06(1, Slots(0, 0, 1)), ""}}),
-         4,
-         1},
-        {"one contact pressed and lifted within one scan: both reach the reader",
-         10,
-         with_tap({{Frame06(2, {{1, 4, 40, 40}, {0, 4, 40, 40}}), ""}}),
-         4,
-         0},
+         4, 1},
+        {"one contact pressed and lifted within one scan: both reach the reader", 10,
+         with_tap({{Frame06(2, {{1, 4, 40, 40}, {0, 4, 40, 40}}), ""}}), 4, 0},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
