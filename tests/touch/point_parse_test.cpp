@@ -58,7 +58,7 @@ void Slot06(std::vector<uint8_t>* out, int state, int id, int x, int y) {
     out->insert(out->end(), slot, slot + 10);
 }
 
-struct SlotSpec {
+struct SlotFields {
     int state;
     int id;
     int x;
@@ -66,17 +66,17 @@ struct SlotSpec {
 };
 
 // n slots of the given state with ids from first on, at (10 * id, 10 * id), after more.
-std::vector<SlotSpec> Slots(int state, int first, int n, std::vector<SlotSpec> more = {}) {
-    std::vector<SlotSpec> out;
+std::vector<SlotFields> Slots(int state, int first, int n, std::vector<SlotFields> more = {}) {
+    std::vector<SlotFields> out;
     for (int id = first; id < first + n; ++id) out.push_back({state, id, 10 * id, 10 * id});
     out.insert(out.end(), more.begin(), more.end());
     return out;
 }
 
 // A 0x06 packet announcing count, with the given slots.
-std::vector<uint8_t> Frame06(int count, const std::vector<SlotSpec>& slots) {
+std::vector<uint8_t> Frame06(int count, const std::vector<SlotFields>& slots) {
     std::vector<uint8_t> bytes = {0x06, static_cast<uint8_t>(count)};
-    for (const SlotSpec& slot : slots) Slot06(&bytes, slot.state, slot.id, slot.x, slot.y);
+    for (const SlotFields& slot : slots) Slot06(&bytes, slot.state, slot.id, slot.x, slot.y);
     return bytes;
 }
 
