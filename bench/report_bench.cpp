@@ -1,7 +1,8 @@
 // Per-report cost of the whole data path, from a read buffer to the written events:
 // DispatchPortBytes on a bare device record (splitting, parsing, coordinate processing,
-// frame building, one write(2) per struct input_event), beside the floor: the same number
-// of input_event writes into the same kind of descriptor with nothing else done.
+// frame building, one write(2) per frame), beside two floors: the same number of
+// input_event records written one per write, and all in one write, into the same kind of
+// descriptor with nothing else done.
 //
 // Sinks: "pipe" (a pipe emptied by a drain thread, the closest host stand-in for the
 // uinput descriptor) and "null" (/dev/null, a write that costs only the system call).
@@ -239,8 +240,8 @@ void BM_Floor(benchmark::State& state, bool pipe, int events) {
     state.counters["events"] = events;
 }
 
-// Not what the daemon does: the same events in one write(2) per frame (uinput takes any
-// number of whole records per write), to size the gain of writing a frame at once.
+// The same events in one write(2) per frame, as the daemon writes them (uinput takes any
+// number of whole records per write): the floor of the path.
 void BM_FloorOneWrite(benchmark::State& state, bool pipe, int events) {
     Sink sink(pipe);
     std::vector<struct input_event> frame(static_cast<size_t>(events));

@@ -35,7 +35,8 @@ set(expected
     share/man/man1/tavrine-sim.1
     share/man/man1/tavrine-evrec.1
     share/tavrine-sim/descriptors/default.hex
-    share/tavrine-sim/descriptors/multitouch-2.hex)
+    share/tavrine-sim/descriptors/multitouch-2.hex
+    share/tavrine-sim/descriptors/multitouch-10.hex)
 if(WITH_TOOL)
     list(APPEND expected bin/tavrinectl)
 endif()

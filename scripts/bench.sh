@@ -8,8 +8,12 @@
 #   scripts/bench.sh --host     the host part only (no VM)
 #   scripts/bench.sh --vm       the VM part only
 #   scripts/bench.sh --markdown the table as Markdown (for the README)
+#   scripts/bench.sh --daemon PATH   the VM part with another static daemon binary
+#   scripts/bench.sh --before DIR    host rows also against DIR/host.json, the results
+#                                    of an earlier run (an earlier version of the code)
 #
-# Results land in ${TAVRINE_BENCH_OUT:-build-bench/results}/.
+# Results land in ${TAVRINE_BENCH_OUT:-build-bench/results}/. The host's load average is
+# recorded at the start and end of each part: the machine may be shared.
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -18,16 +22,25 @@ out=${TAVRINE_BENCH_OUT:-$build/results}
 do_host=1
 do_vm=1
 markdown=()
-for arg in "$@"; do
-    case "$arg" in
+daemon_args=()
+before=""
+while (($#)); do
+    case "$1" in
         --host) do_vm=0 ;;
         --vm) do_host=0 ;;
         --markdown) markdown=(--markdown) ;;
-        *) echo "bench: unknown option $arg" >&2; exit 2 ;;
+        --daemon) daemon_args=(--daemon "$2"); shift ;;
+        --before) before=$2; shift ;;
+        *) echo "bench: unknown option $1" >&2; exit 2 ;;
     esac
+    shift
 done
 mkdir -p "$out"
 table_args=()
+: >"$out/load.rows"
+load_row() {  # PART WHEN
+    echo "host load average ($1);1 / 5 / 15 min, $2;$(cut -d' ' -f1-3 /proc/loadavg | sed 's/ / \/ /g');-;-" >>"$out/load.rows"
+}
 
 if ((do_host)); then
     for tool in valgrind python3; do
@@ -35,6 +48,7 @@ if ((do_host)); then
     done
     cmake -S "$root/bench" -B "$build" -DCMAKE_BUILD_TYPE=Release >/dev/null
     cmake --build "$build" -j"$(nproc)" >/dev/null
+    load_row "host part" "at its start"
     echo "bench: host timings (CPU time of the writing thread, median of 5)" >&2
     "$build/report_bench" --benchmark_repetitions=5 --benchmark_report_aggregates_only=true \
         --benchmark_min_time=0.2 --benchmark_out="$out/host.json" \
@@ -53,7 +67,9 @@ if ((do_host)); then
             echo "$case $mode $ir $frames $events" >>"$out/callgrind.txt"
         done
     done < <("$build/report_bench" --list)
+    load_row "host part" "at its end"
     table_args+=(--host "$out/host.json" --callgrind "$out/callgrind.txt")
+    [[ -n $before && -f $before/host.json ]] && table_args+=(--host-before "$before/host.json")
 fi
 
 # tslib's ts_uinput for the guest (Debian libts-bin and libts0, unpacked, not installed):
@@ -107,7 +123,9 @@ if ((do_vm)); then
     echo "bench: VM scenarios ${scenarios[*]} (software emulation, one VM)" >&2
     vmout="$out/vm"
     rm -rf "$vmout"
-    "$root/tests/vm/run-vm.sh" --jobs 1 --out "$vmout" "${scenarios[@]}" >"$out/vm.txt" 2>&1 || true
+    load_row "VM part" "at its start"
+    "$root/tests/vm/run-vm.sh" --jobs 1 --out "$vmout" "${daemon_args[@]}" "${scenarios[@]}" >"$out/vm.txt" 2>&1 || true
+    load_row "VM part" "at its end"
     for s in "${scenarios[@]}"; do
         [[ $s == perf-* ]] || continue
         if [[ -f "$vmout/$s/bench.rows" ]]; then
@@ -129,6 +147,7 @@ fi
 cmake -S "$root/bench" -B "$build" -DCMAKE_BUILD_TYPE=Release >/dev/null &&
     cmake --build "$build" -j"$(nproc)" --target TavrineD_dynamic >/dev/null || true
 static_bin="${TAVRINE_VM_BUILD:-$root/tests/vm/.build}/daemon/TavrineD"
+((${#daemon_args[@]})) && static_bin=${daemon_args[1]}
 {
     for pair in "static (RelWithDebInfo, VM bed):$static_bin" "dynamic (Release):$build/TavrineD_dynamic"; do
         bin=${pair#*:}
@@ -137,7 +156,7 @@ static_bin="${TAVRINE_VM_BUILD:-$root/tests/vm/.build}/daemon/TavrineD"
         echo "daemon binary ${pair%%:*};stripped size;$(stat -c %s "$out/TavrineD.stripped") bytes;-;-"
     done
 } >"$out/size.rows"
-table_args+=(--rows "$out/size.rows")
+table_args+=(--rows "$out/size.rows" --rows "$out/load.rows")
 
 echo "bench: $(date -u '+%Y-%m-%d %H:%M UTC'), $(nproc) CPU, $(sed -n 's/^model name[[:space:]]*: //p' /proc/cpuinfo | head -1)"
 python3 "$root/bench/table.py" "${table_args[@]}" "${markdown[@]}"

@@ -11,6 +11,7 @@
 #include "discovery/device_list.h"
 #include "discovery/hid_binding.h"
 #include "discovery/serial_scan.h"
+#include "discovery/usb_bus_watch.h"
 #include "discovery/usb_scan.h"
 #include "log/debug_log.h"
 #include "output/emit.h"
@@ -50,8 +51,11 @@ void ScanLoopPass(CManager* manager) {
     if (static_cast<int16_t>(manager->DeviceCount) >= limit || bDeviceExistCheck.load()) return;
 
     if (Chooses(manager, kScanUsb)) {
-        CheckVIDinlsusb(kQevoVid);
-        CheckIniDevPID(manager);
+        // The binding's commands can change nothing while the bus holds the same devices.
+        if (UsbDevicesChanged()) {
+            CheckVIDinlsusb(kQevoVid);
+            CheckIniDevPID(manager);
+        }
         ScanUSBPort(manager);
     }
     if (Chooses(manager, kScanRs232)) ScanRS232Port(manager);

@@ -21,6 +21,9 @@ constexpr int kPacketMax = 64;        // one command packet or reply packet
 constexpr int kPortReadMax = 65;      // one read from a port
 constexpr int kSerialBufSize = 64;
 constexpr int kVKeyCount = 10;
+// Events of one frame held for its one write: a frame of every contact table entry in the
+// longest protocol (6 events each) with its SYN_REPORT and an empty type A frame fits.
+constexpr int kFrameEventMax = 128;
 
 enum : uint8_t {
     DEV_USB = 0,
@@ -89,6 +92,12 @@ public:
     TouchPoint HoldContacts[kMaxContacts] = {};  // last record that passed the hold filter
     uint8_t LastContactID = 0;                   // per device (see output/emit.h)
     int32_t LastPenInvert = 0;
+    // A scan of a report that announces its contact count (output/emit.h): while it is
+    // open, touch records only change CurContacts and its one frame is held back.
+    bool bScanOpen = false;
+    bool bScanPending = false;      // a record changed CurContacts since the last frame
+    uint32_t ScanStateChanged = 0;  // bit per entry whose state changed since the last frame
+    uint8_t ScanProtocol = 0;       // touch protocol of the held frame
 
     CDeviceObject* pNext = nullptr;
     DeviceParam Param = {};
@@ -133,6 +142,11 @@ public:
     bool bTouchDeviceCreated = false;
     bool bPenDeviceCreated = false;
     struct input_event Event = {};  // the one event record every emitter reuses
+    // The frame being written (output/emit.h): its events so far, sent with one write at
+    // its SYN_REPORT to FrameTarget, a descriptor of the uinput devices above (not owned).
+    struct input_event FrameEvents[kFrameEventMax] = {};
+    int FrameEventCount = 0;
+    int FrameTarget = -1;
 
     // Virtual keys (touch/vkey.h).
     int32_t VKeyCode[kVKeyCount];

@@ -13,6 +13,7 @@
 #include "device/setup.h"
 #include "log/debug_log.h"
 #include "toolpipe/tool_pipe.h"
+#include "touch/point_parse.h"
 #include "touch/reception.h"
 
 namespace {
@@ -25,6 +26,10 @@ constexpr int kCleanPortPauseMs = 5;
 // A controller that never stops sending must not hold the set-up: about 1 s of draining.
 constexpr int kCleanPortMaxReads = 200;
 constexpr int kSelectErrorPauseMs = 100;
+// A multi-contact frame still waiting for its last packet is written after this much
+// silence of the port: the packet was lost and no further scan came to end the frame.
+// Far above the time between the packets of one scan at any report rate.
+constexpr int kOpenFrameWaitMs = 100;
 
 void CountIdleWake(CDeviceObject* device) {
     if (++device->IdleWakeCount < kRs232IdleWakeLimit) return;
@@ -77,8 +82,10 @@ void DevRxLoop(CDeviceObject* device) {
             FD_SET(pipe, &readable);
             if (pipe > max_fd) max_fd = pipe;
         }
-        struct timeval idle_wait = {0, kRs232IdleWaitMs * 1000};
-        int ret = RxThreadSelect(max_fd + 1, &readable, presence_check ? &idle_wait : nullptr);
+        const bool frame_open = MultiContactFrameOpen(device);
+        struct timeval wait = {0, (frame_open ? kOpenFrameWaitMs : kRs232IdleWaitMs) * 1000};
+        int ret =
+            RxThreadSelect(max_fd + 1, &readable, frame_open || presence_check ? &wait : nullptr);
         if (ret < 0) {
             if (RxThreadStopRequested()) return;
             if (errno == EINTR) continue;
@@ -87,7 +94,11 @@ void DevRxLoop(CDeviceObject* device) {
             continue;
         }
         if (ret == 0) {
-            if (presence_check) CountIdleWake(device);
+            if (frame_open) {
+                EndMultiContactFrame(device);
+            } else if (presence_check) {
+                CountIdleWake(device);
+            }
             continue;
         }
         device->IdleWakeCount = 0;

@@ -1,8 +1,11 @@
 // Event emission. Touch records update the device's contact table; the whole table is
-// written as one frame when a contact changes state or when the contact numbers of the
-// incoming records stop rising (the controller began its next scan). Pen and eraser
-// samples are written at once to the pen device. Each event is one write of one
-// struct input_event; write results are ignored (a full uinput queue drops the event).
+// written as one frame at the end of a scan that announced its contact count, and
+// otherwise when a contact changes state or when the contact numbers of the incoming
+// records stop rising (the controller began its next scan). Pen and eraser
+// samples are written at once to the pen device. The events of a frame are gathered and
+// written with one write at its SYN_REPORT: uinput takes whole input_event records in any
+// number, and a reader of the event node sees the same events as from one write each.
+// Write results are ignored (a full uinput queue drops the frame).
 #include "output/emit.h"
 
 #include <linux/input.h>
@@ -18,6 +21,7 @@ constexpr int32_t kMaxCoord = 4095;
 constexpr uint8_t kEventTypeA = 4;
 
 enum class TouchProtocol { kSlot, kAndroidMultiSync, kTypeA };
+static_assert(kMaxContacts <= 32, "ScanStateChanged holds one bit per contact table entry");
 
 // Entries of the contact tables that take part in a frame.
 int FrameEntries(const CDeviceObject* device) {
@@ -115,6 +119,8 @@ void WriteFrame(CDeviceObject* device, TouchProtocol protocol) {
     }
     if (protocol == TouchProtocol::kSlot && OnPlainLinux()) WritePointerEmulation(device);
     WriteTouch(device, EV_SYN, SYN_REPORT, 0);
+    device->bScanPending = false;
+    device->ScanStateChanged = 0;
 }
 
 // Type A: when no contact is left, the empty frame that tells the system all are up.
@@ -127,9 +133,40 @@ void WriteEmptyFrameIfNoContact(CDeviceObject* device) {
     WriteTouch(device, EV_SYN, SYN_REPORT, 0);
 }
 
+// The held frame of a scan, as the last record's emitter would have written it.
+void WriteScanFrame(CDeviceObject* device) {
+    const TouchProtocol protocol = static_cast<TouchProtocol>(device->ScanProtocol);
+    StampEventTime(device);
+    WriteFrame(device, protocol);
+    if (protocol == TouchProtocol::kTypeA) WriteEmptyFrameIfNoContact(device);
+}
+
+// Within an open scan: the record only changes the table.
+void HoldInScan(CDeviceObject* device, const TouchPoint* point, TouchProtocol protocol) {
+    const int i = point->ID;
+    const int32_t state = point->State & 1;
+    const uint32_t bit = 1u << i;
+    if (device->CurContacts[i].State != state) {
+        if (device->ScanStateChanged & bit) WriteScanFrame(device);
+        device->ScanStateChanged |= bit;
+    }
+    TouchPoint& entry = device->CurContacts[i];
+    entry.ID = point->ID;
+    entry.X = point->X;
+    entry.Y = point->Y;
+    entry.State = state;
+    device->bScanPending = true;
+    device->ScanProtocol = static_cast<uint8_t>(protocol);
+    device->LastContactID = static_cast<uint8_t>(point->ID);
+}
+
 // The frame rule shared by the three touch protocols.
 void EmitTouch(CDeviceObject* device, const TouchPoint* point, TouchProtocol protocol) {
     if (!ValidContact(point)) return;
+    if (device->bScanOpen) {
+        HoldInScan(device, point, protocol);
+        return;
+    }
     StampEventTime(device);
     const int i = point->ID;
     TouchPoint& entry = device->CurContacts[i];
@@ -172,10 +209,22 @@ void WriteInputEvent(CDeviceObject* device, int fd, uint16_t type, uint16_t code
     device->Event.code = code;
     device->Event.value = value;
     if (fd < 0) return;
-    // Written from a whole-record copy: GCC 12 on 32-bit ARM takes the member's address for
-    // the address of its first field (timeval::tv_sec) and rejects the 16-byte write.
-    const struct input_event record = device->Event;
-    const ssize_t written = WriteRetry(fd, &record, sizeof(record));
+    // Held events of another descriptor, or a frame longer than the buffer, go out first.
+    if (device->FrameEventCount > 0 &&
+        (device->FrameTarget != fd || device->FrameEventCount == kFrameEventMax)) {
+        FlushFrameEvents(device);
+    }
+    device->FrameTarget = fd;
+    device->FrameEvents[device->FrameEventCount++] = device->Event;
+    if (type == EV_SYN && code == SYN_REPORT) FlushFrameEvents(device);
+}
+
+void FlushFrameEvents(CDeviceObject* device) {
+    const int count = device->FrameEventCount;
+    device->FrameEventCount = 0;
+    if (count == 0 || device->FrameTarget < 0) return;
+    const ssize_t written = WriteRetry(device->FrameTarget, device->FrameEvents,
+                                       static_cast<size_t>(count) * sizeof(struct input_event));
     (void)written;
 }
 
@@ -204,7 +253,23 @@ void DispatchTouchEvent(CDeviceObject* device, TouchPoint* point) {
     }
 }
 
+void BeginTouchScan(CDeviceObject* device) {
+    EndTouchScan(device);
+    device->bScanOpen = true;
+    device->bScanPending = false;
+    device->ScanStateChanged = 0;
+}
+
+void EndTouchScan(CDeviceObject* device) {
+    if (!device->bScanOpen) return;
+    device->bScanOpen = false;
+    if (device->bScanPending) WriteScanFrame(device);
+}
+
 void ReleaseAllContacts(CDeviceObject* device) {
+    // Contacts of an open scan are in the table but not yet written: written first, they
+    // are lifted below like every other.
+    EndTouchScan(device);
     const int entries = FrameEntries(device);
     for (int j = 0; j < entries; ++j) {
         if (device->LastContacts[j].State != 1) continue;

@@ -5,6 +5,7 @@
 
 #include "device/device_object.h"
 #include "log/debug_log.h"
+#include "output/emit.h"
 #include "touch/contact.h"
 #include "touch/touch_point.h"
 
@@ -152,43 +153,45 @@ void ParseSerialReport(CDeviceObject* device, const uint8_t* packet, int count, 
     HandSingle(device, "0x80: ID=%d, X=%d, Y=%d, State=%d", point);
 }
 
-void ResetFrame(CDeviceObject* device) {
+// Ends the multi-contact frame in progress: counters back to 0, and the frame's contacts
+// handed over so far are written (output/emit.h).
+void EndFrame(CDeviceObject* device) {
     device->TotalPtsCnt = 0;
     device->HandledPtsCnt = 0;
+    EndTouchScan(device);
 }
 
-// Frame header handling. Returns true when the packet's slots are to be read.
+// Frame header handling. The packet's slots are read whatever the header says, so every
+// lift a controller sends reaches the screen.
 //
-// A count of 0 or above SupportPoints in a first packet, and a new first packet while a
-// frame is still in progress, both log "NumsofContacts mismatch" and skip the whole packet
-// with the counters at 0: nothing of a frame whose size is wrong or unknown reaches the
-// contact pipeline, and the next packet that announces a valid count starts cleanly.
-bool AcceptFrameHeader(CDeviceObject* device, const uint8_t* packet) {
+// A count of 1 to SupportPoints starts a frame of that many contacts. A count above
+// SupportPoints (the controller tracks more contacts than configured) starts a frame of
+// that count too: its contacts with a valid id are served and it ends at the first slot
+// with an invalid one. A new count while a frame is in progress means that frame lost its
+// last packet: it is written as it stands and the new one starts, so the new frame's
+// continuation packets are read as its own. A count of 0 with no frame in progress is a
+// continuation whose first packet was lost: its slots are served under the frame rule of
+// reports without a count. The last three log "NumsofContacts mismatch".
+void AcceptFrameHeader(CDeviceObject* device, const uint8_t* packet) {
     TLOG(LOG_DATA, "TotalPtsCnt=%d", device->TotalPtsCnt);
     const int announced = packet[1];
-    if (device->TotalPtsCnt <= 0) {
-        if (announced >= 1 && announced <= device->Param.SupportPoints) {
-            device->HandledPtsCnt = 0;
-            device->TotalPtsCnt = announced;
-            return true;
-        }
-        TLOG(LOG_DATA, "NumsofContacts mismatch, skip packet\n");
-        ResetFrame(device);
-        return false;
-    }
-    if (announced != 0) {
+    if (device->TotalPtsCnt > 0) {
+        if (announced == 0) return;  // continuation packet of the frame in progress
         TLOG(LOG_DATA, "TotalPtsCnt=%d", device->TotalPtsCnt);
         TLOG(LOG_DATA, "NumsofContacts mismatch, skip packet\n");
-        ResetFrame(device);
-        return false;
+        EndFrame(device);
+    } else if (announced < 1 || announced > device->Param.SupportPoints) {
+        TLOG(LOG_DATA, "NumsofContacts mismatch, skip packet\n");
     }
-    return true;  // continuation packet of the frame in progress
+    device->HandledPtsCnt = 0;
+    device->TotalPtsCnt = announced;
+    if (announced > 0) BeginTouchScan(device);
 }
 
 void ParseFrame(CDeviceObject* device, const uint8_t* packet, int count, const FrameLayout& layout,
                 TouchPoint* point) {
     if (!LongEnough(packet, count, kFrameSlotStart)) return;
-    if (!AcceptFrameHeader(device, packet)) return;
+    AcceptFrameHeader(device, packet);
     const int whole_slots = (count - kFrameSlotStart) / layout.slot_size;
     const int slots = whole_slots < layout.max_slots ? whole_slots : layout.max_slots;
     const int s = layout.shifted ? device->ParallelResShift - 1 : 0;
@@ -200,7 +203,7 @@ void ParseFrame(CDeviceObject* device, const uint8_t* packet, int count, const F
         point->X = ScaleCoord(U16(slot, 2), s, max);
         point->Y = ScaleCoord(U16(slot, layout.y_offset), s, max);
         if (point->ID >= ContactLimit(device)) {
-            ResetFrame(device);
+            EndFrame(device);
             TLOG(LOG_DATA, "Get error ContactID.\n");
             return;
         }
@@ -209,7 +212,7 @@ void ParseFrame(CDeviceObject* device, const uint8_t* packet, int count, const F
         HandleContact(device, point);
         ++device->HandledPtsCnt;
         if (device->HandledPtsCnt == device->TotalPtsCnt) {
-            ResetFrame(device);
+            EndFrame(device);
             return;
         }
     }
@@ -251,4 +254,15 @@ void ParsePointPacket(CDeviceObject* device, const uint8_t* packet, int count) {
         ParseSerialReport(device, packet, count, &point);
     }
     // Any other report id is ignored.
+}
+
+bool MultiContactFrameOpen(const CDeviceObject* device) {
+    return device->TotalPtsCnt > 0;
+}
+
+void EndMultiContactFrame(CDeviceObject* device) {
+    if (device->TotalPtsCnt <= 0) return;
+    TLOG(LOG_DATA, "Frame of %d contacts ended after %d: no further packet", device->TotalPtsCnt,
+         device->HandledPtsCnt);
+    EndFrame(device);
 }

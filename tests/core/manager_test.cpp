@@ -172,15 +172,9 @@ TEST(ManagerTest, PnpCheckRemovesEveryGoneDeviceAndKeepsTheRest) {
     EXPECT_EQ(1, log.Count("USB Device [" + dir.File("hidraw_unplugged") + "] is removed"));
 
     // Events reached the touch device before it went away, ending with a frame end.
-    std::vector<struct input_event> events;
-    struct input_event event;
-    ssize_t n;
-    while ((n = recv(touch_peer.get(), &event, sizeof(event), MSG_DONTWAIT)) == sizeof(event)) {
-        events.push_back(event);
-    }
+    const std::vector<touchtest::Ev> events = touchtest::Drain(touch_peer.get());
     ASSERT_FALSE(events.empty());
-    EXPECT_EQ(EV_SYN, events.back().type);
-    EXPECT_EQ(SYN_REPORT, events.back().code);
+    EXPECT_EQ(touchtest::Syn(), events.back());
 
     // The devices left are both present: a second check keeps them.
     log.Clear();

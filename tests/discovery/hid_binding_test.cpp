@@ -17,6 +17,7 @@
 
 #include "core/paths.h"
 #include "discovery/hid_listing.h"
+#include "discovery/usb_bus_watch.h"
 #include "support/disc_log_capture.h"
 
 namespace {
@@ -383,6 +384,35 @@ TEST_F(HidBindingTest, IdsAreOneToFourHexDigitsInTheKernelsForm) {
     EXPECT_EQ(0, log.Count("In lsusb: Get device [3c7a]:[01"));
     EXPECT_EQ(-1, CheckModuleInSystem("usb;reboot", "usbtouchscreen"));
     EXPECT_EQ(std::vector<std::string>{"busybox lsusb"}, Calls());
+}
+
+// The scan loop binds only when the USB devices changed: the first look, a bus that
+// appears, a device or interface added or removed, and a device re-added under the same
+// name (a new directory entry) are changes; a second look at the same set is not.
+TEST_F(HidBindingTest, UsbDeviceSetChangesAreSeenFromTheListing) {
+    const std::string bus = root_ + "/sys/bus/usb/devices";
+    UsbDeviceSet last;
+    auto changed = [&] { return UsbDeviceSetChanged(bus.c_str(), &last); };
+    EXPECT_TRUE(changed());  // first look: no bus yet
+    EXPECT_FALSE(changed());
+    Mkdir(bus + "/usb1");
+    EXPECT_TRUE(changed());
+    EXPECT_FALSE(changed());
+    Mkdir(bus + "/1-1");
+    EXPECT_TRUE(changed());
+    Mkdir(bus + "/1-1:1.0");
+    EXPECT_TRUE(changed());
+    EXPECT_FALSE(changed());
+    // Unplugged and plugged again on the same port between two looks.
+    Mkdir(bus + "/replug");
+    ASSERT_EQ(0, rmdir((bus + "/1-1").c_str()));
+    ASSERT_EQ(0, rename((bus + "/replug").c_str(), (bus + "/1-1").c_str()));
+    EXPECT_TRUE(changed());
+    EXPECT_FALSE(changed());
+    ASSERT_EQ(0, rmdir((bus + "/1-1:1.0").c_str()));
+    EXPECT_TRUE(changed());
+    EXPECT_EQ(2u, last.count);
+    EXPECT_TRUE(Calls().empty());  // no command was run
 }
 
 }  // namespace

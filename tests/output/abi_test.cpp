@@ -65,19 +65,21 @@ struct RawEvent {
     Ev ev;
 };
 
-// Every message queued on fd, each required to be exactly one kernel-sized record.
+// Every record queued on fd; each message must be whole kernel-sized records.
 std::vector<RawEvent> DrainRaw(int fd) {
     std::vector<RawEvent> out;
     for (;;) {
-        uint8_t buffer[64];
+        uint8_t buffer[64 * kEventSize];
         const ssize_t n = recv(fd, buffer, sizeof(buffer), MSG_DONTWAIT);
         if (n <= 0) break;
-        EXPECT_EQ(static_cast<ssize_t>(kEventSize), n) << "one record per write";
-        if (n != static_cast<ssize_t>(kEventSize)) continue;
-        const uint8_t* tail = buffer + 2 * kKernelLong;
-        out.push_back(RawEvent{Le(buffer, kKernelLong), Le(buffer + kKernelLong, kKernelLong),
-                               Ev{static_cast<uint16_t>(Le(tail, 2)),
-                                  static_cast<uint16_t>(Le(tail + 2, 2)), LeS32(tail + 4)}});
+        EXPECT_EQ(0u, static_cast<size_t>(n) % kEventSize) << "whole records per write";
+        for (size_t at = 0; at + kEventSize <= static_cast<size_t>(n); at += kEventSize) {
+            const uint8_t* record = buffer + at;
+            const uint8_t* tail = record + 2 * kKernelLong;
+            out.push_back(RawEvent{Le(record, kKernelLong), Le(record + kKernelLong, kKernelLong),
+                                   Ev{static_cast<uint16_t>(Le(tail, 2)),
+                                      static_cast<uint16_t>(Le(tail + 2, 2)), LeS32(tail + 4)}});
+        }
     }
     return out;
 }

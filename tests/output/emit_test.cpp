@@ -255,6 +255,72 @@ TEST(EmitFrameRule, AllEventsOfOneCallShareOneTimeStamp) {
     EXPECT_NE(0, events[0].sec);
 }
 
+// A scan that announced its contact count: nothing is written until it ends, then one frame
+// carries every contact at its new position, in each protocol.
+TEST(EmitScan, OneFramePerScanInEveryProtocol) {
+    auto multi_sync = [](std::vector<Ev>* out, int id, int touching, int x, int y) {
+        const std::vector<Ev> entry = {
+            Abs(ABS_MT_TRACKING_ID, id), Abs(ABS_MT_TOUCH_MAJOR, touching),
+            Abs(ABS_MT_POSITION_X, x),   Abs(ABS_MT_POSITION_Y, y),
+            Abs(ABS_MT_WIDTH_MAJOR, 0),  MtSyn()};
+        out->insert(out->end(), entry.begin(), entry.end());
+    };
+    auto type_a = [](std::vector<Ev>* out, int x, int y) {
+        const std::vector<Ev> entry = {Abs(ABS_MT_POSITION_X, x), Abs(ABS_MT_POSITION_Y, y),
+                                       MtSyn()};
+        out->insert(out->end(), entry.begin(), entry.end());
+    };
+    struct Case {
+        const char* what;
+        int android;
+        int event_type;
+        std::vector<Ev> down;  // 0 and 1 come down in one scan
+        std::vector<Ev> up;    // both lift in the next
+    };
+    std::vector<Case> cases(3);
+    cases[0] = {"slot", 9, 2, {}, {}};
+    AddSlotDown(&cases[0].down, 0, 100, 200);
+    AddSlotDown(&cases[0].down, 1, 300, 400);
+    AddSlotUp(&cases[0].up, 0);
+    AddSlotUp(&cases[0].up, 1);
+    cases[1] = {"Android multi sync", 2, 2, {}, {}};
+    multi_sync(&cases[1].down, 0, 1, 100, 200);
+    multi_sync(&cases[1].down, 1, 1, 300, 400);
+    multi_sync(&cases[1].up, 0, 0, 100, 200);
+    multi_sync(&cases[1].up, 1, 0, 300, 400);
+    cases[2] = {"type A", 9, 4, {}, {}};
+    type_a(&cases[2].down, 100, 200);
+    type_a(&cases[2].down, 300, 400);
+    type_a(&cases[2].up, 100, 200);
+    type_a(&cases[2].up, 300, 400);
+    for (Case& c : cases) {
+        c.down.push_back(Syn());
+        c.up.push_back(Syn());
+    }
+    cases[2].up.push_back(MtSyn());  // type A: the empty frame after the last lift
+    cases[2].up.push_back(Syn());
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        VersionGuard version(c.android);
+        TouchRig rig;
+        rig.dev->Param.EventType = static_cast<uint8_t>(c.event_type);
+        BeginTouchScan(rig.dev.get());
+        Send(rig, 0, 1, 100, 200);
+        Send(rig, 1, 1, 300, 400);  // a new contact would write at once outside a scan
+        EXPECT_TRUE(rig.TouchEvents().empty());
+        EndTouchScan(rig.dev.get());
+        EXPECT_EQ(c.down, rig.TouchEvents());
+        BeginTouchScan(rig.dev.get());
+        Send(rig, 0, 0, 100, 200);
+        Send(rig, 1, 0, 300, 400);
+        EXPECT_TRUE(rig.TouchEvents().empty());
+        BeginTouchScan(rig.dev.get());  // the next scan begins: the open one is written
+        EXPECT_EQ(c.up, rig.TouchEvents());
+        EndTouchScan(rig.dev.get());  // a scan that took no record writes nothing
+        EXPECT_TRUE(rig.TouchEvents().empty());
+    }
+}
+
 TEST(EmitScaling, OutputRangeFromResolXAndResolY) {
     VersionGuard version(9);
     TouchRig rig;
@@ -395,4 +461,22 @@ TEST(EmitRelease, ReleaseAllContactsLiftsEveryTouchingContact) {
 
     ReleaseAllContacts(rig.dev.get());  // nothing is touching any more
     EXPECT_TRUE(rig.TouchEvents().empty());
+
+    // A device removed in the middle of a scan: the contact held in it is written, then
+    // lifted with the others.
+    Send(rig, 0, 1, 100, 200);
+    (void)rig.TouchEvents();
+    BeginTouchScan(rig.dev.get());
+    Send(rig, 1, 1, 300, 400);
+    ReleaseAllContacts(rig.dev.get());
+    want.clear();
+    AddSlotDown(&want, 0, 100, 200);
+    AddSlotDown(&want, 1, 300, 400);
+    want.push_back(Syn());
+    AddSlotUp(&want, 0);
+    AddSlotDown(&want, 1, 300, 400);
+    want.push_back(Syn());
+    AddSlotUp(&want, 1);
+    want.push_back(Syn());
+    EXPECT_EQ(want, rig.TouchEvents());
 }

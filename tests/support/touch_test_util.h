@@ -67,7 +67,7 @@ inline void AddSlotUp(std::vector<Ev>* out, int slot) {
 }
 
 // A datagram socketpair: each write(2) of the code under test arrives as one message, so
-// the reader also proves that every event was written with one write.
+// the reader also proves how the events were grouped into writes.
 inline void MakeEventPair(UniqueFd* device_end, UniqueFd* test_end) {
     int fds[2];
     ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, fds));
@@ -81,20 +81,25 @@ struct TimedEv {
     long usec;
 };
 
-// Every event queued on fd; each message must be exactly one struct input_event.
+// Every event queued on fd. Each message must be one whole frame: whole input_event
+// records ending with the frame's only SYN_REPORT.
 inline std::vector<TimedEv> DrainTimed(int fd) {
     std::vector<TimedEv> out;
     for (;;) {
         struct input_event raw;
-        uint8_t buffer[sizeof(raw) * 2];
+        uint8_t buffer[sizeof(raw) * (kFrameEventMax + 1)];
         ssize_t n = recv(fd, buffer, sizeof(buffer), MSG_DONTWAIT);
         if (n <= 0) break;
-        EXPECT_EQ(static_cast<ssize_t>(sizeof(raw)), n) << "one write must carry one event";
-        if (n != static_cast<ssize_t>(sizeof(raw))) continue;
-        memcpy(&raw, buffer, sizeof(raw));
-        out.push_back(TimedEv{Ev{raw.type, raw.code, raw.value},
-                              static_cast<long>(raw.input_event_sec),
-                              static_cast<long>(raw.input_event_usec)});
+        EXPECT_EQ(0u, static_cast<size_t>(n) % sizeof(raw)) << "whole records per write";
+        const size_t records = static_cast<size_t>(n) / sizeof(raw);
+        for (size_t i = 0; i < records; ++i) {
+            memcpy(&raw, buffer + i * sizeof(raw), sizeof(raw));
+            const bool syn = raw.type == EV_SYN && raw.code == SYN_REPORT;
+            EXPECT_EQ(i + 1 == records, syn) << "one write per frame, ended by its SYN_REPORT";
+            out.push_back(TimedEv{Ev{raw.type, raw.code, raw.value},
+                                  static_cast<long>(raw.input_event_sec),
+                                  static_cast<long>(raw.input_event_usec)});
+        }
     }
     return out;
 }

@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <map>
+#include <string>
 #include <vector>
 
 #include "support/touch_test_util.h"
@@ -55,6 +57,50 @@ void Slot06(std::vector<uint8_t>* out, int state, int id, int x, int y) {
                               0xEE};
     out->insert(out->end(), slot, slot + 10);
 }
+
+struct SlotFields {
+    int state;
+    int id;
+    int x;
+    int y;
+};
+
+// n slots of the given state with ids from first on, at (10 * id, 10 * id), after more.
+std::vector<SlotFields> Slots(int state, int first, int n, std::vector<SlotFields> more = {}) {
+    std::vector<SlotFields> out;
+    for (int id = first; id < first + n; ++id) out.push_back({state, id, 10 * id, 10 * id});
+    out.insert(out.end(), more.begin(), more.end());
+    return out;
+}
+
+// A 0x06 packet announcing count, with the given slots.
+std::vector<uint8_t> Frame06(int count, const std::vector<SlotFields>& slots) {
+    std::vector<uint8_t> bytes = {0x06, static_cast<uint8_t>(count)};
+    for (const SlotFields& slot : slots) Slot06(&bytes, slot.state, slot.id, slot.x, slot.y);
+    return bytes;
+}
+
+// The slots a reader of the event node sees down, from the events it was given so far.
+class SlotModel {
+  public:
+    std::string Apply(const std::vector<Ev>& events) {
+        for (const Ev& e : events) {
+            if (e.type != EV_ABS) continue;
+            if (e.code == ABS_MT_SLOT) slot_ = e.value;
+            if (e.code == ABS_MT_TRACKING_ID) tracking_[slot_] = e.value;
+        }
+        std::string down;
+        for (const auto& entry : tracking_) {
+            if (entry.second == -1) continue;
+            down += (down.empty() ? "" : " ") + std::to_string(entry.first);
+        }
+        return down;
+    }
+
+  private:
+    int slot_ = 0;
+    std::map<int, int> tracking_;
+};
 
 }  // namespace
 
@@ -223,13 +269,14 @@ TEST(PointParseFrame, SevenContactFrameOverTwoPackets) {
     Parse(rig, first);
     EXPECT_EQ(7, rig.dev->TotalPtsCnt);
     EXPECT_EQ(5, rig.dev->HandledPtsCnt);
+    EXPECT_TRUE(rig.TouchEvents().empty());  // the scan is not complete yet
     Parse(rig, second);
     EXPECT_EQ(0, rig.dev->TotalPtsCnt);
     EXPECT_EQ(0, rig.dev->HandledPtsCnt);
     EXPECT_FALSE(log.Has("Get error ContactID."));
 
     std::vector<Ev> events = rig.TouchEvents();
-    EXPECT_EQ(7, CountSyn(events));  // each new contact changes state: one frame each
+    EXPECT_EQ(1, CountSyn(events));  // one scan, one frame
     std::vector<Ev> want;
     AddSlotDown(&want, 0, 100, 50);
     AddSlotDown(&want, 1, 200, 100);
@@ -272,8 +319,6 @@ TEST(PointParseFrame, ShiftOf0x06AndLayoutOf0x17) {
         Parse(rig, bytes);
         std::vector<Ev> want;
         AddSlotDown(&want, 4, 16, 32);
-        want.push_back(Syn());
-        AddSlotDown(&want, 4, 16, 32);
         AddSlotDown(&want, 8, 48, 64);
         want.push_back(Syn());
         EXPECT_EQ(want, rig.TouchEvents());
@@ -281,39 +326,81 @@ TEST(PointParseFrame, ShiftOf0x06AndLayoutOf0x17) {
     }
 }
 
-// A first packet whose count is 0 or above SupportPoints, and a new first packet while a
-// frame is in progress, are skipped entirely: no slot is handed over, counters end at 0.
-TEST(PointParseFrame, CountMismatchSkipsThePacket) {
+// Frame headers that do not match what came before: every slot with a valid id is still
+// served, and after the controller lifts every finger none is down at the reader, whatever
+// packets were lost or over-counted on the way. Each step gives the slots down at the
+// reader after that packet ("" none; "held": the scan is still open, nothing written yet).
+TEST(PointParseFrame, LostAndOverCountedPacketsLeaveNoContactDown) {
     VersionGuard version(9);
-    TouchRig rig;
-    LogCapture log;
-    for (int announced : {0, 11, 255}) {
-        std::vector<uint8_t> bytes = {0x06, static_cast<uint8_t>(announced)};
-        Slot06(&bytes, 1, 0, 10, 10);
-        Slot06(&bytes, 1, 1, 20, 20);
-        Parse(rig, bytes);
-        EXPECT_EQ(0, rig.dev->TotalPtsCnt);
-        EXPECT_EQ(0, rig.dev->HandledPtsCnt);
+    struct Step {
+        std::vector<uint8_t> packet;  // empty: the port falls silent (no further packet)
+        const char* down;
+    };
+    struct Case {
+        const char* what;
+        int support;
+        std::vector<Step> steps;
+        int frames;      // SYN_REPORTs written in all
+        int mismatches;  // "NumsofContacts mismatch" lines
+    };
+    const std::vector<Step> tap = {{Frame06(1, {{1, 3, 30, 30}}), "3"},
+                                   {Frame06(1, {{0, 3, 30, 30}}), ""}};
+    auto with_tap = [&](std::vector<Step> steps) {
+        steps.insert(steps.end(), tap.begin(), tap.end());
+        return steps;
+    };
+    const Case cases[] = {
+        {"seven fingers, the second packet lost, then all seven lifted", 10,
+         with_tap({{Frame06(7, Slots(1, 0, 5)), "held"},
+                   {Frame06(7, Slots(0, 0, 5)), "0 1 2 3 4"},           // the cut frame is written
+                   {Frame06(0, Slots(0, 5, 2, Slots(1, 7, 3))), ""}}),  // 7-9: past the frame
+         4, 1},
+        {"eleven announced with SupportPoints 10, then all eleven lifted", 10,
+         with_tap({{Frame06(11, Slots(1, 0, 5)), "held"},
+                   {Frame06(0, Slots(1, 5, 5)), "held"},
+                   {Frame06(0, Slots(1, 10, 1)), "0 1 2 3 4 5 6 7 8 9"},  // id 10 ends it
+                   {Frame06(11, Slots(0, 0, 5)), "held"},
+                   {Frame06(0, Slots(0, 5, 5)), "held"},
+                   {Frame06(0, Slots(0, 10, 1)), ""}}),
+         4, 2},
+        {"a continuation whose first packet was lost: served contact by contact", 10,
+         with_tap({{Frame06(0, Slots(1, 0, 2)), "0 1"}, {Frame06(0, Slots(0, 0, 2)), ""}}), 6, 2},
+        {"a count of 255, then silence: the held contact is written", 10,
+         with_tap({{Frame06(255, Slots(1, 0, 1, Slots(1, 0, 1))), "held"},
+                   {{}, "0"},
+                   {Frame06(1, Slots(0, 0, 1)), ""}}),
+         4, 1},
+        {"one contact pressed and lifted within one scan: both reach the reader", 10,
+         with_tap({{Frame06(2, {{1, 4, 40, 40}, {0, 4, 40, 40}}), ""}}), 4, 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        TouchRig rig;
+        LogCapture log;
+        rig.dev->Param.SupportPoints = static_cast<uint8_t>(c.support);
+        SlotModel reader;
+        int frames = 0;
+        for (size_t i = 0; i < c.steps.size(); ++i) {
+            SCOPED_TRACE(i);
+            const Step& step = c.steps[i];
+            if (step.packet.empty()) {
+                EndMultiContactFrame(rig.dev.get());
+            } else {
+                Parse(rig, step.packet);
+            }
+            const std::vector<Ev> events = rig.TouchEvents();
+            frames += CountSyn(events);
+            if (std::string(step.down) == "held") {
+                EXPECT_TRUE(events.empty());
+                EXPECT_TRUE(MultiContactFrameOpen(rig.dev.get()));
+            } else {
+                EXPECT_EQ(step.down, reader.Apply(events));
+            }
+        }
+        EXPECT_EQ(c.frames, frames);
+        EXPECT_EQ(c.mismatches, log.Count("NumsofContacts mismatch, skip packet"));
+        EXPECT_FALSE(MultiContactFrameOpen(rig.dev.get()));
     }
-    EXPECT_EQ(3, log.Count("NumsofContacts mismatch, skip packet"));
-    EXPECT_TRUE(rig.TouchEvents().empty());
-
-    // Frame of 3 in progress after one slot; a packet announcing 2 arrives.
-    std::vector<uint8_t> start = {0x06, 3};
-    Slot06(&start, 1, 0, 10, 10);
-    Parse(rig, start);
-    EXPECT_EQ(NewContact(0, 10, 10), rig.TouchEvents());
-    std::vector<uint8_t> restart = {0x06, 2};
-    Slot06(&restart, 1, 4, 40, 40);
-    Slot06(&restart, 1, 5, 50, 50);
-    Parse(rig, restart);
-    EXPECT_TRUE(rig.TouchEvents().empty());
-    EXPECT_EQ(0, rig.dev->TotalPtsCnt);
-    EXPECT_EQ(0, rig.dev->HandledPtsCnt);
-    EXPECT_EQ(4, log.Count("NumsofContacts mismatch, skip packet"));
-    // The next well-formed frame is served.
-    Parse(rig, restart);
-    EXPECT_EQ(2, CountSyn(rig.TouchEvents()));
 }
 
 // Contact ids 10 to 255 never reach the tables, whatever SupportPoints says.
@@ -371,9 +458,11 @@ TEST(PointParseBounds, TruncatedReportsAreDroppedOrReadOnlyInWholeSlots) {
     Slot06(&bytes, 1, 1, 20, 20);
     bytes.resize(2 + 10 + 5);
     Parse(rig, bytes);
-    EXPECT_EQ(NewContact(0, 10, 10), rig.TouchEvents());
+    EXPECT_TRUE(rig.TouchEvents().empty());  // 1 of 2: the scan waits for its last contact
     EXPECT_EQ(2, rig.dev->TotalPtsCnt);
     EXPECT_EQ(1, rig.dev->HandledPtsCnt);
+    EndMultiContactFrame(rig.dev.get());  // no further packet
+    EXPECT_EQ(NewContact(0, 10, 10), rig.TouchEvents());
 
     // A report read from the middle of a larger buffer: bytes past count are not touched.
     std::vector<uint8_t> guarded = {0x01, 0x05, 0x10, 0x00, 0x20, 0x00};

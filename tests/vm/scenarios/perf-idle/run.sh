@@ -3,7 +3,9 @@
 #     loop's shell commands), context switches per second, VmRSS;
 #   1 idle controller (DeviceNums 1): the same; the receive thread should
 #     not wake at all, the main thread's scan loop sleeps 200 ms a pass;
-#   4 idle controllers (DeviceNums 4): VmRSS.
+#   4 idle controllers (DeviceNums 4): VmRSS;
+#   a controller plugged into the daemon left idle with none, 10 times: the time
+#     until the scan loop finds its node and sends the first set-up command.
 # Windows of $win s; the forks the scenario itself makes in a window are
 # measured first, without the daemon, and taken off. Writes $OUT/bench.rows.
 . ../touch-devices/touch-env.sh
@@ -92,8 +94,34 @@ pid=$(start_daemon none)
 sleep 3
 window "$pid" none
 rss_none=$(rss "$pid")
-stop_daemon
 step "none: ns $(cat /tmp/none.ns), busy $(cat /tmp/none.busy), ticks $(cat /tmp/none.cpu), children $(cat /tmp/none.child), forks $(cat /tmp/none.forks), switches $(cat /tmp/none.sw), rss $rss_none kB"
+
+# --- a controller plugged into the idle daemon, $plugs times -----------------------
+# From the simulator's "ready" (its hidraw node exists) to the daemon's first open of the
+# node (found by the scan loop) and to its first set-up command, both in the simulator's
+# log (one clock); the controller is unplugged again once set up.
+plugs=10
+: > /tmp/plug.ms
+removals() { grep -c 'USB Device \[/dev/hidraw0\] is removed' "$(daemon_log)" 2>/dev/null || echo 0; }
+i=0
+while [ $i -lt $plugs ]; do
+    i=$((i + 1))
+    rm -f /tmp/plug.ready
+    tavrine-sim ctl.scn --log /tmp/plug.log --ready /tmp/plug.ready &
+    plug_sim=$!
+    wait_until '[ "$(setups)" -ge '$i' ]' 300 || { step "plug $i: set-up not done"; break; }
+    awk '$2 == "ready" && !r { r = $1 } $2 == "event" && $3 == "open" && !o { o = $1 }
+         $2 == "rx" && !x { x = $1 }
+         END { printf "%.0f %.0f\n", (o - r) * 1000, (x - r) * 1000 }' /tmp/plug.log >> /tmp/plug.ms
+    stop_pid "$plug_sim"
+    wait_until '[ "$(removals)" -ge '$i' ]' 100 || { step "plug $i: removal not seen"; break; }
+done
+stop_daemon
+median() { sort -n | awk '{ v[NR] = $1 } END { if (NR) print v[int((NR + 1) / 2)], v[NR]; else print "- -" }'; }
+found=$(cut -d' ' -f1 /tmp/plug.ms | median)
+first=$(cut -d' ' -f2 /tmp/plug.ms | median)
+step "plugged: $(wc -l < /tmp/plug.ms) of $plugs set up"
+cp /tmp/plug.ms "$OUT/plug.ms"
 
 # --- one idle controller -----------------------------------------------------------
 touch_settings 1
@@ -131,9 +159,9 @@ rate() { awk -v v="$1" -v b="${2:-0}" -v w=$win 'BEGIN { printf "%.1f", (v - b) 
 cpu() { awk -v t="$1" -v hz=$hz -v w=$win 'BEGIN { printf "%.1f ms/s (%.2f %%)", t * 1000 / hz / w, t * 100 / hz / w }'; }
 : > "$OUT/bench.rows"
 nscpu() { awk -v n="$1" -v w=$win 'BEGIN { printf "%.2f ms/s (%.3f %%)", n / 1000000 / w, n / 10000000 / w }'; }
-row "VM idle, no controller (ScanInterface 1)" "daemon CPU (schedstat)" "$(nscpu "$(cat /tmp/none.ns)")" "-" "-"
+row "VM idle, no controller (ScanInterface 1)" "daemon CPU (schedstat)" "$(nscpu "$(cat /tmp/none.ns)")" "target < 0.2 %" "-"
 row "VM idle, no controller (ScanInterface 1)" "guest CPU busy incl. shell commands" "$(cpu "$(($(cat /tmp/none.busy) - base_busy))")" "-" "-"
-row "VM idle, no controller (ScanInterface 1)" "processes started" "$(rate "$(cat /tmp/none.forks)" "$base") /s" "-" "-"
+row "VM idle, no controller (ScanInterface 1)" "processes started" "$(rate "$(cat /tmp/none.forks)" "$base") /s" "target 0" "-"
 row "VM idle, no controller (ScanInterface 1)" "context switches (all threads)" "$(rate "$(cat /tmp/none.sw)") /s" "-" "-"
 row "VM idle, one controller" "daemon CPU (schedstat)" "$(nscpu "$(cat /tmp/one.ns)")" "-" "-"
 row "VM idle, one controller" "guest CPU busy" "$(cpu "$(($(cat /tmp/one.busy) - base_busy))")" "-" "-"
@@ -141,5 +169,7 @@ row "VM idle, one controller" "processes started" "$(rate "$(cat /tmp/one.forks)
 row "VM idle, one controller" "context switches, main thread (scan loop)" "$(rate "$(($(cat /tmp/one.sw) - $(cat /tmp/one.other)))") /s" "200 ms sleep: 5 /s" "-"
 row "VM idle, one controller" "context switches, other threads (receive)" "$(rate "$(cat /tmp/one.other)") /s" "target 0" "-"
 row "VM memory" "VmRSS, 0 / 1 / 4 controllers" "$rss_none / $rss_one / $rss_four kB" "-" "-"
+row "VM controller plugged into the idle daemon ($plugs times)" "node ready to found (first open), median / max" "${found% *} / ${found#* } ms" "scan period 200 ms" "-"
+row "VM controller plugged into the idle daemon ($plugs times)" "node ready to first set-up command, median / max" "${first% *} / ${first#* } ms" "-" "-"
 cat "$OUT/bench.rows"
 exit 0

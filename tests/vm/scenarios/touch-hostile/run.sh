@@ -1,11 +1,14 @@
 # Scenario 7: hostile reports (random bytes, a count of 255, contact ids 10
 # to 255, oversized and truncated reports, reply fragments announcing 255
 # bytes) change nothing: the daemon keeps running, logs what it dropped and
-# serves the valid reports that follow. The one visible effect, by the
-# daemon's frame rule: after a frame cut short (7 contacts announced, 5 sent)
-# the next first packet is a wrong count and is dropped; the same packet sent
-# again is served. Expected trace by hand: contacts 0-4 down at
-# (500 + 100k, 600 + 100k), lifted, then contact 0 at (1111, 2222), lifted.
+# serves the valid reports that follow. Slots with a valid contact id are
+# served whatever the count says: the count of 255 brings contact 0 down at
+# (100, 100) (five slots of id 0; the frame is written when the next first
+# packet arrives). A frame cut short (7 contacts announced, 5 sent) is
+# written when the next first packet begins a new frame, which lifts 0-4;
+# the same lifts again change nothing the reader sees. Expected trace by
+# hand: contact 0 at (100, 100); contacts 0-4 at (500 + 100k, 600 + 100k)
+# in one frame, lifted in one; then contact 0 at (1111, 2222), lifted.
 . ../touch-devices/touch-env.sh
 
 touch_settings 180803

@@ -1,10 +1,10 @@
 # Scenario 6: 10 contacts at 1000 reports per second for 10 s (5000 scans
 # of two 0x06 reports), then a lift of all 10. Every contact moves in every
 # scan (contact k at X = 100 + 350k + (f % 50), contact 0 at X = 100 +
-# (f % 3000), scan f), so no frame is filtered by the input core. By the
-# frame rule the reader must see: 10 frames for the touch-down (one per new
-# contact), one frame per later scan, 10 frames for the lift: 5019 frames;
-# and contact 0's X in exactly 5000 frames, in the order sent.
+# (f % 3000), scan f), so no frame is filtered by the input core. A frame
+# is written when a scan's last announced contact is handled, so the reader
+# must see one frame per scan: 5000 and the lift, 5001 frames; and contact
+# 0's X in exactly 5000 frames, in the order sent.
 . ../touch-devices/touch-env.sh
 
 scans=5000
