@@ -10,7 +10,7 @@
 . ../touch-devices/touch-env.sh
 
 count() { grep -c "$1" "$(daemon_log)" 2>/dev/null; }
-scans() { count 'Entering CheckVIDinlsusb()'; }
+scans() { count 'Portpath \[/dev/hidraw0\] is already created'; }
 
 mkdir -p /tmp/uinput.saved
 for node in /dev/uinput /dev/input/uinput; do
@@ -23,7 +23,7 @@ restore() {
 trap restore EXIT
 step "uinput nodes present: $(ls /dev/uinput /dev/input/uinput 2>/dev/null | wc -l)"
 
-touch_settings 3
+touch_settings 10003
 sed -i 's/^DeviceNums 1$/DeviceNums 2/' /data/TavrineA.ini
 start_sim sim.scn || step "simulator not ready"
 PATH=/tmp/touchbin:$PATH TavrineD -f > "$OUT/start.out" 2>&1
