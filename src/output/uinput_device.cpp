@@ -138,6 +138,12 @@ void SetupTouchBits(const CDeviceObject* device, int fd, struct uinput_user_dev*
     if (param.EventType != kEventTypeA) {
         if (AndroidVersion.major > 3 || OnPlainLinux()) {
             SetAbsAxis(fd, dev, ABS_MT_SLOT, 0, kMaxSlot);
+        } else {
+            // The multi sync frames mark a lifted contact with ABS_MT_TOUCH_MAJOR 0: the
+            // input core drops events of axes a device lacks, and without this one the
+            // last finger of a gesture would never be seen lifting.
+            SetAbsAxis(fd, dev, ABS_MT_TOUCH_MAJOR, 0, 1);
+            SetAbsAxis(fd, dev, ABS_MT_WIDTH_MAJOR, 0, 1);
         }
         SetAbsAxis(fd, dev, ABS_MT_TRACKING_ID, 0, kMaxSlot);
         if (param.VKEYEnable) {

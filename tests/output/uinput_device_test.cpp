@@ -90,13 +90,15 @@ TEST(UinputRecord, TouchDeviceRecordPerProtocolAndAndroidVersion) {
     const AxisWant tool = {ABS_MT_TOOL_TYPE, 0, 1};
     const AxisWant slot = {ABS_MT_SLOT, 0, 20};
     const AxisWant tracking = {ABS_MT_TRACKING_ID, 0, 20};
+    const AxisWant major = {ABS_MT_TOUCH_MAJOR, 0, 1};
+    const AxisWant width = {ABS_MT_WIDTH_MAJOR, 0, 1};
     // clang-format off
     const Case cases[] = {
         // Android 4+, slot protocol: slot and tracking id 0-20.
         {9, 2, -1, -1, {x_full, y_full, tool, slot, tracking}},
-        // Android 2 and 3: tracking id but no slot.
-        {2, 1, 1919, 1079, {{ABS_MT_POSITION_X, 0, 1919}, {ABS_MT_POSITION_Y, 0, 1079}, tool, tracking}},
-        {3, 2, -1, -1, {x_full, y_full, tool, tracking}},
+        // Android 2 and 3: tracking id but no slot; the touch major that marks a lift.
+        {2, 1, 1919, 1079, {{ABS_MT_POSITION_X, 0, 1919}, {ABS_MT_POSITION_Y, 0, 1079}, tool, tracking, major, width}},
+        {3, 2, -1, -1, {x_full, y_full, tool, tracking, major, width}},
         // Type A: neither.
         {9, 4, -1, 799, {x_full, {ABS_MT_POSITION_Y, 0, 799}, tool}},
         // Plain Linux: slots, and ABS_X/ABS_Y of the single-touch view in the output range.

@@ -6,10 +6,10 @@
 # release). Per mode (<mode>.txt): the udev properties and the evdev
 # description of both devices, the events an evdev reader of the touch
 # device gets (protocol check on) and libinput's events without times.
-# On Android 2.3 the multi sync stream is what is compared: the device has
-# no ABS_MT_TOUCH_MAJOR axis (none is registered), so the kernel drops the
-# 0 that marks a lifted contact and a reader sees it lifted only when a
-# later frame leaves it out; libinput's record of that mode is kept apart
+# On Android 2.3 the multi sync stream is what is compared: a lifted contact
+# is the frame entry with ABS_MT_TOUCH_MAJOR 0, which Android's reader drops;
+# libinput reads the device through mtdev, which takes a contact as lifted
+# only when a frame leaves it out, so its record of that mode is kept apart
 # (android2.3.libinput) for reading, not compared. Then the
 # Linux install of the README: the udev rule from platform/linux and the
 # unit's start and stop commands; libinput's device list shows the kernel's
