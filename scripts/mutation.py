@@ -693,15 +693,20 @@ def test_mutant(m, build, jobs, programs, baseline, log_file):
     return "survived", "ran " + " ".join(to_run) + "".join("; " + f for f in flaky)
 
 
-def summarise(sample, baseline, out_dir, wall, load_start, record=True):
-    """Prints the counts; a run (record) also gives its wall time and load and keeps the text
-    in summary.txt."""
+def in_folders(m, only):
+    """True when mutant m is in one of the src/ folders of only (all when only is empty)."""
+    return not only or any(m["file"].startswith("src/%s/" % f) for f in only)
+
+
+def summarise(sample, baseline, out_dir, wall, load_start, record=True, only=()):
+    """Prints the counts of the sample's mutants in the folders of only (all when empty); a
+    run (record) also gives its wall time and load and keeps the text in summary.txt."""
     counts = {"killed": 0, "timeout": 0, "survived": 0, "not-compiled": 0, "equivalent": 0}
     seconds = 0.0
     survivors = []
     for i, m in enumerate(sample, 1):
         path = os.path.join(out_dir, "%03d" % i, "verdict")
-        if not os.path.isfile(path):
+        if not in_folders(m, only) or not os.path.isfile(path):
             continue
         with open(path) as f:
             v = json.load(f)
@@ -740,6 +745,9 @@ def main():
     p.add_argument("--seed", type=int, default=1)
     p.add_argument("--size", type=int, default=150)
     p.add_argument("--folders", default="", help="comma-separated src/ folders, e.g. touch,config")
+    p.add_argument("--only", default="",
+                   help="comma-separated src/ folders: judge (and summarise) only the sample's "
+                        "mutants in them; the sample itself is drawn as without it")
     p.add_argument("--out", default="")
     p.add_argument("--build", default="build-mutation")
     p.add_argument("--jobs", type=int, default=2)
@@ -755,7 +763,9 @@ def main():
     work = os.path.join(repo, args.build) if not os.path.isabs(args.build) else args.build
     tree, build = os.path.join(work, "tree"), os.path.join(work, "build")
     folders = [f for f in args.folders.split(",") if f]
-    name = "seed%d-n%d%s" % (args.seed, args.size, "-" + "+".join(folders) if folders else "")
+    only = [f.strip("/").removeprefix("src/") for f in args.only.split(",") if f]
+    name = "seed%d-n%d%s%s" % (args.seed, args.size, "-" + "+".join(folders) if folders else "",
+                               "-only-" + "+".join(only) if only else "")
     out_dir = args.out or os.path.join(work, "out", name)
     out_dir = os.path.abspath(out_dir)
 
@@ -779,7 +789,7 @@ def main():
         if os.path.isfile(baseline_file):
             with open(baseline_file) as f:
                 baseline = json.load(f)
-        summarise(sample, baseline, out_dir, 0, "", record=False)
+        summarise(sample, baseline, out_dir, 0, "", record=False, only=only)
         return 0
 
     # One run at a time in a build folder: it owns the copy of the sources and the build.
@@ -824,7 +834,7 @@ def main():
         for i, m in enumerate(sample, 1):
             mdir = os.path.join(out_dir, "%03d" % i)
             verdict_file = os.path.join(mdir, "verdict")
-            if os.path.isfile(verdict_file):
+            if not in_folders(m, only) or os.path.isfile(verdict_file):
                 continue
             os.makedirs(mdir, exist_ok=True)
             path = os.path.join(tree, m["file"])
@@ -861,9 +871,9 @@ def main():
     except Interrupted as e:
         kill_leftovers(build)
         log("interrupted (%s); the copy is restored; run the same command to resume" % e)
-        summarise(sample, baseline, out_dir, time.monotonic() - started, load_start)
+        summarise(sample, baseline, out_dir, time.monotonic() - started, load_start, only=only)
         return 130
-    summarise(sample, baseline, out_dir, time.monotonic() - started, load_start)
+    summarise(sample, baseline, out_dir, time.monotonic() - started, load_start, only=only)
     return 0
 
 

@@ -5,11 +5,14 @@
 #   scripts/mutation.sh                         seed 1, 150 mutants of src/
 #   scripts/mutation.sh --seed 7 --size 300
 #   scripts/mutation.sh --folders touch,config  only mutants of src/touch/ and src/config/
+#   scripts/mutation.sh --only touch,config     the seed-1 sample of all src/, judging only its
+#                                               mutants in src/touch/ and src/config/ (compare
+#                                               with --summary --only of a whole run)
 #   scripts/mutation.sh --list                  print the sample and its digest, build nothing
 #   scripts/mutation.sh --summary               counts and survivors of the verdicts so far
 #   nice -n 15 scripts/mutation.sh              on a shared machine
 #
-# Options: --seed N (1), --size N (150), --folders A,B (all of src/), --out DIR
+# Options: --seed N (1), --size N (150), --folders A,B (all of src/), --only A,B, --out DIR
 # (build-mutation/out/seed<N>-n<size>[-<folders>]), --build DIR (build-mutation), --jobs N (2).
 #
 # Mutants, one per place in a .cpp or .h file under src/:
