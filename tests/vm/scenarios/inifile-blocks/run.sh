@@ -47,7 +47,7 @@ start_b
 TavrineD -f -r /dev/ttyTAVnone > "$OUT/start3.out" 2>&1
 wait_until 'set_up "$OUT/sim.log" "$OUT/sim-b.log"' 200 || tasks phase3
 cmp -s /data/TavrineA.ini "$OUT/two-devices.ini" && step "third start: file unchanged" || cp /data/TavrineA.ini "$OUT/third.ini"
-grep -ho 'Found match physical address \[[^]]*\], device figure \[[0-9]\]' /data/Tavrine_*.log >> "$OUT/steps.txt"
+grep -ho 'Found match physical address \[[^]]*\], device figure \[[0-9]\]' /data/Tavrine_*.log | sort >> "$OUT/steps.txt"
 stop_all
 
 sed -i "s/^\(DeviceNums[[:space:]]*\)2$/\15/" /data/TavrineA.ini
