@@ -77,54 +77,49 @@ TEST_F(ParamFileTest, DeviceBlocksBytesInBytesOut) {
         return Replace(Replace(mine, "%", std::to_string(no)), "SupportPoints\t\t\t10",
                        "SupportPoints\t\t\t7");
     };
-    const std::string two = kHead + DefaultBlock(0, kAddrA) + DefaultBlock(1, kAddrB);
-    const std::string five_points =
+    const std::string a0 = kHead + DefaultBlock(0, kAddrA);
+    const std::string five =
         Replace(DefaultBlock(1, kAddrB), "SupportPoints\t\t\t10", "SupportPoints\t\t\t5");
+    // in is body plus the end word when end is set. out: given, or for a device that found
+    // its block the file unchanged, or for a new block body + the block + the end word.
     const struct {
         const char* name;
-        std::string in;
+        std::string body;
+        bool end;
         int no;
         int points;
         std::string out;
     } cases[] = {
-        {"match leaves the file", two + kEnd, 1, 10, two + kEnd},
-        {"match reads its block", kHead + DefaultBlock(0, kAddrA) + five_points + kEnd, 1, 5,
-         kHead + DefaultBlock(0, kAddrA) + five_points + kEnd},
-        {"empty address line claimed",
-         kHead + DefaultBlock(0, kAddrA) + DefaultBlock(1, nullptr) + DefaultBlock(2, kAddrC) + kEnd,
-         1, 10, two + DefaultBlock(2, kAddrC) + kEnd},
-        {"unknown address adds a block", kHead + DefaultBlock(0, kAddrA) + kEnd, 1, 7,
-         kHead + DefaultBlock(0, kAddrA) + my_block(1) + kEnd},
-        {"numbers go on after the highest", kHead + DefaultBlock(4, kAddrA) + kEnd, 5, 7,
-         kHead + DefaultBlock(4, kAddrA) + my_block(5) + kEnd},
-        {"lowest free number once 9 is taken",
-         kHead + DefaultBlock(0, kAddrA) + DefaultBlock(9, kAddrC) + kEnd, 1, 7,
-         kHead + DefaultBlock(0, kAddrA) + DefaultBlock(9, kAddrC) + my_block(1) + kEnd},
-        {"no end word", kHead + DefaultBlock(0, kAddrA), 1, 7,
-         kHead + DefaultBlock(0, kAddrA) + my_block(1) + kEnd},
-        {"altered end word", kHead + DefaultBlock(0, kAddrA) + "\n[EndOfFile", 1, 7,
-         kHead + DefaultBlock(0, kAddrA) + "\n[EndOfFile" + my_block(1) + kEnd},
-        {"200-character address", kHead + DefaultBlock(0, w200.c_str()) + kEnd, 1, 7,
-         kHead + DefaultBlock(0, w200.c_str()) + my_block(1) + kEnd},
+        {"match leaves the file", a0 + DefaultBlock(1, kAddrB), true, 1, 10, ""},
+        {"match reads its block", a0 + five, true, 1, 5, ""},
+        {"empty address line claimed", a0 + DefaultBlock(1, nullptr) + DefaultBlock(2, kAddrC),
+         true, 1, 10, a0 + DefaultBlock(1, kAddrB) + DefaultBlock(2, kAddrC) + kEnd},
+        {"unknown address adds a block", a0, true, 1, 7, ""},
+        {"numbers go on after the highest", kHead + DefaultBlock(4, kAddrA), true, 5, 7, ""},
+        {"lowest free number once 9 is taken", a0 + DefaultBlock(9, kAddrC), true, 1, 7, ""},
+        {"no end word", a0, false, 1, 7, ""},
+        {"altered end word", a0 + "\n[EndOfFile", false, 1, 7, ""},
+        {"200-character address", kHead + DefaultBlock(0, w200.c_str()), true, 1, 7, ""},
         {"two-digit header is no block",
-         kHead + Replace(DefaultBlock(0, kAddrB), "[Device_No.0]", "[Device_No.99]") + kEnd, 0, 7,
-         kHead + Replace(DefaultBlock(0, kAddrB), "[Device_No.0]", "[Device_No.99]") +
-             my_block(0) + kEnd},
-        {"end word in place of the address", kHead + "\n[Device_No.3]\nPhysical_Address" + kEnd,
-         4, 7, kHead + "\n[Device_No.3]\nPhysical_Address" + my_block(4) + kEnd},
+         kHead + Replace(DefaultBlock(0, kAddrB), "[Device_No.0]", "[Device_No.99]"), true, 0, 7, ""},
+        {"end word in place of the address", kHead + "\n[Device_No.3]\nPhysical_Address", true, 4,
+         7, ""},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        ASSERT_TRUE(WriteBytes(IniFilePath(), c.in));
+        const std::string in = c.body + (c.end ? kEnd : "");
+        const std::string out =
+            !c.out.empty() ? c.out : c.points == 7 ? c.body + my_block(c.no) + kEnd : in;
+        ASSERT_TRUE(WriteBytes(IniFilePath(), in));
         auto dev = NewDevice(kAddrB);
         dev->Param.SupportPoints = 7;
         DevIniRoutine(dev.get());
         EXPECT_EQ(dev->Param.Device_No, c.no);
         EXPECT_EQ(dev->Param.SupportPoints, c.points);
-        EXPECT_EQ(ReadBytes(IniFilePath()), c.out);
+        EXPECT_EQ(ReadBytes(IniFilePath()), out);
         EXPECT_FALSE(Exists(IniTempPath()));
         EXPECT_EQ(Start(kAddrB), c.no);  // the next start finds the same block, file unchanged
-        EXPECT_EQ(ReadBytes(IniFilePath()), c.out);
+        EXPECT_EQ(ReadBytes(IniFilePath()), out);
     }
     // All ten numbers in use: no block, file unchanged.
     std::string full = kHead;
