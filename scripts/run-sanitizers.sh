@@ -41,7 +41,7 @@ if [[ $what == all || $what == tsan ]]; then
     # Test executable and gtest filter of each group of threaded tests.
     groups=(
         "device_tests *"
-        "config_tests ParamFileTest.ConcurrentDevices*:ParamFileTest.ReadersWaitForTheSettingsLock"
+        "config_tests ParamFileTest.ConcurrentDevices*"
         "log_tests LogFileFixture.LinesOfTwoThreadsNeverMix"
         "touch_tests ParseCmdReply.*"
         "discovery_tests ReadDeviceResponse.*:WaitDeviceResponse.*"
