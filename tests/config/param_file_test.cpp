@@ -7,6 +7,7 @@
 
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "config/device_param.h"
 #include "core/paths.h"
@@ -126,17 +127,35 @@ TEST_F(ParamFileTest, DeviceBlocksBytesInBytesOut) {
               std::string::npos);
 }
 
+// Block values are leading numbers stored by the width of their field; -1 keeps a value.
+TEST_F(ParamFileTest, BlockValuesReadByTheirRule) {
+    ASSERT_TRUE(WriteBytes(IniFilePath(),
+                           kHead + "\n[Device_No.0]\nPhysical_Address x\nSupportPoints 300\n"
+                                   "ReportMode 200\nEventType 260\nDetectRotation 129\nBtnType 383\n"
+                                   "RightClickEnable 5\nEdgeCompensate -2\nBeepFreq -1\nResolX 4096a\n"
+                                   "EdgeLeft 1\nSplitRectMode 265\nVKEYEnable 5\n[EndOfDevice]" + kEnd));
+    auto dev = NewDevice("x");
+    const int32_t freq = dev->Param.BeepFreq;
+    dev->Param.Device_No = 0;
+    IniDevParamRead(dev.get());
+    const DeviceParam& p = dev->Param;
+    EXPECT_EQ((std::vector<int>{p.SupportPoints, p.ReportMode, p.EventType, p.DetectRotation,
+                                p.BtnType, p.RightClickEnable, p.EdgeCompensate, p.BeepFreq,
+                                p.ResolX, p.EdgeLeft, p.SplitRectMode, p.VKEYEnable}),
+              (std::vector<int>{44, -56, 4, -127, 127, 1, 0xFFFE, freq, 4096, 1, 9, 1}));
+}
+
 // A rewrite of a block replaces exactly its bytes; stale or foreign offsets change nothing.
 TEST_F(ParamFileTest, RewriteReplacesOnlyItsBlock) {
-    const std::string before = kHead + "  # a note\n" + DefaultBlock(0, kAddrA);
-    const std::string old_block = "\n[Device_No.1]\nPhysical_Address  " + std::string(kAddrB) +
+    const std::string before = kHead + "  # a note\n";
+    const std::string old_block = "\n[Device_No.0]\nPhysical_Address  " + std::string(kAddrB) +
                                   "\nReportMode 2\n SupportPoints 10\nVKEY_0 HOME\n[EndOfDevice]";
-    const std::string after = "\n\n" + DefaultBlock(2, kAddrC) + "  \t" + kEnd;
+    const std::string after = "\n\n" + DefaultBlock(1, kAddrA) + DefaultBlock(2, kAddrC) + "  \t" + kEnd;
     const std::string file = before + old_block + after;
     ASSERT_TRUE(WriteBytes(IniFilePath(), file));
     auto dev = NewDevice(kAddrB);
     DevIniRoutine(dev.get());
-    ASSERT_EQ(dev->Param.Device_No, 1);
+    ASSERT_EQ(dev->Param.Device_No, 0);
     EXPECT_EQ(dev->Param.ReportMode, 2);
     const uint32_t s = dev->Param.BlockStart;
     const uint32_t e = dev->Param.BlockEnd;
@@ -147,15 +166,15 @@ TEST_F(ParamFileTest, RewriteReplacesOnlyItsBlock) {
         EXPECT_EQ(IniDevParamAddBlock(dev.get(), b.first, b.second), -1) << b.first << "," << b.second;
         EXPECT_EQ(ReadBytes(IniFilePath()), file);
     }
-    dev->Param.Device_No = 2;  // offsets of block 1, number of another block
+    dev->Param.Device_No = 2;  // offsets of block 0, number of another block
     EXPECT_EQ(IniDevParamAddBlock(dev.get(), s, e), -1);
     EXPECT_EQ(ReadBytes(IniFilePath()), file);
-    dev->Param.Device_No = 1;
+    dev->Param.Device_No = 0;
     dev->Param.SupportPoints = 20;
     ASSERT_EQ(IniDevParamAddBlock(dev.get(), s, e), 0);
     EXPECT_EQ(ReadBytes(IniFilePath()),
               before +
-                  Replace(DefaultBlock(1, kAddrB), "SupportPoints\t\t\t10", "SupportPoints\t\t\t20") +
+                  Replace(DefaultBlock(0, kAddrB), "SupportPoints\t\t\t10", "SupportPoints\t\t\t20") +
                   after);
     EXPECT_FALSE(Exists(IniTempPath()));
 }
