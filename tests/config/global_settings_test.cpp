@@ -85,6 +85,7 @@ TEST(GlobalSettingsTest, FileTextInValuesOut) {
         {"[TavrineA.ini] DebugEnableBits 1FFFFFFFF ScanInterface 2", "scan=2"},
         {"[TavrineA.ini] DebugEnableBits zz ScanInterface 2", "scan=2"},
         {"[TavrineA.ini] DebugEnableBits 0x1F", "bits=31"},
+        {"[TavrineA.ini] DebugEnableBits 010", "bits=16"},
         {"[TavrineA.ini] ScanInterface 3 ShowDebugPosition 2 DebugEnableBits ff", "pos=2"},
         {"[TavrineA.ini] DebugEnableBits 3 DebugEnableBits ff", "bits=3"},
         // Global keys: exact names, leading number, stored by their width.

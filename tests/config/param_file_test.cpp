@@ -127,13 +127,15 @@ TEST_F(ParamFileTest, DeviceBlocksBytesInBytesOut) {
               std::string::npos);
 }
 
-// Block values are leading numbers stored by the width of their field; -1 keeps a value.
+// Block values are leading numbers stored by the width of their field; -1 keeps a value;
+// a block without its end word ends at the next header.
 TEST_F(ParamFileTest, BlockValuesReadByTheirRule) {
     ASSERT_TRUE(WriteBytes(IniFilePath(),
                            kHead + "\n[Device_No.0]\nPhysical_Address x\nSupportPoints 300\n"
                                    "ReportMode 200\nEventType 260\nDetectRotation 129\nBtnType 383\n"
                                    "RightClickEnable 5\nEdgeCompensate -2\nBeepFreq -1\nResolX 4096a\n"
-                                   "EdgeLeft 1\nSplitRectMode 265\nVKEYEnable 5\n[EndOfDevice]" + kEnd));
+                                   "EdgeLeft 1\nSplitRectMode 265\nVKEYEnable 5\n"
+                                   "[Device_No.1] SupportPoints 9 ReportMode 1 [EndOfDevice]" + kEnd));
     auto dev = NewDevice("x");
     const int32_t freq = dev->Param.BeepFreq;
     dev->Param.Device_No = 0;
