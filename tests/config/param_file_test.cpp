@@ -128,17 +128,18 @@ TEST_F(ParamFileTest, DeviceBlocksBytesInBytesOut) {
 }
 
 // Block values are leading numbers stored by the width of their field; -1 keeps a value;
-// a block without its end word ends at the next header.
+// a block ends at its end word, or without one at the next header.
 TEST_F(ParamFileTest, BlockValuesReadByTheirRule) {
     ASSERT_TRUE(WriteBytes(IniFilePath(),
-                           kHead + "\n[Device_No.0]\nPhysical_Address x\nSupportPoints 300\n"
+                           kHead + "\n[Device_No.0] Physical_Address y ReportMode 1\n"
+                                   "[Device_No.1]\nPhysical_Address x\nSupportPoints 300\n"
                                    "ReportMode 200\nEventType 260\nDetectRotation 129\nBtnType 383\n"
                                    "RightClickEnable 5\nEdgeCompensate -2\nBeepFreq -1\nResolX 4096a\n"
                                    "EdgeLeft 1\nSplitRectMode 265\nVKEYEnable 5\n"
-                                   "[Device_No.1] SupportPoints 9 ReportMode 1 [EndOfDevice]" + kEnd));
+                                   "[EndOfDevice] 7 ReportMode 1" + kEnd));
     auto dev = NewDevice("x");
     const int32_t freq = dev->Param.BeepFreq;
-    dev->Param.Device_No = 0;
+    dev->Param.Device_No = 1;
     IniDevParamRead(dev.get());
     const DeviceParam& p = dev->Param;
     EXPECT_EQ((std::vector<int>{p.SupportPoints, p.ReportMode, p.EventType, p.DetectRotation,
