@@ -27,7 +27,6 @@ const GlobalSettings& Defaults() {
     }();
     return defaults;
 }
-const GlobalSettings& kDefaultsAtStart = Defaults();
 
 // Reads text into a default record and names every value that differs from the defaults,
 // so each row states only what the file changed.

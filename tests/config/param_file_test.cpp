@@ -120,11 +120,6 @@ TEST_F(ParamFileTest, DeviceBlocksBytesInBytesOut) {
     ASSERT_TRUE(WriteBytes(IniFilePath(), full + kEnd));
     EXPECT_EQ(Start(kAddrB), -1);
     EXPECT_EQ(ReadBytes(IniFilePath()), full + kEnd);
-    // No file: one is generated with this device's block 0.
-    unlink(IniFilePath());
-    EXPECT_EQ(Start(kAddrB), 0);
-    EXPECT_NE(ReadBytes(IniFilePath()).find(std::string("Physical_Address\t\t") + kAddrB + "\n"),
-              std::string::npos);
 }
 
 // Block values are leading numbers stored by the width of their field; -1 keeps a value;
