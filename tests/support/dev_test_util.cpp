@@ -68,6 +68,24 @@ int DevLogCapture::Find(const std::string& text) const {
     return -1;
 }
 
+int DevLogCapture::FindLast(const std::string& text) const {
+    std::lock_guard<std::mutex> lock(gLogMutex);
+    if (!gLogLines) return -1;
+    for (size_t i = gLogLines->size(); i-- > 0;) {
+        if ((*gLogLines)[i].find(text) != std::string::npos) return static_cast<int>(i);
+    }
+    return -1;
+}
+
+std::string DevLogCapture::Text() const {
+    std::lock_guard<std::mutex> lock(gLogMutex);
+    std::string text;
+    if (gLogLines) {
+        for (const std::string& line : *gLogLines) text += line + "\n";
+    }
+    return text;
+}
+
 int DevLogCapture::Count(const std::string& text) const {
     std::lock_guard<std::mutex> lock(gLogMutex);
     int n = 0;

@@ -37,6 +37,10 @@ class DevLogCapture {
     bool Contains(const std::string& text) const { return Count(text) > 0; }
     // Index of the first captured message containing text, -1 when there is none.
     int Find(const std::string& text) const;
+    // Index of the last captured message containing text, -1 when there is none.
+    int FindLast(const std::string& text) const;
+    // Every captured message, one per line (for a failure message).
+    std::string Text() const;
 
   private:
     uint32_t saved_bits_;
