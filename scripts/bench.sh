@@ -116,7 +116,7 @@ if ((do_vm)); then
     # scenarios that already measure them (cmd-usb-feature: a responsive controller,
     # cmd-silent-garbage: a silent one).
     scenarios=()
-    for d in "$root"/tests/vm/scenarios/perf-*/; do
+    for d in "$root"/bench/vm/perf-*/; do
         [[ -d $d ]] && scenarios+=("$(basename "$d")")
     done
     scenarios+=(cmd-usb-feature cmd-silent-garbage)

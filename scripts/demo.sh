@@ -39,7 +39,7 @@ section() { printf '\n===== %s =====\n' "$1"; }
 
 echo "demo: the controller is simulated by tavrine-sim (sources tools/tavrine-sim, man page" \
     "docs/tavrine-sim.1.md), installed for this run in ${vmlogs#"$repo"/}/.vm/stage/bin;" \
-    "its script: tests/vm/scenarios/demo-gesture/sim.scn"
+    "its script: scripts/demo/demo-gesture/sim.scn"
 
 section "tavrinectl in the VM (texts of the controller, its loop-back started the gesture)"
 cut -c1-100 "$run/tool.txt"

@@ -14,7 +14,10 @@ STAGE=$WORK/stage
 DAEMON_BIN=none   # the simulator only
 build_programs || { echo "vm-scripts: the simulator did not build"; exit 1; }
 mkdir -p "$WORK/bed/sim"
-cp -r "$BED/scenarios" "$WORK/bed/scenarios"
+mkdir -p "$WORK/bed/scenarios"
+for dir in "$BED/scenarios" "$REPO/bench/vm" "$REPO/scripts/demo"; do
+    [ -d "$dir" ] && cp -r "$dir/." "$WORK/bed/scenarios/"
+done
 cp -r "$STAGE/share/tavrine-sim/descriptors" "$WORK/bed/sim/descriptors"
 passed=0
 failed=0

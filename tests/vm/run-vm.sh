@@ -7,7 +7,8 @@
 #                      [SCENARIO...]
 #
 # Without scenario names every folder in tests/vm/scenarios runs, except
-# those with a file named 'manual' (benchmarks: they run only by name). The
+# those with a file named 'manual' (long soaks); the benchmarks (bench/vm)
+# and the demo (scripts/demo) run only by name. The
 # scenarios are dealt out to N VMs booted side by side (default: 2 when the
 # machine has 2 cores or more, else 1); each VM runs its share in one boot.
 # Exit status: 0 all passed, 1 a scenario failed, 2 the bed could not run.
@@ -29,6 +30,19 @@ die() {
     exit 2
 }
 
+# Folders that hold scenarios: the tests, the benchmarks (bench/vm: they run only by name)
+# and the demo's gesture (scripts/demo). In the guest all of them sit side by side under
+# /bed/scenarios, so one scenario may use another's files.
+SCENARIO_ROOTS="$BED/scenarios $REPO/bench/vm $REPO/scripts/demo"
+
+# Prints the folder of scenario $1; false when no root holds it.
+scenario_dir() {
+    for root in $SCENARIO_ROOTS; do
+        [ -f "$root/$1/run.sh" ] && { echo "$root/$1"; return 0; }
+    done
+    return 1
+}
+
 . "$BED/lib/build-tools.sh"
 . "$BED/lib/initramfs.sh"
 . "$BED/lib/boot.sh"
@@ -48,9 +62,9 @@ while [ $# -gt 0 ]; do
     --jobs) JOBS=$2; shift 2 ;;
     --daemon) DAEMON_BIN=$(cd "$(dirname "$2")" && pwd)/$(basename "$2"); shift 2 ;;
     --list) all_scenarios; exit 0 ;;
-    -h | --help) sed -n '2,12p' "$0"; exit 0 ;;
+    -h | --help) sed -n '2,14p' "$0"; exit 0 ;;
     -*) die "unknown option $1" ;;
-    *) [ -f "$BED/scenarios/$1/run.sh" ] || die "no scenario $1 (tests/vm/scenarios/$1/run.sh)"
+    *) scenario_dir "$1" > /dev/null || die "no scenario $1 (in tests/vm/scenarios, bench/vm or scripts/demo)"
        SCENARIOS="$SCENARIOS $1"; shift ;;
     esac
 done
@@ -84,7 +98,7 @@ build_programs || die "the simulator or the recorder did not build"
 TO_RUN=""
 EARLY_FAIL=""
 for s in $SCENARIOS; do
-    if [ -f "$BED/scenarios/$s/needs-daemon" ] && [ -z "$DAEMON_BIN" ]; then
+    if [ -f "$(scenario_dir "$s")/needs-daemon" ] && [ -z "$DAEMON_BIN" ]; then
         EARLY_FAIL="$EARLY_FAIL $s"
     else
         TO_RUN="$TO_RUN $s"

@@ -8,7 +8,7 @@ BOOT_LIMIT=90
 
 # Time limit of scenario $1 in seconds.
 scenario_limit() {
-    if [ -f "$BED/scenarios/$1/timeout" ]; then cat "$BED/scenarios/$1/timeout"; else echo 30; fi
+    if [ -f "$(scenario_dir "$1")/timeout" ]; then cat "$(scenario_dir "$1")/timeout"; else echo 30; fi
 }
 
 # Writes $VMDIR/vm-1.list .. vm-$VMS.list: the scenarios dealt out so that

@@ -44,7 +44,10 @@ build_initramfs() {
     # (descriptor-file ../../sim/descriptors/default.hex from /bed/scenarios/<name>/).
     mkdir -p "$root/bed/sim"
     cp -r "$STAGE/share/tavrine-sim/descriptors" "$root/bed/sim/descriptors"
-    cp -r "$BED/scenarios/." "$root/bed/scenarios/"   # all: scenarios may share files
+    # All of them, side by side: scenarios may share files.
+    for dir in $SCENARIO_ROOTS; do
+        [ -d "$dir" ] && cp -r "$dir/." "$root/bed/scenarios/"
+    done
     echo "$SCENARIOS" | tr ' ' '\n' | sed '/^$/d' > "$root/bed/run-list"
     if wants_libinput; then
         add_libinput "$root" || return 1
@@ -61,7 +64,7 @@ build_initramfs() {
 # libinput (a file named needs-libinput in its folder).
 wants_libinput() {
     for s in $SCENARIOS; do
-        [ -f "$BED/scenarios/$s/needs-libinput" ] && return 0
+        [ -f "$(scenario_dir "$s")/needs-libinput" ] && return 0
     done
     return 1
 }

@@ -33,7 +33,7 @@ scenario_end_line() {
 # prints the unified diffs and returns 1 when any differs.
 compare_expected() {
     status=0
-    for exp in "$BED/scenarios/$1"/expected.*; do
+    for exp in "$(scenario_dir "$1")"/expected.*; do
         [ -f "$exp" ] || continue
         name=${exp##*/expected.}
         actual=$OUT/$1/$name
@@ -62,7 +62,7 @@ judge_scenario() {
     why=""
     [ "$rc" = 0 ] || why="run.sh exit status $rc (see $OUT/$s/run.out)"
     compare_expected "$s" > "$OUT/$s/diff.out" || why="${why:+$why; }output differs from expected"
-    if [ -f "$BED/scenarios/$s/expect-fail" ]; then
+    if [ -f "$(scenario_dir "$s")/expect-fail" ]; then
         cat "$OUT/$s/diff.out"
         if [ -n "$why" ] && [ -s "$OUT/$s/diff.txt" ]; then
             echo "PASS $s (${secs} s): failed as it must, with the diff above"
