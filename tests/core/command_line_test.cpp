@@ -215,15 +215,6 @@ TEST_F(CommandLineTest, IgnoredOptionsChangeNothing) {
     }
 }
 
-TEST_F(CommandLineTest, ParsingTwiceStartsAgainFromTheFirstArgument) {
-    Defaults first;
-    Parse(&first.settings, {"-k"});
-    Defaults second;
-    Parse(&second.settings, {"-f"});
-    EXPECT_EQ(0, second.settings.KillRunning);
-    EXPECT_EQ(1, second.settings.ForceRestart);
-}
-
 TEST_F(CommandLineTest, StartupFlagsExitWithTheirStatusAndExactOutput) {
     struct Case {
         std::vector<std::string> words;
@@ -254,12 +245,6 @@ TEST_F(CommandLineTest, StartupFlagsExitWithTheirStatusAndExactOutput) {
         EXPECT_EQ(c.status, child.status) << name;
         EXPECT_EQ(c.out, child.out) << name;
     }
-}
-
-TEST_F(CommandLineTest, UsageTextIsPrintedExactly) {
-    ChildResult child = RunInChild([] { PrintUsage(); });
-    EXPECT_EQ(kUsage, child.out);
-    EXPECT_EQ(kReturned, child.status);
 }
 
 }  // namespace

@@ -55,27 +55,6 @@ TEST(EnvironmentTest, KernelVersionFromProcVersionText) {
     }
 }
 
-// The length given is all the parser may read: a text cut inside the version gives the
-// numbers that were visible.
-TEST(EnvironmentTest, KernelVersionStopsAtTheGivenLength) {
-    const std::string text = "Linux version 3.10.52-g1f2e";
-    struct Case {
-        size_t len;
-        int32_t major, minor, patch;
-    };
-    const Case cases[] = {
-        {14, 0, 0, 0},  {15, 3, 0, 0},  {16, 3, 0, 0},   {17, 3, 1, 0},
-        {18, 3, 10, 0}, {20, 3, 10, 5}, {21, 3, 10, 52},
-    };
-    for (const Case& c : cases) {
-        KernelVersionInfo v = {-7, -7, -7};
-        ParseKernelVersion(text.data(), c.len, &v);
-        EXPECT_EQ(c.major, v.major) << c.len;
-        EXPECT_EQ(c.minor, v.minor) << c.len;
-        EXPECT_EQ(c.patch, v.patch) << c.len;
-    }
-}
-
 // 64 unterminated bytes placed right before an inaccessible page: a read past them faults.
 TEST(EnvironmentTest, KernelVersionNeverReadsPastSixtyFourBytes) {
     const long page = sysconf(_SC_PAGESIZE);
@@ -144,38 +123,6 @@ TEST(EnvironmentTest, OldKernelIsTwoSixUpToThirtyFour) {
     }
 }
 
-// The running kernel, read through "cat /proc/version" into the data directory, matches
-// what uname(2) reports, and the capture file is removed afterwards.
-TEST(EnvironmentTest, KernelVersionOfTheRunningSystem) {
-    TempDataDir dir;
-    LogCapture log;
-    KernelVersion = {0, 0, 0};
-    coretest::Quiet([&] { GetKernelVersion(); });
-    struct utsname name;
-    ASSERT_EQ(0, uname(&name));
-    int major = -1, minor = -1, patch = -1;
-    ASSERT_EQ(3, sscanf(name.release, "%d.%d.%d", &major, &minor, &patch));
-    EXPECT_EQ(major, KernelVersion.major);
-    EXPECT_EQ(minor, KernelVersion.minor);
-    EXPECT_EQ(patch, KernelVersion.patch);
-    char expected[64];
-    snprintf(expected, sizeof(expected), "Kernel_Version = %d.%d.%d", major, minor, patch);
-    EXPECT_EQ(1, log.Count(expected));
-    EXPECT_EQ(1, log.Count("Entering GetKernelVersion"));
-    EXPECT_FALSE(coretest::FileExists(dir.File("tmpDrvLog")));
-    KernelVersion = {0, 0, 0};
-}
-
-TEST(EnvironmentTest, CpuArchitectureIsLoggedAndCaptureRemoved) {
-    TempDataDir dir;
-    LogCapture log;
-    coretest::Quiet([&] { GetCPUinfo(); });
-    struct utsname name;
-    ASSERT_EQ(0, uname(&name));
-    EXPECT_EQ(1, log.Count(std::string("CPU = ") + name.machine));
-    EXPECT_FALSE(coretest::FileExists(dir.File("tmpDrvLog")));
-}
-
 // This host has no getprop: the probe logs its failure and leaves the version at 0.0.
 TEST(EnvironmentTest, AndroidVersionFailureLeavesZero) {
     if (access("/system/bin/getprop", X_OK) == 0) GTEST_SKIP() << "runs on Android";
@@ -187,31 +134,6 @@ TEST(EnvironmentTest, AndroidVersionFailureLeavesZero) {
     EXPECT_EQ(0, AndroidVersion.minor);
     EXPECT_EQ(1, log.Count("Entering GetAndroidVersion"));
     EXPECT_EQ(1, log.Count("Get Android Version failed"));
-}
-
-TEST(EnvironmentTest, UsbListingLogsEachMakerDeviceWithItsNumber) {
-    const std::string listing =
-        "Bus 001 Device 001: ID 1d6b:0002\n"
-        "Bus 001 Device 004: ID 3c7a:0001\n"
-        "Bus 002 Device 002: ID 046d:c52b\n"
-        "Bus 002 Device 007: ID 3c7a:00ab\n";
-    FILE* stream = fmemopen(const_cast<char*>(listing.data()), listing.size(), "r");
-    ASSERT_NE(nullptr, stream);
-    LogCapture log;
-    coretest::Quiet([&] { ListQEVOUsbDeviceFrom(stream); });
-    fclose(stream);
-    ASSERT_EQ(2u, log.lines().size());
-    EXPECT_EQ("All avaialbe connected USB Device #1. PID: 0001", log.lines()[0].message);
-    EXPECT_EQ("All avaialbe connected USB Device #2. PID: 00ab", log.lines()[1].message);
-
-    // No maker's device, and an over-long word: nothing logged, no overflow.
-    const std::string other = "Bus 001 Device 001: ID 1d6b:0002 " + std::string(300, 'q');
-    stream = fmemopen(const_cast<char*>(other.data()), other.size(), "r");
-    ASSERT_NE(nullptr, stream);
-    log.Clear();
-    coretest::Quiet([&] { ListQEVOUsbDeviceFrom(stream); });
-    fclose(stream);
-    EXPECT_TRUE(log.lines().empty());
 }
 
 }  // namespace

@@ -72,18 +72,6 @@ TEST(ManagerTest, PassWithoutScanningDoesNothing) {
     }
 }
 
-TEST(ManagerTest, ConstructorStartsEmpty) {
-    GlobalSettings settings = DefaultSettings();
-    LogCapture log;
-    CManager* manager = nullptr;
-    coretest::Quiet([&] { manager = new CManager(&settings); });
-    EXPECT_EQ(nullptr, manager->DeviceListHead);
-    EXPECT_EQ(&settings, manager->pSettings);
-    EXPECT_EQ(0, manager->DeviceCount);
-    EXPECT_EQ((std::vector<std::string>{"New CManager is called."}), Messages(log));
-    delete manager;
-}
-
 // Signals received between two passes: one line each, then one check, and the flag is
 // cleared; the next pass does nothing.
 TEST(ManagerTest, SignalsAreLoggedOnceEachAndAnsweredInTheNextPass) {

@@ -62,13 +62,6 @@ TEST(SingleInstanceTest, ProcessNameMustBeginWithTavrine) {
     EXPECT_EQ(1, log.Count("Check Process Name failed"));
 }
 
-TEST(SingleInstanceTest, PidFileHoldsTheIdAndBlankInTenBytes) {
-    TempDataDir dir;
-    ASSERT_TRUE(coretest::WriteFile(dir.File("TouchPID"), std::string(40, 'x')));  // truncated
-    WritePidFile();
-    EXPECT_EQ(PidText(getpid()), coretest::ReadFile(dir.File("TouchPID")));
-}
-
 TEST(SingleInstanceTest, UnwritablePidFileIsLoggedAndStartUpGoesOn) {
     TempDataDir dir;
     SetDataDirForTest((dir.path() + "/missing").c_str());

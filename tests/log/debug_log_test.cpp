@@ -95,79 +95,6 @@ struct LogFileFixture : public ::testing::Test {
     uint8_t saved_position = 0;
 };
 
-TEST(DebugLogFormatTest, PrefixHasHourMinuteSecondAndTruncatedMilliseconds) {
-    const char* old_tz = getenv("TZ");
-    std::string saved_tz = old_tz ? old_tz : "";
-    setenv("TZ", "UTC", 1);
-    tzset();
-    struct Case {
-        time_t seconds;
-        suseconds_t micros;
-        const char* text;
-    };
-    const Case cases[] = {
-        {3723, 45999, "[01:02:03:045]-: "},
-        {0, 0, "[00:00:00:000]-: "},
-        {86399, 999999, "[23:59:59:999]-: "},
-        {1790000000 + 7, 1000, "[14:13:27:001]-: "},
-    };
-    for (const Case& c : cases) {
-        struct timeval tv = {c.seconds, c.micros};
-        char out[64];
-        size_t n = FormatLogPrefix(out, sizeof(out), &tv);
-        EXPECT_EQ(std::string(c.text), std::string(out, n));
-    }
-    // A small buffer is never overrun.
-    char small[8];
-    memset(small, 'Z', sizeof(small));
-    struct timeval tv = {3723, 0};
-    size_t n = FormatLogPrefix(small, 5, &tv);
-    EXPECT_EQ(4u, n);
-    EXPECT_EQ(std::string("[01:"), std::string(small));
-    EXPECT_EQ('Z', small[5]);
-    if (old_tz) {
-        setenv("TZ", saved_tz.c_str(), 1);
-    } else {
-        unsetenv("TZ");
-    }
-    tzset();
-}
-
-TEST(DebugLogFormatTest, TagsByExactCategoryValue) {
-    struct Case {
-        uint32_t category;
-        const char* tag;
-    };
-    const Case cases[] = {
-        {0x1, "<Main>"},
-        {0x2, "<Init>"},
-        {0x4, "<Param>"},
-        {0x8, ""},
-        {0x10, "<App>"},
-        {0x20, "<Storage>"},
-        {0x40, "<Pipe>"},
-        {0x100, "<Shm>"},
-        {0x200, "<Thread>"},
-        {0x800, ""},
-        {0x1000, "<Beep>"},
-        {0x2000, ""},
-        {0x10000, "<Scan>"},
-        {0x40000, ""},
-        {0x80000, ""},
-        {0x100000, "<Data>"},
-        {0x200000, "<Port>"},
-        {0x400000, ""},
-        {0x3, ""},
-        {0x10001, ""},
-        {0x300000, ""},
-        {0, ""},
-        {0xFFFFFFFF, ""},
-    };
-    for (const Case& c : cases) {
-        EXPECT_STREQ(c.tag, LogCategoryTag(c.category)) << std::hex << c.category;
-    }
-}
-
 TEST_F(LogFileFixture, LogFileNameIsDataDirDateAndHour) {
     // Name it again between two clock readings, so an hour change cannot fool the check.
     time_t before = time(nullptr);
@@ -185,106 +112,6 @@ TEST_F(LogFileFixture, LogFileNameIsDataDirDateAndHour) {
     EXPECT_TRUE(std::find(allowed.begin(), allowed.end(), std::string(LogFilePath)) !=
                 allowed.end())
         << LogFilePath;
-    EXPECT_TRUE(std::regex_match(std::string(LogFilePath),
-                                 std::regex(".*/"
-                                            "Tavrine_20[0-9]{2}\\.([1-9]|1[0-2])\\.([1-9]|[12][0-9]"
-                                            "|3[01])_([0-9]|1[0-9]|2[0-3])\\.log")));
-}
-
-TEST_F(LogFileFixture, BannerNamesTheStartTime) {
-    LogCapture capture(LOG_MAIN, 1);
-    coretest::Quiet([&] { BuildLogFileName(); });
-    ASSERT_EQ(1u, capture.lines().size());
-    EXPECT_TRUE(std::regex_match(
-        capture.lines()[0].message,
-        std::regex("\n\t\t\t[A-Z][a-z]{2} [A-Z][a-z]{2} [ 0-9]{2} [0-9:]{8} [0-9]{4}\n\t\t\t")))
-        << capture.lines()[0].message;
-}
-
-// Each output selector sends a normal line to its outputs and nowhere else.
-TEST_F(LogFileFixture, OutputPositionsOfANormalLine) {
-    struct Case {
-        uint8_t position;
-        bool to_stdout;
-        bool to_platform;
-        bool to_file;
-    };
-    const Case cases[] = {
-        {0, false, false, true},  {1, true, true, false},     {2, true, true, true},
-        {3, false, false, false}, {255, false, false, false},
-    };
-    for (const Case& c : cases) {
-        unlink(log_file.c_str());
-        LogCapture capture(0xFFFFFFFF, c.position);
-        StdoutCapture out;
-        DebugLog(LOG_MAIN, "hello %d [%s]", 5, "x");
-        const std::string printed = out.Take();
-
-        const std::string pos = "position " + std::to_string(c.position);
-        if (c.to_stdout) {
-            EXPECT_TRUE(
-                std::regex_match(printed, std::regex(std::string(kPrefixPattern) + "<Main> ")))
-                << pos << ": " << printed;
-        } else {
-            EXPECT_EQ("", printed) << pos;
-        }
-        if (c.to_platform) {
-            ASSERT_EQ(1u, capture.lines().size()) << pos;
-            EXPECT_EQ("hello 5 [x]", capture.lines()[0].message);
-            EXPECT_FALSE(capture.lines()[0].is_error);
-        } else {
-            EXPECT_TRUE(capture.lines().empty()) << pos;
-        }
-        const std::string file = coretest::ReadFile(log_file);
-        if (c.to_file) {
-            EXPECT_TRUE(std::regex_match(
-                file, std::regex(std::string(kPrefixPattern) + "<Main> hello 5 \\[x\\]\n")))
-                << pos << ": " << file;
-        } else {
-            EXPECT_FALSE(coretest::FileExists(log_file)) << pos;
-        }
-    }
-}
-
-TEST_F(LogFileFixture, UntaggedCategoriesWriteTheBlankAlone) {
-    for (uint32_t category : {0x8u, 0x800u, 0x3u}) {
-        unlink(log_file.c_str());
-        LogCapture capture(0xFFFFFFFF, 2);
-        StdoutCapture out;
-        DebugLog(category, "m");
-        EXPECT_TRUE(std::regex_match(out.Take(), std::regex(std::string(kPrefixPattern) + " ")))
-            << category;
-        EXPECT_TRUE(std::regex_match(coretest::ReadFile(log_file),
-                                     std::regex(std::string(kPrefixPattern) + " m\n")))
-            << category;
-    }
-}
-
-TEST_F(LogFileFixture, ErrorLineCarriesMarkAndErrnoText) {
-    for (uint8_t position : {0, 1, 2}) {
-        unlink(log_file.c_str());
-        LogCapture capture(0xFFFFFFFF, position);
-        StdoutCapture out;
-        errno = ENOENT;
-        DebugErrorLog(LOG_INIT, "open %s", "/dev/x");
-        EXPECT_EQ(ENOENT, errno);  // the caller's error number survives the log call
-        const std::string printed = out.Take();
-        const std::string file = coretest::ReadFile(log_file);
-        if (position != 0) {
-            EXPECT_TRUE(std::regex_match(
-                printed, std::regex(std::string(kPrefixPattern) + "<Init> \\[E\\] ")))
-                << printed;
-            ASSERT_EQ(1u, capture.lines().size());
-            EXPECT_TRUE(capture.lines()[0].is_error);
-            EXPECT_EQ("open /dev/x", capture.lines()[0].message);
-        }
-        if (position != 1) {
-            EXPECT_TRUE(std::regex_match(
-                file, std::regex(std::string(kPrefixPattern) +
-                                 "<Init> \\[E\\] open /dev/x: No such file or directory\n")))
-                << file;
-        }
-    }
 }
 
 TEST_F(LogFileFixture, UnwritableFileLosesOnlyTheFileLine) {
@@ -445,20 +272,6 @@ TEST_F(LogFileFixture, RemoveOldLogsRefusesADataDirectoryThatIsNotAPlainPath) {
     SetDataDirForTest(dir.path().c_str());
     EXPECT_EQ("keep me", coretest::ReadFile(victim));
     EXPECT_EQ(std::vector<std::string>{"Tavrine_2026.11.16_9.log"}, DirEntries(spaced));
-}
-
-// Two starts in the same hour: the second removes the first one's file, then names the
-// same file again.
-TEST_F(LogFileFixture, SecondStartInTheSameHourStartsAFreshFile) {
-    ShowDebugPosition = 0;
-    DebugEnableBits = LOG_MAIN;
-    DebugLog(LOG_MAIN, "first run");
-    ASSERT_TRUE(coretest::FileExists(log_file));
-    DebugEnableBits = 0;
-    RemoveOldLogs();
-    EXPECT_FALSE(coretest::FileExists(log_file));
-    BuildLogFileName();
-    EXPECT_EQ(log_file, std::string(LogFilePath));
 }
 
 }  // namespace

@@ -315,24 +315,6 @@ TEST_F(DaemonProcessTest, WritableDataDirectoryIsReportedOnce) {
     }
 }
 
-// Each SIGUSR2 gives one log line and one plug-and-play check in the next pass.
-TEST_F(DaemonProcessTest, EachSigusr2IsLoggedOnce) {
-    EXPECT_EQ(0, Run({}));
-    const pid_t daemon = WaitForDaemon();
-    ASSERT_GT(daemon, 0);
-    long deadline = NowMs() + 5000;
-    while (Count(LogText(), "Entering EndlessScanLoop") == 0 && NowMs() < deadline) usleep(10000);
-    for (int i = 1; i <= 3; ++i) {
-        ASSERT_EQ(0, kill(daemon, SIGUSR2));
-        deadline = NowMs() + 3000;
-        while (Count(LogText(), "Entering DevicePnPCheck") < i && NowMs() < deadline) usleep(10000);
-        const std::string log = LogText();
-        EXPECT_EQ(i, Count(log, "<Main> Receive signal SIGUSR2. Set bDeviceExistCheck true.\n"));
-        EXPECT_EQ(i, Count(log, "<Main> Entering DevicePnPCheck\n"));
-    }
-    EXPECT_TRUE(IsRunning(daemon));
-}
-
 TEST_F(DaemonProcessTest, SecondStartWithoutForceEndsAndLeavesTheFirst) {
     EXPECT_EQ(0, Run({}));
     const pid_t first = WaitForDaemon();
@@ -379,36 +361,6 @@ TEST_F(DaemonProcessTest, KillStopsTheRunningDaemonAndEnds) {
     EXPECT_TRUE(OwnChildren().empty());
 }
 
-TEST_F(DaemonProcessTest, KillWithStalePidFileKillsNothing) {
-    char here[] = "/tmp/tavrine_proc_XXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(here));
-    const pid_t sleeper = coretest::StartNamedSleeper(here, "sleep", 30);
-    ASSERT_GT(sleeper, 0);
-    std::string pid_text = std::to_string(sleeper) + " ";
-    pid_text.resize(10, '\0');
-    ASSERT_TRUE(coretest::WriteFile(kPidFile, pid_text));
-
-    EXPECT_EQ(0, Run({"-k"}));
-    int status = -1;
-    ASSERT_TRUE(WaitForOtherChildEnd({sleeper}, &status));
-    EXPECT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(0, WEXITSTATUS(status));
-    EXPECT_TRUE(IsRunning(sleeper));
-    EXPECT_EQ(pid_text, coretest::ReadFile(kPidFile));  // untouched
-    coretest::KillAndReap(sleeper);
-    unlink((std::string(here) + "/sleep").c_str());
-    rmdir(here);
-}
-
-// With no PID file there is nothing to stop: -k carries on as the daemon.
-TEST_F(DaemonProcessTest, KillWithoutPidFileCarriesOnAsDaemon) {
-    EXPECT_EQ(0, Run({"-k"}));
-    const pid_t daemon = WaitForDaemon();
-    ASSERT_GT(daemon, 0);
-    EXPECT_TRUE(IsRunning(daemon));
-    EXPECT_EQ(1, Count(LogText(), "<Init> File " + kPidFile + " doesn't existed\n"));
-}
-
 // An over-long -u, -r or -z is refused where the user sees it, with standard output a pipe:
 // on standard error before the daemon detaches, and in its log file. The daemon then runs on.
 TEST_F(DaemonProcessTest, OverlongOptionsAreReportedBeforeDetaching) {
@@ -427,36 +379,6 @@ TEST_F(DaemonProcessTest, OverlongOptionsAreReportedBeforeDetaching) {
         EXPECT_EQ(1, Count(out, message + "\n")) << out;
         EXPECT_EQ(1, Count(log, "<Main> " + message + "\n")) << log;
     }
-}
-
-// The informational options end before detaching; what precedes their text on standard
-// output is only the time prefixes of the start-up log lines.
-TEST_F(DaemonProcessTest, InformationalOptionsPrintAndExit) {
-    const std::string usage =
-        "QEVO TavrineD Daemon\n\nUsage: TavrineD [option]\nOptions:\n-v\t Show version\n"
-        "-f\t Re-execute daemon TavrineD\n-k\t Kill current running TavrineD process if it "
-        "exists\n\n";
-    const std::string version = "\n\t\tTavrine version: [2.5.6720.]\n\n";
-    const std::string both = "\nError: The paramerers 'f' & 'k' can not be set at the same time!\n";
-    struct Case {
-        std::vector<std::string> args;
-        int status;
-        std::string tail;
-    };
-    const Case cases[] = {
-        {{"-h", "-k", "-f"}, 0, usage}, {{"-v", "-V"}, 0, version}, {{"-V"}, 0, version},
-        {{"-k", "-f"}, 1, both},        {{"-D", "-k"}, 1, both},    {{"-E", "-k"}, 1, both},
-    };
-    const std::regex prefixes("(\\[[0-9:]{12}\\]-: <Main> (\\[E\\] )?)*");
-    for (const Case& c : cases) {
-        std::string out;
-        EXPECT_EQ(c.status, Run(c.args, &out)) << c.args[0];
-        ASSERT_GE(out.size(), c.tail.size()) << c.args[0];
-        EXPECT_EQ(c.tail, out.substr(out.size() - c.tail.size())) << c.args[0];
-        EXPECT_TRUE(std::regex_match(out.substr(0, out.size() - c.tail.size()), prefixes)) << out;
-    }
-    EXPECT_FALSE(coretest::FileExists(kPidFile));
-    EXPECT_TRUE(OwnChildren().empty());
 }
 
 }  // namespace
