@@ -77,12 +77,6 @@ TEST(DeviceDefaults, AddressAndFlagsByInterface) {
         EXPECT_EQ(0, dev.NoDeviceCheck);
         EXPECT_EQ(0, dev.bPointsToTool);
     }
-    CDeviceObject dev("/dev/ttyS1", &settings);
-    EXPECT_STREQ("UNREACHABLE", dev.TypeName);
-    EXPECT_STREQ("UNREACHABLE", dev.ModelName);
-    EXPECT_STREQ("UNREACHABLE", dev.FWVersion);
-    EXPECT_EQ(-1, dev.CurContacts[0].State);
-    EXPECT_EQ(-1, dev.VKeyCode[9]);
 }
 
 struct Pty {
