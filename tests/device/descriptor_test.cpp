@@ -108,59 +108,6 @@ TEST(ReportDescriptor, ReportIdsSetTheirFields) {
     EXPECT_EQ(0, other.bSetFeature);
 }
 
-TEST(ReportDescriptor, HostileBytesStayInside) {
-    GlobalSettings settings = DevTestSettings();
-    CDeviceObject dev("/dev/hidraw99", &settings);
-    // A Report ID item as the very last byte has no id to read.
-    std::vector<uint8_t> last = {0x05, 0x01, 0x85};
-    ApplyReportDescriptor(&dev, last.data(), static_cast<int>(last.size()));
-    EXPECT_EQ(0, dev.bVendorReport);
-    // Report id 1 whose Logical Maximum is cut off: shift -1, no read past the end.
-    std::vector<uint8_t> cut = {0x85, 0x01, 0x05, 0x01, 0x26, 0xFF};
-    ApplyReportDescriptor(&dev, cut.data(), static_cast<int>(cut.size()));
-    EXPECT_EQ(-1, dev.MouseResShift);
-    // Only 0x85 bytes: each is taken as an item whose id 0x85 is ignored.
-    std::vector<uint8_t> all(100, 0x85);
-    ApplyReportDescriptor(&dev, all.data(), static_cast<int>(all.size()));
-    EXPECT_EQ(0, dev.bSetFeature);
-}
-
-// Random descriptors of every size up to 300 bytes, each in an exactly sized block (so a
-// sanitizer build catches any read past the end): shifts stay within -1..4 and only the
-// fields of declared ids change.
-TEST(ReportDescriptor, RandomBytesKeepShiftsInRange) {
-    GlobalSettings settings = DevTestSettings();
-    uint32_t seed = 12345;
-    auto next = [&seed] {
-        seed = seed * 1103515245u + 12345u;
-        return static_cast<uint8_t>(seed >> 16);
-    };
-    for (int size = 1; size <= 300; ++size) {
-        std::vector<uint8_t> d(static_cast<size_t>(size));
-        for (uint8_t& b : d) {
-            uint8_t r = next();
-            // Bias towards the items the scan reacts to.
-            b = r < 40 ? 0x85 : r < 70 ? 0x26 : r < 100 ? 0x05 : r < 130 ? 0x01 : next();
-        }
-        for (int start = 0; start < size; ++start) {
-            int shift = ResolutionShift(d.data(), start, size);
-            ASSERT_GE(shift, -1);
-            ASSERT_LE(shift, 4);
-        }
-        CDeviceObject dev("/dev/hidraw99", &settings);
-        dev.MouseResShift = 9;
-        ApplyReportDescriptor(&dev, d.data(), size);
-        bool declares_mouse = false;
-        for (int i = 0; i + 1 < size; ++i) declares_mouse |= d[i] == 0x85 && d[i + 1] == 0x01;
-        if (declares_mouse) {
-            EXPECT_GE(dev.MouseResShift, -1);
-            EXPECT_LE(dev.MouseResShift, 4);
-        } else {
-            EXPECT_EQ(9, dev.MouseResShift);
-        }
-    }
-}
-
 TEST(ReportDescriptor, SerialDevicesHaveTheVendorReportWithoutDescriptor) {
     GlobalSettings settings = DevTestSettings();
     for (uint8_t interface : {DEV_RS232, DEV_PS2}) {

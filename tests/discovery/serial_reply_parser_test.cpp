@@ -69,35 +69,6 @@ TEST(Parse232CmdPacket, StateCarriesAcrossCallsAtEverySplit) {
     }
 }
 
-TEST(Parse232CmdPacket, NeverCollectsMoreThan64Bytes) {
-    struct Case {
-        uint8_t length;
-        int expected;  // total packet length the parser waits for
-    };
-    // Length bytes whose length + 2 would wrap a byte (254 -> 0, 255 -> 1) or exceed 64.
-    const Case cases[] = {{0, 2},   {1, 3},    {61, 63},  {62, 64},
-                          {63, 64}, {200, 64}, {254, 64}, {255, 64}};
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.length);
-        ResetSerialReplyParser();
-        Bytes head = {0x0A, c.length};
-        EXPECT_EQ(0, Parse(head));
-        if (c.expected == 2) {
-            EXPECT_EQ(0, SerialReplyParser.state);  // complete at once, no hang
-            continue;
-        }
-        EXPECT_EQ(c.expected, SerialReplyParser.expected);
-        // Feed 0x42 bytes (no header, no awaited command): completes exactly at its length.
-        for (int i = 2; i < c.expected; ++i) {
-            const uint8_t b = 0x42;
-            EXPECT_EQ(0, Parse232CmdPacket(&b, 1));
-            ASSERT_LE(SerialReplyParser.index, 64);
-        }
-        EXPECT_EQ(0, SerialReplyParser.state);
-        EXPECT_EQ(0, SerialReplyParser.index);
-    }
-}
-
 TEST(DispatchCmd, RepliedFlagByCommand) {
     struct Case {
         uint8_t cmd, b3, b4;

@@ -164,33 +164,6 @@ TEST(SerialSplit, CommandLengthByteRules) {
     }
 }
 
-// An endless stream of hostile bytes never writes past SerialBuf and never stalls.
-TEST(SerialSplit, HostileStreamStaysInsideTheBuffer) {
-    VersionGuard version(9);
-    for (uint8_t iface : {DEV_RS232, DEV_PS2}) {
-        TouchRig rig(iface);
-        std::vector<uint8_t> bytes;
-        uint32_t seed = 12345;
-        for (int i = 0; i < 20000; ++i) {
-            seed = seed * 1103515245u + 12345u;
-            bytes.push_back(static_cast<uint8_t>(seed >> 16));
-        }
-        for (size_t i = 0; i < bytes.size(); i += 37) {
-            const size_t n = bytes.size() - i < 37 ? bytes.size() - i : 37;
-            ParseSerialPacket(rig.dev.get(), bytes.data() + i, static_cast<int>(n));
-            ASSERT_LE(rig.dev->SerialIndex, kSerialBufSize);
-            ASSERT_LE(rig.dev->CmdPacketLen, kPacketMax);
-        }
-        (void)rig.TouchEvents();
-        // Still serving: finish whatever is open with a long reply, then a clean packet.
-        std::vector<uint8_t> flush(70, 0x00);
-        Feed(rig, flush);
-        HookOn(rig, 0x66);
-        Feed(rig, {0x0A, 0x02, 0x66, 0x00});
-        EXPECT_EQ(1, rig.dev->bSelfHookReplied.load());
-    }
-}
-
 // While the tool has switched reports off, a 5-byte report reaches it as a 64-byte reply.
 TEST(SerialSplit, PointsToToolGoAsReplies) {
     VersionGuard version(9);
