@@ -7,8 +7,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <mutex>
-
 #include "core/paths.h"
 #include "log/debug_log.h"
 
@@ -18,14 +16,6 @@ namespace {
 
 int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) {
     return remove(path);
-}
-
-std::mutex g_log_mutex;
-std::vector<std::string> g_messages;
-
-void RecordSink(bool, const char* message) {
-    std::lock_guard<std::mutex> lock(g_log_mutex);
-    g_messages.push_back(message);
 }
 
 }  // namespace
@@ -102,46 +92,6 @@ std::string GeneratedHead(const char* debug_bits_hex, int show_position, int dev
            "ShowDebugPosition\t" + std::to_string(show_position) + "\n" + "DeviceNums\t\t" +
            std::to_string(device_nums) + "\n" + "BaudRate\t\t" + std::to_string(baud_rate) + "\n" +
            "[String]\n" + "SerialPath\t\tdefault\n" + "\n";
-}
-
-ConfLogRecorder::ConfLogRecorder(uint32_t categories)
-    : saved_bits_(DebugEnableBits), saved_position_(ShowDebugPosition) {
-    fflush(stdout);
-    saved_stdout_ = dup(STDOUT_FILENO);
-    int null_fd = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    if (null_fd >= 0) {
-        dup2(null_fd, STDOUT_FILENO);
-        close(null_fd);
-    }
-    {
-        std::lock_guard<std::mutex> lock(g_log_mutex);
-        g_messages.clear();
-    }
-    SetPlatformLogSinkForTest(RecordSink);
-    DebugEnableBits = categories;
-    ShowDebugPosition = 1;
-}
-
-ConfLogRecorder::~ConfLogRecorder() {
-    SetPlatformLogSinkForTest(nullptr);
-    DebugEnableBits = saved_bits_;
-    ShowDebugPosition = saved_position_;
-    fflush(stdout);
-    if (saved_stdout_ >= 0) {
-        dup2(saved_stdout_, STDOUT_FILENO);
-        close(saved_stdout_);
-    }
-}
-
-std::vector<std::string> ConfLogRecorder::Messages() const {
-    std::lock_guard<std::mutex> lock(g_log_mutex);
-    return g_messages;
-}
-
-int ConfLogRecorder::Count(const std::string& message) const {
-    int n = 0;
-    for (const std::string& m : Messages()) n += (m == message) ? 1 : 0;
-    return n;
 }
 
 }  // namespace conftest

@@ -1,11 +1,10 @@
 // Helpers of the settings-file tests: a temporary data directory, byte-exact file access,
-// the block text as the daemon must write it (spelled out by hand), and a log recorder.
+// the block text as the daemon must write it (spelled out by hand).
 #pragma once
 
 #include <stdint.h>
 
 #include <string>
-#include <vector>
 
 namespace conftest {
 
@@ -37,23 +36,5 @@ std::string DefaultBlock(int no, const char* address);
 // The global part of a generated file, before the first block.
 std::string GeneratedHead(const char* debug_bits_hex, int show_position, int device_nums,
                           int baud_rate);
-
-// Records the messages that reach the platform log while alive (output selector 1, standard
-// output sent to /dev/null). Thread-safe.
-class ConfLogRecorder {
-  public:
-    explicit ConfLogRecorder(uint32_t categories = 0xFFFFFFFFu);
-    ~ConfLogRecorder();
-    ConfLogRecorder(const ConfLogRecorder&) = delete;
-    ConfLogRecorder& operator=(const ConfLogRecorder&) = delete;
-
-    std::vector<std::string> Messages() const;
-    int Count(const std::string& message) const;
-
-  private:
-    uint32_t saved_bits_;
-    uint8_t saved_position_;
-    int saved_stdout_;
-};
 
 }  // namespace conftest
