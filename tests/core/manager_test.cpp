@@ -282,6 +282,33 @@ TEST(ManagerTest, CheckOfASilentSerialControllerWhileAnotherRequestArrives) {
     ASSERT_EQ(0, sigaction(SIGUSR2, &old_action, nullptr));
 }
 
+// A serial controller that answers the loop-back is present: the check keeps it, and its
+// receive thread goes on.
+TEST(ManagerTest, AnsweringSerialControllerIsKept) {
+    GlobalSettings settings = DefaultSettings();
+    CManager manager(&settings);
+    FakeController controller(false);
+    controller.SetResponder([](const Bytes& packet) {
+        std::vector<TimedReply> replies;
+        if (packet.size() >= 3 && packet[2] == 0x41) replies.push_back({5, Bytes{0x0A, 0x01, 0x41}});
+        return replies;
+    });
+    controller.Start();
+    CDeviceObject* device = new CDeviceObject("/dev/ttyS99", &settings);
+    AttachPort(device, &controller, DEV_RS232);
+    manager.DeviceListHead = device;
+    manager.DeviceCount = 1;
+    coretest::Quiet([&] {
+        StartRxLoopThread(device);
+        DevicePnPCheck(&manager);
+    });
+    EXPECT_EQ(1, manager.DeviceCount);
+    EXPECT_EQ(device, manager.DeviceListHead);
+    EXPECT_TRUE(device->bThreadCreated);
+    coretest::Quiet([&] { delete device; });
+    controller.Stop();
+}
+
 // A descriptor below 1 counts as unavailable: 0 is never taken for an open port.
 TEST(ManagerTest, PortDescriptorZeroIsUnavailable) {
     GlobalSettings settings = DefaultSettings();
