@@ -45,7 +45,7 @@ if [[ $what == all || $what == tsan ]]; then
         "log_tests LogFileFixture.LinesOfTwoThreadsNeverMix"
         "touch_tests ParseCmdReply.*"
         "discovery_tests ReadDeviceResponse.*:WaitDeviceResponse.*"
-        "core_tests ManagerTest.CheckOfASilentSerialControllerWhileAnotherRequestArrives"
+        "core_tests ManagerTest.CheckOfASilentSerialControllerWhileAnotherRequestArrives:ManagerTest.AnsweringSerialControllerIsKept"
     )
     for group in "${groups[@]}"; do
         read -r exe filter <<<"$group"
