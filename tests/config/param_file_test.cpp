@@ -147,7 +147,7 @@ TEST_F(ParamFileTest, BlockValuesReadByTheirRule) {
 TEST_F(ParamFileTest, RewriteReplacesOnlyItsBlock) {
     const std::string before = kHead + "  # a note\n";
     const std::string old_block = "\n[Device_No.0]\nPhysical_Address  " + std::string(kAddrB) +
-                                  "\nReportMode 2\n SupportPoints 10\nVKEY_0 HOME\n[EndOfDevice]";
+                                  "\nReportMode 2\n SupportPoints 10\nVKEYReportMod 1\nVKEY_0 HOME\n[EndOfDevice]";
     const std::string after = "\n\n" + DefaultBlock(1, kAddrA) + DefaultBlock(2, kAddrC) + "  \t" + kEnd;
     const std::string file = before + old_block + after;
     ASSERT_TRUE(WriteBytes(IniFilePath(), file));
