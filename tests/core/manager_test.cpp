@@ -51,9 +51,9 @@ TEST(ManagerTest, PassWithoutScanningDoesNothing) {
         int16_t device_count;
     };
     const Case cases[] = {
-        {4, 1, 0}, {5, 1, 0},  {255, 3, 0},  // no interface chosen
-        {0, 1, 1}, {1, 2, 2},  {2, 1, 5},    // the device limit is reached
-        {0, 0, 0}, {3, -1, 0},               // a limit of 0 or below never scans
+        {4, 1, 0}, {255, 3, 0},  // no interface chosen
+        {1, 2, 2}, {2, 1, 5},    // the device limit is reached
+        {0, 0, 0}, {3, -1, 0},   // a limit of 0 or below never scans
     };
     bDeviceExistCheck.store(0);
     for (const Case& c : cases) {
@@ -104,7 +104,7 @@ TEST(ManagerTest, SignalsAreLoggedOnceEachAndAnsweredInTheNextPass) {
     ASSERT_EQ(0, sigaction(SIGUSR2, &old_action, nullptr));
 }
 
-// Builds a bare device record; fd_state: "none" (no descriptor), or an open socket.
+// Builds a bare device record, with an open socket as its port when with_port.
 CDeviceObject* NewDevice(GlobalSettings* settings, const std::string& path, uint8_t interface,
                          bool with_port) {
     CDeviceObject* device = new CDeviceObject(path.c_str(), settings);
@@ -308,20 +308,6 @@ TEST(ManagerTest, AnsweringSerialControllerIsKept) {
     EXPECT_TRUE(device->bThreadCreated);
     coretest::Quiet([&] { delete device; });
     controller.Stop();
-}
-
-// A descriptor below 1 counts as unavailable: 0 is never taken for an open port.
-TEST(ManagerTest, PortDescriptorZeroIsUnavailable) {
-    GlobalSettings settings = DefaultSettings();
-    CDeviceObject device("/dev/serio_raw0", &settings);
-    device.DevInterface = DEV_PS2;
-    device.m_Port_fd.reset(0);
-    LogCapture log;
-    int removed = 0;
-    coretest::Quiet([&] { removed = IsDeviceRemoved(&device); });
-    device.m_Port_fd.release();  // stdin is not the record's to close
-    EXPECT_EQ(1, removed);
-    EXPECT_EQ(1, log.Count("Port_fd is unavailable"));
 }
 
 // Empty product-id slots ("NULL", or "null" as a hand-edited file may have it) are

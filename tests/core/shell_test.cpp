@@ -23,7 +23,6 @@
 
 namespace {
 
-using coretest::LogCapture;
 using coretest::ReadFile;
 using coretest::TempDataDir;
 using coretest::WriteFile;
@@ -68,23 +67,6 @@ TEST(ShellCaptureTest, LinkAtTheCapturePathIsNotWrittenThrough) {
     struct stat st;
     ASSERT_EQ(0, lstat(DrvLogPath(), &st));
     EXPECT_TRUE(S_ISREG(st.st_mode));  // a fresh regular file took the link's place
-}
-
-TEST(ShellCaptureTest, CapturePathThatCannotBeReplacedIsAFailedOpen) {
-    TempDataDir dir;
-    ASSERT_EQ(0, mkdir(DrvLogPath(), 0700));  // unlink cannot remove a directory
-    LogCapture log;
-    FILE* stream = reinterpret_cast<FILE*>(1);
-    coretest::Quiet([&] { stream = RunShellCommand("echo out", DrvLogPath()); });
-    EXPECT_EQ(nullptr, stream);
-    EXPECT_EQ(1, log.CountContaining(std::string("fopen file ") + DrvLogPath() + " failed"));
-    EXPECT_EQ(0, log.CountContaining("Couldn't get system kernel version."));
-
-    // A failing command is still reported as before, and no capture is returned.
-    LogCapture log2;
-    coretest::Quiet([&] { stream = RunShellCommand("false", DrvLogPath()); });
-    EXPECT_EQ(nullptr, stream);
-    EXPECT_EQ(1, log2.Count("Command false output to /dev/null failed."));
 }
 
 // Descriptors opened the daemon's ways (data files, settings streams, pipes, sockets) stay
