@@ -1,10 +1,6 @@
 #include "core/environment.h"
 
 #include <gtest/gtest.h>
-#include <stdio.h>
-#include <string.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include <string>
 
@@ -42,43 +38,6 @@ TEST(EnvironmentTest, KernelVersionFromProcVersionText) {
         EXPECT_EQ(c.patch, v.patch);
         EXPECT_EQ(c.old, IsOldKernel(v));
     }
-}
-
-// 64 unterminated bytes placed right before an inaccessible page: a read past them faults.
-TEST(EnvironmentTest, KernelVersionNeverReadsPastSixtyFourBytes) {
-    const long page = sysconf(_SC_PAGESIZE);
-    char* area = static_cast<char*>(
-        mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-    ASSERT_NE(MAP_FAILED, area);
-    ASSERT_EQ(0, mprotect(area + page, page, PROT_NONE));
-    char* text = area + page - 64;
-
-    const char* fillers[] = {"7", "\xff", "9."};
-    for (const char* filler : fillers) {
-        memcpy(text, "Linux version ", 14);
-        for (size_t i = 14; i < 64; ++i) text[i] = filler[(i - 14) % strlen(filler)];
-        KernelVersionInfo v = {-7, -7, -7};
-        ParseKernelVersion(text, 64, &v);
-        if (strcmp(filler, "9.") == 0) {
-            EXPECT_EQ(9, v.major);
-            EXPECT_EQ(9, v.minor);
-            EXPECT_EQ(9, v.patch);
-        } else if (strcmp(filler, "7") == 0) {
-            EXPECT_EQ(INT32_MAX, v.major);  // fifty digits, clamped
-        } else {
-            EXPECT_EQ(0, v.major) << filler;
-        }
-    }
-    // A length above 64 is capped: only the first 64 bytes are ever looked at (the page
-    // after them would fault).
-    memcpy(text, "Linux version 5.4.3", 19);
-    for (size_t i = 19; i < 64; ++i) text[i] = 'x';
-    KernelVersionInfo v = {-7, -7, -7};
-    ParseKernelVersion(text, 4096, &v);
-    EXPECT_EQ(5, v.major);
-    EXPECT_EQ(4, v.minor);
-    EXPECT_EQ(3, v.patch);
-    munmap(area, 2 * page);
 }
 
 TEST(EnvironmentTest, AndroidReleaseGivesMajorAndMinor) {

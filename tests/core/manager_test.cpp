@@ -310,16 +310,4 @@ TEST(ManagerTest, AnsweringSerialControllerIsKept) {
     controller.Stop();
 }
 
-// Empty product-id slots ("NULL", or "null" as a hand-edited file may have it) are
-// skipped without touching the kernel drivers.
-TEST(ManagerTest, EmptyPidSlotsAreSkipped) {
-    GlobalSettings settings = DefaultSettings();
-    snprintf(settings.DevPID[1], kPidTextMax, "null");
-    snprintf(settings.DevPID[9], kPidTextMax, "null");
-    CManager manager(&settings);
-    LogCapture log;
-    coretest::Quiet([&] { CheckIniDevPID(&manager); });
-    EXPECT_EQ((std::vector<std::string>{"Entering CheckIniDevPID"}), Messages(log));
-}
-
 }  // namespace
