@@ -21,7 +21,6 @@
 #include <unistd.h>
 
 #include <map>
-#include <regex>
 #include <set>
 #include <string>
 #include <vector>
@@ -91,22 +90,16 @@ class DaemonProcessTest : public ::testing::Test {
     }
 
     // Runs the binary with args; returns the exit status of the started process (the
-    // daemon's first half exits 0 right after detaching). Its standard output goes to out;
-    // its standard error to out as well when errors_too, else to /dev/null. inherited >= 0
-    // is handed to the daemon as descriptor 7, open across the exec.
-    int Run(const std::vector<std::string>& args, std::string* out = nullptr,
-            bool errors_too = false, int inherited = -1) {
-        UniqueFd read_end;
-        UniqueFd write_end;
-        if (!coretest::MakePipe(&read_end, &write_end)) return -1;
+    // daemon's first half exits 0 right after detaching). inherited >= 0 is handed to the
+    // daemon as descriptor 7, open across the exec.
+    int Run(const std::vector<std::string>& args, int inherited = -1) {
         fflush(stdout);
         pid_t pid = fork();
         if (pid == 0) {
-            dup2(write_end.get(), STDOUT_FILENO);
-            if (inherited >= 0) dup2(inherited, 7);  // after: the pipe above may be number 7
-            const int null_fd = OpenCloexec("/dev/null", O_WRONLY);
-            // The exec closes null_fd itself.
-            dup2(errors_too ? write_end.get() : null_fd, STDERR_FILENO);
+            const int null_fd = OpenCloexec("/dev/null", O_WRONLY);  // the exec closes it
+            dup2(null_fd, STDOUT_FILENO);
+            dup2(null_fd, STDERR_FILENO);
+            if (inherited >= 0) dup2(inherited, 7);
             std::vector<char*> argv;
             argv.push_back(const_cast<char*>(kDaemon.c_str()));
             for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
@@ -114,21 +107,10 @@ class DaemonProcessTest : public ::testing::Test {
             execv(kDaemon.c_str(), argv.data());
             _exit(127);
         }
-        write_end.reset();
-        std::string text;
-        char buffer[1024];
-        ssize_t n;
-        // The detached half keeps no copy of the pipe (its output goes to /dev/null), so
-        // the read ends when the started process has exited.
-        while ((n = ReadRetry(read_end.get(), buffer, sizeof(buffer))) > 0) {
-            text.append(buffer, static_cast<size_t>(n));
-        }
-        read_end.reset();
         int status = 0;
         while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
         }
         starters_.insert(pid);
-        if (out) *out = text;
         return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
 
@@ -203,6 +185,13 @@ class DaemonProcessTest : public ::testing::Test {
         return ended_.count(pid) == 0 && kill(pid, 0) == 0;
     }
 
+    // Waits until the log file holds text; returns the log.
+    std::string WaitForLog(const std::string& text) {
+        const long deadline = NowMs() + 5000;
+        while (LogText().find(text) == std::string::npos && NowMs() < deadline) usleep(10000);
+        return LogText();
+    }
+
     std::string LogText() {
         std::string all;
         DIR* dir = opendir(kDataDir.c_str());
@@ -227,36 +216,22 @@ int Count(const std::string& text, const std::string& part) {
     return n;
 }
 
+// Start-up in its order, the PID file, and the plug-and-play signal answered while the
+// daemon runs on (a SIGUSR2 without its handler would end the daemon).
 TEST_F(DaemonProcessTest, DetachesWritesItsPidFileAndLoops) {
     EXPECT_EQ(0, Run({}));
     const pid_t daemon = WaitForDaemon();
     ASSERT_GT(daemon, 0);
-    const std::string pid_text = coretest::ReadFile(kPidFile);
     std::string expected = std::to_string(daemon) + " ";
     expected.resize(10, '\0');
-    EXPECT_EQ(expected, pid_text);
+    EXPECT_EQ(expected, coretest::ReadFile(kPidFile));
     EXPECT_EQ(getpid(), ParentOf(daemon));  // detached, re-parented to the subreaper
-    EXPECT_EQ("TavrineD_testda", ProcessName(daemon));
 
-    const long deadline = NowMs() + 5000;
-    while (Count(LogText(), "Entering EndlessScanLoop") == 0 && NowMs() < deadline) {
-        usleep(10000);
-    }
-    // The start-up steps in their order (the settings file sends the log to the file from
-    // the print-out of the settings on).
-    const std::string log = LogText();
+    std::string log = WaitForLog("Entering EndlessScanLoop");
     const std::string steps[] = {
-        "<Main> Daemon Version: [2.5.6720.]\n",
         "<Main> Run process as a background daemon\n",
         "<Main> ===============   Entering GetEnvironment   ===============\n",
-        "<Init> Entering GetAndroidVersion\n",
-        "<Main> Entering GetKernelVersion\n",
-        "<Main> Entering GetCPUinfo\n",
-        "<Main> Entering ListQEVOUsbDevice\n",
-        "<Main> ---------------  Done with GetEnvironment   ---------------\n",
         "<Init> File " + kPidFile + " doesn't existed\n",
-        "<Init> New CManager is called.\n",
-        "<Main> Loop in endless scan\n",
         "<Main> Entering EndlessScanLoop\n",
     };
     size_t at = 0;
@@ -267,6 +242,12 @@ TEST_F(DaemonProcessTest, DetachesWritesItsPidFileAndLoops) {
         at = found + step.size();
     }
     EXPECT_EQ(0, Count(log, "Entering CheckIniDevPID"));  // ScanInterface 4: no scanning
+
+    ASSERT_EQ(0, kill(daemon, SIGUSR2));
+    log = WaitForLog("Entering DevicePnPCheck");
+    EXPECT_EQ(1, Count(log, "<Main> Receive signal SIGUSR2. Set bDeviceExistCheck true.\n"));
+    EXPECT_EQ(1, Count(log, "Entering DevicePnPCheck")) << log;
+    EXPECT_TRUE(IsRunning(daemon));
 }
 
 // A descriptor the starter leaves open (here the write end of a pipe) is closed by the
@@ -276,7 +257,7 @@ TEST_F(DaemonProcessTest, InheritedDescriptorsAreClosedAtStart) {
     UniqueFd read_end;
     UniqueFd write_end;
     ASSERT_TRUE(coretest::MakePipe(&read_end, &write_end));
-    EXPECT_EQ(0, Run({}, nullptr, false, write_end.get()));
+    EXPECT_EQ(0, Run({}, write_end.get()));
     write_end.reset();
     const pid_t daemon = WaitForDaemon();
     ASSERT_GT(daemon, 0);
@@ -287,98 +268,37 @@ TEST_F(DaemonProcessTest, InheritedDescriptorsAreClosedAtStart) {
     EXPECT_TRUE(IsRunning(daemon));
 }
 
-// A data directory others may write to is reported once at start, after the settings
-// file has chosen the log output (the file here) and before the daemon detaches; a
-// directory only root may write to is not.
-TEST_F(DaemonProcessTest, WritableDataDirectoryIsReportedOnce) {
-    pid_t previous = -1;
-    for (mode_t mode : {mode_t{0755}, mode_t{0777}}) {
-        SCOPED_TRACE(mode);
-        ASSERT_EQ(0, chmod(kDataDir.c_str(), mode));
-        EXPECT_EQ(0, Run({"-f"}));  // also removes the earlier start's log file
-        previous = WaitForDaemon(previous);
-        ASSERT_GT(previous, 0);
-        const long deadline = NowMs() + 5000;
-        while (Count(LogText(), "Entering EndlessScanLoop") == 0 && NowMs() < deadline) {
-            usleep(10000);
-        }
-        const std::string log = LogText();
-        const std::string warning = "<Main> Warning: data directory " + kDataDir;
-        if (mode == 0755) {
-            EXPECT_EQ(0, Count(log, warning)) << log;
-            continue;
-        }
-        EXPECT_EQ(1, Count(log, warning)) << log;
-        const size_t at = log.find(warning);
-        EXPECT_LT(log.find("<Main> Daemon Version: [2.5.6720.]"), at);
-        EXPECT_GT(log.find("<Main> Run process as a background daemon"), at);
-    }
-}
-
-TEST_F(DaemonProcessTest, SecondStartWithoutForceEndsAndLeavesTheFirst) {
+// A second start without -f ends and leaves the first daemon and its PID file; -f replaces
+// the running daemon (killed) and carries on; -k kills the running daemon and ends.
+TEST_F(DaemonProcessTest, SecondStartEndsForceReplacesKillStops) {
     EXPECT_EQ(0, Run({}));
     const pid_t first = WaitForDaemon();
     ASSERT_GT(first, 0);
+    const std::string pid_text = coretest::ReadFile(kPidFile);
+
     EXPECT_EQ(0, Run({}));
     int status = -1;
     ASSERT_TRUE(WaitForOtherChildEnd({first}, &status));
-    EXPECT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(0, WEXITSTATUS(status));
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
     EXPECT_TRUE(IsRunning(first));
-    std::string expected = std::to_string(first) + " ";
-    expected.resize(10, '\0');
-    EXPECT_EQ(expected, coretest::ReadFile(kPidFile));
+    EXPECT_EQ(pid_text, coretest::ReadFile(kPidFile));
     EXPECT_EQ(1, Count(LogText(), "Another daemon pid(" + std::to_string(first) + ") is running"));
-}
 
-TEST_F(DaemonProcessTest, ForceReplacesTheFirstDaemon) {
-    EXPECT_EQ(0, Run({}));
-    const pid_t first = WaitForDaemon();
-    ASSERT_GT(first, 0);
     EXPECT_EQ(0, Run({"-f"}));
     const pid_t second = WaitForDaemon(first);
     ASSERT_GT(second, 0);
-    const int status = WaitForEnd(first);
-    ASSERT_NE(-1, status) << "the first daemon is still running";
-    EXPECT_TRUE(WIFSIGNALED(status));
-    EXPECT_EQ(SIGKILL, WTERMSIG(status));
+    status = WaitForEnd(first);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
     EXPECT_TRUE(IsRunning(second));
-}
 
-TEST_F(DaemonProcessTest, KillStopsTheRunningDaemonAndEnds) {
-    EXPECT_EQ(0, Run({}));
-    const pid_t daemon = WaitForDaemon();
-    ASSERT_GT(daemon, 0);
+    ended_.clear();
     EXPECT_EQ(0, Run({"-k"}));
-    const int status = WaitForEnd(daemon);
-    ASSERT_NE(-1, status) << "the daemon is still running";
-    EXPECT_TRUE(WIFSIGNALED(status));
-    EXPECT_EQ(SIGKILL, WTERMSIG(status));
+    status = WaitForEnd(second);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
     int killer = -1;
-    ASSERT_TRUE(WaitForOtherChildEnd({daemon}, &killer));
-    EXPECT_TRUE(WIFEXITED(killer));
-    EXPECT_EQ(0, WEXITSTATUS(killer));
+    ASSERT_TRUE(WaitForOtherChildEnd({second}, &killer));
+    EXPECT_TRUE(WIFEXITED(killer) && WEXITSTATUS(killer) == 0) << killer;
     EXPECT_TRUE(OwnChildren().empty());
-}
-
-// An over-long -u, -r or -z is refused where the user sees it, with standard output a pipe:
-// on standard error before the daemon detaches, and in its log file. The daemon then runs on.
-TEST_F(DaemonProcessTest, OverlongOptionsAreReportedBeforeDetaching) {
-    const std::string too_long = "/" + std::string(63, 'x');
-    std::string out;
-    EXPECT_EQ(0, Run({"-u", too_long, "-r", too_long, "-z", too_long}, &out, true));
-    ASSERT_GT(WaitForDaemon(), 0);
-    const long deadline = NowMs() + 5000;
-    while (Count(LogText(), "Entering EndlessScanLoop") == 0 && NowMs() < deadline) {
-        usleep(10000);
-    }
-    const std::string log = LogText();
-    for (char option : {'u', 'r', 'z'}) {
-        const std::string message = std::string("Error: The argument of option '") + option +
-                                    "' is longer than 63 characters, it is ignored.";
-        EXPECT_EQ(1, Count(out, message + "\n")) << out;
-        EXPECT_EQ(1, Count(log, "<Main> " + message + "\n")) << log;
-    }
 }
 
 }  // namespace
