@@ -128,11 +128,13 @@ TEST(DataFileTest, DaemonFilesHardLinkedElsewhereAreNeverWritten) {
         {log_file, true, [] { TLOG(LOG_MAIN, "a line for the log file"); }},
         {DrvLogPath(), false,
          [] {
-             FILE* out = RunShellCommand("echo captured", DrvLogPath());
-             char word[16] = "";
-             EXPECT_TRUE(out && fscanf(out, "%15s", word) == 1);
-             EXPECT_STREQ("captured", word);
-             if (out) fclose(out);
+             // Both the command's standard output and error reach the capture.
+             FILE* out = RunShellCommand("echo out; echo err 1>&2", DrvLogPath());
+             ASSERT_NE(nullptr, out);
+             char text[16] = "";
+             EXPECT_EQ(8u, fread(text, 1, sizeof(text) - 1, out));
+             EXPECT_STREQ("out\nerr\n", text);
+             fclose(out);
          }},
     };
     for (const Case& c : cases) {

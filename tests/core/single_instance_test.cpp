@@ -125,42 +125,6 @@ TEST(SingleInstanceTest, RunningDaemonIsKilledOnlyWithForceOrKill) {
     }
 }
 
-// A symbolic link or a FIFO at the PID file path is neither read nor written through: the
-// id of a running Tavrine* process in the linked file gets nothing killed and that file
-// keeps its bytes; a FIFO (no reader, no writer) blocks neither the check nor the write
-// (the child is stopped by an alarm if it does). Start-up carries on.
-TEST(SingleInstanceTest, PidFileLinkOrFifoIsNeverUsed) {
-    TempDataDir dir;
-    const pid_t daemon = StartNamedSleeper(dir.path(), "TavrineTest", 30);
-    ASSERT_GT(daemon, 0);
-    const std::string victim = dir.File("victim");
-    ASSERT_TRUE(coretest::WriteFile(victim, PidText(daemon)));
-    const std::string pid_file = dir.File("TouchPID");
-    for (bool fifo : {false, true}) {
-        SCOPED_TRACE(fifo ? "fifo" : "link");
-        unlink(pid_file.c_str());
-        ASSERT_EQ(0, fifo ? mkfifo(pid_file.c_str(), 0600) : symlink(victim.c_str(), pid_file.c_str()));
-        for (uint8_t force : {0, 1}) {
-            ChildResult child = RunInChild([force] {
-                alarm(5);
-                GlobalSettings settings;
-                memset(&settings, 0, sizeof(settings));
-                settings.ForceRestart = force;
-                CheckSingleInstance(&settings);
-                WritePidFile();
-            });
-            ASSERT_TRUE(child.exited) << "signal " << child.status;
-            EXPECT_EQ(kReturned, child.status) << int(force);
-        }
-        struct stat st;
-        ASSERT_EQ(0, lstat(pid_file.c_str(), &st));
-        EXPECT_EQ(fifo, S_ISFIFO(st.st_mode));
-    }
-    EXPECT_TRUE(IsAlive(daemon));
-    EXPECT_EQ(PidText(daemon), coretest::ReadFile(victim));
-    KillAndReap(daemon);
-}
-
 TEST(SingleInstanceTest, RootCheckEndsWithStatus255ForOtherUsers) {
     if (getuid() != 0) GTEST_SKIP() << "needs root to switch to another user";
     ChildResult root = RunInChild([] { CheckRootPermission(); });
