@@ -43,23 +43,10 @@ void Parse(GlobalSettings* settings, std::vector<std::string> words) {
     ParseCommandLine(static_cast<int>(words.size()), argv.data(), settings);
 }
 
-class CommandLineTest : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        saved_bits_ = DebugEnableBits;
-        saved_position_ = ShowDebugPosition;
-    }
-    void TearDown() override {
-        DebugEnableBits = saved_bits_;
-        ShowDebugPosition = saved_position_;
-    }
-    uint32_t saved_bits_ = 0;
-    uint8_t saved_position_ = 0;
-};
-
 // Each row: the words, the log globals after them, and the settings fields they change
 // (every other byte of the record must stay as it was).
-TEST_F(CommandLineTest, OptionsChangeExactlyTheirFields) {
+TEST(CommandLineTest, OptionsChangeExactlyTheirFields) {
+    coretest::LogCapture restore;  // the log globals are put back at the end
     using Change = std::function<void(GlobalSettings*)>;
     const Change none = [](GlobalSettings*) {};
     const Change force = [](GlobalSettings* s) { s->ForceRestart = 1; };
@@ -112,7 +99,8 @@ TEST_F(CommandLineTest, OptionsChangeExactlyTheirFields) {
 // value stays (a cut path would name another file). The refusal goes to standard error at
 // once (standard output may be lost when the process detaches) and into the debug log after
 // the last option, so a later -p or -D chooses where it is logged.
-TEST_F(CommandLineTest, OverlongTextOptionIsRefusedOnStandardErrorAndInTheLog) {
+TEST(CommandLineTest, OverlongTextOptionIsRefusedOnStandardErrorAndInTheLog) {
+    coretest::LogCapture restore;
     const std::string fits = "/" + std::string(62, 'a');  // 63 characters
     const std::string too_long = fits + "b";              // 64 characters
     Defaults d;
@@ -145,7 +133,8 @@ TEST_F(CommandLineTest, OverlongTextOptionIsRefusedOnStandardErrorAndInTheLog) {
 
 // Usage before everything, then the -f/-k conflict, then the version; otherwise start-up
 // goes on.
-TEST_F(CommandLineTest, StartupFlagsExitWithTheirStatus) {
+TEST(CommandLineTest, StartupFlagsExitWithTheirStatus) {
+    coretest::LogCapture restore;
     const std::string usage = "Usage: TavrineD [option]";
     const std::string version = "Tavrine version: [";
     const std::string both = "can not be set at the same time";
