@@ -235,6 +235,19 @@ TEST(AppPipes, OpenedOnceAndClosed) {
     EXPECT_TRUE(S_ISFIFO(ModeOf(PipeInPath())));  // the files stay
 }
 
+// Gives dev the slave side of a new pty as its RS232 port at baud; returns the master (the
+// caller owns it), or -1.
+int SerialPortOnPty(CDeviceObject* dev, uint32_t baud) {
+    const int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    if (master < 0 || grantpt(master) != 0 || unlockpt(master) != 0) return -1;
+    dev->DevInterface = DEV_RS232;
+    dev->CmdHeader = CMD_HEADER_SERIAL;
+    dev->m_Port_fd.reset(OpenCloexec(ptsname(master), O_RDWR | O_NOCTTY | O_NONBLOCK));
+    dev->BaudRate = baud;
+    if (!dev->m_Port_fd.valid() || SetPortBaudRate(dev->m_Port_fd.get(), baud, 1) != 0) return -1;
+    return master;
+}
+
 class ForwardTest : public testing::Test {
   protected:
     void SetUp() override { DevIgnoreSigusr2(); }
@@ -297,19 +310,10 @@ TEST_F(ForwardTest, RelaysToolPacketsAndSwitchesSerialReports) {
 // the controller stand-in (a pty) answers the loop-back only at 57600 bit/s.
 TEST_F(ForwardTest, ResetCommandOnRs232RechecksTheSpeed) {
     DevLogCapture log;
-    int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-    ASSERT_GE(master, 0);
-    ASSERT_EQ(0, grantpt(master));
-    ASSERT_EQ(0, unlockpt(master));
-    int slave = OpenCloexec(ptsname(master), O_RDWR | O_NOCTTY | O_NONBLOCK);
-    ASSERT_GE(slave, 0);
     GlobalSettings settings = DevTestSettings();
     CDeviceObject dev("/dev/ttyS99", &settings);
-    dev.DevInterface = DEV_RS232;
-    dev.CmdHeader = CMD_HEADER_SERIAL;
-    dev.m_Port_fd.reset(slave);
-    dev.BaudRate = 9600;
-    ASSERT_EQ(0, SetPortBaudRate(slave, 9600, 1));
+    const int master = SerialPortOnPty(&dev, 9600);
+    ASSERT_GE(master, 0);
     FakeController controller(master);  // owns master
     std::vector<speed_t> speeds;
     controller.SetResponder([master, &speeds](const Bytes& packet) {
@@ -331,10 +335,7 @@ TEST_F(ForwardTest, ResetCommandOnRs232RechecksTheSpeed) {
     EXPECT_EQ(57600u, dev.BaudRate);
     EXPECT_TRUE(log.Contains("Catch Reset Command"));
     EXPECT_TRUE(log.Contains("Switch BaudRate from [9600] to [57600]"));
-    ASSERT_EQ(3u, speeds.size());
-    EXPECT_EQ(static_cast<speed_t>(B9600), speeds[0]);
-    EXPECT_EQ(static_cast<speed_t>(B19200), speeds[1]);
-    EXPECT_EQ(static_cast<speed_t>(B57600), speeds[2]);
+    EXPECT_EQ((std::vector<speed_t>{B9600, B19200, B57600}), speeds);
     std::vector<Bytes> got = controller.Received();
     ASSERT_GE(got.size(), 1u);
     EXPECT_EQ((Bytes{0x0A, 0x03, 0x52, 0x3A, 0xFF}), got[0]);
@@ -344,18 +345,10 @@ TEST_F(ForwardTest, ResetCommandOnRs232RechecksTheSpeed) {
 // back to the speed the device had.
 TEST(RecheckBaudRate, SilentControllerKeepsTheOldSpeed) {
     DevLogCapture log;
-    int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-    ASSERT_GE(master, 0);
-    ASSERT_EQ(0, grantpt(master));
-    ASSERT_EQ(0, unlockpt(master));
     GlobalSettings settings = DevTestSettings();
     CDeviceObject dev("/dev/ttyS99", &settings);
-    dev.DevInterface = DEV_RS232;
-    dev.CmdHeader = CMD_HEADER_SERIAL;
-    dev.m_Port_fd.reset(OpenCloexec(ptsname(master), O_RDWR | O_NOCTTY | O_NONBLOCK));
-    ASSERT_TRUE(dev.m_Port_fd.valid());
-    dev.BaudRate = 19200;
-    ASSERT_EQ(0, SetPortBaudRate(dev.m_Port_fd.get(), 19200, 1));
+    const int master = SerialPortOnPty(&dev, 19200);
+    ASSERT_GE(master, 0);
     FakeController controller(master);
     controller.Start();
     int64_t start = DevNowMs();
