@@ -64,14 +64,16 @@ TEST(CommandLineTest, OptionsChangeExactlyTheirFields) {
         {{"-D"}, 0xFFFFF, 0, force},
         {{"-E"}, 0xFFFF, 1, force},
         {{"-d400000"}, 0x400000, 1, none},
-        {{"-p", "258"}, 1, 2, none},          // kept in one byte
+        {{"-p", "258"}, 1, 2, none},             // kept in one byte
         {{"-D", "-p", "2"}, 0xFFFFF, 2, force},  // applied in the order given
         // Numbers as the settings file reads them: the leading number, as "%x" and atoi do.
         {{"-d", "zz"}, 1, 1, none},
         {{"-d", "-1"}, 0xFFFFFFFF, 1, none},
         {{"-d", "1FFFFFFFF"}, 1, 1, none},  // beyond 32 bits: unchanged, never wrapped
         {{"-p", "2abc"}, 1, 2, none},
-        {{"-r", "/dev/ttyUSB3", "-u", "/dev/uinput"}, 1, 1,
+        {{"-r", "/dev/ttyUSB3", "-u", "/dev/uinput"},
+         1,
+         1,
          [](GlobalSettings* s) {
              snprintf(s->CustomSerialPath[0], kTextMax, "/dev/ttyUSB3");
              snprintf(s->UinputPath, kTextMax, "/dev/uinput");
@@ -144,12 +146,9 @@ TEST(CommandLineTest, StartupFlagsExitWithTheirStatus) {
         std::string out;  // a piece of standard output
     };
     const Case cases[] = {
-        {{"-h", "-k", "-f"}, 0, usage},
-        {{"-D", "-k"}, 1, both},  // -D implies -f
-        {{"-v", "-k", "-f"}, 1, both},
-        {{"-v", "-V"}, 0, version},
-        {{"-k"}, kReturned, ""},
-        {{}, kReturned, ""},
+        {{"-h", "-k", "-f"}, 0, usage}, {{"-D", "-k"}, 1, both},  // -D implies -f
+        {{"-v", "-k", "-f"}, 1, both},  {{"-v", "-V"}, 0, version},
+        {{"-k"}, kReturned, ""},        {{}, kReturned, ""},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.words.empty() ? "(none)" : c.words[0]);

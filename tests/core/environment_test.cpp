@@ -4,7 +4,6 @@
 
 #include <string>
 
-
 namespace {
 
 KernelVersionInfo ParseKernel(const std::string& text) {
@@ -24,8 +23,8 @@ TEST(EnvironmentTest, KernelVersionFromProcVersionText) {
         {prefix + "2.6.35 (builder@host) #2", 2, 6, 35, 0},
         {prefix + "6.1.0-18-amd64 (debian-kernel@lists.debian.org)", 6, 1, 0, 0},
         {prefix + "2.4.20 #1", 2, 4, 20, 0},
-        {prefix + "4.19", 4, 19, 0, 0},  // fewer pieces: the rest is 0
-        {"Linux", 0, 0, 0, 0},           // shorter than the prefix
+        {prefix + "4.19", 4, 19, 0, 0},                             // fewer pieces: the rest is 0
+        {"Linux", 0, 0, 0, 0},                                      // shorter than the prefix
         {prefix + "x.y.z", 0, 0, 0, 0},                             // garbage
         {prefix + "99999999999999999999.1.2", INT32_MAX, 1, 2, 0},  // clamped, no overflow
         {prefix + "3..10.1", 3, 10, 1, 0},  // empty pieces are skipped as strtok does
@@ -46,7 +45,10 @@ TEST(EnvironmentTest, AndroidReleaseGivesMajorAndMinor) {
         int32_t major, minor;
     };
     const Case cases[] = {
-        {"4.0.4", 4, 0}, {"10", 10, 0}, {"R", 0, 0}, {std::string(200, '8'), INT32_MAX, 0},
+        {"4.0.4", 4, 0},
+        {"10", 10, 0},
+        {"R", 0, 0},
+        {std::string(200, '8'), INT32_MAX, 0},
     };
     for (const Case& c : cases) {
         AndroidVersionInfo v = {-7, -7};

@@ -270,18 +270,18 @@ TEST_F(ForwardTest, RelaysToolPacketsAndSwitchesSerialReports) {
         bool shift;
         int32_t series;
         uint8_t before, after;  // bPointsToTool
-        Bytes in, port;
+        Bytes in;
+        Bytes port = {};  // empty: the same bytes as written
     };
     const Case cases[] = {
-        {"usb", DEV_USB, false, 0, 0, 0, {0x03, 0x01, 0x41}, {0x03, 0x01, 0x41}},
+        {"usb", DEV_USB, false, 0, 0, 0, {0x03, 0x01, 0x41}},
         {"usb shifted", DEV_USB, true, 0, 0, 0, {0x03, 0x01, 0x41}, {0x00, 0x03, 0x01, 0x41, 0x00}},
-        {"usb reset: only forwarded", DEV_USB, false, 0, 0, 0, {0x03, 0x03, 0x52, 0x3A, 0xFF},
-         {0x03, 0x03, 0x52, 0x3A, 0xFF}},
-        {"series 5 to tool", DEV_RS232, false, 5, 0, 1, {0x0A, 0x02, 0x34, 0x00}, {0x0A, 0x02, 0x34, 0x00}},
-        {"series 5 back", DEV_RS232, false, 5, 1, 0, {0x0A, 0x02, 0x34, 0x01}, {0x0A, 0x02, 0x34, 0x01}},
-        {"series 8 to tool", DEV_RS232, false, 8, 0, 1, {0x0A, 0x02, 0x34, 0x00}, {0x0A, 0x02, 0x34, 0x00}},
-        {"unknown data byte", DEV_RS232, false, 5, 1, 1, {0x0A, 0x02, 0x34, 0x02}, {0x0A, 0x02, 0x34, 0x02}},
-        {"series 12 keeps", DEV_RS232, false, 12, 0, 0, {0x0A, 0x02, 0x34, 0x00}, {0x0A, 0x02, 0x34, 0x00}},
+        {"usb reset: only forwarded", DEV_USB, false, 0, 0, 0, {0x03, 0x03, 0x52, 0x3A, 0xFF}},
+        {"series 5 to tool", DEV_RS232, false, 5, 0, 1, {0x0A, 0x02, 0x34, 0x00}},
+        {"series 5 back", DEV_RS232, false, 5, 1, 0, {0x0A, 0x02, 0x34, 0x01}},
+        {"series 8 to tool", DEV_RS232, false, 8, 0, 1, {0x0A, 0x02, 0x34, 0x00}},
+        {"unknown data byte", DEV_RS232, false, 5, 1, 1, {0x0A, 0x02, 0x34, 0x02}},
+        {"series 12 keeps", DEV_RS232, false, 12, 0, 0, {0x0A, 0x02, 0x34, 0x00}},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
@@ -300,7 +300,7 @@ TEST_F(ForwardTest, RelaysToolPacketsAndSwitchesSerialReports) {
         ForwardFromTool(&dev);  // the pipe is empty now
         ASSERT_TRUE(controller.WaitForPackets(1, 1000));
         usleep(20000);
-        EXPECT_EQ(std::vector<Bytes>{c.port}, controller.Received());
+        EXPECT_EQ(std::vector<Bytes>{c.port.empty() ? c.in : c.port}, controller.Received());
         EXPECT_EQ(c.after, dev.bPointsToTool);
         EXPECT_FALSE(log.Contains("Catch Reset Command"));
     }
