@@ -104,6 +104,7 @@ CDeviceObject* NewDevice(GlobalSettings* settings, const std::string& path, uint
     return device;
 }
 
+// (The lifts written for a removed device are checked with the silent serial controller.)
 TEST(ManagerTest, PnpCheckRemovesEveryGoneDeviceAndKeepsTheRest) {
     TempDataDir dir;
     const std::string present = dir.File("hidraw_present");
@@ -123,15 +124,6 @@ TEST(ManagerTest, PnpCheckRemovesEveryGoneDeviceAndKeepsTheRest) {
     manager.DeviceListHead = devices[0];
     manager.DeviceCount = 5;
 
-    // The unplugged USB device still has a contact down: it is lifted before removal.
-    int touch[2];
-    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, touch));
-    devices[1]->UinputTouchFd.reset(touch[0]);
-    UniqueFd touch_peer(touch[1]);
-    devices[1]->bTouchDeviceCreated = true;
-    devices[1]->Param.SupportPoints = 2;
-    devices[1]->LastContacts[0].State = 1;
-
     LogCapture log;
     coretest::Quiet([&] { DevicePnPCheck(&manager); });
 
@@ -141,11 +133,6 @@ TEST(ManagerTest, PnpCheckRemovesEveryGoneDeviceAndKeepsTheRest) {
     EXPECT_EQ(nullptr, manager.DeviceListHead->pNext->pNext);
     EXPECT_EQ(2, log.Count("Port_fd is unavailable"));
     EXPECT_EQ(1, log.Count("USB Device [" + dir.File("hidraw_unplugged") + "] is removed"));
-
-    // Events reached the touch device before it went away, ending with a frame end.
-    const std::vector<touchtest::Ev> events = touchtest::Drain(touch_peer.get());
-    ASSERT_FALSE(events.empty());
-    EXPECT_EQ(touchtest::Syn(), events.back());
 
     coretest::Quiet([&] {
         delete devices[2];
