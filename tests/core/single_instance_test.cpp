@@ -81,19 +81,6 @@ TEST(SingleInstanceTest, StalePidFileKillsNothing) {
     KillAndReap(sleeper);
 }
 
-// The own id in the PID file (a restart that got the same id) is not another daemon.
-TEST(SingleInstanceTest, OwnIdIsNotAnotherDaemon) {
-    TempDataDir dir;
-    ChildResult child = RunInChild([&] {
-        coretest::WriteFile(dir.File("TouchPID"), PidText(getpid()));
-        GlobalSettings settings;
-        memset(&settings, 0, sizeof(settings));
-        CheckSingleInstance(&settings);
-    });
-    ASSERT_TRUE(child.exited);
-    EXPECT_EQ(kReturned, child.status);
-}
-
 TEST(SingleInstanceTest, RootCheckEndsWithStatus255ForOtherUsers) {
     if (getuid() != 0) GTEST_SKIP() << "needs root to switch to another user";
     ChildResult root = RunInChild([] { CheckRootPermission(); });
