@@ -43,131 +43,66 @@ TEST(VKeyIni, KeysAndValues) {
     EXPECT_EQ(-1, rig.dev->VKeyCode[1]);
 }
 
-TEST(VKeyIni, LaterLineReplacesAndLogs) {
+TEST(VKeyIni, LaterLineReplaces) {
     TouchRig rig;
-    LogCapture log;
     ParseVKEYini(rig.dev.get(), "VKEY_3", "HOME");
-    EXPECT_FALSE(log.Has("Repeat VKEY"));
-    EXPECT_TRUE(log.Has(
-        "Get VKEY. Controller KEY Code [3] => System KEY Code [102]. Leaving ParseVKEYini()."));
     ParseVKEYini(rig.dev.get(), "VKEY_3", "0x9e");
     EXPECT_EQ(158, rig.dev->VKeyCode[3]);
-    EXPECT_TRUE(
-        log.Has("Repeat VKEY index [3]. Original system KEY Code [102] was replaced by [158]"));
-    // A later unparsable value unmaps the key.
-    ParseVKEYini(rig.dev.get(), "VKEY_3", "junk");
+    ParseVKEYini(rig.dev.get(), "VKEY_3", "junk");  // a later unparsable value unmaps the key
     EXPECT_EQ(-1, rig.dev->VKeyCode[3]);
 }
 
-namespace {
-
-// Key report of the common form: byte 4 bit 0 state, byte 5 index.
-void Report(TouchRig& rig, int state, int index) {
-    const uint8_t reply[6] = {
-        0x03, 0x04, 0x36, 0x2F, static_cast<uint8_t>(state), static_cast<uint8_t>(index)};
-    HandleVKeyReport(rig.dev.get(), reply);
-}
-
-std::vector<Ev> Press(int code) {
-    return {Key(static_cast<uint16_t>(code), 1), Syn()};
-}
-std::vector<Ev> Release(int code) {
-    return {Key(static_cast<uint16_t>(code), 0), Syn()};
-}
-
-}  // namespace
-
-TEST(VKeyReport, EveryReportCountsWithModulusOne) {
-    TouchRig rig;
-    rig.dev->VKeyCode[2] = KEY_BACK;
-    rig.dev->Param.VKEYReportMod = 1;
-    Report(rig, 1, 2);
-    EXPECT_EQ(Press(KEY_BACK), rig.TouchEvents());
-    Report(rig, 1, 2);  // held: repeated
-    EXPECT_EQ(Press(KEY_BACK), rig.TouchEvents());
-    Report(rig, 0, 2);
-    EXPECT_EQ(Release(KEY_BACK), rig.TouchEvents());
-    EXPECT_EQ(0, rig.dev->VKeyCount[2]);
-    Report(rig, 0, 2);  // a second release: count 0 is below 1, nothing
-    EXPECT_TRUE(rig.TouchEvents().empty());
-}
-
-TEST(VKeyReport, ShortTapsAreFilteredWithModulusThree) {
-    TouchRig rig;
-    rig.dev->VKeyCode[1] = KEY_HOME;
-    rig.dev->VKeyCode[4] = KEY_MENU;
-    rig.dev->Param.VKEYReportMod = 3;
-    Report(rig, 1, 1);
-    Report(rig, 1, 1);
-    Report(rig, 0, 1);  // a tap of 2 reports: nothing, the count stays
-    EXPECT_TRUE(rig.TouchEvents().empty());
-    EXPECT_EQ(2, rig.dev->VKeyCount[1]);
-    Report(rig, 1, 1);  // count 3: press
-    EXPECT_EQ(Press(KEY_HOME), rig.TouchEvents());
-    Report(rig, 1, 1);
-    Report(rig, 1, 1);
-    EXPECT_TRUE(rig.TouchEvents().empty());
-    Report(rig, 1, 1);  // count 6: auto-repeat
-    EXPECT_EQ(Press(KEY_HOME), rig.TouchEvents());
-    Report(rig, 1, 4);  // another key counts on its own
-    EXPECT_EQ(1, rig.dev->VKeyCount[4]);
-    Report(rig, 0, 1);  // release clears every count
-    EXPECT_EQ(Release(KEY_HOME), rig.TouchEvents());
-    for (int i = 0; i < kVKeyCount; ++i) EXPECT_EQ(0, rig.dev->VKeyCount[i]);
-}
-
-TEST(VKeyReport, NonPositiveModulusCountsAsOne) {
-    for (int modulus : {0, -3}) {
+// Key reports (state, index) counted against VKEYReportMod: a press at every mod-th report
+// of a held key, a release only after a press; a release clears every count.
+TEST(VKeyReport, ReportSequences) {
+    const auto press = [](int code) {
+        return std::vector<Ev>{Key(static_cast<uint16_t>(code), 1), Syn()};
+    };
+    const auto release = [](int code) {
+        return std::vector<Ev>{Key(static_cast<uint16_t>(code), 0), Syn()};
+    };
+    struct Step {
+        int state, index;
+        std::vector<Ev> want;
+    };
+    struct Case {
+        const char* what;
+        int series;
+        int modulus;
+        std::vector<Step> steps;
+    };
+    // clang-format off
+    const Case cases[] = {
+        {"modulus 1: every report counts", 0, 1,
+         {{1, 2, press(KEY_BACK)}, {1, 2, press(KEY_BACK)}, {0, 2, release(KEY_BACK)}, {0, 2, {}}}},
+        {"modulus 3: short taps filtered, auto-repeat, counts cleared on release", 0, 3,
+         {{1, 1, {}}, {1, 1, {}}, {0, 1, {}}, {1, 1, press(KEY_HOME)}, {1, 1, {}}, {1, 1, {}},
+          {1, 1, press(KEY_HOME)}, {1, 4, {}}, {0, 1, release(KEY_HOME)},
+          {1, 4, {}}, {1, 4, {}}, {1, 4, press(KEY_MENU)}}},
+        {"modulus 0 counts as 1", 0, 0, {{1, 0, press(KEY_SEARCH)}, {0, 0, release(KEY_SEARCH)}}},
+        {"modulus -3 counts as 1", 0, -3, {{1, 0, press(KEY_SEARCH)}, {0, 0, release(KEY_SEARCH)}}},
+        {"unmapped and out-of-range keys", 0, 1,
+         {{1, 12, {}}, {1, 255, {}}, {1, 10, {}}, {1, 3, {}}, {1, 9, press(KEY_BACK)}}},
+        {"series 22 form", 22, 1, {{1, 5, press(KEY_MENU)}, {0, 5, release(KEY_MENU)}}},
+    };
+    // clang-format on
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
         TouchRig rig;
-        rig.dev->VKeyCode[0] = KEY_SEARCH;
-        rig.dev->Param.VKEYReportMod = modulus;
-        Report(rig, 1, 0);
-        EXPECT_EQ(Press(KEY_SEARCH), rig.TouchEvents());
-        Report(rig, 0, 0);
-        EXPECT_EQ(Release(KEY_SEARCH), rig.TouchEvents());
+        rig.dev->Series = c.series;
+        rig.dev->Param.VKEYReportMod = c.modulus;
+        const int codes[kVKeyCount] = {KEY_SEARCH, KEY_HOME, KEY_BACK, -1, KEY_MENU,
+                                       KEY_MENU,   -1,       -1,       -1, KEY_BACK};
+        for (int i = 0; i < kVKeyCount; ++i) rig.dev->VKeyCode[i] = codes[i];
+        for (size_t i = 0; i < c.steps.size(); ++i) {
+            SCOPED_TRACE(i);
+            const uint8_t state = static_cast<uint8_t>(c.steps[i].state);
+            const uint8_t index = static_cast<uint8_t>(c.steps[i].index);
+            // Common form: byte 4 bit 0 state, byte 5 index; series 22: bytes 3 and 4.
+            const uint8_t common[6] = {0x03, 0x04, 0x36, 0x2F, state, index};
+            const uint8_t s22[6] = {0x03, 0x04, 0x2F, state, index, 0x00};
+            HandleVKeyReport(rig.dev.get(), c.series == 22 ? s22 : common);
+            EXPECT_EQ(c.steps[i].want, rig.TouchEvents());
+        }
     }
-}
-
-TEST(VKeyReport, UnmappedAndOutOfRangeKeysAreIgnored) {
-    TouchRig rig;
-    LogCapture log;
-    rig.dev->VKeyCode[9] = KEY_BACK;
-    Report(rig, 1, 12);
-    Report(rig, 1, 255);
-    Report(rig, 1, 10);
-    Report(rig, 1, 3);  // no code
-    EXPECT_TRUE(rig.TouchEvents().empty());
-    EXPECT_TRUE(log.Has("No corresponding system KEYCode to Controller KEYCode [3]"));
-    EXPECT_TRUE(log.Has("Get raw VKEY data : ID=12, State=1"));
-    Report(rig, 1, 9);
-    EXPECT_EQ(Press(KEY_BACK), rig.TouchEvents());
-    EXPECT_TRUE(log.Has("Send VKEY. Controller KEYCode[9], System KEYCode [158]"));
-}
-
-TEST(VKeyReport, Series22Form) {
-    TouchRig rig;
-    rig.dev->Series = 22;
-    rig.dev->VKeyCode[5] = KEY_MENU;
-    const uint8_t press[6] = {0x03, 0x04, 0x2F, 0x01, 0x05, 0x00};
-    HandleVKeyReport(rig.dev.get(), press);
-    EXPECT_EQ(Press(KEY_MENU), rig.TouchEvents());
-    const uint8_t release[6] = {0x03, 0x04, 0x2F, 0x00, 0x05, 0x01};
-    HandleVKeyReport(rig.dev.get(), release);
-    EXPECT_EQ(Release(KEY_MENU), rig.TouchEvents());
-}
-
-TEST(VKeyReport, SendVKeyKeepsTheLastEventTime) {
-    TouchRig rig;
-    rig.dev->VKeyCode[0] = KEY_BACK;
-    rig.dev->Event.input_event_sec = 1234;
-    rig.dev->Event.input_event_usec = 5678;
-    SendVKey(rig.dev.get(), 1, 0);
-    std::vector<TimedEv> events = DrainTimed(rig.TouchFd());
-    ASSERT_EQ(2u, events.size());
-    EXPECT_EQ(Key(KEY_BACK, 1), events[0].ev);
-    EXPECT_EQ(1234, events[0].sec);
-    EXPECT_EQ(5678, events[1].usec);
-    SendVKey(rig.dev.get(), 1, 10);  // no such index: nothing
-    SendVKey(rig.dev.get(), 1, -1);
-    EXPECT_TRUE(rig.TouchEvents().empty());
 }
