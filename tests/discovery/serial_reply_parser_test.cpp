@@ -1,4 +1,4 @@
-// Parse232CmdPacket, DispatchCmd and WaitDeviceResponse.
+// Parse232CmdPacket and WaitDeviceResponse.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <string.h>
@@ -12,15 +12,10 @@
 #include "core/unique_fd.h"
 #include "discovery/probe_exchange.h"
 #include "discovery/probe_timing.h"
-#include "support/disc_log_capture.h"
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-
-int Parse(const Bytes& bytes) {
-    return Parse232CmdPacket(bytes.data(), static_cast<int>(bytes.size()));
-}
 
 long NowMs() {
     struct timespec ts;
@@ -28,64 +23,36 @@ long NowMs() {
     return ts.tv_sec * 1000L + ts.tv_nsec / 1000000L;
 }
 
-TEST(Parse232CmdPacket, CompletesPacketsAndStopsAtTheAwaitedOne) {
-    DiscLogCapture log;
-    ResetSerialReplyParser();
-    EXPECT_EQ(1, Parse({0x55, 0x0A, 0x01, 0x41}));
-    EXPECT_TRUE(log.Contains("Get 0x41 Cmd"));
-
-    // An application-firmware IAP reply completes without ending the wait.
-    ResetSerialReplyParser();
-    EXPECT_EQ(0, Parse({0x0A, 0x03, 0x39, 0x00, 0x00}));
-    EXPECT_EQ(0, SerialReplyParser.state);
-    EXPECT_EQ(0, SerialReplyParser.index);
-    EXPECT_EQ(1, Parse({0x0A, 0x01, 0x41}));  // ready for the next 0x0A
-
-    // Bytes after the packet that ended the wait are left unlooked at.
-    ResetSerialReplyParser();
-    EXPECT_EQ(1, Parse({0x0A, 0x01, 0x41, 0x0A, 0x05, 0x01}));
-    EXPECT_EQ(0, SerialReplyParser.state);
-
-    // A boot-loader IAP reply ends the wait.
-    ResetSerialReplyParser();
-    EXPECT_EQ(1, Parse({0x0A, 0x04, 0x39, 0x01, 0x00, 0x00}));
-    EXPECT_TRUE(log.Contains("Target device is bootloader"));
-}
-
-TEST(Parse232CmdPacket, StateCarriesAcrossCallsAtEverySplit) {
-    const Bytes stream = {0x33, 0x0A, 0x03, 0x39, 0x00, 0x00, 0x77, 0x0A, 0x01, 0x41};
-    for (size_t cut = 0; cut <= stream.size(); ++cut) {
-        SCOPED_TRACE(cut);
-        ResetSerialReplyParser();
-        int first = Parse232CmdPacket(stream.data(), static_cast<int>(cut));
-        int second = Parse232CmdPacket(stream.data() + cut, static_cast<int>(stream.size() - cut));
-        EXPECT_EQ(cut == stream.size() ? 1 : 0, first);
-        EXPECT_EQ(cut == stream.size() ? 0 : 1, second);
-    }
-    // One byte at a time: only the last byte ends the wait.
-    ResetSerialReplyParser();
-    for (size_t i = 0; i < stream.size(); ++i) {
-        EXPECT_EQ(i + 1 == stream.size() ? 1 : 0, Parse232CmdPacket(&stream[i], 1));
-    }
-}
-
-TEST(DispatchCmd, RepliedFlagByCommand) {
+// Streams fed in two calls cut at every position and one byte per call: the wait ends
+// (1) exactly at the last byte of an awaited reply (the loop-back, or an IAP reply from a
+// boot loader), never for other packets or an application-firmware IAP reply.
+TEST(Parse232CmdPacket, StopsAtTheAwaitedReplyWhereverTheStreamIsCut) {
     struct Case {
-        uint8_t cmd, b3, b4;
-        uint8_t replied;
+        Bytes stream;
+        bool awaited;  // then the stream ends with the awaited packet
     };
-    const Case cases[] = {{0x39, 0, 0, 0}, {0x39, 1, 0, 1}, {0x39, 0, 2, 1},
-                          {0x41, 0, 0, 1}, {0x42, 1, 1, 0}, {0x00, 0, 0, 0}};
+    const Case cases[] = {
+        {{0x55, 0x0A, 0x01, 0x41}, true},                    // loop-back after noise
+        {{0x0A, 0x04, 0x39, 0x01, 0x00, 0x00}, true},        // boot loader
+        {{0x0A, 0x04, 0x39, 0x00, 0x02, 0x00}, true},        // boot loader
+        {{0x0A, 0x03, 0x39, 0x00, 0x00}, false},             // application firmware
+        {{0x0A, 0x02, 0x42, 0x00}, false},                   // another command
+        {{0x33, 0x0A, 0x03, 0x39, 0x00, 0x00, 0x77, 0x0A, 0x01, 0x41}, true},
+    };
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.cmd * 1000 + c.b3 * 10 + c.b4);
+        SCOPED_TRACE(testing::PrintToString(c.stream));
+        const int n = static_cast<int>(c.stream.size());
+        for (int cut = 0; cut <= n; ++cut) {
+            SCOPED_TRACE(cut);
+            ResetSerialReplyParser();
+            EXPECT_EQ(c.awaited && cut == n ? 1 : 0, Parse232CmdPacket(c.stream.data(), cut));
+            EXPECT_EQ(c.awaited && cut < n ? 1 : 0,
+                      Parse232CmdPacket(c.stream.data() + cut, n - cut));
+        }
         ResetSerialReplyParser();
-        SerialReplyParser.replied = 1 - c.replied;
-        SerialReplyParser.packet[0] = 0x0A;
-        SerialReplyParser.packet[2] = c.cmd;
-        SerialReplyParser.packet[3] = c.b3;
-        SerialReplyParser.packet[4] = c.b4;
-        DispatchCmd();
-        EXPECT_EQ(c.replied, SerialReplyParser.replied);
+        for (int i = 0; i < n; ++i) {
+            EXPECT_EQ(c.awaited && i + 1 == n ? 1 : 0, Parse232CmdPacket(&c.stream[i], 1));
+        }
     }
 }
 
@@ -104,53 +71,40 @@ StreamPair MakeStreamPair() {
     return pair;
 }
 
+// Bytes queued before the wait, and bytes a thread sends 20 ms into it (during the pause
+// after the first read).
 TEST(WaitDeviceResponse, ReplyNoReplyAndSplitReply) {
-    DiscLogCapture log;
-    {
+    struct Case {
+        const char* what;
+        Bytes first;
+        Bytes late;
+        int result;
+    };
+    const Case cases[] = {
+        {"nothing", {}, {}, -1},
+        {"loop-back reply after a 0x00", {0x00, 0x0A, 0x01, 0x41}, {}, 0},
+        {"loop-back reply in two parts", {0x0A, 0x01}, {0x41}, 0},
+        {"a packet that never ends the wait", {0x0A, 0x02, 0x42, 0x00}, {}, -1},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
         StreamPair pair = MakeStreamPair();
         ResetSerialReplyParser();
-        EXPECT_EQ(-1, WaitDeviceResponse(pair.port.get()));
-        EXPECT_TRUE(log.Contains("WaitDeviceResponse, fd is not readable"));
-        EXPECT_TRUE(log.Contains("WaitDeviceResponse return with -1"));
-    }
-    {
-        StreamPair pair = MakeStreamPair();
-        ResetSerialReplyParser();
-        const uint8_t reply[] = {0x00, 0x0A, 0x01, 0x41};
-        ASSERT_EQ(4, write(pair.peer.get(), reply, 4));
-        EXPECT_EQ(0, WaitDeviceResponse(pair.port.get()));
-        EXPECT_TRUE(log.Contains("Read 4 bytes from device: [00][0A][01][41]"));
-    }
-    {
-        // The second half arrives during the 50 ms pause after the first read.
-        StreamPair pair = MakeStreamPair();
-        ResetSerialReplyParser();
-        const uint8_t first[] = {0x0A, 0x01};
-        const uint8_t second[] = {0x41};
-        ASSERT_EQ(2, write(pair.peer.get(), first, 2));
-        int peer = pair.peer.get();
+        const int peer = pair.peer.get();
+        EXPECT_EQ(static_cast<ssize_t>(c.first.size()), write(peer, c.first.data(), c.first.size()));
         std::thread late([&] {
             struct timespec ts = {0, 20 * 1000000L};
             nanosleep(&ts, nullptr);
-            (void)write(peer, second, 1);
+            if (!c.late.empty()) (void)write(peer, c.late.data(), c.late.size());
         });
-        EXPECT_EQ(0, WaitDeviceResponse(pair.port.get()));
+        EXPECT_EQ(c.result, WaitDeviceResponse(pair.port.get()));
         late.join();
-    }
-    {
-        // Data that never ends the wait: -1 once the port has nothing more.
-        StreamPair pair = MakeStreamPair();
-        ResetSerialReplyParser();
-        const uint8_t other[] = {0x0A, 0x02, 0x42, 0x00};
-        ASSERT_EQ(4, write(pair.peer.get(), other, 4));
-        EXPECT_EQ(-1, WaitDeviceResponse(pair.port.get()));
     }
 }
 
 // A port that keeps delivering bytes that never end the wait holds it at most
 // kWaitResponseLimitMs (plus one pause). /dev/zero never runs dry and never forms a packet.
 TEST(WaitDeviceResponse, TimeBoundUnderEndlessTraffic) {
-    ASSERT_EQ(1000, kWaitResponseLimitMs);
     UniqueFd zero(OpenCloexec("/dev/zero", O_RDONLY));
     ASSERT_TRUE(zero.valid());
     ResetSerialReplyParser();
