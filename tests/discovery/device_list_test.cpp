@@ -58,70 +58,49 @@ class DeviceListTest : public testing::Test {
 TEST_F(DeviceListTest, IsPortObjExistedComparesWholePaths) {
     EXPECT_EQ(-1, IsPortObjExisted(&manager_, "/dev/hidraw0"));  // empty list
     LinkByHand({"/dev/hidraw0", "/dev/ttyS1", "/dev/serio_raw2"});
-    EXPECT_EQ(0, IsPortObjExisted(&manager_, "/dev/hidraw0"));
-    EXPECT_EQ(0, IsPortObjExisted(&manager_, "/dev/ttyS1"));
-    EXPECT_EQ(0, IsPortObjExisted(&manager_, "/dev/serio_raw2"));
-    EXPECT_EQ(-1, IsPortObjExisted(&manager_, "/dev/hidraw"));
-    EXPECT_EQ(-1, IsPortObjExisted(&manager_, "/dev/hidraw00"));
-    EXPECT_EQ(-1, IsPortObjExisted(&manager_, "/dev/ttyS10"));
-    EXPECT_EQ(-1, IsPortObjExisted(&manager_, ""));
+    for (const char* path : {"/dev/hidraw0", "/dev/ttyS1", "/dev/serio_raw2"}) {
+        EXPECT_EQ(0, IsPortObjExisted(&manager_, path)) << path;
+    }
+    for (const char* path : {"/dev/hidraw", "/dev/hidraw00", "/dev/ttyS10", ""}) {
+        EXPECT_EQ(-1, IsPortObjExisted(&manager_, path)) << path;
+    }
 }
 
+// Head, middle, tail, then the last one; the log names the removed path (a kept copy:
+// the object's text is gone once it is destroyed) and the count left.
 TEST_F(DeviceListTest, RemoveDeviceAtHeadMiddleAndTail) {
     DiscLogCapture log;
-    LinkByHand({"/dev/hidraw0", "/dev/hidraw1", "/dev/hidraw2", "/dev/hidraw3", "/dev/hidraw4"});
-    ASSERT_EQ(5, manager_.DeviceCount);
-
-    RemoveDevice(&manager_, LinkOf("/dev/hidraw0"));  // head
-    EXPECT_EQ(
-        (std::vector<std::string>{"/dev/hidraw1", "/dev/hidraw2", "/dev/hidraw3", "/dev/hidraw4"}),
-        ListPaths());
-    EXPECT_EQ(4, manager_.DeviceCount);
-    EXPECT_TRUE(log.Contains("Device [/dev/hidraw0] was removed, existed device amount = 4"));
-
-    RemoveDevice(&manager_, LinkOf("/dev/hidraw2"));  // middle
-    EXPECT_EQ((std::vector<std::string>{"/dev/hidraw1", "/dev/hidraw3", "/dev/hidraw4"}),
-              ListPaths());
-    EXPECT_EQ(3, manager_.DeviceCount);
-    EXPECT_TRUE(log.Contains("Device [/dev/hidraw2] was removed, existed device amount = 3"));
-
-    RemoveDevice(&manager_, LinkOf("/dev/hidraw4"));  // tail: predecessor's pNext becomes null
-    EXPECT_EQ((std::vector<std::string>{"/dev/hidraw1", "/dev/hidraw3"}), ListPaths());
-    EXPECT_EQ(nullptr, manager_.DeviceListHead->pNext->pNext);
-    EXPECT_EQ(2, manager_.DeviceCount);
-
-    RemoveDevice(&manager_, LinkOf("/dev/hidraw1"));
-    RemoveDevice(&manager_, LinkOf("/dev/hidraw3"));  // the last one empties the list
-    EXPECT_EQ(nullptr, manager_.DeviceListHead);
-    EXPECT_EQ(0, manager_.DeviceCount);
-    EXPECT_TRUE(log.Contains("Device [/dev/hidraw3] was removed, existed device amount = 0"));
-
+    const std::string long_path = "/dev/" + std::string(70, 'x');  // longer than PortPath holds
+    LinkByHand({"/dev/hidraw0", "/dev/hidraw1", "/dev/hidraw2", long_path, "/dev/hidraw4"});
+    const std::string kept = "/dev/" + std::string(58, 'x');
+    struct Step {
+        std::string path;
+        std::vector<std::string> left;
+    };
+    const Step steps[] = {
+        {"/dev/hidraw0", {"/dev/hidraw1", "/dev/hidraw2", kept, "/dev/hidraw4"}},
+        {"/dev/hidraw2", {"/dev/hidraw1", kept, "/dev/hidraw4"}},
+        {"/dev/hidraw4", {"/dev/hidraw1", kept}},
+        {kept, {"/dev/hidraw1"}},
+        {"/dev/hidraw1", {}},
+    };
+    for (const Step& s : steps) {
+        SCOPED_TRACE(s.path);
+        RemoveDevice(&manager_, LinkOf(s.path));
+        EXPECT_EQ(s.left, ListPaths());
+        EXPECT_EQ(static_cast<int>(s.left.size()), manager_.DeviceCount);
+        EXPECT_TRUE(log.Contains("Device [" + s.path + "] was removed, existed device amount = " +
+                                 std::to_string(s.left.size())));
+    }
     RemoveDevice(&manager_, &manager_.DeviceListHead);  // nothing to remove: no change
     EXPECT_EQ(0, manager_.DeviceCount);
 }
 
-TEST_F(DeviceListTest, RemovedPathIsTheOneLogged) {
-    // The object's text is gone once it is destroyed: the message uses a kept copy.
-    DiscLogCapture log;
-    const std::string long_path = "/dev/" + std::string(70, 'x');  // longer than PortPath holds
-    LinkByHand({long_path});
-    RemoveDevice(&manager_, &manager_.DeviceListHead);
-    EXPECT_TRUE(log.Contains("Device [/dev/" + std::string(58, 'x') +
-                             "] was removed, existed device amount = 0"));
-}
-
 TEST_F(DeviceListTest, AddandInitDeviceFailureLeavesListAndCount) {
-    DiscLogCapture log;
     LinkByHand({"/dev/hidraw0", "/dev/hidraw1"});
-    CDeviceObject* head = manager_.DeviceListHead;
     EXPECT_EQ(-1, AddandInitDevice(&manager_, "/nonexistent/hidraw7", &manager_.DeviceListHead));
     EXPECT_EQ(2, manager_.DeviceCount);
-    EXPECT_EQ(head, manager_.DeviceListHead);
     EXPECT_EQ((std::vector<std::string>{"/dev/hidraw0", "/dev/hidraw1"}), ListPaths());
-    // The count is raised before the object exists, and lowered again when it fails.
-    EXPECT_TRUE(log.Contains("Add device [/nonexistent/hidraw7], current device amount = 3"));
-
-    // Into an empty list: the head stays null.
     while (manager_.DeviceListHead) RemoveDevice(&manager_, &manager_.DeviceListHead);
     EXPECT_EQ(-1, AddandInitDevice(&manager_, "/nonexistent/ttyS3", &manager_.DeviceListHead));
     EXPECT_EQ(nullptr, manager_.DeviceListHead);

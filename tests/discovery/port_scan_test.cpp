@@ -59,44 +59,21 @@ class PortScanTest : public testing::Test {
 
 TEST_F(PortScanTest, UsbPassWithoutNodesOnlyResetsTheIAPType) {
     if (AnyNode("/dev/hidraw*")) GTEST_SKIP() << "this host has hidraw nodes";
-    DiscLogCapture log;
     ScanUSBPort(&manager_);
     EXPECT_EQ(IAP_FW, settings_.NewDevIAPType);
     EXPECT_EQ(0, manager_.DeviceCount);
-    EXPECT_EQ(0, log.Count("Scan USB port"));
-
-    // At the limit the pass still resets the IAP type before it ends.
-    settings_.NewDevIAPType = IAP_BFW;
-    settings_.MaxDeviceNums = 0;
-    ScanUSBPort(&manager_);
-    EXPECT_EQ(IAP_FW, settings_.NewDevIAPType);
 }
 
 TEST_F(PortScanTest, CheckUSBDeviceRejectsWhatIsNotAHidrawNode) {
     DiscLogCapture log;
-    EXPECT_EQ(-1, CheckUSBDevice(&manager_, "/nonexistent/hidraw0"));
-    EXPECT_TRUE(
-        log.Contains("Open port [/nonexistent/hidraw0] failed with fd=-1. This may be "
-                     "caused by executing with non-root permission."));
-
     const std::string plain = data_.path() + "/hidraw_plain_file";
-    { UniqueFd f(OpenCloexec(plain.c_str(), O_CREAT | O_WRONLY, 0600)); }
-    EXPECT_EQ(-1, CheckUSBDevice(&manager_, plain.c_str()));
+    ASSERT_TRUE(coretest::WriteFile(plain, ""));
+    for (const std::string& path : {std::string("/nonexistent/hidraw0"), plain, std::string("/dev/null")}) {
+        EXPECT_EQ(-1, CheckUSBDevice(&manager_, path.c_str())) << path;
+    }
     EXPECT_TRUE(log.Contains("Refused device node [" + plain + "]: not a character device"));
-    // A character device that is not a hidraw node opens, and its info request fails.
-    EXPECT_EQ(-1, CheckUSBDevice(&manager_, "/dev/null"));
     EXPECT_TRUE(log.Contains("Failed to get HIDRAW Device Info at /dev/null!"));
-    EXPECT_EQ(0, log.Count("Found an QEVO Device"));
-}
-
-TEST_F(PortScanTest, SerialPassAtTheLimitDoesNothing) {
-    DiscLogCapture log;
-    settings_.MaxDeviceNums = 0;
-    settings_.CustomPathMask = kCustomSerialPathBit;
-    snprintf(settings_.CustomSerialPath[0], kTextMax, "/nonexistent/ttyUSB0");
-    ScanRS232Port(&manager_);
-    EXPECT_EQ(IAP_BFW, settings_.NewDevIAPType);  // returns before the reset
-    EXPECT_EQ(0, log.Count("RS232"));
+    EXPECT_EQ(0, manager_.DeviceCount);
 }
 
 TEST_F(PortScanTest, CustomSerialPathsReplaceTheStandardPorts) {
@@ -116,13 +93,7 @@ TEST_F(PortScanTest, CustomSerialPathsReplaceTheStandardPorts) {
     int scanned = log.Find("----  Scan RS232 Path [" + pty + "]  ----");
     EXPECT_GE(scanned, 0);
     EXPECT_GT(log.Find("failed to check device [" + pty + "].", scanned), scanned);
-    int loopbacks = 0, queries = 0;  // loop-back and IAP query at each of the four speeds
-    for (const auto& seen : silent.Seen()) {
-        loopbacks += seen.first == 0x41;
-        queries += seen.first == 0x39;
-    }
-    EXPECT_EQ(4, loopbacks);
-    EXPECT_EQ(4, queries);
+    EXPECT_EQ(8u, silent.Seen().size());  // loop-back and IAP query at each of four speeds
     EXPECT_EQ(0, log.Count("Scan RS232 Path [/dev/ttyS"));
     EXPECT_EQ(0, log.Count("[default]"));
     EXPECT_EQ(0, manager_.DeviceCount);
@@ -171,16 +142,6 @@ TEST_F(PortScanTest, OwnedCustomPathIsNotProbedAgain) {
     EXPECT_TRUE(controller.Seen().empty());
     EXPECT_EQ(1, manager_.DeviceCount);
     EXPECT_EQ(1234u, settings_.DeviceBaudRate);
-}
-
-TEST_F(PortScanTest, Ps2PassLeavesTheIAPTypeAlone) {
-    if (AnyNode("/dev/serio_raw*")) GTEST_SKIP() << "this host has serio_raw nodes";
-    DiscLogCapture log;
-    settings_.MaxDeviceNums = 2;
-    ScanPS2Port(&manager_);
-    EXPECT_EQ(IAP_BFW, settings_.NewDevIAPType);
-    EXPECT_EQ(0, manager_.DeviceCount);
-    EXPECT_EQ(0, log.Count("Scan PS2 Path"));
 }
 
 }  // namespace
