@@ -1,6 +1,7 @@
-// ReadDeviceResponse and its merges over real descriptors. A SOCK_SEQPACKET socketpair
-// keeps the boundaries of the writes, so each piece written below is exactly one read of
-// the reader.
+// The probe's reply readers over real descriptors: ReadDeviceResponse (a SOCK_SEQPACKET
+// socketpair keeps the boundaries of the writes, so each piece written below is exactly
+// one read of the reader), and the serial reply parser with WaitDeviceResponse (a stream
+// socketpair, non-blocking as serial ports are opened).
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <string.h>
@@ -19,24 +20,60 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
+long NowMs() {
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return ts.tv_sec * 1000L + ts.tv_nsec / 1000000L;
+}
+
 struct PacketPair {
     UniqueFd reader;
     UniqueFd writer;
 };
 
-PacketPair MakePacketPair() {
+PacketPair MakePacketPair(int type = SOCK_SEQPACKET) {
     int fds[2];
-    EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, fds));
+    EXPECT_EQ(0, socketpair(AF_UNIX, type | SOCK_CLOEXEC, 0, fds));
     PacketPair pair;
     pair.reader.reset(fds[0]);
     pair.writer.reset(fds[1]);
+    if (type == SOCK_STREAM) fcntl(fds[0], F_SETFL, fcntl(fds[0], F_GETFL) | O_NONBLOCK);
     return pair;
 }
 
-long NowMs() {
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return ts.tv_sec * 1000L + ts.tv_nsec / 1000000L;
+// Keeps the writer's side of a pair full of one piece, over and over, until destroyed.
+class EndlessWriter {
+  public:
+    EndlessWriter(int fd, const Bytes& piece) : fd_(fd), piece_(piece) {
+        while (send(fd_, piece_.data(), piece_.size(), MSG_DONTWAIT) > 0) {
+        }
+        thread_ = std::thread([this] {
+            while (!stop_.load()) {
+                if (send(fd_, piece_.data(), piece_.size(), MSG_DONTWAIT) < 0) {
+                    struct timespec ts = {0, 500000};
+                    nanosleep(&ts, nullptr);
+                }
+            }
+        });
+    }
+    ~EndlessWriter() {
+        stop_ = true;
+        thread_.join();
+    }
+
+  private:
+    int fd_;
+    Bytes piece_;
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+};
+
+// How long fn runs, in ms.
+template <typename Fn>
+long Elapsed(Fn fn) {
+    const long start = NowMs();
+    fn();
+    return NowMs() - start;
 }
 
 // Writes every piece as one packet, runs the reader once; the result and the first
@@ -52,27 +89,6 @@ std::pair<int, Bytes> ReadPieces(const std::vector<Bytes>& pieces, uint8_t seria
     context.bSerialFraming = serial;
     const int result = ReadDeviceResponse(&context, pair.reader.get(), context.ReplyBuf, cmd);
     return {result, Bytes(context.ReplyBuf, context.ReplyBuf + (result > 0 ? result : 0))};
-}
-
-TEST(MergeSerialReply, CompletesAtEverySplitAndNeverEarlier) {
-    const Bytes full = {0x0A, 0x04, 0x39, 0x00, 0x01, 0x00};
-    for (size_t cut = 1; cut <= full.size(); ++cut) {
-        SCOPED_TRACE(cut);
-        uint8_t reply[kReplyBufSize] = {};
-        ProbeContext context = {};
-        int pos = 0;
-        if (cut < full.size()) {  // two calls
-            EXPECT_EQ(0, MergeSerialReply(&context, full.data(), static_cast<int>(cut), reply, &pos));
-            EXPECT_EQ(6, MergeSerialReply(&context, full.data() + cut,
-                                          static_cast<int>(full.size() - cut), reply, &pos));
-        } else {  // one byte per call: only the sixth completes
-            for (size_t i = 0; i < full.size(); ++i) {
-                EXPECT_EQ(i + 1 == full.size() ? 6 : 0,
-                          MergeSerialReply(&context, &full[i], 1, reply, &pos));
-            }
-        }
-        EXPECT_EQ(full, Bytes(reply, reply + 6));
-    }
 }
 
 // Reads of one run of the reader: the framing rules of serial (0x0A) and USB (0x03)
@@ -143,50 +159,117 @@ TEST(ReadDeviceResponse, Replies) {
 }
 
 // A port that keeps sending traffic that is never a reply holds the reader at most
-// kProbeReadLimitMs.
+// kProbeReadLimitMs: /dev/zero (never runs dry, never forms a packet: a dropped 0x00, then
+// no header), and a peer sending packets with an illegal serial length (the merge fails
+// over and over without a try being used). For the peer only the upper bound is checked:
+// a writer thread descheduled for 12 ms on a busy host looks like silence, which ends the
+// reader earlier, as it should.
 TEST(ReadDeviceResponse, TimeBoundUnderEndlessTraffic) {
-    // /dev/zero never runs dry and never forms a packet (a dropped 0x00, then no header):
-    // the reader keeps reading without using a try until the time bound ends it.
     for (uint8_t serial : {1, 0}) {
         SCOPED_TRACE(serial);
         UniqueFd zero(OpenCloexec("/dev/zero", O_RDONLY));
         ASSERT_TRUE(zero.valid());
         ProbeContext context = {};
         context.bSerialFraming = serial;
-        long start = NowMs();
-        EXPECT_EQ(-1, ReadDeviceResponse(&context, zero.get(), context.ReplyBuf, 0x41));
-        long elapsed = NowMs() - start;
-        EXPECT_GE(elapsed, kProbeReadLimitMs - 2);  // both clocks truncated to ms
-        EXPECT_LT(elapsed, kProbeReadLimitMs + 150);
+        int result = 0;
+        const long ms = Elapsed([&] { result = ReadDeviceResponse(&context, zero.get(), context.ReplyBuf, 0x41); });
+        EXPECT_EQ(-1, result);
+        EXPECT_GE(ms, kProbeReadLimitMs - 2);  // both clocks truncated to ms
+        EXPECT_LT(ms, kProbeReadLimitMs + 150);
     }
-
-    // A peer that keeps sending packets with an illegal serial length: the merge fails
-    // over and over without a try being used, and the reader still ends within the bound.
-    // (Only the upper bound is checked: a writer thread descheduled for 12 ms on a busy
-    // host looks like silence, which ends the reader earlier, as it should.)
     PacketPair pair = MakePacketPair();
-    std::atomic<bool> stop{false};
-    int writer_fd = pair.writer.get();
-    const Bytes piece = {0x0A, 0x3F, 0x39};
-    while (send(writer_fd, piece.data(), piece.size(), MSG_DONTWAIT) > 0) {
-    }
-    std::thread writer([&] {
-        while (!stop.load()) {
-            if (send(writer_fd, piece.data(), piece.size(), MSG_DONTWAIT) < 0) {
-                struct timespec ts = {0, 500000};
-                nanosleep(&ts, nullptr);
-            }
-        }
-    });
+    EndlessWriter writer(pair.writer.get(), {0x0A, 0x3F, 0x39});
     ProbeContext context = {};
     context.bSerialFraming = 1;
-    long start = NowMs();
-    int result = ReadDeviceResponse(&context, pair.reader.get(), context.ReplyBuf, 0x41);
-    long elapsed = NowMs() - start;
-    stop = true;
-    writer.join();
+    int result = 0;
+    const long ms = Elapsed([&] { result = ReadDeviceResponse(&context, pair.reader.get(), context.ReplyBuf, 0x41); });
     EXPECT_EQ(-1, result);
-    EXPECT_LT(elapsed, kProbeReadLimitMs + 150);
+    EXPECT_LT(ms, kProbeReadLimitMs + 150);
+}
+
+// Streams fed in two calls cut at every position and one byte per call: the wait ends
+// (1) exactly at the last byte of an awaited reply (the loop-back, or an IAP reply from a
+// boot loader), never for other packets or an application-firmware IAP reply.
+TEST(Parse232CmdPacket, StopsAtTheAwaitedReplyWhereverTheStreamIsCut) {
+    struct Case {
+        Bytes stream;
+        bool awaited;  // then the stream ends with the awaited packet
+    };
+    const Case cases[] = {
+        {{0x55, 0x0A, 0x01, 0x41}, true},                    // loop-back after noise
+        {{0x0A, 0x04, 0x39, 0x01, 0x00, 0x00}, true},        // boot loader
+        {{0x0A, 0x04, 0x39, 0x00, 0x02, 0x00}, true},        // boot loader
+        {{0x0A, 0x03, 0x39, 0x00, 0x00}, false},             // application firmware
+        {{0x0A, 0x02, 0x42, 0x00}, false},                   // another command
+        {{0x33, 0x0A, 0x03, 0x39, 0x00, 0x00, 0x77, 0x0A, 0x01, 0x41}, true},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(testing::PrintToString(c.stream));
+        const int n = static_cast<int>(c.stream.size());
+        for (int cut = 0; cut <= n; ++cut) {
+            SCOPED_TRACE(cut);
+            ResetSerialReplyParser();
+            EXPECT_EQ(c.awaited && cut == n ? 1 : 0, Parse232CmdPacket(c.stream.data(), cut));
+            EXPECT_EQ(c.awaited && cut < n ? 1 : 0,
+                      Parse232CmdPacket(c.stream.data() + cut, n - cut));
+        }
+        ResetSerialReplyParser();
+        for (int i = 0; i < n; ++i) {
+            EXPECT_EQ(c.awaited && i + 1 == n ? 1 : 0, Parse232CmdPacket(&c.stream[i], 1));
+        }
+    }
+}
+
+// Bytes queued before the wait, and bytes a thread sends 20 ms into it (during the pause
+// after the first read).
+TEST(WaitDeviceResponse, ReplyNoReplyAndSplitReply) {
+    struct Case {
+        const char* what;
+        Bytes first;
+        Bytes late;
+        int result;
+    };
+    const Case cases[] = {
+        {"nothing", {}, {}, -1},
+        {"loop-back reply after a 0x00", {0x00, 0x0A, 0x01, 0x41}, {}, 0},
+        {"loop-back reply in two parts", {0x0A, 0x01}, {0x41}, 0},
+        {"a packet that never ends the wait", {0x0A, 0x02, 0x42, 0x00}, {}, -1},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        PacketPair pair = MakePacketPair(SOCK_STREAM);
+        ResetSerialReplyParser();
+        const int peer = pair.writer.get();
+        EXPECT_EQ(static_cast<ssize_t>(c.first.size()), write(peer, c.first.data(), c.first.size()));
+        std::thread late([&] {
+            struct timespec ts = {0, 20 * 1000000L};
+            nanosleep(&ts, nullptr);
+            if (!c.late.empty()) (void)write(peer, c.late.data(), c.late.size());
+        });
+        EXPECT_EQ(c.result, WaitDeviceResponse(pair.reader.get()));
+        late.join();
+    }
+}
+
+// A port that keeps delivering bytes that never end the wait holds it at most
+// kWaitResponseLimitMs (plus one pause): /dev/zero, and packets for other commands over
+// and over (completed, dispatched, never awaited).
+TEST(WaitDeviceResponse, TimeBoundUnderEndlessTraffic) {
+    UniqueFd zero(OpenCloexec("/dev/zero", O_RDONLY));
+    ASSERT_TRUE(zero.valid());
+    ResetSerialReplyParser();
+    int result = 0;
+    long ms = Elapsed([&] { result = WaitDeviceResponse(zero.get()); });
+    EXPECT_EQ(-1, result);
+    EXPECT_GE(ms, kWaitResponseLimitMs - 2);  // both clocks truncated to ms
+    EXPECT_LT(ms, kWaitResponseLimitMs + 300);
+
+    PacketPair pair = MakePacketPair(SOCK_STREAM);
+    ResetSerialReplyParser();
+    EndlessWriter writer(pair.writer.get(), {0x0A, 0x02, 0x42, 0x00, 0x55});
+    ms = Elapsed([&] { result = WaitDeviceResponse(pair.reader.get()); });
+    EXPECT_EQ(-1, result);
+    EXPECT_LT(ms, kWaitResponseLimitMs + 300);
 }
 
 }  // namespace
