@@ -1,12 +1,14 @@
-// One pass of the USB, serial and PS/2 scans: which nodes are looked at, what is logged,
-// and what the pass leaves in the settings and the list. No test here writes to a real
-// serial port of the host: serial scans run with custom paths pointing at ptys.
+// One pass of the USB and serial scans: which nodes are looked at and what the pass leaves
+// in the settings and the manager's device list, and the list itself (lookup, append
+// failure, unlinking) with bare records (no port, no thread) linked by hand. No test here
+// writes to a real serial port of the host: serial scans run with custom paths at ptys.
 #include <fcntl.h>
 #include <glob.h>
 #include <gtest/gtest.h>
 #include <string.h>
 
 #include <string>
+#include <vector>
 
 #include "config/global_settings.h"
 #include "core/manager.h"
@@ -45,11 +47,25 @@ class PortScanTest : public testing::Test {
     void TearDown() override {
         while (manager_.DeviceListHead) RemoveDevice(&manager_, &manager_.DeviceListHead);
     }
-    void LinkBareRecord(const char* path) {
-        CDeviceObject* device = new CDeviceObject(path, &settings_);
-        device->pNext = manager_.DeviceListHead;
-        manager_.DeviceListHead = device;
-        manager_.DeviceCount++;
+    // Links bare records for paths at the tail, keeping the count in step.
+    void LinkByHand(const std::vector<std::string>& paths) {
+        CDeviceObject** link = &manager_.DeviceListHead;
+        while (*link) link = &(*link)->pNext;
+        for (const std::string& path : paths) {
+            *link = new CDeviceObject(path.c_str(), &settings_);
+            link = &(*link)->pNext;
+            manager_.DeviceCount++;
+        }
+    }
+    std::vector<std::string> ListPaths() const {
+        std::vector<std::string> paths;
+        for (CDeviceObject* d = manager_.DeviceListHead; d; d = d->pNext) paths.push_back(d->PortPath);
+        return paths;
+    }
+    CDeviceObject** LinkOf(const std::string& path) {
+        CDeviceObject** link = &manager_.DeviceListHead;
+        while (*link && path != (*link)->PortPath) link = &(*link)->pNext;
+        return link;
     }
 
     DiscTempDir data_;
@@ -134,7 +150,7 @@ TEST_F(PortScanTest, OwnedCustomPathIsNotProbedAgain) {
     settings_.MaxDeviceNums = 3;
     settings_.CustomPathMask = kCustomSerialPathBit;
     snprintf(settings_.CustomSerialPath[4], kTextMax, "%s", controller.slave_path().c_str());
-    LinkBareRecord(controller.slave_path().c_str());
+    LinkByHand({controller.slave_path()});
     ScanRS232Port(&manager_);
     controller.Stop();
     EXPECT_TRUE(
@@ -142,6 +158,59 @@ TEST_F(PortScanTest, OwnedCustomPathIsNotProbedAgain) {
     EXPECT_TRUE(controller.Seen().empty());
     EXPECT_EQ(1, manager_.DeviceCount);
     EXPECT_EQ(1234u, settings_.DeviceBaudRate);
+}
+
+TEST_F(PortScanTest, IsPortObjExistedComparesWholePaths) {
+    EXPECT_EQ(-1, IsPortObjExisted(&manager_, "/dev/hidraw0"));  // empty list
+    LinkByHand({"/dev/hidraw0", "/dev/ttyS1", "/dev/serio_raw2"});
+    for (const char* path : {"/dev/hidraw0", "/dev/ttyS1", "/dev/serio_raw2"}) {
+        EXPECT_EQ(0, IsPortObjExisted(&manager_, path)) << path;
+    }
+    for (const char* path : {"/dev/hidraw", "/dev/hidraw00", "/dev/ttyS10", ""}) {
+        EXPECT_EQ(-1, IsPortObjExisted(&manager_, path)) << path;
+    }
+}
+
+// Head, middle, tail, then the last one; the log names the removed path (a kept copy:
+// the object's text is gone once it is destroyed) and the count left.
+TEST_F(PortScanTest, RemoveDeviceAtHeadMiddleAndTail) {
+    DiscLogCapture log;
+    const std::string long_path = "/dev/" + std::string(70, 'x');  // longer than PortPath holds
+    LinkByHand({"/dev/hidraw0", "/dev/hidraw1", "/dev/hidraw2", long_path, "/dev/hidraw4"});
+    const std::string kept = "/dev/" + std::string(58, 'x');
+    struct Step {
+        std::string path;
+        std::vector<std::string> left;
+    };
+    const Step steps[] = {
+        {"/dev/hidraw0", {"/dev/hidraw1", "/dev/hidraw2", kept, "/dev/hidraw4"}},
+        {"/dev/hidraw2", {"/dev/hidraw1", kept, "/dev/hidraw4"}},
+        {"/dev/hidraw4", {"/dev/hidraw1", kept}},
+        {kept, {"/dev/hidraw1"}},
+        {"/dev/hidraw1", {}},
+    };
+    for (const Step& s : steps) {
+        SCOPED_TRACE(s.path);
+        RemoveDevice(&manager_, LinkOf(s.path));
+        EXPECT_EQ(s.left, ListPaths());
+        EXPECT_EQ(static_cast<int>(s.left.size()), manager_.DeviceCount);
+        EXPECT_TRUE(log.Contains("Device [" + s.path + "] was removed, existed device amount = " +
+                                 std::to_string(s.left.size())));
+    }
+    RemoveDevice(&manager_, &manager_.DeviceListHead);  // nothing to remove: no change
+    EXPECT_EQ(0, manager_.DeviceCount);
+}
+
+TEST_F(PortScanTest, AddandInitDeviceFailureLeavesListAndCount) {
+    settings_.MaxDeviceNums = 4;
+    LinkByHand({"/dev/hidraw0", "/dev/hidraw1"});
+    EXPECT_EQ(-1, AddandInitDevice(&manager_, "/nonexistent/hidraw7", &manager_.DeviceListHead));
+    EXPECT_EQ(2, manager_.DeviceCount);
+    EXPECT_EQ((std::vector<std::string>{"/dev/hidraw0", "/dev/hidraw1"}), ListPaths());
+    while (manager_.DeviceListHead) RemoveDevice(&manager_, &manager_.DeviceListHead);
+    EXPECT_EQ(-1, AddandInitDevice(&manager_, "/nonexistent/ttyS3", &manager_.DeviceListHead));
+    EXPECT_EQ(nullptr, manager_.DeviceListHead);
+    EXPECT_EQ(0, manager_.DeviceCount);
 }
 
 }  // namespace
