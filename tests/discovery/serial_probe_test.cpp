@@ -7,6 +7,7 @@
 #include <termios.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "config/global_settings.h"
@@ -18,6 +19,13 @@
 #include "support/disc_pty_controller.h"
 
 namespace {
+
+// The settings of a line that a probe must leave as it found them.
+std::string Line(const struct termios& t) {
+    return testing::PrintToString(std::make_tuple(t.c_iflag, t.c_oflag, t.c_cflag, t.c_lflag,
+                                                  cfgetospeed(&t))) +
+           std::string(reinterpret_cast<const char*>(t.c_cc), sizeof(t.c_cc));
+}
 
 using Bytes = std::vector<uint8_t>;
 using disc::kAppIAPReply;
@@ -121,13 +129,7 @@ TEST(CheckRS232Device, ProbeAtEachSpeed) {
         }
         EXPECT_EQ(c.loopbacks, loopbacks);
         EXPECT_EQ(c.queries, queries);
-        const struct termios after = controller.SlaveLine();
-        EXPECT_EQ(before.c_iflag, after.c_iflag);
-        EXPECT_EQ(before.c_oflag, after.c_oflag);
-        EXPECT_EQ(before.c_cflag, after.c_cflag);
-        EXPECT_EQ(before.c_lflag, after.c_lflag);
-        EXPECT_EQ(cfgetospeed(&before), cfgetospeed(&after));
-        EXPECT_EQ(0, memcmp(before.c_cc, after.c_cc, sizeof(before.c_cc)));
+        EXPECT_EQ(Line(before), Line(controller.SlaveLine()));
     }
 }
 
