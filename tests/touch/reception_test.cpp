@@ -1,6 +1,8 @@
-// The reception step over a datagram socketpair standing in for the port: nothing to read,
-// one report, the USB splitter's classification, and the unplug path (run in a child
-// process with its own process group, since it signals the whole group).
+// Reception: the step over a datagram socketpair standing in for the port (nothing to
+// read, one report, and the unplug path, run in a child process with its own process
+// group since it signals the whole group), and the splitters that turn the bytes of a read
+// into point reports (seen as touch events: slot protocol, neutral settings) and command
+// replies (seen through the self hook and the reply buffer).
 #include "touch/reception.h"
 
 #include <gtest/gtest.h>
@@ -25,6 +27,24 @@
 using namespace touchtest;
 
 namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+std::vector<Ev> Frame(int id, int x, int y, bool down = true) {
+    std::vector<Ev> want;
+    if (down) {
+        AddSlotDown(&want, id, x, y);
+    } else {
+        AddSlotUp(&want, id);
+    }
+    want.push_back(Syn());
+    return want;
+}
+
+std::vector<Ev> Concat(std::vector<Ev> a, const std::vector<Ev>& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
 
 void MakePort(TouchRig& rig, UniqueFd* controller) {
     int fds[2];
@@ -166,52 +186,97 @@ TEST(ReceiveStep, EmptyReadIsAnUnplugAndRemovesOnlyADeviceNodeUnderDev) {
     }
 }
 
-// Which consumer a USB read goes to. A point report is seen as touch events, a reply
-// through the self hook on command 0x55.
-TEST(UsbSplit, ClassificationBySkipAndRawPointSettings) {
+// Which consumer the bytes of a read go to. Serial and PS/2 streams are fed in two reads
+// cut at every position and one byte per read, with the same outcome every time and
+// nothing left half-split; a USB read is one report.
+TEST(PortBytes, PointsAndRepliesWhateverTheReadBoundaries) {
     VersionGuard version(9);
     struct Case {
         const char* what;
+        uint8_t iface;
+        uint32_t baud;
         bool skip_first;
         uint8_t raw_points;
-        std::vector<uint8_t> bytes;
-        bool to_point;
-        bool to_reply;
+        bool to_tool;
+        uint8_t hook;
+        Bytes stream;
+        std::vector<Ev> touch;
+        Bytes reply;  // empty: the hook is not answered
     };
-    const std::vector<uint8_t> point = {0x03, 0x81, 0x10, 0x00, 0x20, 0x00};  // touching, id 0
-    const std::vector<uint8_t> reply = {0x03, 0x02, 0x55, 0x01};
-    const std::vector<uint8_t> serial_reply = {0x0A, 0x02, 0x55, 0x01};
-    const std::vector<uint8_t> report = {0x01, 0x01, 0x10, 0x00, 0x20, 0x00};
+    Bytes longest = {0x0A, 0xFF, 0x55};  // length byte 0xFF: 64 bytes, not 0xFF + 2 wrapped
+    for (int i = 3; i < 64; ++i) longest.push_back(static_cast<uint8_t>(i));
+    const uint8_t U = DEV_USB, R = DEV_RS232, P = DEV_PS2;
+    const std::vector<Ev> corner = Frame(0, 4094, 4094);
+    const Bytes point = {0x03, 0x81, 0x10, 0x00, 0x20, 0x00};  // as a raw point: touching, id 0
+    const Bytes reply = {0x03, 0x02, 0x55, 0x01};
+    const Bytes serial_reply = {0x0A, 0x02, 0x55, 0x01};
+    const Bytes report = {0x01, 0x01, 0x10, 0x00, 0x20, 0x00};
     // clang-format off
     const Case cases[] = {
-        // what                                      skip  raw  bytes         point  reply
-        {"0x03 reply",                               false, 0, reply,         false, true},
-        {"0x0A reply",                               false, 0, serial_reply,  false, true},
-        {"leading 0x00 dropped",                     false, 0, {0x00, 0x03, 0x02, 0x55, 0x01}, false, true},
-        {"SkipFirstByte drops any first byte",       true,  0, {0x7E, 0x03, 0x02, 0x55, 0x01}, false, true},
-        {"without skip the same read is no reply",   false, 0, {0x7E, 0x03, 0x02, 0x55, 0x01}, false, false},
-        {"point report",                             false, 0, report,        true,  false},
-        {"raw points: 0x03, byte 1 >= 0x80 a point", false, 1, point,         true,  false},
-        {"raw points: 0x03, byte 1 = 0x80 a point",  false, 1, {0x03, 0x80, 0x10, 0x00, 0x20, 0x00}, true, false},
-        {"raw points: 0x03, byte 1 < 0x80 a reply",  false, 1, reply,         false, true},
-        {"raw points: 0x0A is a reply",              false, 1, serial_reply,  false, true},
-        {"raw points: other ids are points",         false, 1, report,        true,  false},
-        {"without raw points 0x03 is a reply",       false, 0, point,         false, false},
-        {"raw points value 2 drops replies",         false, 2, serial_reply,  false, false},
-        {"raw points value 2 drops points",          false, 2, report,        false, false},
-        {"a lone 0x00 is nothing",                   false, 0, {0x00},        false, false},
+        {"0x03 reply", U, 0, false, 0, false, 0x55, reply, {}, reply},
+        {"0x0A reply", U, 0, false, 0, false, 0x55, serial_reply, {}, serial_reply},
+        {"leading 0x00 dropped", U, 0, false, 0, false, 0x55, {0x00, 0x03, 0x02, 0x55, 0x01}, {}, reply},
+        {"SkipFirstByte drops any first byte", U, 0, true, 0, false, 0x55, {0x7E, 0x03, 0x02, 0x55, 0x01}, {}, reply},
+        {"without skip the same read is no reply", U, 0, false, 0, false, 0x55, {0x7E, 0x03, 0x02, 0x55, 0x01}, {}, {}},
+        {"point report", U, 0, false, 0, false, 0x55, report, Frame(0, 16, 32), {}},
+        {"raw points: 0x03 with byte 1 from 0x80 is a point", U, 0, false, 1, false, 0x55, point, Frame(0, 16, 32), {}},
+        {"raw points: 0x03 with byte 1 below 0x80 is a reply", U, 0, false, 1, false, 0x55, reply, {}, reply},
+        {"raw points: 0x0A is a reply", U, 0, false, 1, false, 0x55, serial_reply, {}, serial_reply},
+        {"raw points: other ids are points", U, 0, false, 1, false, 0x55, report, Frame(0, 16, 32), {}},
+        {"without raw points 0x03 is a reply", U, 0, false, 0, false, 0x10, point, {}, point},
+        {"raw points value 2 drops replies", U, 0, false, 2, false, 0x55, serial_reply, {}, {}},
+        {"raw points value 2 drops points", U, 0, false, 2, false, 0x55, report, {}, {}},
+        {"noise, point, reply, point", R, 9600, false, 0, false, 0x55,
+         {0x33, 0x00, 0x81, 0x0F, 0x7F, 0x00, 0x00, 0x0A, 0x03, 0x55, 0x01, 0x02, 0x80, 0x00, 0x10, 0x00, 0x20},
+         Concat(corner, Frame(0, 0, 0, false)), {0x0A, 0x03, 0x55, 0x01, 0x02}},
+        {"PS/2 acknowledge bytes vanish everywhere", P, 9600, false, 0, false, 0x55,
+         {0xFA, 0x81, 0xFA, 0x0F, 0x7F, 0xFA, 0x00, 0x00, 0xFA, 0x0A, 0xFA, 0x03, 0x55, 0xFA, 0x01, 0x02, 0xFA},
+         corner, {0x0A, 0x03, 0x55, 0x01, 0x02}},
+        {"RS232 at 9600: 5-byte points", R, 9600, false, 0, false, 0x55,
+         {0xA1, 0x00, 0x10, 0x00, 0x20, 0x81, 0x0F, 0x7F, 0x00, 0x00}, Concat(Frame(0, 32, 4030), corner), {}},
+        {"PS/2 at 115200: 5-byte points", P, 115200, false, 0, false, 0x55,
+         {0xA1, 0x00, 0x10, 0x00, 0x20, 0x81, 0x0F, 0x7F, 0x00, 0x00}, Concat(Frame(0, 32, 4030), corner), {}},
+        {"RS232 at 115200: 6-byte points", R, 115200, false, 0, false, 0x55,
+         {0xA1, 0x00, 0x10, 0x00, 0x20, 'B'}, Frame(1, 32, 4030), {}},
+        {"RS232 at an unknown speed: 6-byte points", R, 0, false, 0, false, 0x55,
+         {0xA1, 0x00, 0x10, 0x00, 0x20, 'B'}, Frame(1, 32, 4030), {}},
+        {"length byte 0xFF", R, 9600, false, 0, false, 0x55, longest, {}, longest},
+        {"length byte 0: two bytes, the next packet cut cleanly", R, 9600, false, 0, false, 0x55,
+         {0x0A, 0x00, 0x0A, 0x02, 0x55, 0x09}, {}, {0x0A, 0x02, 0x55, 0x09}},
+        {"reports switched to the tool go as 64-byte replies", R, 9600, false, 0, true, 0xFE,
+         {0x81, 0x0F, 0x7F, 0x05, 0x10}, {}, {0x0A, 0x83, 0xFE, 0x0F, 0x20, 0x05}},
+        {"unknown interface: dropped", DEV_UNKNOWN, 9600, false, 0, false, 0x55,
+         {0x81, 0x0F, 0x7F, 0x00, 0x00, 0x0A, 0x02, 0x55, 0x09}, {}, {}},
     };
     // clang-format on
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
-        TouchRig rig;
-        rig.settings.SkipFirstByte = c.skip_first;
-        rig.dev->SendRawPoints = c.raw_points;
-        rig.dev->SelfHookCmd = 0x55;
-        rig.dev->SelfHookSubCmd = kAnySubCmd;
-        rig.dev->SigHookCmd = 0x99;
-        ParseUsbPacket(rig.dev.get(), c.bytes.data(), static_cast<int>(c.bytes.size()));
-        EXPECT_EQ(c.to_point, !rig.TouchEvents().empty());
-        EXPECT_EQ(c.to_reply ? 1 : 0, rig.dev->bSelfHookReplied.load());
+        const size_t n = c.stream.size();
+        for (size_t cut = (c.iface == DEV_USB ? n : 0); cut <= n + 1; ++cut) {
+            if (c.iface == DEV_USB && cut > n) break;
+            SCOPED_TRACE(cut > n ? "one byte per read" : std::to_string(cut));
+            TouchRig rig(c.iface);
+            rig.settings.SkipFirstByte = c.skip_first;
+            rig.dev->SendRawPoints = c.raw_points;
+            rig.dev->BaudRate = c.baud;
+            rig.dev->bPointsToTool = c.to_tool;
+            rig.dev->SelfHookCmd = c.hook;
+            rig.dev->SelfHookSubCmd = kAnySubCmd;
+            rig.dev->SigHookCmd = 0x99;
+            if (cut > n) {
+                for (size_t i = 0; i < n; ++i) DispatchPortBytes(rig.dev.get(), &c.stream[i], 1);
+            } else {
+                DispatchPortBytes(rig.dev.get(), c.stream.data(), static_cast<int>(cut));
+                DispatchPortBytes(rig.dev.get(), c.stream.data() + cut, static_cast<int>(n - cut));
+            }
+            EXPECT_EQ(c.touch, rig.TouchEvents());
+            EXPECT_EQ(c.reply.empty() ? 0 : 1, rig.dev->bSelfHookReplied.load());
+            if (!c.reply.empty()) {
+                EXPECT_EQ(c.reply, Bytes(rig.dev->CmdReplyBuf, rig.dev->CmdReplyBuf + c.reply.size()));
+            }
+            EXPECT_EQ(0, rig.dev->bCmdPacket);
+            EXPECT_EQ(0, rig.dev->bPointPacket);
+            EXPECT_EQ(0, rig.dev->SerialIndex);
+        }
     }
 }
