@@ -44,6 +44,13 @@ TEST(MergeReply, Sequences) {
     long_reply[1] = 0x3E;
     long_reply[2] = 'E';
     const uint8_t C = 0xCC;  // the buffer's bytes before the test
+    // n = 125: a reply of exactly 128 bytes; then 1-byte fragments up to 126, and a 3-byte
+    // one that would end at 129.
+    std::vector<Bytes> exact = {{0x03, 0x04, 'E', 125, 1, 2}};
+    for (int i = 0; i < 41; ++i) exact.push_back({0x03, 0x04, 0x00, static_cast<uint8_t>(i), 0xAB, 0xCD});
+    std::vector<Bytes> past = {{0x03, 0x04, 'E', 125, 1, 2}};
+    for (int i = 0; i < 121; ++i) past.push_back({0x03, 0x02, 0x00, 0x44});
+    past.push_back({0x03, 0x04, 0x00, 0x91, 0x92, 0x93});
     struct Case {
         const char* what;
         bool pcap;
@@ -84,6 +91,8 @@ TEST(MergeReply, Sequences) {
         {"n = 126", false, {{0x03, 0x04, 'E', 126, 1, 2}}, -1, {}, false},
         {"n = 255", false, {{0x03, 0x04, 'E', 255, 1, 2}}, -1, {}, false},
         {"whole packet above 128 bytes", false, {Bytes(200, 0x0A)}, -1, {}, false},
+        {"a reply of exactly 128 bytes", false, exact, 128, {0x03, 126, 'E', 1, 2, 0, 0xAB, 0xCD}, false},
+        {"a fragment past the 128 bytes", false, past, -1, {}, false},
     };
     // clang-format on
     for (const Case& c : cases) {
@@ -100,24 +109,6 @@ TEST(MergeReply, Sequences) {
             ExpectIdle(rig);
         }
     }
-}
-
-// A reply of exactly 128 bytes is delivered; a fragment that would run past it is refused.
-TEST(MergeReply, ReplyBufferBound) {
-    TouchRig rig;
-    EXPECT_EQ(0, Merge(rig, {0x03, 0x04, 'E', 125, 1, 2}));
-    int result = 0;
-    for (int i = 0; i < 41 && result == 0; ++i) {
-        result = Merge(rig, {0x03, 0x04, 0x00, static_cast<uint8_t>(i), 0xAB, 0xCD});
-    }
-    EXPECT_EQ(128, result);
-    EXPECT_EQ(0xCD, rig.dev->CmdReplyBuf[127]);
-
-    // 1-byte fragments up to 126, then a 3-byte one would end at 129.
-    EXPECT_EQ(0, Merge(rig, {0x03, 0x04, 'E', 125, 1, 2}));
-    for (int i = 0; i < 121; ++i) ASSERT_EQ(0, Merge(rig, {0x03, 0x02, 0x00, 0x44}));
-    EXPECT_EQ(-1, Merge(rig, {0x03, 0x04, 0x00, 0x91, 0x92, 0x93}));
-    ExpectIdle(rig);
 }
 
 TEST(ParseCmdReply, RoutingToHooksAndTool) {
