@@ -1,13 +1,15 @@
 // One pass of the USB and serial scans: which nodes are looked at and what the pass leaves
-// in the settings and the manager's device list, and the list itself (lookup, append
-// failure, unlinking) with bare records (no port, no thread) linked by hand. No test here
-// writes to a real serial port of the host: serial scans run with custom paths at ptys.
+// in the settings and the manager's device list; the serial probe of one port against a
+// pty whose master side plays a controller that answers only at some line speeds; and the
+// list itself (lookup, append failure, unlinking) with bare records linked by hand. No
+// test here writes to a real serial port of the host.
 #include <fcntl.h>
 #include <glob.h>
 #include <gtest/gtest.h>
 #include <string.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "config/global_settings.h"
@@ -30,6 +32,13 @@ bool AnyNode(const char* pattern) {
     bool any = rc == 0 && found.gl_pathc > 0;
     globfree(&found);
     return any;
+}
+
+// The settings of a line that a probe must leave as it found them.
+std::string Line(const struct termios& t) {
+    return testing::PrintToString(std::make_tuple(t.c_iflag, t.c_oflag, t.c_cflag, t.c_lflag,
+                                                  cfgetospeed(&t))) +
+           std::string(reinterpret_cast<const char*>(t.c_cc), sizeof(t.c_cc));
 }
 
 class PortScanTest : public testing::Test {
@@ -196,6 +205,67 @@ TEST_F(PortScanTest, AddandInitDeviceFailureLeavesListAndCount) {
     EXPECT_EQ(-1, AddandInitDevice(&manager_, "/nonexistent/ttyS3", &manager_.DeviceListHead));
     EXPECT_EQ(nullptr, manager_.DeviceListHead);
     EXPECT_EQ(0, manager_.DeviceCount);
+}
+
+// The speeds tried (9600, 19200, 57600, 115200, or the configured one only), the
+// boot-loader query after each unanswered loop-back, the speed kept, and the line left as
+// it was found.
+TEST(CheckRS232Device, ProbeAtEachSpeed) {
+    using Speeds = std::vector<speed_t>;
+    const Speeds all = {B9600, B19200, B57600, B115200};
+    struct Case {
+        const char* what;
+        uint32_t configured;
+        speed_t loopback_speed;
+        disc::Bytes loopback_reply;
+        speed_t iap_speed;
+        disc::Bytes iap_reply;
+        int result;
+        uint32_t kept;  // 1234: untouched
+        Speeds loopbacks;
+        Speeds queries;
+    };
+    // clang-format off
+    const Case cases[] = {
+        {"loop-back at 57600", 0, B57600, disc::kLoopbackReply, 0, disc::kBootLoaderReply, 0, 57600, {B9600, B19200, B57600}, {B9600, B19200}},
+        {"boot loader at 115200", 0, 0, disc::kLoopbackReply, B115200, disc::kBootLoaderReply, 0, 115200, all, all},
+        {"silent", 0, 0, disc::kLoopbackReply, 0, disc::kBootLoaderReply, -1, 1234, all, all},
+        {"wrong loop-back, application firmware", 0, B9600, {0x0A, 0x01, 0x42}, B9600, disc::kAppIAPReply, -1, 1234, all, all},
+        {"loop-back without its command byte", 0, B19200, {0x0A, 0x00}, 0, disc::kBootLoaderReply, -1, 1234, all, all},
+        {"configured 19200, answers at 57600", 19200, B57600, disc::kLoopbackReply, 0, disc::kBootLoaderReply, -1, 1234, {B19200}, {B19200}},
+        {"configured 19200, answers at 19200", 19200, B19200, disc::kLoopbackReply, 0, disc::kBootLoaderReply, 0, 19200, {B19200}, {}},
+    };
+    // clang-format on
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        disc::PtyController controller;
+        controller.loopback_speed = c.loopback_speed;
+        controller.loopback_reply = c.loopback_reply;
+        controller.iap_speed = c.iap_speed;
+        controller.iap_reply = c.iap_reply;
+        const struct termios before = controller.SlaveLine();
+        controller.Start();
+        GlobalSettings settings;
+        memset(&settings, 0, sizeof(settings));
+        settings.MaxDeviceNums = 1;
+        settings.BaudRate = c.configured;
+        settings.DeviceBaudRate = 1234;
+        for (int i = 0; i < kSerialPathSlots; ++i) {
+            snprintf(settings.CustomSerialPath[i], kTextMax, "default");
+        }
+        CManager manager(&settings);
+        EXPECT_EQ(c.result, CheckRS232Device(&manager, controller.slave_path().c_str()));
+        controller.Stop();
+        EXPECT_EQ(c.kept, settings.DeviceBaudRate);
+        Speeds loopbacks, queries;
+        for (const auto& seen : controller.Seen()) {
+            if (seen.first == 0x41) loopbacks.push_back(seen.second);
+            if (seen.first == 0x39) queries.push_back(seen.second);
+        }
+        EXPECT_EQ(c.loopbacks, loopbacks);
+        EXPECT_EQ(c.queries, queries);
+        EXPECT_EQ(Line(before), Line(controller.SlaveLine()));
+    }
 }
 
 }  // namespace

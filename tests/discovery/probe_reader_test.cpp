@@ -1,7 +1,7 @@
 // The probe's reply readers over real descriptors: ReadDeviceResponse (a SOCK_SEQPACKET
 // socketpair keeps the boundaries of the writes, so each piece written below is exactly
-// one read of the reader), and the serial reply parser with WaitDeviceResponse (a stream
-// socketpair, non-blocking as serial ports are opened).
+// one read of the reader), the IAP-type query, and the serial reply parser with
+// WaitDeviceResponse (a stream socketpair, non-blocking as serial ports are opened).
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <string.h>
@@ -12,9 +12,12 @@
 #include <thread>
 #include <vector>
 
+#include "core/environment.h"
 #include "core/unique_fd.h"
 #include "discovery/probe_exchange.h"
 #include "discovery/probe_timing.h"
+#include "discovery/serial_scan.h"
+#include "support/disc_pty_controller.h"
 
 namespace {
 
@@ -156,6 +159,45 @@ TEST(ReadDeviceResponse, Replies) {
     pair.writer.reset();
     ProbeContext context = {};
     EXPECT_EQ(0, ReadDeviceResponse(&context, pair.reader.get(), context.ReplyBuf, C));
+}
+
+// The IAP-type query written, and the reply (queued before the call) judged.
+TEST(IsItBFW, QueryBytesAndReplies) {
+    struct Case {
+        const char* what;
+        int serial;
+        int32_t old_kernel;
+        Bytes reply;
+        int result;
+        Bytes written;
+    };
+    const Bytes query = {0x0A, 0x02, 0x39, 0x02};
+    const Case cases[] = {
+        {"boot loader", 1, 0, disc::kBootLoaderReply, 0, query},
+        {"boot loader, second flag byte", 1, 0, {0x0A, 0x04, 0x39, 0x00, 0x02, 0x00}, 0, query},
+        {"old kernel: a zero byte at each end", 1, 1, disc::kBootLoaderReply, 0, {0x00, 0x0A, 0x02, 0x39, 0x02, 0x00}},
+        {"USB framing", 0, 0, {0x03, 0x05, 0x39, 0x00, 0x01, 0x00, 0x00}, 0, {0x03, 0x02, 0x39, 0x02}},
+        {"application firmware", 1, 0, disc::kAppIAPReply, -1, query},
+        {"reply to another command", 1, 0, {0x0A, 0x02, 0x41, 0x00}, -1, query},
+        {"reply without a command byte", 1, 0, {0x0A, 0x04, 0x00, 0x01, 0x01, 0x00}, -1, query},
+        {"silence", 1, 0, {}, -1, query},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        int fds[2];
+        ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, fds));
+        UniqueFd port(fds[0]), peer(fds[1]);
+        ASSERT_EQ(static_cast<ssize_t>(c.reply.size()), write(peer.get(), c.reply.data(), c.reply.size()));
+        const int32_t saved = bOldKernel;
+        bOldKernel = c.old_kernel;
+        ProbeContext context = {};
+        context.bSerialFraming = static_cast<uint8_t>(c.serial);
+        EXPECT_EQ(c.result, IsItBFW(&context, port.get(), c.serial));
+        bOldKernel = saved;
+        uint8_t buf[128];
+        const ssize_t n = read(peer.get(), buf, sizeof(buf));
+        EXPECT_EQ(c.written, Bytes(buf, buf + (n > 0 ? n : 0)));
+    }
 }
 
 // A port that keeps sending traffic that is never a reply holds the reader at most
