@@ -177,47 +177,39 @@ TEST(ParseCmdReply, SignalHookWinsOverSelfHook) {
     EXPECT_EQ(reply, Bytes(rig.dev->SigReplyBuf, rig.dev->SigReplyBuf + 5));
 }
 
+// "VKEY_<n>" values: key names, hexadecimal or decimal codes; anything else leaves the
+// key unmapped, and a later line replaces an earlier one (an unparsable one unmaps it).
 TEST(VKeyIni, KeysAndValues) {
     struct Case {
         const char* key;
         const char* value;
         int index;  // -1: nothing may change
         int code;
+        const char* earlier = nullptr;  // a value given to the same key before
     };
     const Case cases[] = {
-        {"VKEY_0", "BACK", 0, 158}, {"VKEY_1", "HOME", 1, 102},
-        {"VKEY_2", "MENU", 2, 139}, {"VKEY_3", "SEARCH", 3, 217},
-        {"VKEY_4", "0x9e", 4, 158}, {"VKEY_5", "0x2FF", 5, 0x2FF},
-        {"VKEY_6", "114", 6, 114},  {"VKEY_7", "home", 7, -1},  // names are case-sensitive
-        {"VKEY_8", "0x", 8, -1},                                // no digits
-        {"VKEY_9", "12abc", 9, 12},                             // the leading number
-        {"VKEY_9", "abc", 9, -1},   {"VKEY_9", "", 9, -1},
-        {"VKEY_9", "0x300", 9, -1},  // beyond the kernel's key codes
-        {"VKEY_9", "-5", 9, -1},    {"VKEY_9", "99999999999999999999", 9, -1},
-        {"VKEY_10", "BACK", -1, 0},  // index outside 0-9
-        {"VKEY_-1", "BACK", -1, 0}, {"VKEY_x", "BACK", -1, 0},
-        {"VKEY_", "BACK", -1, 0},   {"KEY_1", "BACK", -1, 0},
+        {"VKEY_0", "BACK", 0, 158},     {"VKEY_4", "0x9e", 4, 158},
+        {"VKEY_5", "0x2FF", 5, 0x2FF},  {"VKEY_6", "114", 6, 114},
+        {"VKEY_7", "home", 7, -1},      // names are case-sensitive
+        {"VKEY_8", "0x", 8, -1},        // no digits
+        {"VKEY_9", "12abc", 9, 12},     // the leading number
+        {"VKEY_9", "abc", 9, -1},       {"VKEY_9", "", 9, -1},
+        {"VKEY_9", "0x300", 9, -1},     // beyond the kernel's key codes
+        {"VKEY_9", "-5", 9, -1},        {"VKEY_9", "99999999999999999999", 9, -1},
+        {"VKEY_9", nullptr, 9, -1},     {"VKEY_10", "BACK", -1, 0},  // index outside 0-9
+        {"VKEY_-1", "BACK", -1, 0},     {"VKEY_x", "BACK", -1, 0},
+        {"VKEY_", "BACK", -1, 0},       {"KEY_1", "BACK", -1, 0},
+        {"VKEY_3", "0x9e", 3, 158, "HOME"}, {"VKEY_3", "junk", 3, -1, "HOME"},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(testing::Message() << c.key << "=" << c.value);
+        SCOPED_TRACE(testing::Message() << c.key << "=" << (c.value ? c.value : "(none)"));
         TouchRig rig;
+        if (c.earlier) ParseVKEYini(rig.dev.get(), c.key, c.earlier);
         ParseVKEYini(rig.dev.get(), c.key, c.value);
         for (int i = 0; i < kVKeyCount; ++i) {
             EXPECT_EQ(i == c.index ? c.code : -1, rig.dev->VKeyCode[i]) << "index " << i;
         }
     }
-    TouchRig rig;
-    ParseVKEYini(rig.dev.get(), "VKEY_1", nullptr);
-    EXPECT_EQ(-1, rig.dev->VKeyCode[1]);
-}
-
-TEST(VKeyIni, LaterLineReplaces) {
-    TouchRig rig;
-    ParseVKEYini(rig.dev.get(), "VKEY_3", "HOME");
-    ParseVKEYini(rig.dev.get(), "VKEY_3", "0x9e");
-    EXPECT_EQ(158, rig.dev->VKeyCode[3]);
-    ParseVKEYini(rig.dev.get(), "VKEY_3", "junk");  // a later unparsable value unmaps the key
-    EXPECT_EQ(-1, rig.dev->VKeyCode[3]);
 }
 
 // Key reports (state, index), read as replies, counted against VKEYReportMod: a press at
