@@ -30,13 +30,9 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-std::vector<Ev> Frame(int id, int x, int y, bool down = true) {
+std::vector<Ev> Frame(int id, int x, int y) {
     std::vector<Ev> want;
-    if (down) {
-        AddSlotDown(&want, id, x, y);
-    } else {
-        AddSlotUp(&want, id);
-    }
+    AddSlotDown(&want, id, x, y);
     want.push_back(Syn());
     return want;
 }
@@ -44,13 +40,6 @@ std::vector<Ev> Frame(int id, int x, int y, bool down = true) {
 std::vector<Ev> Concat(std::vector<Ev> a, const std::vector<Ev>& b) {
     a.insert(a.end(), b.begin(), b.end());
     return a;
-}
-
-void MakePort(TouchRig& rig, UniqueFd* controller) {
-    int fds[2];
-    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, fds));
-    rig.dev->m_Port_fd.reset(fds[0]);
-    controller->reset(fds[1]);
 }
 
 volatile sig_atomic_t g_usr2_count = 0;
@@ -97,10 +86,6 @@ int RunEmptyReadInChild(
     return WEXITSTATUS(status);
 }
 
-void TouchFile(const std::string& path) {
-    UniqueFd fd(OpenCloexec(path.c_str(), O_WRONLY | O_CREAT, 0600));
-}
-
 // In the child: a private mount namespace with an empty tmpfs on /dev, holding what make
 // puts there, so the test never touches the host's /dev.
 bool PrivateDev(const std::function<bool()>& make) {
@@ -114,8 +99,10 @@ bool PrivateDev(const std::function<bool()>& make) {
 TEST(ReceiveStep, ReadsOneReportAndTreatsNothingReadyAsNoData) {
     VersionGuard version(9);
     TouchRig rig;
-    UniqueFd controller;
-    MakePort(rig, &controller);
+    int fds[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, fds));
+    rig.dev->m_Port_fd.reset(fds[0]);
+    UniqueFd controller(fds[1]);
     rig.dev->bThreadRunning = 1;
     EXPECT_EQ(0, DevReceiveStep(rig.dev.get()));  // EAGAIN: not an unplug
     EXPECT_EQ(1, rig.dev->bThreadRunning.load());
@@ -150,8 +137,7 @@ TEST(ReceiveStep, EmptyReadIsAnUnplugAndRemovesOnlyADeviceNodeUnderDev) {
     ASSERT_NE(nullptr, mkdtemp(dir_pattern));
     const std::string node = std::string(dir_pattern) + "/hidraw7";
     const std::string victim = std::string(dir_pattern) + "/victim";
-    TouchFile(node);
-    TouchFile(victim);
+    ASSERT_TRUE(coretest::WriteFile(node, "") && coretest::WriteFile(victim, ""));
     for (const std::string& path : {node, node + " " + victim, node + ";rm${IFS}" + victim,
                                     node + "|rm " + victim, node + "$(rm " + victim + ")"}) {
         EXPECT_EQ(0, RunEmptyReadInChild(path)) << path << ": bits 1 result, 2 running flag, "
@@ -228,7 +214,7 @@ TEST(PortBytes, PointsAndRepliesWhateverTheReadBoundaries) {
         {"raw points value 2 drops points", U, 0, false, 2, false, 0x55, report, {}, {}},
         {"noise, point, reply, point", R, 9600, false, 0, false, 0x55,
          {0x33, 0x00, 0x81, 0x0F, 0x7F, 0x00, 0x00, 0x0A, 0x03, 0x55, 0x01, 0x02, 0x80, 0x00, 0x10, 0x00, 0x20},
-         Concat(corner, Frame(0, 0, 0, false)), {0x0A, 0x03, 0x55, 0x01, 0x02}},
+         Concat(corner, {Abs(ABS_MT_SLOT, 0), Abs(ABS_MT_TRACKING_ID, -1), Syn()}), {0x0A, 0x03, 0x55, 0x01, 0x02}},
         {"PS/2 acknowledge bytes vanish everywhere", P, 9600, false, 0, false, 0x55,
          {0xFA, 0x81, 0xFA, 0x0F, 0x7F, 0xFA, 0x00, 0x00, 0xFA, 0x0A, 0xFA, 0x03, 0x55, 0xFA, 0x01, 0x02, 0xFA},
          corner, {0x0A, 0x03, 0x55, 0x01, 0x02}},
