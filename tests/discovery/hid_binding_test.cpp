@@ -53,7 +53,8 @@ class HidRig {
         const std::string cat = access("/usr/bin/cat", X_OK) == 0 ? "/usr/bin/cat" : "/bin/cat";
         Script("busybox", "echo busybox \"$@\" >> " + calls + "\nif [ \"$1\" = lsusb ]; then " +
                               cat + " " + base_ + "/lsusb.txt; fi\n");
-        Script("lsmod", "echo lsmod \"$@\" >> " + calls + "\n" + cat + " " + base_ + "/lsmod.txt\n");
+        Script("lsmod",
+               "echo lsmod \"$@\" >> " + calls + "\n" + cat + " " + base_ + "/lsmod.txt\n");
         // Records whether hid-generic had been taught before the modprobe ran.
         Script("modprobe", "echo modprobe \"$@\" >> " + calls + "\nif [ -f " + root_ + kGenericDir +
                                "/new_id ]; then echo modprobe-after-generic >> " + calls +
@@ -123,11 +124,13 @@ TEST(HidBinding, FromTheListingToTheDrivers) {
         Strings calls;
         std::string generic_id, bus_mt_id, module_id;
     };
-    const std::string one = "Bus 001 Device 004: ID 3c7a:0001 Touch\nBus 001 Device 001: ID 1d6b:0002 Hub\n";
+    const std::string one =
+        "Bus 001 Device 004: ID 3c7a:0001 Touch\nBus 001 Device 001: ID 1d6b:0002 Hub\n";
     const std::string id1 = "3 3c7a 0001 103\n";
     const Strings looked = {"busybox lsusb", "lsmod", kInputDevices};
-    const Strings probed = {"busybox lsusb", "lsmod", kInputDevices, "modprobe hid-multitouch",
-                            "modprobe-after-generic", "lsmod"};
+    const Strings probed = {
+        "busybox lsusb",          "lsmod", kInputDevices, "modprobe hid-multitouch",
+        "modprobe-after-generic", "lsmod"};
     // clang-format off
     const Case cases[] = {
         {"both drivers on the bus", one.c_str(), nullptr, {generic, bus_mt}, false, looked, id1, id1, kMissing},
@@ -177,7 +180,8 @@ TEST(HidBinding, InputDeviceListing) {
     const Case cases[] = {
         {"I: Bus=0003 Vendor=3c7a Product=0001 Version=0210\n", "0001", 1},
         {"I: Bus=0003 Vendor=3c7a Product=0002 Version=0210\nN: Name=\"x\"\n"
-         "I: Bus=0003 Vendor=3c7a Product=0001 Version=0210\n", "0001", 1},
+         "I: Bus=0003 Vendor=3c7a Product=0001 Version=0210\n",
+         "0001", 1},
         {"I: Bus=0003 Vendor=3c7a Product=0002 Version=0210\n", "0001", 0},
         {"I: Bus=0003 Vendor=046d Product=0001 Version=0210\n", "0001", 0},
         {"I: Bus=0003 Vendor=3c7a Product=000A Version=0210\n", "000a", 0},  // case-sensitive
@@ -205,8 +209,13 @@ TEST(HidBinding, IdsAreOneToFourHexDigitsInTheKernelsForm) {
 
     const std::string marker = rig.base() + "/injected";
     const std::vector<std::pair<std::string, std::string>> bad = {
-        {"3c7a", "0001; touch " + marker}, {"3c7a", "0001 > " + marker}, {"3c7a", "00012"},
-        {"3c7a", "zz01"}, {"3c7a", ""}, {"3c7a;touch " + marker, "0001"}, {"3c7", "0001"},
+        {"3c7a", "0001; touch " + marker},
+        {"3c7a", "0001 > " + marker},
+        {"3c7a", "00012"},
+        {"3c7a", "zz01"},
+        {"3c7a", ""},
+        {"3c7a;touch " + marker, "0001"},
+        {"3c7", "0001"},
     };
     for (const auto& ids : bad) {
         SCOPED_TRACE(ids.first + ":" + ids.second);

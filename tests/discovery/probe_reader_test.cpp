@@ -175,8 +175,18 @@ TEST(IsItBFW, QueryBytesAndReplies) {
     const Case cases[] = {
         {"boot loader", 1, 0, disc::kBootLoaderReply, 0, query},
         {"boot loader, second flag byte", 1, 0, {0x0A, 0x04, 0x39, 0x00, 0x02, 0x00}, 0, query},
-        {"old kernel: a zero byte at each end", 1, 1, disc::kBootLoaderReply, 0, {0x00, 0x0A, 0x02, 0x39, 0x02, 0x00}},
-        {"USB framing", 0, 0, {0x03, 0x05, 0x39, 0x00, 0x01, 0x00, 0x00}, 0, {0x03, 0x02, 0x39, 0x02}},
+        {"old kernel: a zero byte at each end",
+         1,
+         1,
+         disc::kBootLoaderReply,
+         0,
+         {0x00, 0x0A, 0x02, 0x39, 0x02, 0x00}},
+        {"USB framing",
+         0,
+         0,
+         {0x03, 0x05, 0x39, 0x00, 0x01, 0x00, 0x00},
+         0,
+         {0x03, 0x02, 0x39, 0x02}},
         {"application firmware", 1, 0, disc::kAppIAPReply, -1, query},
         {"reply to another command", 1, 0, {0x0A, 0x02, 0x41, 0x00}, -1, query},
         {"reply without a command byte", 1, 0, {0x0A, 0x04, 0x00, 0x01, 0x01, 0x00}, -1, query},
@@ -187,7 +197,8 @@ TEST(IsItBFW, QueryBytesAndReplies) {
         int fds[2];
         ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, fds));
         UniqueFd port(fds[0]), peer(fds[1]);
-        ASSERT_EQ(static_cast<ssize_t>(c.reply.size()), write(peer.get(), c.reply.data(), c.reply.size()));
+        ASSERT_EQ(static_cast<ssize_t>(c.reply.size()),
+                  write(peer.get(), c.reply.data(), c.reply.size()));
         const int32_t saved = bOldKernel;
         bOldKernel = c.old_kernel;
         ProbeContext context = {};
@@ -214,7 +225,8 @@ TEST(ReadDeviceResponse, TimeBoundUnderEndlessTraffic) {
         ProbeContext context = {};
         context.bSerialFraming = serial;
         int result = 0;
-        const long ms = Elapsed([&] { result = ReadDeviceResponse(&context, zero.get(), context.ReplyBuf, 0x41); });
+        const long ms = Elapsed(
+            [&] { result = ReadDeviceResponse(&context, zero.get(), context.ReplyBuf, 0x41); });
         EXPECT_EQ(-1, result);
         EXPECT_GE(ms, kProbeReadLimitMs - 2);  // both clocks truncated to ms
         EXPECT_LT(ms, kProbeReadLimitMs + 150);
@@ -224,7 +236,8 @@ TEST(ReadDeviceResponse, TimeBoundUnderEndlessTraffic) {
     ProbeContext context = {};
     context.bSerialFraming = 1;
     int result = 0;
-    const long ms = Elapsed([&] { result = ReadDeviceResponse(&context, pair.reader.get(), context.ReplyBuf, 0x41); });
+    const long ms = Elapsed(
+        [&] { result = ReadDeviceResponse(&context, pair.reader.get(), context.ReplyBuf, 0x41); });
     EXPECT_EQ(-1, result);
     EXPECT_LT(ms, kProbeReadLimitMs + 150);
 }
@@ -238,11 +251,11 @@ TEST(Parse232CmdPacket, StopsAtTheAwaitedReplyWhereverTheStreamIsCut) {
         bool awaited;  // then the stream ends with the awaited packet
     };
     const Case cases[] = {
-        {{0x55, 0x0A, 0x01, 0x41}, true},                    // loop-back after noise
-        {{0x0A, 0x04, 0x39, 0x01, 0x00, 0x00}, true},        // boot loader
-        {{0x0A, 0x04, 0x39, 0x00, 0x02, 0x00}, true},        // boot loader
-        {{0x0A, 0x03, 0x39, 0x00, 0x00}, false},             // application firmware
-        {{0x0A, 0x02, 0x42, 0x00}, false},                   // another command
+        {{0x55, 0x0A, 0x01, 0x41}, true},              // loop-back after noise
+        {{0x0A, 0x04, 0x39, 0x01, 0x00, 0x00}, true},  // boot loader
+        {{0x0A, 0x04, 0x39, 0x00, 0x02, 0x00}, true},  // boot loader
+        {{0x0A, 0x03, 0x39, 0x00, 0x00}, false},       // application firmware
+        {{0x0A, 0x02, 0x42, 0x00}, false},             // another command
         {{0x33, 0x0A, 0x03, 0x39, 0x00, 0x00, 0x77, 0x0A, 0x01, 0x41}, true},
     };
     for (const Case& c : cases) {
@@ -282,7 +295,8 @@ TEST(WaitDeviceResponse, ReplyNoReplyAndSplitReply) {
         PacketPair pair = MakePacketPair(SOCK_STREAM);
         ResetSerialReplyParser();
         const int peer = pair.writer.get();
-        EXPECT_EQ(static_cast<ssize_t>(c.first.size()), write(peer, c.first.data(), c.first.size()));
+        EXPECT_EQ(static_cast<ssize_t>(c.first.size()),
+                  write(peer, c.first.data(), c.first.size()));
         std::thread late([&] {
             struct timespec ts = {0, 20 * 1000000L};
             nanosleep(&ts, nullptr);

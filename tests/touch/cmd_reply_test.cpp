@@ -49,7 +49,8 @@ TEST(MergeReply, Sequences) {
     // n = 125: a reply of exactly 128 bytes; then 1-byte fragments up to 126, and a 3-byte
     // one that would end at 129.
     std::vector<Bytes> exact = {{0x03, 0x04, 'E', 125, 1, 2}};
-    for (int i = 0; i < 41; ++i) exact.push_back({0x03, 0x04, 0x00, static_cast<uint8_t>(i), 0xAB, 0xCD});
+    for (int i = 0; i < 41; ++i)
+        exact.push_back({0x03, 0x04, 0x00, static_cast<uint8_t>(i), 0xAB, 0xCD});
     std::vector<Bytes> past = {{0x03, 0x04, 'E', 125, 1, 2}};
     for (int i = 0; i < 121; ++i) past.push_back({0x03, 0x02, 0x00, 0x44});
     past.push_back({0x03, 0x04, 0x00, 0x91, 0x92, 0x93});
@@ -188,18 +189,26 @@ TEST(VKeyIni, KeysAndValues) {
         const char* earlier = nullptr;  // a value given to the same key before
     };
     const Case cases[] = {
-        {"VKEY_0", "BACK", 0, 158},     {"VKEY_4", "0x9e", 4, 158},
-        {"VKEY_5", "0x2FF", 5, 0x2FF},  {"VKEY_6", "114", 6, 114},
-        {"VKEY_7", "home", 7, -1},      // names are case-sensitive
-        {"VKEY_8", "0x", 8, -1},        // no digits
-        {"VKEY_9", "12abc", 9, 12},     // the leading number
-        {"VKEY_9", "abc", 9, -1},       {"VKEY_9", "", 9, -1},
-        {"VKEY_9", "0x300", 9, -1},     // beyond the kernel's key codes
-        {"VKEY_9", "-5", 9, -1},        {"VKEY_9", "99999999999999999999", 9, -1},
-        {"VKEY_9", nullptr, 9, -1},     {"VKEY_10", "BACK", -1, 0},  // index outside 0-9
-        {"VKEY_-1", "BACK", -1, 0},     {"VKEY_x", "BACK", -1, 0},
-        {"VKEY_", "BACK", -1, 0},       {"KEY_1", "BACK", -1, 0},
-        {"VKEY_3", "0x9e", 3, 158, "HOME"}, {"VKEY_3", "junk", 3, -1, "HOME"},
+        {"VKEY_0", "BACK", 0, 158},
+        {"VKEY_4", "0x9e", 4, 158},
+        {"VKEY_5", "0x2FF", 5, 0x2FF},
+        {"VKEY_6", "114", 6, 114},
+        {"VKEY_7", "home", 7, -1},   // names are case-sensitive
+        {"VKEY_8", "0x", 8, -1},     // no digits
+        {"VKEY_9", "12abc", 9, 12},  // the leading number
+        {"VKEY_9", "abc", 9, -1},
+        {"VKEY_9", "", 9, -1},
+        {"VKEY_9", "0x300", 9, -1},  // beyond the kernel's key codes
+        {"VKEY_9", "-5", 9, -1},
+        {"VKEY_9", "99999999999999999999", 9, -1},
+        {"VKEY_9", nullptr, 9, -1},
+        {"VKEY_10", "BACK", -1, 0},  // index outside 0-9
+        {"VKEY_-1", "BACK", -1, 0},
+        {"VKEY_x", "BACK", -1, 0},
+        {"VKEY_", "BACK", -1, 0},
+        {"KEY_1", "BACK", -1, 0},
+        {"VKEY_3", "0x9e", 3, 158, "HOME"},
+        {"VKEY_3", "junk", 3, -1, "HOME"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(testing::Message() << c.key << "=" << (c.value ? c.value : "(none)"));

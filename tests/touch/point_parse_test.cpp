@@ -5,11 +5,10 @@
 // events, and pen samples on the pen one.
 #include "touch/point_parse.h"
 
-#include <climits>
-
 #include <gtest/gtest.h>
 
 #include <array>
+#include <climits>
 #include <map>
 #include <string>
 #include <vector>
@@ -56,11 +55,9 @@ std::vector<SlotFields> Slots(int state, int first, int n, std::vector<SlotField
 Bytes Frame06(int count, const std::vector<SlotFields>& slots) {
     Bytes bytes = {0x06, static_cast<uint8_t>(count)};
     for (const SlotFields& s : slots) {
-        const uint8_t slot[10] = {static_cast<uint8_t>(s.state), static_cast<uint8_t>(s.id),
-                                  static_cast<uint8_t>(s.x),     static_cast<uint8_t>(s.x >> 8),
-                                  static_cast<uint8_t>(s.y),     static_cast<uint8_t>(s.y >> 8),
-                                  0xEE, 0xEE, 0xEE, 0xEE};
-        bytes.insert(bytes.end(), slot, slot + 10);
+        const auto b = [](int v) { return static_cast<uint8_t>(v); };
+        bytes.insert(bytes.end(), {b(s.state), b(s.id), b(s.x), b(s.x >> 8), b(s.y), b(s.y >> 8),
+                                   0xEE, 0xEE, 0xEE, 0xEE});
     }
     return bytes;
 }
@@ -132,9 +129,8 @@ TEST(PointParse, ReportsToEvents) {
     Bytes special_one = special;
     special_one[17] = 1;  // byte 17 not 2: one contact
     const Bytes special_cut(special.begin(), special.begin() + 17);
-    const Bytes r0x17 = {0x17, 2,    0x01, 0x04, 0x10, 0x00, 0x99, 0x99, 0x20, 0x00,
-                         9,    9,    9,    9,    9,    9,    0x01, 0x08, 0x30, 0x00,
-                         0x99, 0x99, 0x40, 0x00, 9,    9,    9,    9,    9,    9};
+    const Bytes r0x17 = {0x17, 2,    0x01, 0x04, 0x10, 0x00, 0x99, 0x99, 0x20, 0x00, 9, 9, 9, 9, 9,
+                         9,    0x01, 0x08, 0x30, 0x00, 0x99, 0x99, 0x40, 0x00, 9,    9, 9, 9, 9, 9};
     auto ignored = [](uint8_t id) {  // a touching report under an id without a layout
         Bytes b = {id, 0x05, 0x10, 0x00, 0x20, 0x00};
         b.resize(20);
@@ -343,9 +339,9 @@ TEST(ContactPipeline, Transforms) {
     };
     // clang-format on
     for (const Case& c : cases) {
-        SCOPED_TRACE(testing::Message() << "edge " << c.edge.size() << " direction " << c.direction
-                                        << " orientation " << c.orientation << " split " << c.split
-                                        << " in " << c.in.x << "," << c.in.y);
+        SCOPED_TRACE(testing::Message()
+                     << "edge " << c.edge.size() << " direction " << c.direction << " orientation "
+                     << c.orientation << " split " << c.split << " in " << c.in.x << "," << c.in.y);
         TouchRig rig;
         DeviceParam& p = rig.dev->Param;
         if (!c.edge.empty()) {
@@ -406,16 +402,17 @@ TEST(ContactHoldFilter, DriftIsSwallowedUntilTheRangeIsReached) {
         int id, state, x, y, z;
         bool passes;
     };
-    const Step steps[] = {
-        {0, 1, 1000, 1000, 0, true},  // not yet written as touching
-        {0, 1, 1005, 1000, 0, false},  {0, 1, 1015, 1000, 0, false},
-        {0, 1, 1000, 981, 0, false},   {0, 1, 1000, 1000, 19, false},
-        {1, 1, 1000, 1000, 0, true},   // another contact at the same place
-        {0, 1, 1020, 1000, 0, true},   // 20 from the last that passed
-        {0, 1, 1035, 1000, 0, false},  // measured from 1020, not 1000
-        {0, 1, 1020, 1000, 20, true},  // a change of 20 in Z alone
-        {0, 0, 1021, 1000, 0, true},   // a lift never waits
-    };
+    const Step steps[] =
+        {
+            {0, 1, 1000, 1000, 0, true},  // not yet written as touching
+            {0, 1, 1005, 1000, 0, false}, {0, 1, 1015, 1000, 0, false},
+            {0, 1, 1000, 981, 0, false},  {0, 1, 1000, 1000, 19, false},
+            {1, 1, 1000, 1000, 0, true},   // another contact at the same place
+            {0, 1, 1020, 1000, 0, true},   // 20 from the last that passed
+            {0, 1, 1035, 1000, 0, false},  // measured from 1020, not 1000
+            {0, 1, 1020, 1000, 20, true},  // a change of 20 in Z alone
+            {0, 0, 1021, 1000, 0, true},   // a lift never waits
+        };
     for (const Step& s : steps) {
         SCOPED_TRACE(testing::Message() << s.id << ": " << s.x << "," << s.y << "," << s.z);
         TouchPoint t = At({s.x, s.y}, s.id, s.state, s.z);

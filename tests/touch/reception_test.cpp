@@ -140,8 +140,9 @@ TEST(ReceiveStep, EmptyReadIsAnUnplugAndRemovesOnlyADeviceNodeUnderDev) {
     ASSERT_TRUE(coretest::WriteFile(node, "") && coretest::WriteFile(victim, ""));
     for (const std::string& path : {node, node + " " + victim, node + ";rm${IFS}" + victim,
                                     node + "|rm " + victim, node + "$(rm " + victim + ")"}) {
-        EXPECT_EQ(0, RunEmptyReadInChild(path)) << path << ": bits 1 result, 2 running flag, "
-                                                           "4 stop request, 8 SIGUSR2";
+        EXPECT_EQ(0, RunEmptyReadInChild(path)) << path
+                                                << ": bits 1 result, 2 running flag, "
+                                                   "4 stop request, 8 SIGUSR2";
         EXPECT_EQ(0, access(victim.c_str(), F_OK)) << "removed through [" << path << "]";
         EXPECT_EQ(0, access(node.c_str(), F_OK)) << "removed through [" << path << "]";
     }
@@ -258,7 +259,8 @@ TEST(PortBytes, PointsAndRepliesWhateverTheReadBoundaries) {
             EXPECT_EQ(c.touch, rig.TouchEvents());
             EXPECT_EQ(c.reply.empty() ? 0 : 1, rig.dev->bSelfHookReplied.load());
             if (!c.reply.empty()) {
-                EXPECT_EQ(c.reply, Bytes(rig.dev->CmdReplyBuf, rig.dev->CmdReplyBuf + c.reply.size()));
+                EXPECT_EQ(c.reply,
+                          Bytes(rig.dev->CmdReplyBuf, rig.dev->CmdReplyBuf + c.reply.size()));
             }
             EXPECT_EQ(0, rig.dev->bCmdPacket);
             EXPECT_EQ(0, rig.dev->bPointPacket);
