@@ -377,42 +377,34 @@ TEST(ContactPipeline, Transforms) {
     EXPECT_TRUE(t.X >= 0 && t.X <= 4095 && t.Y >= 0 && t.Y <= 4095) << t.X << "," << t.Y;
 }
 
-// Contact ids that never pass: 10 with SupportPoints 10; whatever SupportPoints says, 20
-// and above and negative ids.
-TEST(ContactPipeline, ContactNumberCheck) {
-    VersionGuard version(9);
-    TouchRig rig;
-    TouchPoint ten = At({100, 1000}, 10);
-    HandleContact(rig.dev.get(), &ten);
-    rig.dev->Param.SupportPoints = 255;
-    for (int id : {20, 31, 255, 1000, -1}) {
-        TouchPoint bad = At({100, 1000}, id);
-        HandleContact(rig.dev.get(), &bad);
-    }
-    EXPECT_TRUE(rig.TouchEvents().empty());
-}
-
 // With HoldRange 20 a finger drifting less than 20 units (in X, Y or Z) from the last
-// position that passed produces nothing; a lift and another contact always pass.
-TEST(ContactHoldFilter, DriftIsSwallowedUntilTheRangeIsReached) {
+// position that passed produces nothing; a lift and another contact always pass. Contact
+// ids 20 and above and negative ones never pass, whatever SupportPoints says.
+TEST(ContactPipeline, HoldFilterAndContactNumbers) {
     VersionGuard version(9);
     TouchRig rig;
     rig.dev->Param.HoldFilterEnable = 1;
+    rig.dev->Param.SupportPoints = 255;
     struct Step {
         int id, state, x, y, z;
         bool passes;
     };
-    const Step steps[] =
-        {
-            {0, 1, 1000, 1000, 0, true},  // not yet written as touching
-            {0, 1, 1005, 1000, 0, false}, {0, 1, 1015, 1000, 0, false},
-            {0, 1, 1000, 981, 0, false},  {0, 1, 1000, 1000, 19, false},
-            {1, 1, 1000, 1000, 0, true},   // another contact at the same place
-            {0, 1, 1020, 1000, 0, true},   // 20 from the last that passed
-            {0, 1, 1035, 1000, 0, false},  // measured from 1020, not 1000
-            {0, 1, 1020, 1000, 20, true},  // a change of 20 in Z alone
-            {0, 0, 1021, 1000, 0, true},   // a lift never waits
-        };
+    // clang-format off
+    const Step steps[] = {
+        {0, 1, 1000, 1000, 0, true},   // not yet written as touching
+        {0, 1, 1005, 1000, 0, false},
+        {0, 1, 1015, 1000, 0, false},
+        {0, 1, 1000, 981, 0, false},
+        {0, 1, 1000, 1000, 19, false},
+        {1, 1, 1000, 1000, 0, true},   // another contact at the same place
+        {0, 1, 1020, 1000, 0, true},   // 20 from the last that passed
+        {0, 1, 1035, 1000, 0, false},  // measured from 1020, not 1000
+        {0, 1, 1020, 1000, 20, true},  // a change of 20 in Z alone
+        {0, 0, 1021, 1000, 0, true},   // a lift never waits
+        {20, 1, 100, 100, 0, false},   {31, 1, 100, 100, 0, false},  {255, 1, 100, 100, 0, false},
+        {1000, 1, 100, 100, 0, false}, {-1, 1, 100, 100, 0, false},
+    };
+    // clang-format on
     for (const Step& s : steps) {
         SCOPED_TRACE(testing::Message() << s.id << ": " << s.x << "," << s.y << "," << s.z);
         TouchPoint t = At({s.x, s.y}, s.id, s.state, s.z);
