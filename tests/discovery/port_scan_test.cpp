@@ -1,12 +1,15 @@
-// One pass of the USB, serial and PS/2 scans: which nodes are looked at, what is logged,
-// and what the pass leaves in the settings and the list. No test here writes to a real
-// serial port of the host: serial scans run with custom paths pointing at ptys.
+// One pass of the USB and serial scans: which nodes are looked at and what the pass leaves
+// in the settings and the manager's device list; the serial probe of one port against a
+// pty whose master side plays a controller that answers only at some line speeds; and the
+// list itself (lookup, append failure, unlinking) with bare records linked by hand. No
+// test here writes to a real serial port of the host.
 #include <fcntl.h>
-#include <glob.h>
 #include <gtest/gtest.h>
 #include <string.h>
 
 #include <string>
+#include <tuple>
+#include <vector>
 
 #include "config/global_settings.h"
 #include "core/manager.h"
@@ -22,12 +25,11 @@
 
 namespace {
 
-bool AnyNode(const char* pattern) {
-    glob_t found;
-    int rc = glob(pattern, 0, nullptr, &found);
-    bool any = rc == 0 && found.gl_pathc > 0;
-    globfree(&found);
-    return any;
+// The settings of a line that a probe must leave as it found them.
+std::string Line(const struct termios& t) {
+    return testing::PrintToString(
+               std::make_tuple(t.c_iflag, t.c_oflag, t.c_cflag, t.c_lflag, cfgetospeed(&t))) +
+           std::string(reinterpret_cast<const char*>(t.c_cc), sizeof(t.c_cc));
 }
 
 class PortScanTest : public testing::Test {
@@ -45,11 +47,26 @@ class PortScanTest : public testing::Test {
     void TearDown() override {
         while (manager_.DeviceListHead) RemoveDevice(&manager_, &manager_.DeviceListHead);
     }
-    void LinkBareRecord(const char* path) {
-        CDeviceObject* device = new CDeviceObject(path, &settings_);
-        device->pNext = manager_.DeviceListHead;
-        manager_.DeviceListHead = device;
-        manager_.DeviceCount++;
+    // Links bare records for paths at the tail, keeping the count in step.
+    void LinkByHand(const std::vector<std::string>& paths) {
+        CDeviceObject** link = &manager_.DeviceListHead;
+        while (*link) link = &(*link)->pNext;
+        for (const std::string& path : paths) {
+            *link = new CDeviceObject(path.c_str(), &settings_);
+            link = &(*link)->pNext;
+            manager_.DeviceCount++;
+        }
+    }
+    std::vector<std::string> ListPaths() const {
+        std::vector<std::string> paths;
+        for (CDeviceObject* d = manager_.DeviceListHead; d; d = d->pNext)
+            paths.push_back(d->PortPath);
+        return paths;
+    }
+    CDeviceObject** LinkOf(const std::string& path) {
+        CDeviceObject** link = &manager_.DeviceListHead;
+        while (*link && path != (*link)->PortPath) link = &(*link)->pNext;
+        return link;
     }
 
     DiscTempDir data_;
@@ -57,75 +74,42 @@ class PortScanTest : public testing::Test {
     CManager manager_{&settings_};
 };
 
-TEST_F(PortScanTest, UsbPassWithoutNodesOnlyResetsTheIAPType) {
-    if (AnyNode("/dev/hidraw*")) GTEST_SKIP() << "this host has hidraw nodes";
-    DiscLogCapture log;
-    ScanUSBPort(&manager_);
-    EXPECT_EQ(IAP_FW, settings_.NewDevIAPType);
-    EXPECT_EQ(0, manager_.DeviceCount);
-    EXPECT_EQ(0, log.Count("Scan USB port"));
-
-    // At the limit the pass still resets the IAP type before it ends.
-    settings_.NewDevIAPType = IAP_BFW;
-    settings_.MaxDeviceNums = 0;
-    ScanUSBPort(&manager_);
-    EXPECT_EQ(IAP_FW, settings_.NewDevIAPType);
-}
-
 TEST_F(PortScanTest, CheckUSBDeviceRejectsWhatIsNotAHidrawNode) {
     DiscLogCapture log;
-    EXPECT_EQ(-1, CheckUSBDevice(&manager_, "/nonexistent/hidraw0"));
-    EXPECT_TRUE(
-        log.Contains("Open port [/nonexistent/hidraw0] failed with fd=-1. This may be "
-                     "caused by executing with non-root permission."));
-
     const std::string plain = data_.path() + "/hidraw_plain_file";
-    { UniqueFd f(OpenCloexec(plain.c_str(), O_CREAT | O_WRONLY, 0600)); }
-    EXPECT_EQ(-1, CheckUSBDevice(&manager_, plain.c_str()));
+    ASSERT_TRUE(coretest::WriteFile(plain, ""));
+    for (const std::string& path :
+         {std::string("/nonexistent/hidraw0"), plain, std::string("/dev/null")}) {
+        EXPECT_EQ(-1, CheckUSBDevice(&manager_, path.c_str())) << path;
+    }
     EXPECT_TRUE(log.Contains("Refused device node [" + plain + "]: not a character device"));
-    // A character device that is not a hidraw node opens, and its info request fails.
-    EXPECT_EQ(-1, CheckUSBDevice(&manager_, "/dev/null"));
     EXPECT_TRUE(log.Contains("Failed to get HIDRAW Device Info at /dev/null!"));
-    EXPECT_EQ(0, log.Count("Found an QEVO Device"));
+    EXPECT_EQ(0, manager_.DeviceCount);
 }
 
-TEST_F(PortScanTest, SerialPassAtTheLimitDoesNothing) {
-    DiscLogCapture log;
-    settings_.MaxDeviceNums = 0;
-    settings_.CustomPathMask = kCustomSerialPathBit;
-    snprintf(settings_.CustomSerialPath[0], kTextMax, "/nonexistent/ttyUSB0");
-    ScanRS232Port(&manager_);
-    EXPECT_EQ(IAP_BFW, settings_.NewDevIAPType);  // returns before the reset
-    EXPECT_EQ(0, log.Count("RS232"));
-}
-
+// Custom serial paths replace the standard ports: a missing path is skipped, a silent
+// controller is probed at every speed and not kept, and a path the list already owns is
+// not probed again.
 TEST_F(PortScanTest, CustomSerialPathsReplaceTheStandardPorts) {
-    disc::PtyController silent;  // answers nothing at any speed
+    disc::PtyController silent, owned;
+    owned.loopback_speed = B9600;
     silent.Start();
+    owned.Start();
     DiscLogCapture log;
-    settings_.MaxDeviceNums = 2;
+    settings_.MaxDeviceNums = 3;
     settings_.CustomPathMask = kCustomSerialPathBit | kCustomUinputPathBit;
     snprintf(settings_.CustomSerialPath[0], kTextMax, "/nonexistent/ttyUSB0");
     snprintf(settings_.CustomSerialPath[2], kTextMax, "%s", silent.slave_path().c_str());
+    snprintf(settings_.CustomSerialPath[4], kTextMax, "%s", owned.slave_path().c_str());
+    LinkByHand({owned.slave_path()});
     ScanRS232Port(&manager_);
     silent.Stop();
-
+    owned.Stop();
     EXPECT_EQ(IAP_FW, settings_.NewDevIAPType);
-    EXPECT_TRUE(log.Contains("RS232 custom path [/nonexistent/ttyUSB0] doesn't exist"));
-    const std::string pty = silent.slave_path();
-    int scanned = log.Find("----  Scan RS232 Path [" + pty + "]  ----");
-    EXPECT_GE(scanned, 0);
-    EXPECT_GT(log.Find("failed to check device [" + pty + "].", scanned), scanned);
-    int loopbacks = 0, queries = 0;  // loop-back and IAP query at each of the four speeds
-    for (const auto& seen : silent.Seen()) {
-        loopbacks += seen.first == 0x41;
-        queries += seen.first == 0x39;
-    }
-    EXPECT_EQ(4, loopbacks);
-    EXPECT_EQ(4, queries);
+    EXPECT_EQ(8u, silent.Seen().size());  // loop-back and IAP query at each of four speeds
+    EXPECT_TRUE(owned.Seen().empty());
     EXPECT_EQ(0, log.Count("Scan RS232 Path [/dev/ttyS"));
-    EXPECT_EQ(0, log.Count("[default]"));
-    EXPECT_EQ(0, manager_.DeviceCount);
+    EXPECT_EQ(1, manager_.DeviceCount);
     EXPECT_EQ(1234u, settings_.DeviceBaudRate);
 }
 
@@ -155,32 +139,118 @@ TEST_F(PortScanTest, CustomSerialPathsThatAreNotTerminalsAreNeverWritten) {
     EXPECT_EQ(2, log.Count("Refused device node [/dev/null]: not a terminal"));
 }
 
-TEST_F(PortScanTest, OwnedCustomPathIsNotProbedAgain) {
-    disc::PtyController controller;
-    controller.loopback_speed = B9600;
-    controller.Start();
-    DiscLogCapture log;
-    settings_.MaxDeviceNums = 3;
-    settings_.CustomPathMask = kCustomSerialPathBit;
-    snprintf(settings_.CustomSerialPath[4], kTextMax, "%s", controller.slave_path().c_str());
-    LinkBareRecord(controller.slave_path().c_str());
-    ScanRS232Port(&manager_);
-    controller.Stop();
-    EXPECT_TRUE(
-        log.Contains("RS232 Portpath [" + controller.slave_path() + "] is already created"));
-    EXPECT_TRUE(controller.Seen().empty());
-    EXPECT_EQ(1, manager_.DeviceCount);
-    EXPECT_EQ(1234u, settings_.DeviceBaudRate);
+TEST_F(PortScanTest, IsPortObjExistedComparesWholePaths) {
+    EXPECT_EQ(-1, IsPortObjExisted(&manager_, "/dev/hidraw0"));  // empty list
+    LinkByHand({"/dev/hidraw0", "/dev/ttyS1", "/dev/serio_raw2"});
+    for (const char* path : {"/dev/hidraw0", "/dev/ttyS1", "/dev/serio_raw2"}) {
+        EXPECT_EQ(0, IsPortObjExisted(&manager_, path)) << path;
+    }
+    for (const char* path : {"/dev/hidraw", "/dev/hidraw00", "/dev/ttyS10", ""}) {
+        EXPECT_EQ(-1, IsPortObjExisted(&manager_, path)) << path;
+    }
 }
 
-TEST_F(PortScanTest, Ps2PassLeavesTheIAPTypeAlone) {
-    if (AnyNode("/dev/serio_raw*")) GTEST_SKIP() << "this host has serio_raw nodes";
+// Head, middle, tail, then the last one; the log names the removed path (a kept copy:
+// the object's text is gone once it is destroyed) and the count left.
+TEST_F(PortScanTest, RemoveDeviceAtHeadMiddleAndTail) {
     DiscLogCapture log;
-    settings_.MaxDeviceNums = 2;
-    ScanPS2Port(&manager_);
-    EXPECT_EQ(IAP_BFW, settings_.NewDevIAPType);
+    const std::string long_path = "/dev/" + std::string(70, 'x');  // longer than PortPath holds
+    LinkByHand({"/dev/hidraw0", "/dev/hidraw1", "/dev/hidraw2", long_path, "/dev/hidraw4"});
+    const std::string kept = "/dev/" + std::string(58, 'x');
+    struct Step {
+        std::string path;
+        std::vector<std::string> left;
+    };
+    const Step steps[] = {
+        {"/dev/hidraw0", {"/dev/hidraw1", "/dev/hidraw2", kept, "/dev/hidraw4"}},
+        {"/dev/hidraw2", {"/dev/hidraw1", kept, "/dev/hidraw4"}},
+        {"/dev/hidraw4", {"/dev/hidraw1", kept}},
+        {kept, {"/dev/hidraw1"}},
+        {"/dev/hidraw1", {}},
+    };
+    for (const Step& s : steps) {
+        SCOPED_TRACE(s.path);
+        RemoveDevice(&manager_, LinkOf(s.path));
+        EXPECT_EQ(s.left, ListPaths());
+        EXPECT_EQ(static_cast<int>(s.left.size()), manager_.DeviceCount);
+        EXPECT_TRUE(log.Contains("Device [" + s.path + "] was removed, existed device amount = " +
+                                 std::to_string(s.left.size())));
+    }
+    RemoveDevice(&manager_, &manager_.DeviceListHead);  // nothing to remove: no change
     EXPECT_EQ(0, manager_.DeviceCount);
-    EXPECT_EQ(0, log.Count("Scan PS2 Path"));
+}
+
+TEST_F(PortScanTest, AddandInitDeviceFailureLeavesListAndCount) {
+    settings_.MaxDeviceNums = 4;
+    LinkByHand({"/dev/hidraw0", "/dev/hidraw1"});
+    EXPECT_EQ(-1, AddandInitDevice(&manager_, "/nonexistent/hidraw7", &manager_.DeviceListHead));
+    EXPECT_EQ(2, manager_.DeviceCount);
+    EXPECT_EQ((std::vector<std::string>{"/dev/hidraw0", "/dev/hidraw1"}), ListPaths());
+    while (manager_.DeviceListHead) RemoveDevice(&manager_, &manager_.DeviceListHead);
+    EXPECT_EQ(-1, AddandInitDevice(&manager_, "/nonexistent/ttyS3", &manager_.DeviceListHead));
+    EXPECT_EQ(nullptr, manager_.DeviceListHead);
+    EXPECT_EQ(0, manager_.DeviceCount);
+}
+
+// The speeds tried (9600, 19200, 57600, 115200, or the configured one only), the
+// boot-loader query after each unanswered loop-back, the speed kept, and the line left as
+// it was found.
+TEST(CheckRS232Device, ProbeAtEachSpeed) {
+    using Speeds = std::vector<speed_t>;
+    const Speeds all = {B9600, B19200, B57600, B115200};
+    struct Case {
+        const char* what;
+        uint32_t configured;
+        speed_t loopback_speed;
+        disc::Bytes loopback_reply;
+        speed_t iap_speed;
+        disc::Bytes iap_reply;
+        int result;
+        uint32_t kept;  // 1234: untouched
+        Speeds loopbacks;
+        Speeds queries;
+    };
+    // clang-format off
+    const Case cases[] = {
+        {"loop-back at 57600", 0, B57600, disc::kLoopbackReply, 0, disc::kBootLoaderReply, 0, 57600, {B9600, B19200, B57600}, {B9600, B19200}},
+        {"boot loader at 115200", 0, 0, disc::kLoopbackReply, B115200, disc::kBootLoaderReply, 0, 115200, all, all},
+        {"silent", 0, 0, disc::kLoopbackReply, 0, disc::kBootLoaderReply, -1, 1234, all, all},
+        {"wrong loop-back, application firmware", 0, B9600, {0x0A, 0x01, 0x42}, B9600, disc::kAppIAPReply, -1, 1234, all, all},
+        {"loop-back without its command byte", 0, B19200, {0x0A, 0x00}, 0, disc::kBootLoaderReply, -1, 1234, all, all},
+        {"configured 19200, answers at 57600", 19200, B57600, disc::kLoopbackReply, 0, disc::kBootLoaderReply, -1, 1234, {B19200}, {B19200}},
+        {"configured 19200, answers at 19200", 19200, B19200, disc::kLoopbackReply, 0, disc::kBootLoaderReply, 0, 19200, {B19200}, {}},
+    };
+    // clang-format on
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        disc::PtyController controller;
+        controller.loopback_speed = c.loopback_speed;
+        controller.loopback_reply = c.loopback_reply;
+        controller.iap_speed = c.iap_speed;
+        controller.iap_reply = c.iap_reply;
+        const struct termios before = controller.SlaveLine();
+        controller.Start();
+        GlobalSettings settings;
+        memset(&settings, 0, sizeof(settings));
+        settings.MaxDeviceNums = 1;
+        settings.BaudRate = c.configured;
+        settings.DeviceBaudRate = 1234;
+        for (int i = 0; i < kSerialPathSlots; ++i) {
+            snprintf(settings.CustomSerialPath[i], kTextMax, "default");
+        }
+        CManager manager(&settings);
+        EXPECT_EQ(c.result, CheckRS232Device(&manager, controller.slave_path().c_str()));
+        controller.Stop();
+        EXPECT_EQ(c.kept, settings.DeviceBaudRate);
+        Speeds loopbacks, queries;
+        for (const auto& seen : controller.Seen()) {
+            if (seen.first == 0x41) loopbacks.push_back(seen.second);
+            if (seen.first == 0x39) queries.push_back(seen.second);
+        }
+        EXPECT_EQ(c.loopbacks, loopbacks);
+        EXPECT_EQ(c.queries, queries);
+        EXPECT_EQ(Line(before), Line(controller.SlaveLine()));
+    }
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // Command replies: the merge rules of fragmented USB replies, whole serial replies, the
 // tool form of serial reports, the bound of the 128-byte reply buffer, and the routing of a
-// complete reply to the virtual keys, a blocked sender, a polling sender or the tool.
+// complete reply to the virtual keys, a blocked sender, a polling sender or the tool; the
+// virtual keys' "VKEY_<n>" settings and key reports counted against VKEYReportMod.
 #include "touch/cmd_reply.h"
 
 #include <gtest/gtest.h>
@@ -12,12 +13,15 @@
 
 #include "device/cmd_channel.h"
 #include "support/touch_test_util.h"
+#include "touch/vkey.h"
 
 using namespace touchtest;
 
 namespace {
 
-int Merge(TouchRig& rig, const std::vector<uint8_t>& bytes) {
+using Bytes = std::vector<uint8_t>;
+
+int Merge(TouchRig& rig, const Bytes& bytes) {
     return MergeCommandPacket(rig.dev.get(), bytes.data(), static_cast<int>(bytes.size()));
 }
 
@@ -27,167 +31,87 @@ void ExpectIdle(const TouchRig& rig) {
     EXPECT_EQ(0, rig.dev->bMerging);
 }
 
-std::vector<uint8_t> Reply(const TouchRig& rig, int length) {
-    return std::vector<uint8_t>(rig.dev->CmdReplyBuf, rig.dev->CmdReplyBuf + length);
-}
-
-// Starts a merge of a reply of n + 3 bytes with command 'E'.
-void StartE(TouchRig& rig, int n) {
-    ASSERT_EQ(0, Merge(rig, {0x03, 0x04, 'E', static_cast<uint8_t>(n), 0xD0, 0xD1}));
+Bytes Reply(const TouchRig& rig, size_t length) {
+    return Bytes(rig.dev->CmdReplyBuf, rig.dev->CmdReplyBuf + length);
 }
 
 }  // namespace
 
-// The 'E' reply with n = 10 in four reads, and the other long-reply commands.
-TEST(MergeReply, LongReplyInFourReads) {
-    TouchRig rig;
-    LogCapture log;
-    EXPECT_EQ(0, Merge(rig, {0x03, 0x04, 'E', 10, 0xA0, 0xA1, 0xFF, 0xFF}));
-    EXPECT_EQ(5, rig.dev->CurIndex);
-    EXPECT_EQ(13, rig.dev->RealLen);
-    EXPECT_EQ(1, rig.dev->bMerging);
-    EXPECT_TRUE(log.Has("First curIndex=5, RealLen=13"));
-    EXPECT_EQ(0, Merge(rig, {0x03, 0x04, 0x00, 0xB0, 0xB1, 0xB2, 0xEE}));
-    EXPECT_EQ(8, rig.dev->CurIndex);
-    EXPECT_EQ(0, Merge(rig, {0x03, 0x04, 0x00, 0xB3, 0xB4, 0xB5}));
-    EXPECT_EQ(11, rig.dev->CurIndex);
-    EXPECT_TRUE(log.Has("2nd CurIndex=11, RealLen=13"));
-    EXPECT_EQ(13, Merge(rig, {0x03, 0x04, 0x00, 0xB6, 0xB7, 0xB8}));
-    EXPECT_TRUE(log.Has("Complete"));
-    ExpectIdle(rig);
-    const std::vector<uint8_t> want = {0x03, 11,   'E',  0xA0, 0xA1, 0xB0, 0xB1,
-                                       0xB2, 0xB3, 0xB4, 0xB5, 0xB6, 0xB7};
-    EXPECT_EQ(want, Reply(rig, 13));
-
-    // 'D' and 'F' are first fragments too; n = 2 completes with the first fragment.
-    for (uint8_t command : {'D', 'F'}) {
-        EXPECT_EQ(5, Merge(rig, {0x03, 0x04, command, 2, 0x11, 0x22}));
-        EXPECT_EQ((std::vector<uint8_t>{0x03, 3, command, 0x11, 0x22}), Reply(rig, 5));
-        ExpectIdle(rig);
-    }
-    // A first fragment with L 2 writes only L + 1 header bytes.
-    memset(rig.dev->CmdReplyBuf, 0x77, 8);
-    EXPECT_EQ(0, Merge(rig, {0x03, 0x02, 'E', 10, 0x11, 0x22}));
-    EXPECT_EQ((std::vector<uint8_t>{0x03, 11, 'E', 0x77, 0x77}), Reply(rig, 5));
-    EXPECT_EQ(5, rig.dev->CurIndex);
-}
-
-TEST(MergeReply, WholeRepliesAndNormalFormat) {
-    TouchRig rig;
-    LogCapture log;
-    // A continuation-looking fragment without a first fragment: copied whole.
-    EXPECT_EQ(6, Merge(rig, {0x03, 0x04, 0x00, 0x01, 0x02, 0x03}));
-    EXPECT_TRUE(log.Has("Normal format"));
-    EXPECT_EQ((std::vector<uint8_t>{0x03, 0x04, 0x00, 0x01, 0x02, 0x03}), Reply(rig, 6));
-    // Short reply of another command.
-    EXPECT_EQ(4, Merge(rig, {0x03, 0x02, 0x55, 0x01}));
-    // L above 4: copied whole whatever the command.
-    std::vector<uint8_t> long_reply(64, 0x5A);
+// Packets fed in turn: every one but the last returns 0 (merge in progress); the last
+// gives the result, the start of the reply buffer and whether a merge is still open.
+TEST(MergeReply, Sequences) {
+    const Bytes startE = {0x03, 0x04, 'E', 10, 0xD0, 0xD1};  // a reply of 13 bytes
+    Bytes long_reply(64, 0x5A);
     long_reply[0] = 0x03;
     long_reply[1] = 0x3E;
     long_reply[2] = 'E';
-    EXPECT_EQ(64, Merge(rig, long_reply));
-    EXPECT_EQ(long_reply, Reply(rig, 64));
-    ExpectIdle(rig);
-    // Serial reply: copied whole.
-    EXPECT_EQ(5, Merge(rig, {0x0A, 0x03, 0x41, 0x42, 0x43}));
-    EXPECT_EQ((std::vector<uint8_t>{0x0A, 0x03, 0x41, 0x42, 0x43}), Reply(rig, 5));
-}
-
-TEST(MergeReply, SerialReportInToolForm) {
-    TouchRig rig;
-    memset(rig.dev->CmdReplyBuf, 0xCC, sizeof(rig.dev->CmdReplyBuf));
-    EXPECT_EQ(64, Merge(rig, {0x81, 0x0F, 0x7F, 0x05, 0x90}));
-    std::vector<uint8_t> want(64, 0);
-    want[0] = 0x0A;
-    want[1] = 0x83;  // 0x81 + 2
-    want[2] = 0xFE;  // 2 x 0x7F, low 8 bits
-    want[3] = 0x0F;
-    want[4] = 0x20;  // 2 x 0x90 = 0x120, low 8 bits
-    want[5] = 0x05;
-    EXPECT_EQ(want, Reply(rig, 64));
-    EXPECT_EQ(0xCC, rig.dev->CmdReplyBuf[64]);  // nothing written past the 64 bytes
-    EXPECT_EQ(64, Merge(rig, {0x80, 0, 0, 0, 0}));
-    EXPECT_EQ(0x82, rig.dev->CmdReplyBuf[1]);
-    EXPECT_EQ(-1, Merge(rig, {0x81, 0x0F, 0x7F, 0x05}));  // too short for the form
-}
-
-// Every rule that resets a merge in progress, and the one that leaves it alone.
-TEST(MergeReply, ResetRules) {
+    const uint8_t C = 0xCC;  // the buffer's bytes before the test
+    // n = 125: a reply of exactly 128 bytes; then 1-byte fragments up to 126, and a 3-byte
+    // one that would end at 129.
+    std::vector<Bytes> exact = {{0x03, 0x04, 'E', 125, 1, 2}};
+    for (int i = 0; i < 41; ++i)
+        exact.push_back({0x03, 0x04, 0x00, static_cast<uint8_t>(i), 0xAB, 0xCD});
+    std::vector<Bytes> past = {{0x03, 0x04, 'E', 125, 1, 2}};
+    for (int i = 0; i < 121; ++i) past.push_back({0x03, 0x02, 0x00, 0x44});
+    past.push_back({0x03, 0x04, 0x00, 0x91, 0x92, 0x93});
     struct Case {
         const char* what;
-        std::vector<uint8_t> packet;
+        bool pcap;
+        std::vector<Bytes> packets;
         int result;
-        bool idle_after;
+        Bytes reply;
+        bool merging;
     };
+    // clang-format off
     const Case cases[] = {
-        {"unknown header: -1, merge untouched", {0x55, 0x04, 0x00, 1, 2, 3}, -1, false},
-        {"serial reply resets", {0x0A, 0x02, 0x41, 0x42}, 4, true},
-        {"serial report 0x80 resets", {0x80, 1, 2, 3, 4}, 64, true},
-        {"serial report 0x81 resets", {0x81, 1, 2, 3, 4}, 64, true},
-        {"L above 4 resets", {0x03, 0x05, 0x00, 1, 2, 3, 4}, 7, true},
-        {"unexpected command resets", {0x03, 0x04, 0x31, 1, 2, 3}, -1, true},
-        {"fragment without data (L 0) resets", {0x03, 0x00, 0x00}, -1, true},
-        {"fragment shorter than its L resets", {0x03, 0x04, 0x00, 1}, -1, true},
+        {"'E' with n = 10 in four reads", false,
+         {{0x03, 0x04, 'E', 10, 0xA0, 0xA1, 0xFF, 0xFF}, {0x03, 0x04, 0x00, 0xB0, 0xB1, 0xB2, 0xEE},
+          {0x03, 0x04, 0x00, 0xB3, 0xB4, 0xB5}, {0x03, 0x04, 0x00, 0xB6, 0xB7, 0xB8}},
+         13, {0x03, 11, 'E', 0xA0, 0xA1, 0xB0, 0xB1, 0xB2, 0xB3, 0xB4, 0xB5, 0xB6, 0xB7}, false},
+        {"'D' with n = 2: complete at once", false, {{0x03, 0x04, 'D', 2, 0x11, 0x22}}, 5, {0x03, 3, 'D', 0x11, 0x22}, false},
+        {"'F' with n = 2: complete at once", false, {{0x03, 0x04, 'F', 2, 0x11, 0x22}}, 5, {0x03, 3, 'F', 0x11, 0x22}, false},
+        {"first fragment with L 2: L + 1 header bytes", false, {{0x03, 0x02, 'E', 10, 0x11, 0x22}}, 0, {0x03, 11, 'E', C, C}, true},
+        {"continuation without a first fragment: whole", false, {{0x03, 0x04, 0x00, 1, 2, 3}}, 6, {0x03, 0x04, 0x00, 1, 2, 3}, false},
+        {"short reply of another command", false, {{0x03, 0x02, 0x55, 0x01}}, 4, {0x03, 0x02, 0x55, 0x01}, false},
+        {"L above 4: whole whatever the command", false, {long_reply}, 64, long_reply, false},
+        {"serial reply: whole", false, {{0x0A, 0x03, 0x41, 0x42, 0x43}}, 5, {0x0A, 0x03, 0x41, 0x42, 0x43}, false},
+        // Serial reports in the tool's form: 64 bytes, Y doubled, byte 1 = id + 2.
+        {"serial report 0x81 in tool form", false, {{0x81, 0x0F, 0x7F, 0x05, 0x90}}, 64,
+         {0x0A, 0x83, 0xFE, 0x0F, 0x20, 0x05, 0, 0}, false},
+        {"serial report 0x80 in tool form", false, {{0x80, 0, 0, 0, 0}}, 64, {0x0A, 0x82}, false},
+        {"serial report too short for the form", false, {{0x81, 0x0F, 0x7F, 0x05}}, -1, {C, C}, false},
+        // Every rule that resets a merge in progress, and the one that leaves it alone.
+        {"unknown header: merge untouched", false, {startE, {0x55, 0x04, 0x00, 1, 2, 3}}, -1, {}, true},
+        {"serial reply resets", false, {startE, {0x0A, 0x02, 0x41, 0x42}}, 4, {}, false},
+        {"serial report 0x80 resets", false, {startE, {0x80, 1, 2, 3, 4}}, 64, {}, false},
+        {"serial report 0x81 resets", false, {startE, {0x81, 1, 2, 3, 4}}, 64, {}, false},
+        {"L above 4 resets", false, {startE, {0x03, 0x05, 0x00, 1, 2, 3, 4}}, 7, {}, false},
+        {"unexpected command resets", false, {startE, {0x03, 0x04, 0x31, 1, 2, 3}}, -1, {}, false},
+        {"fragment without data resets", false, {startE, {0x03, 0x00, 0x00}}, -1, {}, false},
+        {"fragment shorter than its L resets", false, {startE, {0x03, 0x04, 0x00, 1}}, -1, {}, false},
+        {"the capacitive family never merges", true, {startE}, 6, startE, false},
+        // Replies announcing more than the 128-byte buffer are refused.
+        {"n = 126", false, {{0x03, 0x04, 'E', 126, 1, 2}}, -1, {}, false},
+        {"n = 255", false, {{0x03, 0x04, 'E', 255, 1, 2}}, -1, {}, false},
+        {"whole packet above 128 bytes", false, {Bytes(200, 0x0A)}, -1, {}, false},
+        {"a reply of exactly 128 bytes", false, exact, 128, {0x03, 126, 'E', 1, 2, 0, 0xAB, 0xCD}, false},
+        {"a fragment past the 128 bytes", false, past, -1, {}, false},
     };
+    // clang-format on
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
         TouchRig rig;
-        StartE(rig, 10);
-        EXPECT_EQ(c.result, Merge(rig, c.packet));
-        if (c.idle_after) {
-            ExpectIdle(rig);
-        } else {
-            EXPECT_EQ(5, rig.dev->CurIndex);
-            EXPECT_EQ(13, rig.dev->RealLen);
+        memset(rig.dev->CmdReplyBuf, C, sizeof(rig.dev->CmdReplyBuf));
+        rig.dev->bPCAP = c.pcap;
+        for (size_t i = 0; i + 1 < c.packets.size(); ++i) EXPECT_EQ(0, Merge(rig, c.packets[i]));
+        EXPECT_EQ(c.result, Merge(rig, c.packets.back()));
+        EXPECT_EQ(c.reply, Reply(rig, c.reply.size()));
+        if (c.merging) {
             EXPECT_EQ(1, rig.dev->bMerging);
+        } else {
+            ExpectIdle(rig);
         }
     }
-    // A controller of the capacitive family never merges.
-    TouchRig pcap;
-    StartE(pcap, 10);
-    pcap.dev->bPCAP = 1;
-    EXPECT_EQ(6, Merge(pcap, {0x03, 0x04, 0x00, 1, 2, 3}));
-    ExpectIdle(pcap);
-    EXPECT_EQ(6, Merge(pcap, {0x03, 0x04, 'E', 10, 1, 2}));
-    ExpectIdle(pcap);
-}
-
-// Replies announcing more than the 128-byte buffer, and fragments that would run past it,
-// are refused with the merge reset; nothing is written past the buffer.
-TEST(MergeReply, ReplyBufferBound) {
-    TouchRig rig;
-    LogCapture log;
-    for (int n : {126, 200, 255}) {
-        SCOPED_TRACE(n);
-        EXPECT_EQ(-1, Merge(rig, {0x03, 0x04, 'E', static_cast<uint8_t>(n), 1, 2}));
-        ExpectIdle(rig);
-        // The fragments that follow are then plain replies again.
-        EXPECT_EQ(6, Merge(rig, {0x03, 0x04, 0x00, 1, 2, 3}));
-    }
-    EXPECT_TRUE(log.Has("exceeds the reply buffer"));
-
-    // n = 125: a reply of exactly 128 bytes is accepted and delivered.
-    EXPECT_EQ(0, Merge(rig, {0x03, 0x04, 'E', 125, 1, 2}));
-    int result = 0;
-    for (int i = 0; i < 41 && result == 0; ++i) {
-        result = Merge(rig, {0x03, 0x04, 0x00, static_cast<uint8_t>(i), 0xAB, 0xCD});
-    }
-    EXPECT_EQ(128, result);
-    EXPECT_EQ(0xCD, rig.dev->CmdReplyBuf[127]);
-
-    // n = 125 again, walked with 1-byte fragments to 126, then a 3-byte one would end at
-    // 129: refused.
-    EXPECT_EQ(0, Merge(rig, {0x03, 0x04, 'E', 125, 1, 2}));
-    for (int i = 0; i < 121; ++i) ASSERT_EQ(0, Merge(rig, {0x03, 0x02, 0x00, 0x44}));
-    EXPECT_EQ(126, rig.dev->CurIndex);
-    EXPECT_EQ(-1, Merge(rig, {0x03, 0x04, 0x00, 0x91, 0x92, 0x93}));
-    ExpectIdle(rig);
-
-    // Whole packets larger than the buffer are refused too.
-    std::vector<uint8_t> huge(200, 0x0A);
-    EXPECT_EQ(-1, Merge(rig, huge));
-    EXPECT_EQ(-1, MergeCommandPacket(rig.dev.get(), huge.data(), 0));
 }
 
 TEST(ParseCmdReply, RoutingToHooksAndTool) {
@@ -196,42 +120,38 @@ TEST(ParseCmdReply, RoutingToHooksAndTool) {
     ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, pipe_fds));
     rig.dev->m_fdPipeOut.reset(pipe_fds[0]);
     UniqueFd tool(pipe_fds[1]);
-    auto tool_bytes = [&tool]() {
-        uint8_t buffer[256];
-        ssize_t n = recv(tool.get(), buffer, sizeof(buffer), MSG_DONTWAIT);
-        return std::vector<uint8_t>(buffer, buffer + (n > 0 ? n : 0));
-    };
-    auto parse = [&rig](const std::vector<uint8_t>& bytes) {
-        ParseCmdPacket(rig.dev.get(), bytes.data(), static_cast<int>(bytes.size()));
-    };
-
-    // No hook: the reply goes to the tool, exactly its length.
     rig.dev->SigHookCmd = 0x99;
-    rig.dev->SelfHookCmd = 0x99;
-    parse({0x03, 0x03, 0x41, 0x01, 0x02});
-    EXPECT_EQ((std::vector<uint8_t>{0x03, 0x03, 0x41, 0x01, 0x02}), tool_bytes());
-
-    // Self hook with a sub-command, then with "any".
-    rig.dev->SelfHookCmd = 0x41;
-    rig.dev->SelfHookSubCmd = 0x02;
-    parse({0x03, 0x03, 0x41, 0x01, 0x02});  // wrong sub-command: tool
-    EXPECT_EQ(0, rig.dev->bSelfHookReplied.load());
-    EXPECT_EQ(5u, tool_bytes().size());
-    parse({0x03, 0x03, 0x41, 0x02, 0x02});
-    EXPECT_EQ(1, rig.dev->bSelfHookReplied.load());
-    EXPECT_TRUE(tool_bytes().empty());
-    rig.dev->bSelfHookReplied = 0;
-    rig.dev->SelfHookSubCmd = kAnySubCmd;
-    parse({0x0A, 0x03, 0x41, 0x7E, 0x00});
-    EXPECT_EQ(1, rig.dev->bSelfHookReplied.load());
-    EXPECT_TRUE(tool_bytes().empty());
-
+    struct Step {
+        uint8_t hook;
+        uint16_t sub;
+        Bytes reply;
+        bool hooked;  // else the tool gets the reply, exactly its length
+    };
+    const Step steps[] = {
+        {0x99, 0x02, {0x03, 0x03, 0x41, 0x01, 0x02}, false},  // no hook
+        {0x41, 0x02, {0x03, 0x03, 0x41, 0x01, 0x02}, false},  // wrong sub-command
+        {0x41, 0x02, {0x03, 0x03, 0x41, 0x02, 0x02}, true},
+        {0x41, kAnySubCmd, {0x0A, 0x03, 0x41, 0x7E, 0x00}, true},
+    };
+    for (const Step& s : steps) {
+        SCOPED_TRACE(testing::PrintToString(s.reply));
+        rig.dev->SelfHookCmd = s.hook;
+        rig.dev->SelfHookSubCmd = s.sub;
+        rig.dev->bSelfHookReplied = 0;
+        ParseCmdPacket(rig.dev.get(), s.reply.data(), static_cast<int>(s.reply.size()));
+        EXPECT_EQ(s.hooked ? 1 : 0, rig.dev->bSelfHookReplied.load());
+        uint8_t buffer[256];
+        const ssize_t n = recv(tool.get(), buffer, sizeof(buffer), MSG_DONTWAIT);
+        EXPECT_EQ(s.hooked ? Bytes{} : s.reply, Bytes(buffer, buffer + (n > 0 ? n : 0)));
+    }
     // An incomplete merge routes nothing.
-    rig.dev->bSelfHookReplied = 0;
     rig.dev->SelfHookCmd = 'E';
-    parse({0x03, 0x04, 'E', 10, 1, 2});
+    rig.dev->bSelfHookReplied = 0;
+    const Bytes first = {0x03, 0x04, 'E', 10, 1, 2};
+    ParseCmdPacket(rig.dev.get(), first.data(), static_cast<int>(first.size()));
     EXPECT_EQ(0, rig.dev->bSelfHookReplied.load());
-    EXPECT_TRUE(tool_bytes().empty());
+    uint8_t buffer[16];
+    EXPECT_EQ(-1, recv(tool.get(), buffer, sizeof(buffer), MSG_DONTWAIT));
 }
 
 // A reply matching both hooks wakes the blocked sender only.
@@ -250,40 +170,112 @@ TEST(ParseCmdReply, SignalHookWinsOverSelfHook) {
         if (waiters > 0) break;
         usleep(1000);
     }
-    const std::vector<uint8_t> reply = {0x03, 0x03, 0x41, 0x01, 0x5A};
+    const Bytes reply = {0x03, 0x03, 0x41, 0x01, 0x5A};
     ParseCmdPacket(rig.dev.get(), reply.data(), static_cast<int>(reply.size()));
     sender.join();
     EXPECT_EQ(0, wait_result);
     EXPECT_EQ(0, rig.dev->bSelfHookReplied.load());
-    EXPECT_EQ(reply, std::vector<uint8_t>(rig.dev->SigReplyBuf, rig.dev->SigReplyBuf + 5));
+    EXPECT_EQ(reply, Bytes(rig.dev->SigReplyBuf, rig.dev->SigReplyBuf + 5));
 }
 
-// Key reports are handed to the virtual keys and then routed like any reply.
-TEST(ParseCmdReply, VirtualKeyReportsAreRecognisedPerSeries) {
+// "VKEY_<n>" values: key names, hexadecimal or decimal codes; anything else leaves the
+// key unmapped, and a later line replaces an earlier one (an unparsable one unmaps it).
+TEST(VKeyIni, KeysAndValues) {
     struct Case {
-        int series;
-        std::vector<uint8_t> reply;
-        bool is_key;
+        const char* key;
+        const char* value;
+        int index;  // -1: nothing may change
+        int code;
+        const char* earlier = nullptr;  // a value given to the same key before
     };
     const Case cases[] = {
-        {0, {0x03, 0x04, 0x36, 0x2F, 0x01, 0x02}, true},
-        {0, {0x03, 0x04, 0x2F, 0x01, 0x02, 0x00}, false},
-        {22, {0x03, 0x04, 0x2F, 0x01, 0x02, 0x00}, true},
-        {22, {0x03, 0x04, 0x36, 0x2F, 0x01, 0x02}, false},
+        {"VKEY_0", "BACK", 0, 158},
+        {"VKEY_4", "0x9e", 4, 158},
+        {"VKEY_5", "0x2FF", 5, 0x2FF},
+        {"VKEY_6", "114", 6, 114},
+        {"VKEY_7", "home", 7, -1},   // names are case-sensitive
+        {"VKEY_8", "0x", 8, -1},     // no digits
+        {"VKEY_9", "12abc", 9, 12},  // the leading number
+        {"VKEY_9", "abc", 9, -1},
+        {"VKEY_9", "", 9, -1},
+        {"VKEY_9", "0x300", 9, -1},  // beyond the kernel's key codes
+        {"VKEY_9", "-5", 9, -1},
+        {"VKEY_9", "99999999999999999999", 9, -1},
+        {"VKEY_9", nullptr, 9, -1},
+        {"VKEY_10", "BACK", -1, 0},  // index outside 0-9
+        {"VKEY_-1", "BACK", -1, 0},
+        {"VKEY_x", "BACK", -1, 0},
+        {"VKEY_", "BACK", -1, 0},
+        {"KEY_1", "BACK", -1, 0},
+        {"VKEY_3", "0x9e", 3, 158, "HOME"},
+        {"VKEY_3", "junk", 3, -1, "HOME"},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.series);
+        SCOPED_TRACE(testing::Message() << c.key << "=" << (c.value ? c.value : "(none)"));
+        TouchRig rig;
+        if (c.earlier) ParseVKEYini(rig.dev.get(), c.key, c.earlier);
+        ParseVKEYini(rig.dev.get(), c.key, c.value);
+        for (int i = 0; i < kVKeyCount; ++i) {
+            EXPECT_EQ(i == c.index ? c.code : -1, rig.dev->VKeyCode[i]) << "index " << i;
+        }
+    }
+}
+
+// Key reports (state, index), read as replies, counted against VKEYReportMod: a press at
+// every mod-th report of a held key, a release only after a press; a release clears every
+// count. Series 22 has a form of its own and knows no other.
+TEST(VKeyReport, ReportSequences) {
+    const auto press = [](int code) {
+        return std::vector<Ev>{Key(static_cast<uint16_t>(code), 1), Syn()};
+    };
+    const auto release = [](int code) {
+        return std::vector<Ev>{Key(static_cast<uint16_t>(code), 0), Syn()};
+    };
+    struct Step {
+        int state, index;
+        std::vector<Ev> want;
+    };
+    struct Case {
+        const char* what;
+        int series;
+        bool form22;
+        int modulus;
+        std::vector<Step> steps;
+    };
+    // clang-format off
+    const Case cases[] = {
+        {"modulus 1: every report counts", 0, false, 1,
+         {{1, 2, press(KEY_BACK)}, {1, 2, press(KEY_BACK)}, {0, 2, release(KEY_BACK)}, {0, 2, {}}}},
+        {"modulus 3: short taps filtered, auto-repeat, counts cleared on release", 0, false, 3,
+         {{1, 1, {}}, {1, 1, {}}, {0, 1, {}}, {1, 1, press(KEY_HOME)}, {1, 1, {}}, {1, 1, {}},
+          {1, 1, press(KEY_HOME)}, {1, 4, {}}, {0, 1, release(KEY_HOME)},
+          {1, 4, {}}, {1, 4, {}}, {1, 4, press(KEY_MENU)}}},
+        {"modulus 0 counts as 1", 0, false, 0, {{1, 0, press(KEY_SEARCH)}, {0, 0, release(KEY_SEARCH)}}},
+        {"modulus -3 counts as 1", 0, false, -3, {{1, 0, press(KEY_SEARCH)}, {0, 0, release(KEY_SEARCH)}}},
+        {"unmapped and out-of-range keys", 0, false, 1,
+         {{1, 12, {}}, {1, 255, {}}, {1, 10, {}}, {1, 3, {}}, {1, 9, press(KEY_BACK)}}},
+        {"series 22 form", 22, true, 1, {{1, 5, press(KEY_MENU)}, {0, 5, release(KEY_MENU)}}},
+        {"series 22 form on another series: no key", 0, true, 1, {{1, 5, {}}}},
+        {"common form on series 22: no key", 22, false, 1, {{1, 5, {}}}},
+    };
+    // clang-format on
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
         TouchRig rig;
         rig.dev->Series = c.series;
-        rig.dev->VKeyCode[2] = KEY_HOME;
-        rig.dev->SelfHookCmd = c.reply[2];
-        rig.dev->SelfHookSubCmd = kAnySubCmd;
-        ParseCmdPacket(rig.dev.get(), c.reply.data(), static_cast<int>(c.reply.size()));
-        if (c.is_key) {
-            EXPECT_EQ((std::vector<Ev>{Key(KEY_HOME, 1), Syn()}), rig.TouchEvents());
-        } else {
-            EXPECT_TRUE(rig.TouchEvents().empty());
+        rig.dev->Param.VKEYReportMod = c.modulus;
+        const int codes[kVKeyCount] = {KEY_SEARCH, KEY_HOME, KEY_BACK, -1, KEY_MENU,
+                                       KEY_MENU,   -1,       -1,       -1, KEY_BACK};
+        for (int i = 0; i < kVKeyCount; ++i) rig.dev->VKeyCode[i] = codes[i];
+        for (size_t i = 0; i < c.steps.size(); ++i) {
+            SCOPED_TRACE(i);
+            const uint8_t state = static_cast<uint8_t>(c.steps[i].state);
+            const uint8_t index = static_cast<uint8_t>(c.steps[i].index);
+            // Common form: byte 4 bit 0 state, byte 5 index; series 22: bytes 3 and 4.
+            const uint8_t common[6] = {0x03, 0x04, 0x36, 0x2F, state, index};
+            const uint8_t s22[6] = {0x03, 0x04, 0x2F, state, index, 0x00};
+            ParseCmdPacket(rig.dev.get(), c.form22 ? s22 : common, 6);
+            EXPECT_EQ(c.steps[i].want, rig.TouchEvents());
         }
-        EXPECT_EQ(1, rig.dev->bSelfHookReplied.load());  // routing went on
     }
 }

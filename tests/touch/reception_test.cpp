@@ -1,6 +1,8 @@
-// The reception step over a datagram socketpair standing in for the port: nothing to read,
-// one report, the USB splitter's classification, and the unplug path (run in a child
-// process with its own process group, since it signals the whole group).
+// Reception: the step over a datagram socketpair standing in for the port (nothing to
+// read, one report, and the unplug path, run in a child process with its own process
+// group since it signals the whole group), and the splitters that turn the bytes of a read
+// into point reports (seen as touch events: slot protocol, neutral settings) and command
+// replies (seen through the self hook and the reply buffer).
 #include "touch/reception.h"
 
 #include <gtest/gtest.h>
@@ -13,6 +15,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <functional>
 #include <string>
 #include <vector>
@@ -25,62 +28,24 @@ using namespace touchtest;
 
 namespace {
 
-void MakePort(TouchRig& rig, UniqueFd* controller) {
-    int fds[2];
-    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, fds));
-    rig.dev->m_Port_fd.reset(fds[0]);
-    controller->reset(fds[1]);
+using Bytes = std::vector<uint8_t>;
+
+std::vector<Ev> Frame(int id, int x, int y) {
+    std::vector<Ev> want;
+    AddSlotDown(&want, id, x, y);
+    want.push_back(Syn());
+    return want;
 }
 
-void Usb(TouchRig& rig, const std::vector<uint8_t>& bytes) {
-    ParseUsbPacket(rig.dev.get(), bytes.data(), static_cast<int>(bytes.size()));
+std::vector<Ev> Concat(std::vector<Ev> a, const std::vector<Ev>& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
 }
 
 volatile sig_atomic_t g_usr2_count = 0;
 void CountUsr2(int) {
     g_usr2_count = g_usr2_count + 1;
 }
-
-}  // namespace
-
-TEST(ReceiveStep, ReadsOneReportAndTreatsNothingReadyAsNoData) {
-    VersionGuard version(9);
-    TouchRig rig;
-    UniqueFd controller;
-    MakePort(rig, &controller);
-    rig.dev->bThreadRunning = 1;
-
-    EXPECT_EQ(0, DevReceiveStep(rig.dev.get()));  // EAGAIN: not an unplug
-    EXPECT_EQ(1, rig.dev->bThreadRunning.load());
-
-    // A hidraw read of a 65-byte report with a leading 0x00.
-    std::vector<uint8_t> report(65, 0);
-    report[1] = 0x01;
-    report[2] = 0x05;
-    report[3] = 0x34;
-    report[4] = 0x12;
-    report[5] = 0x78;
-    report[6] = 0x06;
-    ASSERT_EQ(65, send(controller.get(), report.data(), report.size(), 0));
-    EXPECT_EQ(0, DevReceiveStep(rig.dev.get()));
-    std::vector<Ev> want;
-    AddSlotDown(&want, 1, 0x1234, 0x0678);
-    want.push_back(Syn());
-    EXPECT_EQ(want, rig.TouchEvents());
-
-    // An oversized datagram is cut at 65 bytes and still parsed.
-    std::vector<uint8_t> big(200, 0xEE);
-    big[0] = 0x01;
-    big[1] = 0x04;  // lift of contact 1
-    ASSERT_EQ(200, send(controller.get(), big.data(), big.size(), 0));
-    EXPECT_EQ(0, DevReceiveStep(rig.dev.get()));
-    want.clear();
-    AddSlotUp(&want, 1);
-    want.push_back(Syn());
-    EXPECT_EQ(want, rig.TouchEvents());
-}
-
-namespace {
 
 // Runs one reception step on a port whose controller has gone, in a child with its own
 // process group (the step signals the whole group). prepare runs first in the child.
@@ -121,10 +86,6 @@ int RunEmptyReadInChild(
     return WEXITSTATUS(status);
 }
 
-void TouchFile(const std::string& path) {
-    UniqueFd fd(OpenCloexec(path.c_str(), O_WRONLY | O_CREAT, 0600));
-}
-
 // In the child: a private mount namespace with an empty tmpfs on /dev, holding what make
 // puts there, so the test never touches the host's /dev.
 bool PrivateDev(const std::function<bool()>& make) {
@@ -135,22 +96,62 @@ bool PrivateDev(const std::function<bool()>& make) {
 
 }  // namespace
 
+TEST(ReceiveStep, ReadsOneReportAndTreatsNothingReadyAsNoData) {
+    VersionGuard version(9);
+    TouchRig rig;
+    int fds[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, fds));
+    rig.dev->m_Port_fd.reset(fds[0]);
+    UniqueFd controller(fds[1]);
+    rig.dev->bThreadRunning = 1;
+    EXPECT_EQ(0, DevReceiveStep(rig.dev.get()));  // EAGAIN: not an unplug
+    EXPECT_EQ(1, rig.dev->bThreadRunning.load());
+
+    // A hidraw read of a 65-byte report with a leading 0x00, then a datagram of 200 bytes
+    // (cut at 65 and still parsed).
+    std::vector<uint8_t> report(65, 0);
+    const uint8_t touch[] = {0x01, 0x05, 0x34, 0x12, 0x78, 0x06};
+    std::copy(touch, touch + 6, report.begin() + 1);
+    std::vector<uint8_t> big(200, 0xEE);
+    big[0] = 0x01;
+    big[1] = 0x04;  // lift of contact 1
+    std::vector<Ev> want;
+    AddSlotDown(&want, 1, 0x1234, 0x0678);
+    want.push_back(Syn());
+    AddSlotUp(&want, 1);
+    want.push_back(Syn());
+    for (const auto& datagram : {report, big}) {
+        ASSERT_EQ(static_cast<ssize_t>(datagram.size()),
+                  send(controller.get(), datagram.data(), datagram.size(), 0));
+        EXPECT_EQ(0, DevReceiveStep(rig.dev.get()));
+    }
+    EXPECT_EQ(want, rig.TouchEvents());
+}
+
 // The unplug: result, stop request and SIGUSR2 whatever the path; the stale node is
-// deleted only when it is a device node under /dev, never a file elsewhere, a link or a
-// regular file that took a port's name.
+// deleted only when it is a device node under /dev, never a file elsewhere, a link, a
+// regular file that took a port's name, or a second file named in a path that is not one
+// plain word (a shell would delete it).
 TEST(ReceiveStep, EmptyReadIsAnUnplugAndRemovesOnlyADeviceNodeUnderDev) {
     char dir_pattern[] = "/tmp/touch_rx_XXXXXX";
     ASSERT_NE(nullptr, mkdtemp(dir_pattern));
-    const std::string outside = std::string(dir_pattern) + "/hidraw7";
-    TouchFile(outside);
-    EXPECT_EQ(0, RunEmptyReadInChild(outside, 0)) << "bits: 1 result, 2 running flag, 4 stop "
-                                                     "request, 8 SIGUSR2, 16 removal";
-    EXPECT_EQ(0, access(outside.c_str(), F_OK)) << "a file outside /dev must stay";
-    unlink(outside.c_str());
+    const std::string node = std::string(dir_pattern) + "/hidraw7";
+    const std::string victim = std::string(dir_pattern) + "/victim";
+    ASSERT_TRUE(coretest::WriteFile(node, "") && coretest::WriteFile(victim, ""));
+    for (const std::string& path : {node, node + " " + victim, node + ";rm${IFS}" + victim,
+                                    node + "|rm " + victim, node + "$(rm " + victim + ")"}) {
+        EXPECT_EQ(0, RunEmptyReadInChild(path)) << path
+                                                << ": bits 1 result, 2 running flag, "
+                                                   "4 stop request, 8 SIGUSR2";
+        EXPECT_EQ(0, access(victim.c_str(), F_OK)) << "removed through [" << path << "]";
+        EXPECT_EQ(0, access(node.c_str(), F_OK)) << "removed through [" << path << "]";
+    }
+    unlink(victim.c_str());
+    unlink(node.c_str());
     rmdir(dir_pattern);
 
     if (geteuid() != 0) GTEST_SKIP() << "a private /dev needs root";
-    const auto node = [](const char* path) {
+    const auto mknode = [](const char* path) {
         return mknod(path, S_IFCHR | 0600, makedev(1, 3)) == 0;
     };
     struct Case {
@@ -159,131 +160,111 @@ TEST(ReceiveStep, EmptyReadIsAnUnplugAndRemovesOnlyADeviceNodeUnderDev) {
         std::function<bool()> make;
     };
     const Case cases[] = {
-        {"/dev/hidraw7", 1, [&] { return node("/dev/hidraw7"); }},
+        {"/dev/hidraw7", 1, [&] { return mknode("/dev/hidraw7"); }},
         {"/dev/ttyTV0", 0,
-         [&] { return node("/dev/pts0") && symlink("/dev/pts0", "/dev/ttyTV0") == 0; }},
+         [&] { return mknode("/dev/pts0") && symlink("/dev/pts0", "/dev/ttyTV0") == 0; }},
         {"/dev/ttyS5", 0, [] { return coretest::WriteFile("/dev/ttyS5", "keep"); }},
         {"/dev/x/../hidraw7", 0,
-         [&] { return mkdir("/dev/x", 0755) == 0 && node("/dev/hidraw7"); }},
+         [&] { return mkdir("/dev/x", 0755) == 0 && mknode("/dev/hidraw7"); }},
     };
     for (const Case& c : cases) {
         EXPECT_EQ(0, RunEmptyReadInChild(c.port, c.removed, [&c] { return PrivateDev(c.make); }))
-            << c.port;
+            << c.port << ": bit 16 removal";
     }
 }
 
-// A port path that is not one plain word never reaches "rm": with a blank in it the shell
-// would delete a second file. The unplug itself goes on unchanged.
-TEST(ReceiveStep, EmptyReadDoesNotRemoveThroughAPathThatIsNotPlain) {
-    char dir_pattern[] = "/tmp/touch_rx_XXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(dir_pattern));
-    const std::string dir = dir_pattern;
-    const std::string node = dir + "/ttyS5";
-    const std::string victim = dir + "/victim";
-    TouchFile(node);
-    TouchFile(victim);
-    for (const std::string& path : {node + " " + victim, node + ";rm${IFS}" + victim,
-                                    node + "|rm " + victim, node + "$(rm " + victim + ")"}) {
-        EXPECT_EQ(0, RunEmptyReadInChild(path)) << path;
-        EXPECT_EQ(0, access(victim.c_str(), F_OK)) << "removed through [" << path << "]";
-        EXPECT_EQ(0, access(node.c_str(), F_OK)) << "removed through [" << path << "]";
-    }
-    unlink(victim.c_str());
-    unlink(node.c_str());
-    rmdir(dir_pattern);
-}
-
-// Which consumer a USB read goes to. A point report is seen as touch events, a reply
-// through the self hook on command 0x55.
-TEST(UsbSplit, ClassificationBySkipAndRawPointSettings) {
+// Which consumer the bytes of a read go to. Serial and PS/2 streams are fed in two reads
+// cut at every position and one byte per read, with the same outcome every time and
+// nothing left half-split; a USB read is one report.
+TEST(PortBytes, PointsAndRepliesWhateverTheReadBoundaries) {
     VersionGuard version(9);
     struct Case {
         const char* what;
+        uint8_t iface;
+        uint32_t baud;
         bool skip_first;
         uint8_t raw_points;
-        std::vector<uint8_t> bytes;
-        bool to_point;
-        bool to_reply;
+        bool to_tool;
+        uint8_t hook;
+        Bytes stream;
+        std::vector<Ev> touch;
+        Bytes reply;  // empty: the hook is not answered
     };
-    const std::vector<uint8_t> point = {0x03, 0x81, 0x10, 0x00, 0x20, 0x00};  // touching, id 0
-    const std::vector<uint8_t> reply = {0x03, 0x02, 0x55, 0x01};
-    const std::vector<uint8_t> serial_reply = {0x0A, 0x02, 0x55, 0x01};
-    const std::vector<uint8_t> report = {0x01, 0x01, 0x10, 0x00, 0x20, 0x00};
+    Bytes longest = {0x0A, 0xFF, 0x55};  // length byte 0xFF: 64 bytes, not 0xFF + 2 wrapped
+    for (int i = 3; i < 64; ++i) longest.push_back(static_cast<uint8_t>(i));
+    const uint8_t U = DEV_USB, R = DEV_RS232, P = DEV_PS2;
+    const std::vector<Ev> corner = Frame(0, 4094, 4094);
+    const Bytes point = {0x03, 0x81, 0x10, 0x00, 0x20, 0x00};  // as a raw point: touching, id 0
+    const Bytes reply = {0x03, 0x02, 0x55, 0x01};
+    const Bytes serial_reply = {0x0A, 0x02, 0x55, 0x01};
+    const Bytes report = {0x01, 0x01, 0x10, 0x00, 0x20, 0x00};
     // clang-format off
     const Case cases[] = {
-        // what                                      skip  raw  bytes         point  reply
-        {"0x03 reply",                               false, 0, reply,         false, true},
-        {"0x0A reply",                               false, 0, serial_reply,  false, true},
-        {"leading 0x00 dropped",                     false, 0, {0x00, 0x03, 0x02, 0x55, 0x01}, false, true},
-        {"SkipFirstByte drops any first byte",       true,  0, {0x7E, 0x03, 0x02, 0x55, 0x01}, false, true},
-        {"without skip the same read is no reply",   false, 0, {0x7E, 0x03, 0x02, 0x55, 0x01}, false, false},
-        {"point report",                             false, 0, report,        true,  false},
-        {"raw points: 0x03, byte 1 >= 0x80 a point", false, 1, point,         true,  false},
-        {"raw points: 0x03, byte 1 = 0x80 a point",  false, 1, {0x03, 0x80, 0x10, 0x00, 0x20, 0x00}, true, false},
-        {"raw points: 0x03, byte 1 < 0x80 a reply",  false, 1, reply,         false, true},
-        {"raw points: 0x0A is a reply",              false, 1, serial_reply,  false, true},
-        {"raw points: other ids are points",         false, 1, report,        true,  false},
-        {"without raw points 0x03 is a reply",       false, 0, point,         false, false},
-        {"raw points value 2 drops replies",         false, 2, serial_reply,  false, false},
-        {"raw points value 2 drops points",          false, 2, report,        false, false},
-        {"a lone 0x00 is nothing",                   false, 0, {0x00},        false, false},
+        {"0x03 reply", U, 0, false, 0, false, 0x55, reply, {}, reply},
+        {"0x0A reply", U, 0, false, 0, false, 0x55, serial_reply, {}, serial_reply},
+        {"leading 0x00 dropped", U, 0, false, 0, false, 0x55, {0x00, 0x03, 0x02, 0x55, 0x01}, {}, reply},
+        {"SkipFirstByte drops any first byte", U, 0, true, 0, false, 0x55, {0x7E, 0x03, 0x02, 0x55, 0x01}, {}, reply},
+        {"without skip the same read is no reply", U, 0, false, 0, false, 0x55, {0x7E, 0x03, 0x02, 0x55, 0x01}, {}, {}},
+        {"point report", U, 0, false, 0, false, 0x55, report, Frame(0, 16, 32), {}},
+        {"raw points: 0x03 with byte 1 from 0x80 is a point", U, 0, false, 1, false, 0x55, point, Frame(0, 16, 32), {}},
+        {"raw points: 0x03 with byte 1 below 0x80 is a reply", U, 0, false, 1, false, 0x55, reply, {}, reply},
+        {"raw points: 0x0A is a reply", U, 0, false, 1, false, 0x55, serial_reply, {}, serial_reply},
+        {"raw points: other ids are points", U, 0, false, 1, false, 0x55, report, Frame(0, 16, 32), {}},
+        {"without raw points 0x03 is a reply", U, 0, false, 0, false, 0x10, point, {}, point},
+        {"raw points value 2 drops replies", U, 0, false, 2, false, 0x55, serial_reply, {}, {}},
+        {"raw points value 2 drops points", U, 0, false, 2, false, 0x55, report, {}, {}},
+        {"noise, point, reply, point", R, 9600, false, 0, false, 0x55,
+         {0x33, 0x00, 0x81, 0x0F, 0x7F, 0x00, 0x00, 0x0A, 0x03, 0x55, 0x01, 0x02, 0x80, 0x00, 0x10, 0x00, 0x20},
+         Concat(corner, {Abs(ABS_MT_SLOT, 0), Abs(ABS_MT_TRACKING_ID, -1), Syn()}), {0x0A, 0x03, 0x55, 0x01, 0x02}},
+        {"PS/2 acknowledge bytes vanish everywhere", P, 9600, false, 0, false, 0x55,
+         {0xFA, 0x81, 0xFA, 0x0F, 0x7F, 0xFA, 0x00, 0x00, 0xFA, 0x0A, 0xFA, 0x03, 0x55, 0xFA, 0x01, 0x02, 0xFA},
+         corner, {0x0A, 0x03, 0x55, 0x01, 0x02}},
+        {"RS232 at 9600: 5-byte points", R, 9600, false, 0, false, 0x55,
+         {0xA1, 0x00, 0x10, 0x00, 0x20, 0x81, 0x0F, 0x7F, 0x00, 0x00}, Concat(Frame(0, 32, 4030), corner), {}},
+        {"PS/2 at 115200: 5-byte points", P, 115200, false, 0, false, 0x55,
+         {0xA1, 0x00, 0x10, 0x00, 0x20, 0x81, 0x0F, 0x7F, 0x00, 0x00}, Concat(Frame(0, 32, 4030), corner), {}},
+        {"RS232 at 115200: 6-byte points", R, 115200, false, 0, false, 0x55,
+         {0xA1, 0x00, 0x10, 0x00, 0x20, 'B'}, Frame(1, 32, 4030), {}},
+        {"RS232 at an unknown speed: 6-byte points", R, 0, false, 0, false, 0x55,
+         {0xA1, 0x00, 0x10, 0x00, 0x20, 'B'}, Frame(1, 32, 4030), {}},
+        {"length byte 0xFF", R, 9600, false, 0, false, 0x55, longest, {}, longest},
+        {"length byte 0: two bytes, the next packet cut cleanly", R, 9600, false, 0, false, 0x55,
+         {0x0A, 0x00, 0x0A, 0x02, 0x55, 0x09}, {}, {0x0A, 0x02, 0x55, 0x09}},
+        {"reports switched to the tool go as 64-byte replies", R, 9600, false, 0, true, 0xFE,
+         {0x81, 0x0F, 0x7F, 0x05, 0x10}, {}, {0x0A, 0x83, 0xFE, 0x0F, 0x20, 0x05}},
+        {"unknown interface: dropped", DEV_UNKNOWN, 9600, false, 0, false, 0x55,
+         {0x81, 0x0F, 0x7F, 0x00, 0x00, 0x0A, 0x02, 0x55, 0x09}, {}, {}},
     };
     // clang-format on
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
-        TouchRig rig;
-        rig.settings.SkipFirstByte = c.skip_first;
-        rig.dev->SendRawPoints = c.raw_points;
-        rig.dev->SelfHookCmd = 0x55;
-        rig.dev->SelfHookSubCmd = kAnySubCmd;
-        rig.dev->SigHookCmd = 0x99;
-        Usb(rig, c.bytes);
-        EXPECT_EQ(c.to_point, !rig.TouchEvents().empty());
-        EXPECT_EQ(c.to_reply ? 1 : 0, rig.dev->bSelfHookReplied.load());
-    }
-}
-
-// Random reads of every length through the USB and serial paths, over the series that
-// change the layouts: nothing is read or written out of bounds (run under the sanitizers),
-// nothing stalls, and a valid report is served afterwards.
-TEST(UsbSplit, HostileReadsKeepTheDeviceServing) {
-    VersionGuard version(9);
-    uint32_t seed = 2024;
-    auto next = [&seed]() {
-        seed = seed * 1103515245u + 12345u;
-        return static_cast<uint8_t>(seed >> 16);
-    };
-    for (uint8_t iface : {DEV_USB, DEV_RS232, DEV_PS2}) {
-        for (int series : {0, 8, 11, 21, 22}) {
-            TouchRig rig(iface);
-            rig.dev->Series = series;
-            rig.dev->Param.SupportPoints = static_cast<uint8_t>(series == 22 ? 255 : 10);
-            rig.dev->MouseResShift = -1;
-            rig.dev->ParallelResShift = 0;
-            rig.dev->MTouchResShift = 127;
-            rig.dev->SigHookCmd = 0x100;  // no reply byte matches: no wake attempts to wait on
-            for (int read = 0; read < 300; ++read) {
-                uint8_t bytes[kPortReadMax];
-                const int count = 1 + next() % kPortReadMax;
-                for (int i = 0; i < count; ++i) bytes[i] = next();
-                // Bias towards the ids that have a layout.
-                static const uint8_t kIds[] = {0x01, 0x02, 0x03, 0x04, 0x06, 0x17, 0x0A, 0x81};
-                if (read % 2 == 0) bytes[0] = kIds[next() % 8];
-                DispatchPortBytes(rig.dev.get(), bytes, count);
-                ASSERT_LE(rig.dev->CurIndex, kCmdBufSize);
-                ASSERT_LE(rig.dev->SerialIndex, kSerialBufSize);
-                (void)rig.TouchEvents();
-                (void)rig.PenEvents();
+        const size_t n = c.stream.size();
+        for (size_t cut = (c.iface == DEV_USB ? n : 0); cut <= n + 1; ++cut) {
+            if (c.iface == DEV_USB && cut > n) break;
+            SCOPED_TRACE(cut > n ? "one byte per read" : std::to_string(cut));
+            TouchRig rig(c.iface);
+            rig.settings.SkipFirstByte = c.skip_first;
+            rig.dev->SendRawPoints = c.raw_points;
+            rig.dev->BaudRate = c.baud;
+            rig.dev->bPointsToTool = c.to_tool;
+            rig.dev->SelfHookCmd = c.hook;
+            rig.dev->SelfHookSubCmd = kAnySubCmd;
+            rig.dev->SigHookCmd = 0x99;
+            if (cut > n) {
+                for (size_t i = 0; i < n; ++i) DispatchPortBytes(rig.dev.get(), &c.stream[i], 1);
+            } else {
+                DispatchPortBytes(rig.dev.get(), c.stream.data(), static_cast<int>(cut));
+                DispatchPortBytes(rig.dev.get(), c.stream.data() + cut, static_cast<int>(n - cut));
             }
-            if (iface != DEV_USB) continue;
-            // A fresh contact on a free slot is still served.
-            rig.dev->TotalPtsCnt = 0;
-            rig.dev->CurContacts[9].State = -1;
-            const uint8_t report[] = {0x06, 1, 0x01, 9, 0x10, 0x00, 0x20, 0x00, 0, 0, 0, 0};
-            DispatchPortBytes(rig.dev.get(), report, sizeof(report));
-            std::vector<Ev> events = rig.TouchEvents();
-            ASSERT_FALSE(events.empty());
-            EXPECT_EQ(Syn(), events.back());
+            EXPECT_EQ(c.touch, rig.TouchEvents());
+            EXPECT_EQ(c.reply.empty() ? 0 : 1, rig.dev->bSelfHookReplied.load());
+            if (!c.reply.empty()) {
+                EXPECT_EQ(c.reply,
+                          Bytes(rig.dev->CmdReplyBuf, rig.dev->CmdReplyBuf + c.reply.size()));
+            }
+            EXPECT_EQ(0, rig.dev->bCmdPacket);
+            EXPECT_EQ(0, rig.dev->bPointPacket);
+            EXPECT_EQ(0, rig.dev->SerialIndex);
         }
     }
 }
