@@ -1,5 +1,6 @@
 // Identification commands against a scripted controller: reply acceptance, the copy
-// limits of the texts, the firmware kind and the EEPROM word.
+// limits of the texts and the EEPROM word. The firmware kind is checked through the set-up
+// (setup_test.cpp) and the silent port (self_recv_test.cpp).
 #include "device/identification.h"
 
 #include <gtest/gtest.h>
@@ -113,21 +114,12 @@ TEST_F(IdentificationTest, ControllerTypeAndInfo) {
         {0x45, {UsbText(0x45, "Model-9")}},
     }));
     Attach(&controller, DEV_USB);
-    DevLogCapture log;
-    DevGetControllerInfo(&dev_);
+    DevGetControllerInfo(&dev_);  // the order of the commands: setup_test.cpp
     EXPECT_EQ(1u, dev_.bPCAP);
     EXPECT_STREQ("PCAP6xyz", dev_.TypeName);
     EXPECT_STREQ("V1.2.3", dev_.FWVersion);
     EXPECT_STREQ("Model-9", dev_.ModelName);
     EXPECT_EQ(SERIES_PCAP_6555, dev_.Series);
-    EXPECT_TRUE(log.Contains("Type:PCAP6xyz, Model:Model-9 , Version:V1.2.3, IAP:1"));
-    // Type, version, model, type: in this order.
-    std::vector<Bytes> sent = controller.Received();
-    ASSERT_EQ(4u, sent.size());
-    EXPECT_EQ(0x46, sent[0][2]);
-    EXPECT_EQ(0x44, sent[1][2]);
-    EXPECT_EQ(0x45, sent[2][2]);
-    EXPECT_EQ(0x46, sent[3][2]);
 }
 
 TEST_F(IdentificationTest, NoVersionMeansUnknownTexts) {
@@ -142,35 +134,6 @@ TEST_F(IdentificationTest, NoVersionMeansUnknownTexts) {
     EXPECT_EQ(0u, dev_.bPCAP);
     // The model and type commands were not sent after the silent version command.
     for (const Bytes& packet : controller.Received()) EXPECT_NE(0x45, packet[2]);
-}
-
-TEST_F(IdentificationTest, FirmwareKind) {
-    struct Case {
-        const char* name;
-        std::vector<Bytes> reply;
-        int result;
-        uint8_t iap;
-        int32_t series;
-    } cases[] = {
-        {"application", {Bytes{0x03, 0x04, 0x39, 0x04, 0x00, 0x00}}, 0, IAP_FW, 0},
-        {"boot", {Bytes{0x03, 0x04, 0x39, 0x04, 0x01, 0x00}}, 0, IAP_BFW, SERIES_BOOT_FIRMWARE},
-        {"silent", {}, 0, IAP_FW, 0},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        GlobalSettings settings = DevTestSettings();
-        settings.NewDevIAPType = IAP_BFW;
-        CDeviceObject dev("/dev/hidraw99", &settings);
-        FakeController controller(true);
-        controller.SetResponder(Script({{0x39, c.reply}}));
-        controller.Start();
-        AttachPort(&dev, &controller, DEV_USB);
-        EXPECT_EQ(c.result, DevGetIAPType(&dev));
-        EXPECT_EQ(c.iap, dev.IAPType);
-        EXPECT_EQ(c.series, dev.Series);
-        ASSERT_GE(controller.ReceivedCount(), 1u);
-        EXPECT_EQ((Bytes{0x03, 0x02, 0x39, 0x02}), controller.Received()[0]);
-    }
 }
 
 TEST_F(IdentificationTest, EepromWord) {

@@ -5,7 +5,6 @@
 
 #include <map>
 
-#include "core/environment.h"
 #include "device/identification.h"
 #include "device/rx_wait.h"
 #include "support/dev_test_util.h"
@@ -15,10 +14,8 @@ namespace {
 std::function<std::vector<TimedReply>(const Bytes&)> Replies(std::map<uint8_t, Bytes> by_cmd) {
     return [by_cmd](const Bytes& packet) {
         std::vector<TimedReply> replies;
-        // Fixed-length USB writes on old kernels carry a leading 0x00.
-        size_t at = (packet.size() == 7 && packet[0] == 0x00) ? 3 : 2;
-        if (packet.size() <= at) return replies;
-        auto it = by_cmd.find(packet[at]);
+        if (packet.size() <= 2) return replies;
+        auto it = by_cmd.find(packet[2]);
         if (it != by_cmd.end()) replies.push_back({1, it->second});
         return replies;
     };
@@ -80,35 +77,20 @@ TEST_F(ReportFormatTest, DisableRightClickUsesQueryOrEeprom) {
     }
 }
 
-TEST_F(ReportFormatTest, RawFormatReturnsZeroWhateverTheAnswer) {
-    FakeController controller(true);
-    controller.SetResponder(Replies({{0x34, Bytes{0x03, 0x01, 0x99}}}));
-    controller.Start();
-    AttachPort(&dev_, &controller, DEV_USB);
-    EXPECT_EQ(0, SetRawFormat(&dev_));
-    ASSERT_GE(controller.ReceivedCount(), 1u);
-    EXPECT_EQ((Bytes{0x03, 0x02, 0x34, 0x00}), controller.Received()[0]);
-}
-
 // On the device's own thread (during set-up) SetFormat reads its reply itself: a
 // responsive controller confirms within milliseconds, not after a 3 s wait.
 TEST_F(ReportFormatTest, SetFormatOnOwnThreadPolls) {
     struct Case {
         const char* name;
-        int32_t old_kernel;
         bool answer;
-        Bytes expect_sent;
         int expect;
         int max_ms;
     } cases[] = {
-        {"answered", 0, true, Bytes{0x03, 0x02, 0x34, 0x01, 0x00, 0x00}, 0, 300},
-        {"old kernel", 1, true, Bytes{0x00, 0x03, 0x02, 0x34, 0x01, 0x00, 0x00}, 0, 300},
-        {"silent", 0, false, Bytes{0x03, 0x02, 0x34, 0x01, 0x00, 0x00}, -1, 1500},
+        {"answered", true, 0, 300},
+        {"silent", false, -1, 1500},
     };
-    int32_t saved = bOldKernel;
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
-        bOldKernel = c.old_kernel;
         CDeviceObject dev("/dev/hidraw99", &settings_);
         FakeController controller(true);
         if (c.answer) controller.SetResponder(Replies({{0x34, Bytes{0x03, 0x02, 0x33, 0x01}}}));
@@ -122,10 +104,9 @@ TEST_F(ReportFormatTest, SetFormatOnOwnThreadPolls) {
         EXPECT_EQ(c.expect, ret);
         EXPECT_LE(elapsed, c.max_ms + kLoadSlackMs);  // blocking here would take 9 s
         ASSERT_GE(controller.ReceivedCount(), 1u);
-        EXPECT_EQ(c.expect_sent, controller.Received()[0]);
+        EXPECT_EQ((Bytes{0x03, 0x02, 0x34, 0x01, 0x00, 0x00}), controller.Received()[0]);
         EXPECT_EQ(0, dev.SelfHookCmd.load());
     }
-    bOldKernel = saved;
 }
 
 }  // namespace
