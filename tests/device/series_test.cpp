@@ -15,35 +15,24 @@ TEST(AllocateSeries, RowsInOrder) {
         const char* type;
         int32_t series;
     } cases[] = {
-        {"K2593", "LOM-1", SERIES_LOMBAR},
-        {"K2593", "DARLOM", SERIES_LOMBAR},  // row 1 before row 3
-        {"JOP7555", "XW", SERIES_JORVAKS},
-        {"JOP7555", "xw", SERIES_UNKNOWN},  // case-sensitive
-        {"DARELYN", "DAR", SERIES_DARELYN},
-        {"KVR-4455R", "R1", SERIES_DARELYN},
-        {"TOBIN4555", "TOBIN4555", SERIES_TOBIN4555},
-        {"TOB4455", "TOB4455", SERIES_TOB4455},
-        {"Melka2", "Melka", SERIES_MELKA},
-        {"FEN", "FEN", SERIES_FEN},
-        {"GLR725D", "GLRxx", SERIES_GLR_7255_W353HS},
-        {"GLR725F", "GLRxx", SERIES_GLR_7255_W353HS},
+        {"K2593", "LOM-1", SERIES_LOMBAR},       {"K2593", "DARLOM", SERIES_LOMBAR},  // row 1 first
+        {"JOP7555", "XW", SERIES_JORVAKS},       {"JOP7555", "xw", SERIES_UNKNOWN},  // case counts
+        {"DARELYN", "DAR", SERIES_DARELYN},      {"KVR-4455R", "R1", SERIES_DARELYN},
+        {"TOBIN4555", "TOBIN4555", SERIES_TOBIN4555}, {"TOB4455", "TOB4455", SERIES_TOB4455},
+        {"Melka2", "Melka", SERIES_MELKA},       {"FEN", "FEN", SERIES_FEN},
+        {"GLR725D", "GLRxx", SERIES_GLR_7255_W353HS}, {"GLR725F", "GLRxx", SERIES_GLR_7255_W353HS},
         {"GLR100", "GLRxx", SERIES_GLR_7255},
-        {"ABC", "GLRxx", SERIES_UNKNOWN},          // rows 10 on tried
+        {"ABC", "GLRxx", SERIES_UNKNOWN},        // rows 10 on tried
         {"ABC", "GLR PCAP6", SERIES_PCAP_6555},  // ... and can match
-        {"P40", "PCAP40", SERIES_PCAP_9015},
-        {"P11", "PCAP11", SERIES_PCAP_9015},
+        {"P40", "PCAP40", SERIES_PCAP_9015},     {"P11", "PCAP11", SERIES_PCAP_9015},
         {"Lantre", "PCAP11", SERIES_PCAP_9085},
         {"Lantre-1", "PCAP40", SERIES_PCAP_9085},  // row 10 fails, row 12
         {"PCAP", "PCAP4x", SERIES_PCAP_4155},
-        {"XYZ", "PCAP4155-X", SERIES_PCAP_4155},  // row 13 fails, row 14
-        {"Halma", "Halma4455", SERIES_PCAP_4455},
-        {"PCAP", "Halma4455", SERIES_PCAP_4455},
-        {"XYZ", "Halma4455", SERIES_UNKNOWN},
-        {"", "PCAP6555", SERIES_PCAP_6555},
-        {"", "PCAP0415", SERIES_PCAP_0415},
-        {"", "PCAP2x", SERIES_PCAP_2},
-        {"UNKNOWN", "UNKNOWN", SERIES_UNKNOWN},
-        {"", "", SERIES_UNKNOWN},
+        {"XYZ", "PCAP4155-X", SERIES_PCAP_4155},   // row 13 fails, row 14
+        {"Halma", "Halma4455", SERIES_PCAP_4455}, {"PCAP", "Halma4455", SERIES_PCAP_4455},
+        {"XYZ", "Halma4455", SERIES_UNKNOWN},    {"", "PCAP6555", SERIES_PCAP_6555},
+        {"", "PCAP0415", SERIES_PCAP_0415},      {"", "PCAP2x", SERIES_PCAP_2},
+        {"UNKNOWN", "UNKNOWN", SERIES_UNKNOWN},  {"", "", SERIES_UNKNOWN},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(std::string(c.model) + " / " + c.type);
