@@ -266,40 +266,6 @@ TEST(EmitPen, EraserSamples) {
     EXPECT_TRUE(rig.TouchEvents().empty());
 }
 
-// Which device a pen or eraser sample reaches: on Android 2 and 3 the multi sync protocol
-// makes it a touch contact; type A sends it to the pen device whatever the Android version.
-TEST(EmitPen, RoutingByProtocol) {
-    struct Case {
-        const char* name;
-        int android;
-        int event_type;
-        bool eraser;
-        std::vector<Ev> touch;  // first event on each device, or nothing
-        std::vector<Ev> pen;
-    } cases[] = {
-        {"pen, Android 2 multi sync", 2, 2, false, {Abs(ABS_MT_TRACKING_ID, 0)}, {}},
-        {"pen, Android 2 type A", 2, 4, false, {}, {Key(BTN_TOOL_PEN, 1)}},
-        {"eraser, Android 2 type A", 2, 4, true, {}, {Key(BTN_TOOL_RUBBER, 1)}},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        VersionGuard version(c.android);
-        TouchRig rig;
-        rig.dev->Param.EventType = static_cast<int8_t>(c.event_type);
-        TouchPoint p = {};
-        p.bPen = !c.eraser;
-        p.bEraser = p.eraser = c.eraser;
-        p.inrange = p.tip = p.State = 1;
-        DispatchTouchEvent(rig.dev.get(), &p);
-        std::vector<Ev> touch = rig.TouchEvents();
-        std::vector<Ev> pen = rig.PenEvents();
-        if (touch.size() > 1) touch.resize(1);
-        if (pen.size() > 1) pen.resize(1);
-        EXPECT_EQ(c.touch, touch);
-        EXPECT_EQ(c.pen, pen);
-    }
-}
-
 TEST(EmitRelease, ReleaseAllContactsLiftsEveryTouchingContact) {
     VersionGuard version(9);
     TouchRig rig;
