@@ -139,6 +139,27 @@ TEST(CleanPort, DrainIsBounded) {
     EXPECT_EQ(kPortReadMax, read(dev.m_Port_fd.get(), rest, sizeof(rest)));
 }
 
+// Runs the current test again in a fresh process image with `marker` set in its
+// environment and, when `stack` is not 0, that stack limit; expects it to pass.
+void RunInFreshProcess(const char* marker, rlim_t stack) {
+    const testing::TestInfo* test = testing::UnitTest::GetInstance()->current_test_info();
+    const std::string filter =
+        std::string("--gtest_filter=") + test->test_suite_name() + "." + test->name();
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        struct rlimit limit = {stack, stack};
+        if (stack != 0) setrlimit(RLIMIT_STACK, &limit);
+        setenv(marker, "1", 1);
+        execl("/proc/self/exe", "device_tests", filter.c_str(), static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    int status = 0;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(0, WEXITSTATUS(status));
+}
+
 // Thread creation fails (stacks of the size the stack limit asks for cannot be mapped):
 // Create() reports the failure with nullptr and nothing is left to stop. Checked in a
 // fresh process image started with that limit.
@@ -165,24 +186,10 @@ TEST(CreatedDevice, ThreadCreationFailureGivesNoDevice) {
         EXPECT_FALSE(log.Contains("Call pthread_kill"));
         return;
     }
-    pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        // 2^45 bytes, or the largest finite limit where rlim_t has 32 bits.
-        const unsigned long long want = 1ULL << 45;
-        const rlim_t stack = want < RLIM_INFINITY ? static_cast<rlim_t>(want) : RLIM_INFINITY - 1;
-        struct rlimit huge = {stack, stack};
-        setrlimit(RLIMIT_STACK, &huge);
-        setenv("TAVRINE_DEV_HUGE_STACK_CHILD", "1", 1);
-        execl("/proc/self/exe", "device_tests",
-              "--gtest_filter=CreatedDevice.ThreadCreationFailureGivesNoDevice",
-              static_cast<char*>(nullptr));
-        _exit(127);
-    }
-    int status = 0;
-    ASSERT_EQ(child, waitpid(child, &status, 0));
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(0, WEXITSTATUS(status));
+    // 2^45 bytes, or the largest finite limit where rlim_t has 32 bits.
+    const unsigned long long want = 1ULL << 45;
+    RunInFreshProcess("TAVRINE_DEV_HUGE_STACK_CHILD",
+                      want < RLIM_INFINITY ? static_cast<rlim_t>(want) : RLIM_INFINITY - 1);
 }
 
 int CountEntries(const char* dir) {
@@ -235,6 +242,8 @@ TEST(CreatedDevice, DestroyDuringOrAfterSetupLeavesNothingBehind) {
         ASSERT_NE(nullptr, dev);
         if (i % 2) usleep(2000);  // destroyed during set-up or after it ended
     }
+    // A node that cannot be opened gives no device.
+    EXPECT_EQ(nullptr, CDeviceObject::Create("/dev/hidraw_missing_for_test", &settings));
     EXPECT_EQ(fds_before, CountEntries("/proc/self/fd"));
     EXPECT_EQ(tasks_before, CountEntries("/proc/self/task"));
 }
@@ -295,19 +304,7 @@ TEST(SetPortBaudRate, RestoreWithoutSaveIsRefused) {
         EXPECT_EQ(cfgetospeed(&before), cfgetospeed(&after));
         return;
     }
-    pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        setenv("TAVRINE_DEV_FRESH_CHILD", "1", 1);
-        execl("/proc/self/exe", "device_tests",
-              "--gtest_filter=SetPortBaudRate.RestoreWithoutSaveIsRefused",
-              static_cast<char*>(nullptr));
-        _exit(127);
-    }
-    int status = 0;
-    ASSERT_EQ(child, waitpid(child, &status, 0));
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(0, WEXITSTATUS(status));
+    RunInFreshProcess("TAVRINE_DEV_FRESH_CHILD", 0);
 }
 
 // Serial lines configured and put back from two threads at once, as the scan loop's probe

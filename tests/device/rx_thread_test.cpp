@@ -1,5 +1,5 @@
 // The receive thread: its stop by SIGUSR1 from a blocked port read, a thread that ended
-// by itself, a thread that never existed, the RS232 presence check, and a failed Create().
+// by itself, a thread that never existed, and the RS232 presence check.
 #include <gtest/gtest.h>
 #include <string.h>
 #include <sys/socket.h>
@@ -132,15 +132,6 @@ TEST_F(RxThreadTest, Rs232SilenceRequestsPresenceCheck) {
     EXPECT_LE(elapsed, 15000 + 10 * kLoadSlackMs);  // 750 waits, each late on a busy host
     EXPECT_EQ(1, log.Count("Timeout to check RS232 device exist or not."));
     bDeviceExistCheck = 0;
-}
-
-TEST_F(RxThreadTest, CreateRefusesAPortThatCannotBeOpened) {
-    DevTempDataDir data;
-    DevLogCapture log;
-    std::unique_ptr<CDeviceObject> dev =
-        CDeviceObject::Create("/dev/hidraw_missing_for_test", &settings_);
-    EXPECT_EQ(nullptr, dev);
-    EXPECT_TRUE(log.Contains("Open file [/dev/hidraw_missing_for_test] failed"));
 }
 
 }  // namespace
