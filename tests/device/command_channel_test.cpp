@@ -57,23 +57,6 @@ TEST(CommandShift, WireBytesByPortAndKernel) {
     bOldKernel = saved;
 }
 
-// A packet too long for the shift is left as it is: the buffer holds 65 bytes.
-TEST(CommandShift, BothEndsShiftNeverOverflows) {
-    uint8_t full[kCmdShiftLimit];
-    for (int i = 0; i < kCmdShiftLimit; ++i) full[i] = static_cast<uint8_t>(i + 1);
-    uint8_t copy[kCmdShiftLimit];
-    memcpy(copy, full, sizeof(full));
-    int len = 64;
-    ShiftCommandBytes(full, &len, 1, 1);
-    EXPECT_EQ(64, len);
-    EXPECT_EQ(0, memcmp(full, copy, sizeof(full)));
-    len = 63;  // exactly 65 after the shift is still allowed
-    ShiftCommandBytes(full, &len, 1, 1);
-    EXPECT_EQ(65, len);
-    EXPECT_EQ((Bytes{0x00, 0x01}), Bytes(full, full + 2));
-    EXPECT_EQ(0x00, full[64]);
-}
-
 // The polling exchange writes again only after a silent 500 ms period, three times at most;
 // other traffic, even endless, causes no new write and the exchange still ends after 3 s.
 TEST(SelfRecv, WritesAgainOnlyAfterASilentPeriod) {
