@@ -1,6 +1,7 @@
-// The records the daemon hands to the kernel, checked byte by byte at the offsets the kernel
-// reads them from, so that a 32-bit build (4-byte long and time_t, unsigned plain char)
-// proves the same layout as a 64-bit one. Nothing here decodes through the structures the
+// The records the daemon hands to the kernel (the input events and the uinput_user_dev
+// record of each virtual device: names, ids, axis ranges per protocol, Android and kernel
+// version), checked byte by byte at the offsets the kernel reads them from, so that a
+// 32-bit build (4-byte long and time_t) proves the same layout as a 64-bit one. Nothing here decodes through the structures the
 // code under test uses: every field is read from raw bytes, little-endian.
 //
 // struct input_event: two kernel longs (seconds, microseconds), then type u16, code u16,
@@ -24,7 +25,6 @@
 #include "output/emit.h"
 #include "output/uinput_device.h"
 #include "support/touch_test_util.h"
-#include "touch/point_parse.h"
 
 using namespace touchtest;
 
@@ -84,37 +84,18 @@ std::vector<RawEvent> DrainRaw(int fd) {
     return out;
 }
 
-std::vector<Ev> EventsOnly(const std::vector<RawEvent>& raw) {
-    std::vector<Ev> out;
-    for (const RawEvent& r : raw) out.push_back(r.ev);
-    return out;
-}
-
-bool Contains(const std::vector<Ev>& events, const Ev& want) {
-    for (const Ev& e : events) {
-        if (e == want) return true;
-    }
-    return false;
-}
-
-// The record a device set-up wrote to a regular file standing in for the uinput node
-// (the ioctls fail on it, after the record is written).
-std::vector<uint8_t> CreatedRecord(bool pen) {
+// The record a device set-up wrote to a regular file standing in for the uinput node (the
+// ioctls fail on it after the record is written, so nothing counts as created).
+std::vector<uint8_t> CreatedRecord(TouchRig& rig, bool pen) {
     char pattern[] = "/tmp/abi_uinput_XXXXXX";
     const char* dir = mkdtemp(pattern);
     EXPECT_NE(nullptr, dir);
     if (dir == nullptr) return {};
     const std::string path = std::string(dir) + "/uinput";
     UniqueFd file(OpenCloexec(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600));
-
-    TouchRig rig;
-    if (pen) {
-        rig.dev->UinputPenFd = std::move(file);
-        EXPECT_EQ(-1, SetUpPenDevice(rig.dev.get()));
-    } else {
-        rig.dev->UinputTouchFd = std::move(file);
-        EXPECT_EQ(-1, SetUpTouchDevice(rig.dev.get()));
-    }
+    (pen ? rig.dev->UinputPenFd : rig.dev->UinputTouchFd) = std::move(file);
+    EXPECT_EQ(-1, pen ? SetUpPenDevice(rig.dev.get()) : SetUpTouchDevice(rig.dev.get()));
+    EXPECT_FALSE(rig.dev->bTouchDeviceCreated || rig.dev->bPenDeviceCreated);
     std::vector<uint8_t> bytes(2 * kUinputDevSize, 0);
     UniqueFd fd(OpenCloexec(path.c_str(), O_RDONLY));
     const ssize_t n = fd.valid() ? ReadRetry(fd.get(), bytes.data(), bytes.size()) : -1;
@@ -165,93 +146,85 @@ TEST(KernelRecordLayout, InputEventBytesAtTheKernelOffsets) {
     }
 }
 
-TEST(KernelRecordLayout, UinputUserDevBytesAtTheKernelOffsets) {
-    VersionGuard version(9, 4, 19);
+// The touch record per protocol and Android version, and the pen record's tilt condition.
+TEST(KernelRecordLayout, UinputUserDevPerProtocolAndVersion) {
+    struct AxisWant {
+        int axis;
+        int min;
+        int max;
+    };
     struct Case {
         bool pen;
-        const char* name;
-        uint16_t product;
-        std::vector<std::vector<int>> axes;  // axis, min, max
+        int android;
+        int kernel_major;
+        int kernel_minor;
+        int event_type;
+        int resol_x;
+        int resol_y;
+        std::vector<AxisWant> axes;
     };
+    const AxisWant x_full = {ABS_MT_POSITION_X, 0, 4095};
+    const AxisWant y_full = {ABS_MT_POSITION_Y, 0, 4095};
+    const AxisWant tool = {ABS_MT_TOOL_TYPE, 0, 1};
+    const AxisWant slot = {ABS_MT_SLOT, 0, 20};
+    const AxisWant tracking = {ABS_MT_TRACKING_ID, 0, 20};
+    const AxisWant major = {ABS_MT_TOUCH_MAJOR, 0, 1};
+    const AxisWant width = {ABS_MT_WIDTH_MAJOR, 0, 1};
+    const AxisWant pressure = {ABS_PRESSURE, 0, 1023};
+    const AxisWant tilt_x = {ABS_TILT_X, -6000, 6000};
+    const AxisWant tilt_y = {ABS_TILT_Y, -6000, 6000};
+    const AxisWant abs_x = {ABS_X, 0, 4095};
+    const AxisWant abs_y = {ABS_Y, 0, 4095};
+    // clang-format off
     const Case cases[] = {
-        {false,
-         "MorvelTouch_VirtualDevice",
-         0x0020,
-         {{ABS_MT_POSITION_X, 0, 4095},
-          {ABS_MT_POSITION_Y, 0, 4095},
-          {ABS_MT_TOOL_TYPE, 0, 1},
-          {ABS_MT_SLOT, 0, 20},
-          {ABS_MT_TRACKING_ID, 0, 20}}},
-        {true,
-         "MorvelTouch_VirtualPen",
-         0x0030,
-         {{ABS_X, 0, 4095},
-          {ABS_Y, 0, 4095},
-          {ABS_PRESSURE, 0, 1023},
-          {ABS_TILT_X, -6000, 6000},
-          {ABS_TILT_Y, -6000, 6000},
-          {ABS_MT_TOOL_TYPE, 0, 1}}},
+        // Android 4+, slot protocol: slot and tracking id 0-20.
+        {false, 9, 4, 19, 2, -1, -1, {x_full, y_full, tool, slot, tracking}},
+        // Android 2 and 3: tracking id but no slot; the touch major that marks a lift.
+        {false, 2, 4, 19, 1, 1919, 1079, {{ABS_MT_POSITION_X, 0, 1919}, {ABS_MT_POSITION_Y, 0, 1079}, tool, tracking, major, width}},
+        {false, 3, 4, 19, 2, -1, -1, {x_full, y_full, tool, tracking, major, width}},
+        // Type A: neither.
+        {false, 9, 4, 19, 4, -1, 799, {x_full, {ABS_MT_POSITION_Y, 0, 799}, tool}},
+        // Plain Linux: slots, and ABS_X/ABS_Y of the single-touch view in the output range.
+        {false, 0, 4, 19, 1, 1919, -1, {{ABS_MT_POSITION_X, 0, 1919}, y_full, tool, slot, tracking, {ABS_X, 0, 1919}, abs_y}},
+        {false, 0, 4, 19, 4, -1, -1, {x_full, y_full, tool}},
+        // Pen: tilt from kernel 3.2 on (major above 2, minor above 1), or with no Android found.
+        {true, 9, 3, 2, 2, -1, -1, {abs_x, abs_y, tool, pressure, tilt_x, tilt_y}},
+        {true, 9, 4, 1, 2, -1, -1, {abs_x, abs_y, tool, pressure}},
+        {true, 9, 2, 6, 2, -1, -1, {abs_x, abs_y, tool, pressure}},
+        {true, 0, 2, 6, 2, -1, -1, {abs_x, abs_y, tool, pressure, tilt_x, tilt_y}},
+        // Pen positions are scaled to ResolX/ResolY.
+        {true, 9, 4, 19, 2, 1919, 1079, {{ABS_X, 0, 1919}, {ABS_Y, 0, 1079}, tool, pressure, tilt_x, tilt_y}},
     };
+    // clang-format on
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        const std::vector<uint8_t> record = CreatedRecord(c.pen);
+        SCOPED_TRACE(testing::Message() << (c.pen ? "pen" : "touch") << " android " << c.android
+                                        << " kernel " << c.kernel_major << "." << c.kernel_minor
+                                        << " type " << c.event_type);
+        VersionGuard version(c.android, c.kernel_major, c.kernel_minor);
+        TouchRig rig;
+        rig.dev->Param.EventType = static_cast<int8_t>(c.event_type);
+        rig.dev->Param.ResolX = c.resol_x;
+        rig.dev->Param.ResolY = c.resol_y;
+        const std::vector<uint8_t> record = CreatedRecord(rig, c.pen);
         ASSERT_EQ(kUinputDevSize, record.size()) << "exactly one record written";
         // Name: NUL-terminated at offset 0, zero-filled to 80 bytes.
-        const size_t len = strlen(c.name);
-        EXPECT_EQ(std::string(c.name),
-                  std::string(record.begin(), record.begin() + static_cast<long>(len)));
-        for (size_t i = len; i < kIdOffset; ++i) ASSERT_EQ(0, record[i]) << "name byte " << i;
+        const std::string name = c.pen ? "MorvelTouch_VirtualPen" : "MorvelTouch_VirtualDevice";
+        EXPECT_EQ(name, std::string(record.begin(), record.begin() + static_cast<long>(name.size())));
+        for (size_t i = name.size(); i < kIdOffset; ++i) ASSERT_EQ(0, record[i]) << "name byte " << i;
         EXPECT_EQ(static_cast<uint64_t>(BUS_VIRTUAL), Le(&record[kIdOffset], 2));
         EXPECT_EQ(0x3C7Au, Le(&record[kIdOffset + 2], 2));
-        EXPECT_EQ(c.product, Le(&record[kIdOffset + 4], 2));
+        EXPECT_EQ(c.pen ? 0x0030u : 0x0020u, Le(&record[kIdOffset + 4], 2));
         EXPECT_EQ(1u, Le(&record[kIdOffset + 6], 2));
         EXPECT_EQ(0u, Le(&record[88], 4)) << "ff_effects_max";
         for (int axis = 0; axis < ABS_CNT; ++axis) {
-            int min = 0;
-            int max = 0;
-            for (const std::vector<int>& a : c.axes) {
-                if (a[0] == axis) {
-                    min = a[1];
-                    max = a[2];
-                }
+            AxisWant want = {axis, 0, 0};
+            for (const AxisWant& a : c.axes) {
+                if (a.axis == axis) want = a;
             }
-            EXPECT_EQ(max, AbsField(record, kAbsMaxOffset, axis)) << "absmax " << axis;
-            EXPECT_EQ(min, AbsField(record, kAbsMinOffset, axis)) << "absmin " << axis;
+            EXPECT_EQ(want.max, AbsField(record, kAbsMaxOffset, axis)) << "absmax " << axis;
+            EXPECT_EQ(want.min, AbsField(record, kAbsMinOffset, axis)) << "absmin " << axis;
             EXPECT_EQ(0, AbsField(record, kAbsFuzzOffset, axis)) << "absfuzz " << axis;
             EXPECT_EQ(0, AbsField(record, kAbsFlatOffset, axis)) << "absflat " << axis;
         }
-    }
-}
-
-// Report bytes of 0x80 and above are the same numbers whether plain char is signed (x86)
-// or unsigned (ARM): coordinates, pressure and tilt come out unsigned before any sign rule.
-TEST(KernelRecordLayout, HighReportBytesDecodeTheSameOnEveryTarget) {
-    VersionGuard version(9, 4, 19);
-    {
-        // Touch report 0x01, contact 1: X 0x0FFF, Y 0x0C80.
-        TouchRig rig;
-        const uint8_t report[] = {0x01, 0x05, 0xFF, 0x0F, 0x80, 0x0C};
-        ParsePointPacket(rig.dev.get(), report, sizeof(report));
-        const std::vector<Ev> events = EventsOnly(DrainRaw(rig.TouchFd()));
-        EXPECT_TRUE(Contains(events, Abs(ABS_MT_POSITION_X, 4095)));
-        EXPECT_TRUE(Contains(events, Abs(ABS_MT_POSITION_Y, 3200)));
-        EXPECT_TRUE(Contains(events, Abs(ABS_MT_TRACKING_ID, 1)));
-    }
-    {
-        // Pen report: X 0x0FFF, Y 0x0C80, pressure 0x03FF, tilt X 0x8190 (above 6000: minus
-        // 65536), tilt Y 0x00F0.
-        TouchRig rig;
-        rig.dev->Series = 22;
-        const uint8_t report[] = {0x02, 0x21, 0xFF, 0x0F, 0x80, 0x0C,
-                                  0xFF, 0x03, 0x90, 0x81, 0xF0, 0x00};
-        UniqueFd pen;  // the pen device's other end, read raw
-        MakeEventPair(&rig.dev->UinputPenFd, &pen);
-        ParsePointPacket(rig.dev.get(), report, sizeof(report));
-        const std::vector<Ev> events = EventsOnly(DrainRaw(pen.get()));
-        EXPECT_TRUE(Contains(events, Abs(ABS_X, 4095)));
-        EXPECT_TRUE(Contains(events, Abs(ABS_Y, 3200)));
-        EXPECT_TRUE(Contains(events, Abs(ABS_PRESSURE, 1023)));
-        EXPECT_TRUE(Contains(events, Abs(ABS_TILT_X, 0x8190 - 65536)));
-        EXPECT_TRUE(Contains(events, Abs(ABS_TILT_Y, 240)));
     }
 }
