@@ -94,15 +94,17 @@ TEST_F(ParamFileTest, DeviceBlocksBytesInBytesOut) {
         {"altered end word", a0 + "\n[EndOfFile", false, 1, 7, ""},
         {"200-character address", kHead + DefaultBlock(0, w200.c_str()), true, 1, 7, ""},
         {"two-digit header is no block",
-         kHead + Replace(DefaultBlock(0, kAddrB), "[Device_No.0]", "[Device_No.99]"), true, 0, 7, ""},
+         kHead + Replace(DefaultBlock(0, kAddrB), "[Device_No.0]", "[Device_No.99]"), true, 0, 7,
+         ""},
         {"end word in place of the address", kHead + "\n[Device_No.3]\nPhysical_Address", true, 4,
          7, ""},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         const std::string in = c.body + (c.end ? kEnd : "");
-        const std::string out =
-            !c.out.empty() ? c.out : c.points == 7 ? c.body + my_block(c.no) + kEnd : in;
+        const std::string out = !c.out.empty()  ? c.out
+                                : c.points == 7 ? c.body + my_block(c.no) + kEnd
+                                                : in;
         ASSERT_TRUE(WriteBytes(IniFilePath(), in));
         auto dev = NewDevice(kAddrB);
         dev->Param.SupportPoints = 7;
@@ -126,12 +128,14 @@ TEST_F(ParamFileTest, DeviceBlocksBytesInBytesOut) {
 // a block ends at its end word, or without one at the next header.
 TEST_F(ParamFileTest, BlockValuesReadByTheirRule) {
     ASSERT_TRUE(WriteBytes(IniFilePath(),
-                           kHead + "\n[Device_No.0] Physical_Address y ReportMode 1\n"
-                                   "[Device_No.1]\nPhysical_Address x\nSupportPoints 300\n"
-                                   "ReportMode 200\nEventType 260\nDetectRotation 129\nBtnType 383\n"
-                                   "RightClickEnable 5\nEdgeCompensate -2\nBeepFreq -1\nResolX 4096a\n"
-                                   "EdgeLeft 1\nSplitRectMode 265\nVKEYEnable 5\n"
-                                   "[EndOfDevice] 7 ReportMode 1" + kEnd));
+                           kHead +
+                               "\n[Device_No.0] Physical_Address y ReportMode 1\n"
+                               "[Device_No.1]\nPhysical_Address x\nSupportPoints 300\n"
+                               "ReportMode 200\nEventType 260\nDetectRotation 129\nBtnType 383\n"
+                               "RightClickEnable 5\nEdgeCompensate -2\nBeepFreq -1\nResolX 4096a\n"
+                               "EdgeLeft 1\nSplitRectMode 265\nVKEYEnable 5\n"
+                               "[EndOfDevice] 7 ReportMode 1" +
+                               kEnd));
     auto dev = NewDevice("x");
     const int32_t freq = dev->Param.BeepFreq;
     dev->Param.Device_No = 1;
@@ -144,37 +148,46 @@ TEST_F(ParamFileTest, BlockValuesReadByTheirRule) {
 }
 
 // A rewrite of a block replaces exactly its bytes; stale or foreign offsets change nothing.
+// With or without a virtual-key section the block's end word ends it, so the block that
+// follows is never read or rewritten as part of it.
 TEST_F(ParamFileTest, RewriteReplacesOnlyItsBlock) {
-    const std::string before = kHead + "  # a note\n";
-    const std::string old_block = "\n[Device_No.0]\nPhysical_Address  " + std::string(kAddrB) +
-                                  "\nReportMode 2\n SupportPoints 10\nVKEYReportMod 1\nVKEY_0 HOME\n[EndOfDevice]";
-    const std::string after = "\n\n" + DefaultBlock(1, kAddrA) + DefaultBlock(2, kAddrC) + "  \t" + kEnd;
-    const std::string file = before + old_block + after;
-    ASSERT_TRUE(WriteBytes(IniFilePath(), file));
-    auto dev = NewDevice(kAddrB);
-    DevIniRoutine(dev.get());
-    ASSERT_EQ(dev->Param.Device_No, 0);
-    EXPECT_EQ(dev->Param.ReportMode, 2);
-    const uint32_t s = dev->Param.BlockStart;
-    const uint32_t e = dev->Param.BlockEnd;
-    const uint32_t size = static_cast<uint32_t>(file.size());
-    const std::pair<uint32_t, uint32_t> bad[] = {{s + 1, e}, {s, e - 1},     {s, e + 1},
-                                                 {e, s},     {s, size + 20}, {size + 5, size + 5}};
-    for (const auto& b : bad) {
-        EXPECT_EQ(IniDevParamAddBlock(dev.get(), b.first, b.second), -1) << b.first << "," << b.second;
+    for (const std::string keys : {"VKEYReportMod 1\nVKEY_0 HOME\n", ""}) {
+        SCOPED_TRACE(keys);
+        const std::string before = kHead + "  # a note\n";
+        const std::string old_block = "\n[Device_No.0]\nPhysical_Address  " + std::string(kAddrB) +
+                                      "\nReportMode 2\n SupportPoints 10\n" + keys +
+                                      "[EndOfDevice]";
+        const std::string after =
+            "\n\n" + DefaultBlock(1, kAddrA) + DefaultBlock(2, kAddrC) + "  \t" + kEnd;
+        const std::string file = before + old_block + after;
+        ASSERT_TRUE(WriteBytes(IniFilePath(), file));
+        auto dev = NewDevice(kAddrB);
+        DevIniRoutine(dev.get());
+        ASSERT_EQ(dev->Param.Device_No, 0);
+        EXPECT_EQ(dev->Param.ReportMode, 2);
+        const uint32_t s = dev->Param.BlockStart;
+        const uint32_t e = dev->Param.BlockEnd;
+        const uint32_t size = static_cast<uint32_t>(file.size());
+        const std::pair<uint32_t, uint32_t> bad[] = {
+            {s + 1, e}, {s, e - 1}, {s, e + 1}, {e, s}, {s, size + 20}, {size + 5, size + 5}};
+        for (const auto& b : bad) {
+            EXPECT_EQ(IniDevParamAddBlock(dev.get(), b.first, b.second), -1)
+                << b.first << "," << b.second;
+            EXPECT_EQ(ReadBytes(IniFilePath()), file);
+        }
+        dev->Param.Device_No = 2;  // offsets of block 0, number of another block
+        EXPECT_EQ(IniDevParamAddBlock(dev.get(), s, e), -1);
         EXPECT_EQ(ReadBytes(IniFilePath()), file);
+        dev->Param.Device_No = 0;
+        dev->Param.SupportPoints = 20;
+        ASSERT_EQ(IniDevParamAddBlock(dev.get(), s, e), 0);
+        EXPECT_EQ(
+            ReadBytes(IniFilePath()),
+            before +
+                Replace(DefaultBlock(0, kAddrB), "SupportPoints\t\t\t10", "SupportPoints\t\t\t20") +
+                after);
+        EXPECT_FALSE(Exists(IniTempPath()));
     }
-    dev->Param.Device_No = 2;  // offsets of block 0, number of another block
-    EXPECT_EQ(IniDevParamAddBlock(dev.get(), s, e), -1);
-    EXPECT_EQ(ReadBytes(IniFilePath()), file);
-    dev->Param.Device_No = 0;
-    dev->Param.SupportPoints = 20;
-    ASSERT_EQ(IniDevParamAddBlock(dev.get(), s, e), 0);
-    EXPECT_EQ(ReadBytes(IniFilePath()),
-              before +
-                  Replace(DefaultBlock(0, kAddrB), "SupportPoints\t\t\t10", "SupportPoints\t\t\t20") +
-                  after);
-    EXPECT_FALSE(Exists(IniTempPath()));
 }
 
 TEST_F(ParamFileTest, UnmatchableAddressIsNeverMatchedClaimedOrWritten) {
@@ -262,7 +275,8 @@ TEST_F(ParamFileTest, ConcurrentDevicesEndWithOneWellFormedFile) {
         ASSERT_TRUE((no_b == 0 && no_c == 1) || (no_b == 1 && no_c == 0));
         EXPECT_EQ(ReadBytes(IniFilePath()), GeneratedHead("ffffffff", 3, 2, 0) +
                                                 DefaultBlock(0, no_b == 0 ? kAddrB : kAddrC) +
-                                                DefaultBlock(1, no_b == 0 ? kAddrC : kAddrB) + kEnd);
+                                                DefaultBlock(1, no_b == 0 ? kAddrC : kAddrB) +
+                                                kEnd);
     }
 }
 
