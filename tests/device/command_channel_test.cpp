@@ -50,9 +50,12 @@ TEST(CommandShift, WireBytesByPortAndKernel) {
         controller.Start();
         CDeviceObject dev(c.usb ? "/dev/hidraw99" : "/dev/ttyS99", &settings);
         AttachPort(&dev, &controller, c.usb ? DEV_USB : DEV_RS232);
+        // Twice: a command leaves the channel free for the next one.
         EXPECT_EQ(c.expect_result, c.send(&dev));
-        ASSERT_TRUE(controller.WaitForPackets(1, 1000));
+        EXPECT_EQ(c.expect_result, c.send(&dev));
+        ASSERT_TRUE(controller.WaitForPackets(2, 1000));
         EXPECT_EQ(c.expect, controller.Received()[0]);
+        EXPECT_EQ(c.expect, controller.Received()[1]);
     }
     bOldKernel = saved;
 }
