@@ -24,6 +24,7 @@
 
 #include "core/paths.h"
 #include "ctl_session.h"
+#include "support/test_util.h"
 
 namespace {
 
@@ -34,34 +35,15 @@ Bytes Padded(Bytes b, size_t size) {
     return b;
 }
 
-void WriteFile(const char* path, const std::string& text) {
-    FILE* f = fopen(path, "we");
-    ASSERT_NE(f, nullptr) << path;
-    fwrite(text.data(), 1, text.size(), f);
-    fclose(f);
-}
-
 class CtlRunTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        char templ[] = "/tmp/tavrinectl-test-XXXXXX";
-        ASSERT_NE(mkdtemp(templ), nullptr);
-        dir_ = templ;
-        SetDataDirForTest(dir_.c_str());
-    }
-    void TearDown() override {
-        StopDaemon();
-        unlink(PipeInPath());
-        unlink(PipeOutPath());
-        unlink(PidFilePath());
-        rmdir(dir_.c_str());
-    }
+    void TearDown() override { StopDaemon(); }
 
     // The PID file as the daemon writes it: "%d " padded with NUL to 10 bytes.
     void WritePid(pid_t pid) {
         std::string text = std::to_string(pid) + " ";
         text.resize(10, '\0');
-        WriteFile(PidFilePath(), text);
+        ASSERT_TRUE(testutil::WriteFile(PidFilePath(), text));
     }
     void MakeFifos() {
         ASSERT_EQ(mkfifo(PipeInPath(), 0622), 0);
@@ -145,7 +127,7 @@ protected:
         return status;
     }
 
-    std::string dir_;
+    testutil::TempDir dir_;
     int in_fd_ = -1, out_fd_ = -1;
     std::atomic<bool> running_{false};
     std::thread thread_;
@@ -168,7 +150,7 @@ TEST_F(CtlRunTest, NoDaemonHasItsOwnStatusAndReason) {
     EXPECT_EQ(Run({"model"}), kCtlNoDaemon);
     EXPECT_NE(err_.find("is gone"), std::string::npos) << err_;
     // A PID file without a number.
-    WriteFile(PidFilePath(), std::string("\0\0\0\0", 4));
+    ASSERT_TRUE(testutil::WriteFile(PidFilePath(), std::string("\0\0\0\0", 4)));
     EXPECT_EQ(Run({"model"}), kCtlNoDaemon);
     EXPECT_NE(err_.find("holds no process id"), std::string::npos) << err_;
     // A living process but no pipes.
@@ -176,7 +158,7 @@ TEST_F(CtlRunTest, NoDaemonHasItsOwnStatusAndReason) {
     EXPECT_EQ(Run({"type"}), kCtlNoDaemon);
     EXPECT_NE(err_.find("MorvelPipe_out is missing"), std::string::npos) << err_;
     // A plain file where a pipe should be.
-    WriteFile(PipeOutPath(), "x");
+    ASSERT_TRUE(testutil::WriteFile(PipeOutPath(), "x"));
     EXPECT_EQ(Run({"type"}), kCtlNoDaemon);
     EXPECT_NE(err_.find("not a FIFO"), std::string::npos) << err_;
     unlink(PipeOutPath());

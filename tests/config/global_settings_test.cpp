@@ -7,19 +7,19 @@
 #include <string>
 
 #include "log/debug_log.h"
-#include "support/core_test_util.h"
+#include "support/test_util.h"
 
 namespace {
 
 // The record as SetDefaultSettings leaves it, made once in a temporary data directory.
 const GlobalSettings& Defaults() {
     static GlobalSettings defaults = [] {
-        coretest::TempDataDir dir;
+        testutil::TempDir dir;
         GlobalSettings s;
         memset(&s, 0, sizeof(s));
         const uint32_t bits = DebugEnableBits;
         const uint8_t position = ShowDebugPosition;
-        coretest::Quiet([&] { SetDefaultSettings(&s); });
+        testutil::Quiet([&] { SetDefaultSettings(&s); });
         DebugEnableBits = bits;
         ShowDebugPosition = position;
         LogFilePath[0] = '\0';
@@ -37,7 +37,7 @@ std::string ReadChanges(const std::string& text) {
     std::string copy = text;
     FILE* stream = text.empty() ? fopen("/dev/null", "re") : fmemopen(&copy[0], copy.size(), "r");
     if (!stream) return "no stream";
-    coretest::Quiet([&] { ReadGlobalSettingsFrom(stream, &s); });
+    testutil::Quiet([&] { ReadGlobalSettingsFrom(stream, &s); });
     fclose(stream);
     const GlobalSettings& d = Defaults();
     std::string out;

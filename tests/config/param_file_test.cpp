@@ -13,15 +13,15 @@
 #include "core/paths.h"
 #include "device/device_object.h"
 #include "support/conf_test_util.h"
+#include "support/test_util.h"
 
 namespace {
 
-using conftest::ConfDataDir;
 using conftest::DefaultBlock;
-using conftest::Exists;
 using conftest::GeneratedHead;
-using conftest::ReadBytes;
-using conftest::WriteBytes;
+using testutil::FileExists;
+using testutil::ReadFile;
+using testutil::WriteFile;
 
 const char kAddrA[] = "usb-0000:00:1d.0-1/input0";
 const char kAddrB[] = "usb-0000:00:1d.0-2/input0";
@@ -54,7 +54,9 @@ class ParamFileTest : public ::testing::Test {
         return dev->Param.Device_No;
     }
 
-    ConfDataDir dir_;
+    testutil::TempDir dir_;
+    // Every category on, but nothing written anywhere.
+    testutil::LogCapture silent_{0xFFFFFFFFu, 3};
     GlobalSettings settings_{};
 };
 
@@ -105,29 +107,29 @@ TEST_F(ParamFileTest, DeviceBlocksBytesInBytesOut) {
         const std::string out = !c.out.empty()  ? c.out
                                 : c.points == 7 ? c.body + my_block(c.no) + kEnd
                                                 : in;
-        ASSERT_TRUE(WriteBytes(IniFilePath(), in));
+        ASSERT_TRUE(WriteFile(IniFilePath(), in));
         auto dev = NewDevice(kAddrB);
         dev->Param.SupportPoints = 7;
         DevIniRoutine(dev.get());
         EXPECT_EQ(dev->Param.Device_No, c.no);
         EXPECT_EQ(dev->Param.SupportPoints, c.points);
-        EXPECT_EQ(ReadBytes(IniFilePath()), out);
-        EXPECT_FALSE(Exists(IniTempPath()));
+        EXPECT_EQ(ReadFile(IniFilePath()), out);
+        EXPECT_FALSE(FileExists(IniTempPath()));
         EXPECT_EQ(Start(kAddrB), c.no);  // the next start finds the same block, file unchanged
-        EXPECT_EQ(ReadBytes(IniFilePath()), out);
+        EXPECT_EQ(ReadFile(IniFilePath()), out);
     }
     // All ten numbers in use: no block, file unchanged.
     std::string full = kHead;
     for (int i = 0; i <= 9; ++i) full += DefaultBlock(i, ("a" + std::to_string(i)).c_str());
-    ASSERT_TRUE(WriteBytes(IniFilePath(), full + kEnd));
+    ASSERT_TRUE(WriteFile(IniFilePath(), full + kEnd));
     EXPECT_EQ(Start(kAddrB), -1);
-    EXPECT_EQ(ReadBytes(IniFilePath()), full + kEnd);
+    EXPECT_EQ(ReadFile(IniFilePath()), full + kEnd);
 }
 
 // Block values are leading numbers stored by the width of their field; -1 keeps a value;
 // a block ends at its end word, or without one at the next header.
 TEST_F(ParamFileTest, BlockValuesReadByTheirRule) {
-    ASSERT_TRUE(WriteBytes(IniFilePath(),
+    ASSERT_TRUE(WriteFile(IniFilePath(),
                            kHead +
                                "\n[Device_No.0] Physical_Address y ReportMode 1\n"
                                "[Device_No.1]\nPhysical_Address x\nSupportPoints 300\n"
@@ -160,7 +162,7 @@ TEST_F(ParamFileTest, RewriteReplacesOnlyItsBlock) {
         const std::string after =
             "\n\n" + DefaultBlock(1, kAddrA) + DefaultBlock(2, kAddrC) + "  \t" + kEnd;
         const std::string file = before + old_block + after;
-        ASSERT_TRUE(WriteBytes(IniFilePath(), file));
+        ASSERT_TRUE(WriteFile(IniFilePath(), file));
         auto dev = NewDevice(kAddrB);
         DevIniRoutine(dev.get());
         ASSERT_EQ(dev->Param.Device_No, 0);
@@ -173,20 +175,20 @@ TEST_F(ParamFileTest, RewriteReplacesOnlyItsBlock) {
         for (const auto& b : bad) {
             EXPECT_EQ(IniDevParamAddBlock(dev.get(), b.first, b.second), -1)
                 << b.first << "," << b.second;
-            EXPECT_EQ(ReadBytes(IniFilePath()), file);
+            EXPECT_EQ(ReadFile(IniFilePath()), file);
         }
         dev->Param.Device_No = 2;  // offsets of block 0, number of another block
         EXPECT_EQ(IniDevParamAddBlock(dev.get(), s, e), -1);
-        EXPECT_EQ(ReadBytes(IniFilePath()), file);
+        EXPECT_EQ(ReadFile(IniFilePath()), file);
         dev->Param.Device_No = 0;
         dev->Param.SupportPoints = 20;
         ASSERT_EQ(IniDevParamAddBlock(dev.get(), s, e), 0);
         EXPECT_EQ(
-            ReadBytes(IniFilePath()),
+            ReadFile(IniFilePath()),
             before +
                 Replace(DefaultBlock(0, kAddrB), "SupportPoints\t\t\t10", "SupportPoints\t\t\t20") +
                 after);
-        EXPECT_FALSE(Exists(IniTempPath()));
+        EXPECT_FALSE(FileExists(IniTempPath()));
     }
 }
 
@@ -195,22 +197,22 @@ TEST_F(ParamFileTest, UnmatchableAddressIsNeverMatchedClaimedOrWritten) {
     auto model = NewDevice(kAddrA);
     ASSERT_EQ(IniDevGenerateFile(model.get()), 0);
     const std::string generated =
-        Replace(ReadBytes(IniFilePath()), std::string("\t\t") + kAddrA, "");
+        Replace(ReadFile(IniFilePath()), std::string("\t\t") + kAddrA, "");
     for (const char* address : {"", "usb 1", "usb\t1", "[EndOfFile]", "[Device_No.0]",
                                 "[EndOfDevice]", "[String]", "[Device_No.x]", "SupportPoints"}) {
         SCOPED_TRACE(address);
         for (bool with_file : {true, false}) {
             if (with_file) {
-                ASSERT_TRUE(WriteBytes(IniFilePath(), file));
+                ASSERT_TRUE(WriteFile(IniFilePath(), file));
             } else {
                 unlink(IniFilePath());
             }
             const std::string expected = with_file ? file : generated;
             EXPECT_EQ(Start(address), -1);
             EXPECT_EQ(Start(address), -1);  // no block on a later start either
-            EXPECT_EQ(ReadBytes(IniFilePath()), expected);
+            EXPECT_EQ(ReadFile(IniFilePath()), expected);
             EXPECT_EQ(Start(kAddrB), 0);
-            EXPECT_EQ(ReadBytes(IniFilePath()),
+            EXPECT_EQ(ReadFile(IniFilePath()),
                       Replace(expected, "Physical_Address\n",
                               std::string("Physical_Address\t\t") + kAddrB + "\n"));
         }
@@ -223,7 +225,7 @@ TEST_F(ParamFileTest, LinksAtTheSettingsPathsAreNeverWrittenThrough) {
     const std::string victim = dir_.path() + "/victim.ini";
     const std::string full = kHead + DefaultBlock(0, kAddrA) + kEnd;
     const std::string claimable = kHead + DefaultBlock(0, nullptr) + kEnd;
-    ASSERT_TRUE(WriteBytes(victim, full));
+    ASSERT_TRUE(WriteFile(victim, full));
     const struct {
         const char* name;
         int (*make)(const char*, const char*);  // (victim, path)
@@ -239,13 +241,13 @@ TEST_F(ParamFileTest, LinksAtTheSettingsPathsAreNeverWrittenThrough) {
         SCOPED_TRACE(c.name);
         const char* path = c.at_temp ? IniTempPath() : IniFilePath();
         if (c.at_temp) {
-            ASSERT_TRUE(WriteBytes(IniFilePath(), claimable));
+            ASSERT_TRUE(WriteFile(IniFilePath(), claimable));
         }
         ASSERT_EQ(c.make(victim.c_str(), path), 0);
         EXPECT_EQ(Start(kAddrB), -1);
-        EXPECT_EQ(ReadBytes(victim), full);
+        EXPECT_EQ(ReadFile(victim), full);
         if (c.at_temp) {
-            EXPECT_EQ(ReadBytes(IniFilePath()), claimable);
+            EXPECT_EQ(ReadFile(IniFilePath()), claimable);
         }
         ASSERT_EQ(unlink(path), 0);
         unlink(IniFilePath());
@@ -254,7 +256,7 @@ TEST_F(ParamFileTest, LinksAtTheSettingsPathsAreNeverWrittenThrough) {
     const std::string nowhere = dir_.path() + "/nowhere.ini";
     ASSERT_EQ(symlink(nowhere.c_str(), IniFilePath()), 0);
     EXPECT_EQ(Start(kAddrA), 0);
-    EXPECT_FALSE(Exists(nowhere));
+    EXPECT_FALSE(FileExists(nowhere));
     struct stat st;
     ASSERT_EQ(lstat(IniFilePath(), &st), 0);
     EXPECT_TRUE(S_ISREG(st.st_mode));
@@ -271,9 +273,9 @@ TEST_F(ParamFileTest, ConcurrentDevicesEndWithOneWellFormedFile) {
         std::thread tc([&] { no_c = Start(kAddrC); });
         tb.join();
         tc.join();
-        EXPECT_FALSE(Exists(IniTempPath()));
+        EXPECT_FALSE(FileExists(IniTempPath()));
         ASSERT_TRUE((no_b == 0 && no_c == 1) || (no_b == 1 && no_c == 0));
-        EXPECT_EQ(ReadBytes(IniFilePath()), GeneratedHead("ffffffff", 3, 2, 0) +
+        EXPECT_EQ(ReadFile(IniFilePath()), GeneratedHead("ffffffff", 3, 2, 0) +
                                                 DefaultBlock(0, no_b == 0 ? kAddrB : kAddrC) +
                                                 DefaultBlock(1, no_b == 0 ? kAddrC : kAddrB) +
                                                 kEnd);

@@ -11,13 +11,13 @@
 
 #include "config/global_settings.h"
 #include "log/debug_log.h"
-#include "support/core_test_util.h"
+#include "support/test_util.h"
 
 namespace {
 
-using coretest::ChildResult;
-using coretest::kReturned;
-using coretest::RunInChild;
+using testutil::ChildResult;
+using testutil::kReturned;
+using testutil::RunInChild;
 
 // A settings record in the state SetDefaultSettings leaves, without its log-file side
 // effects, plus the log globals.
@@ -46,7 +46,7 @@ void Parse(GlobalSettings* settings, std::vector<std::string> words) {
 // Each row: the words, the log globals after them, and the settings fields they change
 // (every other byte of the record must stay as it was).
 TEST(CommandLineTest, OptionsChangeExactlyTheirFields) {
-    coretest::LogCapture restore;  // the log globals are put back at the end
+    testutil::LogCapture restore;  // the log globals are put back at the end
     using Change = std::function<void(GlobalSettings*)>;
     const Change none = [](GlobalSettings*) {};
     const Change force = [](GlobalSettings* s) { s->ForceRestart = 1; };
@@ -102,7 +102,7 @@ TEST(CommandLineTest, OptionsChangeExactlyTheirFields) {
 // once (standard output may be lost when the process detaches) and into the debug log after
 // the last option, so a later -p or -D chooses where it is logged.
 TEST(CommandLineTest, OverlongTextOptionIsRefusedOnStandardErrorAndInTheLog) {
-    coretest::LogCapture restore;
+    testutil::LogCapture restore;
     const std::string fits = "/" + std::string(62, 'a');  // 63 characters
     const std::string too_long = fits + "b";              // 64 characters
     Defaults d;
@@ -116,7 +116,7 @@ TEST(CommandLineTest, OverlongTextOptionIsRefusedOnStandardErrorAndInTheLog) {
         Defaults expected;
         const std::string message = std::string("Error: The argument of option '") + option[1] +
                                     "' is longer than 63 characters, it is ignored.";
-        coretest::LogCapture log(0xFFFFFFFFu, 3);  // no output until -p chooses one
+        testutil::LogCapture log(0xFFFFFFFFu, 3);  // no output until -p chooses one
         ChildResult child = RunInChild([&] {
             // Standard error on the captured pipe, standard output (and log prefixes) dropped.
             dup2(STDOUT_FILENO, STDERR_FILENO);
@@ -125,7 +125,7 @@ TEST(CommandLineTest, OverlongTextOptionIsRefusedOnStandardErrorAndInTheLog) {
             Parse(&before.settings, {option, too_long, "-p", "1"});
             // The outcome as the exit status: 3 a field changed, 4 not logged once, else 0.
             if (memcmp(&before.settings, &expected.settings, sizeof(GlobalSettings)) != 0) _exit(3);
-            _exit(log.Count(message) == 1 ? 0 : 4);
+            _exit(log.CountExact(message) == 1 ? 0 : 4);
         });
         ASSERT_TRUE(child.exited);
         EXPECT_EQ(0, child.status);
@@ -136,7 +136,7 @@ TEST(CommandLineTest, OverlongTextOptionIsRefusedOnStandardErrorAndInTheLog) {
 // Usage before everything, then the -f/-k conflict, then the version; otherwise start-up
 // goes on.
 TEST(CommandLineTest, StartupFlagsExitWithTheirStatus) {
-    coretest::LogCapture restore;
+    testutil::LogCapture restore;
     const std::string usage = "Usage: TavrineD [option]";
     const std::string version = "Tavrine version: [";
     const std::string both = "can not be set at the same time";

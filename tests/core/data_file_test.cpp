@@ -17,20 +17,20 @@
 #include "core/shell.h"
 #include "core/single_instance.h"
 #include "log/debug_log.h"
-#include "support/core_test_util.h"
+#include "support/test_util.h"
 #include "support/sec_tty.h"
 
 namespace {
 
-using coretest::FileExists;
-using coretest::ReadFile;
-using coretest::TempDataDir;
-using coretest::WriteFile;
+using testutil::FileExists;
+using testutil::ReadFile;
+using testutil::TempDir;
+using testutil::WriteFile;
 
 const int kOpens[] = {O_RDONLY, O_WRONLY | O_CREAT | O_TRUNC, O_RDWR | O_CREAT | O_EXCL};
 
 TEST(DataFileTest, LinksFifosDirectoriesAndOtherUsersFilesAreRefusedUntouched) {
-    TempDataDir dir;
+    TempDir dir;
     const std::string victim = dir.File("victim");
     ASSERT_TRUE(WriteFile(victim, "keep me"));
     // A second name for the victim (as if in another directory of the same file system),
@@ -87,8 +87,8 @@ TEST(DataFileTest, LinksFifosDirectoriesAndOtherUsersFilesAreRefusedUntouched) {
 // logged (the captured output is made afresh instead), and the output still reaches its
 // reader.
 TEST(DataFileTest, DaemonFilesHardLinkedElsewhereAreNeverWritten) {
-    TempDataDir elsewhere;
-    TempDataDir data;  // the last one made is the data directory
+    TempDir elsewhere;
+    TempDir data;  // the last one made is the data directory
     const std::string victim = elsewhere.File("victim");
     const std::string log_file = data.File("Tavrine_2026.11.16_9.log");
     char saved_log_path[kLogPathMax];
@@ -118,18 +118,18 @@ TEST(DataFileTest, DaemonFilesHardLinkedElsewhereAreNeverWritten) {
         ASSERT_TRUE(WriteFile(victim, "keep me"));
         unlink(c.path.c_str());  // an earlier row's log lines may have made the log file
         ASSERT_EQ(0, link(victim.c_str(), c.path.c_str()));
-        coretest::LogCapture log(LOG_MAIN, 2);  // standard output, system log and file
-        coretest::Quiet(c.use);
+        testutil::LogCapture log(LOG_MAIN, 2);  // standard output, system log and file
+        testutil::Quiet(c.use);
         EXPECT_EQ("keep me", ReadFile(victim));
         EXPECT_EQ(c.refused,
-                  log.CountContaining("Refused data file [" + c.path + "]: 2 links") > 0);
+                  log.Contains("Refused data file [" + c.path + "]: 2 links"));
         unlink(c.path.c_str());
     }
     memcpy(LogFilePath, saved_log_path, sizeof(saved_log_path));
 }
 
 TEST(DataFileTest, WarnsOnceWhenTheDataDirectoryIsWritableByGroupOrOthers) {
-    TempDataDir dir;
+    TempDir dir;
     struct Case {
         mode_t mode;
         bool warned;
@@ -138,12 +138,12 @@ TEST(DataFileTest, WarnsOnceWhenTheDataDirectoryIsWritableByGroupOrOthers) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.mode);
         ASSERT_EQ(0, chmod(dir.path().c_str(), c.mode));
-        coretest::LogCapture log(LOG_MAIN, 1);
+        testutil::LogCapture log(LOG_MAIN, 1);
         bool warned = !c.warned;
-        coretest::Quiet([&] { warned = WarnIfDataDirWritable(); });
+        testutil::Quiet([&] { warned = WarnIfDataDirWritable(); });
         EXPECT_EQ(c.warned, warned);
         EXPECT_EQ(c.warned ? 1u : 0u, log.lines().size());
-        EXPECT_EQ(c.warned ? 1 : 0, log.CountContaining("Warning: data directory " + dir.path()));
+        EXPECT_EQ(c.warned ? 1 : 0, log.Count("Warning: data directory " + dir.path()));
     }
     ASSERT_EQ(0, chmod(dir.path().c_str(), 0700));
     SetDataDirForTest((dir.path() + "/missing").c_str());

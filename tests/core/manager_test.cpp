@@ -17,14 +17,14 @@
 #include "core/pnp_signal.h"
 #include "device/device_object.h"
 #include "log/debug_log.h"
-#include "support/core_test_util.h"
+#include "support/test_util.h"
 #include "support/dev_test_util.h"
 #include "support/touch_test_util.h"
 
 namespace {
 
-using coretest::LogCapture;
-using coretest::TempDataDir;
+using testutil::LogCapture;
+using testutil::TempDir;
 
 std::vector<std::string> Messages(const LogCapture& log) {
     std::vector<std::string> messages;
@@ -54,7 +54,7 @@ TEST(ManagerTest, PassWithoutScanningDoesNothing) {
         CManager manager(&settings);
         log.Clear();
         manager.DeviceCount = c.device_count;
-        coretest::Quiet([&] { ScanLoopPass(&manager); });
+        testutil::Quiet([&] { ScanLoopPass(&manager); });
         EXPECT_TRUE(log.lines().empty())
             << int(c.scan_interface) << " " << int(c.max_devices) << ": "
             << (log.lines().empty() ? "" : log.lines()[0].message);
@@ -75,7 +75,7 @@ TEST(ManagerTest, SignalsAreLoggedOnceEachAndAnsweredInTheNextPass) {
 
     LogCapture log;
     for (int i = 0; i < 4; ++i) ASSERT_EQ(0, raise(SIGUSR2));
-    coretest::Quiet([&] { ScanLoopPass(&manager); });
+    testutil::Quiet([&] { ScanLoopPass(&manager); });
     const std::string received = "Receive signal SIGUSR2. Set bDeviceExistCheck true.";
     EXPECT_EQ((std::vector<std::string>{received, received, received, received,
                                         "Entering DevicePnPCheck"}),
@@ -83,7 +83,7 @@ TEST(ManagerTest, SignalsAreLoggedOnceEachAndAnsweredInTheNextPass) {
     EXPECT_EQ(0, bDeviceExistCheck.load());
 
     log.Clear();
-    coretest::Quiet([&] { ScanLoopPass(&manager); });
+    testutil::Quiet([&] { ScanLoopPass(&manager); });
     EXPECT_TRUE(log.lines().empty());
 
     ASSERT_EQ(0, sigaction(SIGUSR2, &old_action, nullptr));
@@ -106,9 +106,9 @@ CDeviceObject* NewDevice(GlobalSettings* settings, const std::string& path, uint
 
 // (The lifts written for a removed device are checked with the silent serial controller.)
 TEST(ManagerTest, PnpCheckRemovesEveryGoneDeviceAndKeepsTheRest) {
-    TempDataDir dir;
+    TempDir dir;
     const std::string present = dir.File("hidraw_present");
-    ASSERT_TRUE(coretest::WriteFile(present, ""));
+    ASSERT_TRUE(testutil::WriteFile(present, ""));
     GlobalSettings settings = DevTestSettings();
     CManager manager(&settings);
 
@@ -125,16 +125,16 @@ TEST(ManagerTest, PnpCheckRemovesEveryGoneDeviceAndKeepsTheRest) {
     manager.DeviceCount = 5;
 
     LogCapture log;
-    coretest::Quiet([&] { DevicePnPCheck(&manager); });
+    testutil::Quiet([&] { DevicePnPCheck(&manager); });
 
     ASSERT_EQ(2, manager.DeviceCount);
     ASSERT_EQ(devices[2], manager.DeviceListHead);
     ASSERT_EQ(devices[3], manager.DeviceListHead->pNext);
     EXPECT_EQ(nullptr, manager.DeviceListHead->pNext->pNext);
-    EXPECT_EQ(2, log.Count("Port_fd is unavailable"));
-    EXPECT_EQ(1, log.Count("USB Device [" + dir.File("hidraw_unplugged") + "] is removed"));
+    EXPECT_EQ(2, log.CountExact("Port_fd is unavailable"));
+    EXPECT_EQ(1, log.CountExact("USB Device [" + dir.File("hidraw_unplugged") + "] is removed"));
 
-    coretest::Quiet([&] {
+    testutil::Quiet([&] {
         delete devices[2];
         delete devices[3];
     });
@@ -186,9 +186,9 @@ TEST(ManagerTest, CheckOfASilentSerialControllerWhileAnotherRequestArrives) {
     int lifted = -1;
     std::string log_text;
     {
-        DevLogCapture log;
+        testutil::LogCapture log;
         DebugEnableBits = LOG_MAIN | LOG_THREAD | LOG_EVENT;
-        coretest::Quiet([&] {
+        testutil::Quiet([&] {
             StartRxLoopThread(device);
             std::atomic<bool> streaming{true};
             std::thread touches([&] {
@@ -235,8 +235,8 @@ TEST(ManagerTest, CheckOfASilentSerialControllerWhileAnotherRequestArrives) {
     for (int i = 0; i < kMaxContacts; ++i) EXPECT_FALSE(down[i]) << "contact " << i;
 
     // The next pass answers the kept request: its signal line, then one check.
-    DevLogCapture log;
-    coretest::Quiet([&] { ScanLoopPass(&manager); });
+    testutil::LogCapture log;
+    testutil::Quiet([&] { ScanLoopPass(&manager); });
     EXPECT_EQ(0, bDeviceExistCheck.load());
     const int received = log.Find("Receive signal SIGUSR2. Set bDeviceExistCheck true.");
     EXPECT_GE(received, 0);
@@ -260,7 +260,7 @@ TEST(ManagerTest, AnsweringSerialControllerIsKept) {
     AttachPort(device, &controller, DEV_RS232);
     manager.DeviceListHead = device;
     manager.DeviceCount = 1;
-    coretest::Quiet([&] {
+    testutil::Quiet([&] {
         StartRxLoopThread(device);
         DevicePnPCheck(&manager);
     });
@@ -268,7 +268,7 @@ TEST(ManagerTest, AnsweringSerialControllerIsKept) {
     // A removed device was deleted by the check itself.
     ASSERT_EQ(device, manager.DeviceListHead) << "a present controller was removed";
     EXPECT_TRUE(device->bThreadCreated);
-    coretest::Quiet([&] { delete device; });
+    testutil::Quiet([&] { delete device; });
     controller.Stop();
 }
 

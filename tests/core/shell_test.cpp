@@ -18,12 +18,12 @@
 #include "config/global_settings.h"
 #include "core/data_file.h"
 #include "core/paths.h"
-#include "support/core_test_util.h"
+#include "support/test_util.h"
 
 namespace {
 
-using coretest::TempDataDir;
-using coretest::WriteFile;
+using testutil::TempDir;
+using testutil::WriteFile;
 
 std::string ReadAll(FILE* stream) {
     std::string text;
@@ -53,14 +53,14 @@ std::set<int> InheritableOfThisProcess() {
 // in the daemon: the command lists its own /proc/self/fd and finds 0, 1 and 2, plus the
 // one its ls opened to read that directory.
 TEST(ShellCaptureTest, CommandInheritsOnlyTheStandardDescriptors) {
-    TempDataDir dir;
+    TempDir dir;
     ASSERT_TRUE(WriteFile(dir.File("TavrineA.ini"), "[TavrineA.ini]"));
     UniqueFd data(OpenDataFile(dir.File("TouchPID").c_str(), O_RDWR | O_CREAT, 0644));
     ASSERT_TRUE(data.valid());
     FILE* settings = LockAndOpenFile(IniFilePath(), "r", &SettingsFileMutex);
     ASSERT_NE(nullptr, settings);
     UniqueFd pipe_read, pipe_write;
-    ASSERT_TRUE(coretest::MakePipe(&pipe_read, &pipe_write));
+    ASSERT_TRUE(testutil::MakePipe(&pipe_read, &pipe_write));
     int pair[2];
     ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair));
     UniqueFd sock0(pair[0]), sock1(pair[1]);
@@ -68,7 +68,7 @@ TEST(ShellCaptureTest, CommandInheritsOnlyTheStandardDescriptors) {
     std::set<int> expected = InheritableOfThisProcess();
     expected.insert({0, 1, 2});
     FILE* stream = nullptr;
-    coretest::Quiet([&] { stream = RunShellCommand("ls -l /proc/self/fd", DrvLogPath()); });
+    testutil::Quiet([&] { stream = RunShellCommand("ls -l /proc/self/fd", DrvLogPath()); });
     CloseAndUnlockFile(settings, &SettingsFileMutex);
     ASSERT_NE(nullptr, stream);
     const std::string listing = ReadAll(stream);

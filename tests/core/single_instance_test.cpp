@@ -10,16 +10,16 @@
 #include <string>
 
 #include "config/global_settings.h"
-#include "support/core_test_util.h"
+#include "support/test_util.h"
 
 namespace {
 
-using coretest::ChildResult;
-using coretest::KillAndReap;
-using coretest::kReturned;
-using coretest::RunInChild;
-using coretest::StartNamedSleeper;
-using coretest::TempDataDir;
+using testutil::ChildResult;
+using testutil::KillAndReap;
+using testutil::kReturned;
+using testutil::RunInChild;
+using testutil::StartNamedSleeper;
+using testutil::TempDir;
 
 std::string PidText(pid_t pid) {
     char text[16];
@@ -54,7 +54,7 @@ ChildResult CheckInChild(Flags flags) {
 // process of another name, not the caller itself, and never a process group (ids 0 and
 // -1). (A running daemon is stopped or kept by the process tests, on the real binary.)
 TEST(SingleInstanceTest, StalePidFileKillsNothing) {
-    TempDataDir dir;
+    TempDir dir;
     const pid_t sleeper = StartNamedSleeper(dir.path(), "sleepy", 30);
     ASSERT_GT(sleeper, 0);
     const pid_t dead = StartNamedSleeper(dir.path(), "TavrineDead", 30);
@@ -68,7 +68,7 @@ TEST(SingleInstanceTest, StalePidFileKillsNothing) {
         SCOPED_TRACE(content);
         unlink(dir.File("TouchPID").c_str());
         if (content != kMissing) {
-            ASSERT_TRUE(coretest::WriteFile(dir.File("TouchPID"), content));
+            ASSERT_TRUE(testutil::WriteFile(dir.File("TouchPID"), content));
         }
         for (Flags flags : {Flags{1, 0}, Flags{0, 0}, Flags{0, 1}}) {
             ChildResult child = CheckInChild(flags);
@@ -87,7 +87,7 @@ TEST(SingleInstanceTest, RootCheckEndsWithStatus255ForOtherUsers) {
     ASSERT_TRUE(root.exited);
     EXPECT_EQ(kReturned, root.status);
 
-    TempDataDir dir;
+    TempDir dir;
     ChildResult other = RunInChild([] {
         if (setuid(65534) != 0) _exit(3);
         CheckRootPermission();

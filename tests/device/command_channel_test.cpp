@@ -17,6 +17,7 @@
 #include "device/identification.h"
 #include "device/report_format.h"
 #include "support/dev_test_util.h"
+#include "support/test_util.h"
 
 namespace {
 
@@ -130,7 +131,7 @@ TEST(SelfRecv, WritesAgainOnlyAfterASilentPeriod) {
 TEST(SelfRecv, FailedWritesAreBounded) {
     for (bool pipe_port : {true, false}) {
         SCOPED_TRACE(pipe_port ? "read end of a pipe" : "no port");
-        DevLogCapture log;
+        testutil::LogCapture log;
         GlobalSettings settings = DevTestSettings();
         CDeviceObject dev("/dev/hidraw99", &settings);
         dev.DevInterface = DEV_USB;
@@ -234,7 +235,7 @@ class RxThreadTest : public testing::Test {
 TEST_F(RxThreadTest, StopsALoopBlockedOnThePortAndOnlyAThreadThatExists) {
     for (uint8_t interface : {DEV_USB, DEV_RS232}) {
         SCOPED_TRACE(static_cast<int>(interface));
-        DevLogCapture log;
+        testutil::LogCapture log;
         FakeController controller(interface == DEV_USB);
         controller.Start();
         CDeviceObject dev("/dev/hidraw99", &settings_);
@@ -327,7 +328,7 @@ TEST_F(RxThreadTest, Rs232SilenceCountsIdleWakeUps) {
 
 // About 15 s of silence on an RS232 port asks the scan loop for a presence check.
 TEST_F(RxThreadTest, Rs232SilenceRequestsPresenceCheck) {
-    DevLogCapture log;
+    testutil::LogCapture log;
     FakeController controller(false);
     controller.Start();
     CDeviceObject dev("/dev/ttyS99", &settings_);

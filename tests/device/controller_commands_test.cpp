@@ -18,6 +18,7 @@
 #include "device/rx_wait.h"
 #include "device/setup.h"
 #include "support/dev_test_util.h"
+#include "support/test_util.h"
 
 namespace {
 
@@ -70,7 +71,7 @@ class CommandTest : public testing::Test {
         return dev;
     }
 
-    DevTempDataDir data_;
+    testutil::TempDir data_;
     GlobalSettings settings_ = DevTestSettings();
     KernelVersionInfo saved_kernel_;
 };

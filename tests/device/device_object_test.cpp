@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "support/dev_test_util.h"
+#include "support/test_util.h"
 
 #if defined(__SANITIZE_THREAD__)
 #define DEV_UNDER_TSAN 1
@@ -75,7 +76,7 @@ TEST(SerialPort, OpenAtConfiguredSpeedAndRestoreOnClose) {
     settings.DeviceBaudRate = 19200;
     CDeviceObject dev(pty.slave_path.c_str(), &settings);
     dev.DevInterface = DEV_RS232;
-    DevLogCapture log;
+    testutil::LogCapture log;
     ASSERT_EQ(0, OpenPort(&dev));
     int fd = dev.m_Port_fd.get();
     EXPECT_TRUE(fcntl(fd, F_GETFL) & O_NONBLOCK);
@@ -174,11 +175,11 @@ TEST(CreatedDevice, ThreadCreationFailureGivesNoDevice) {
             pthread_join(probe, nullptr);
             GTEST_SKIP() << "threads can still be created under this limit";
         }
-        DevTempDataDir data;
+        testutil::TempDir data;
         Pty pty;
         ASSERT_TRUE(OpenPty(&pty));
         GlobalSettings settings = DevTestSettings();
-        DevLogCapture log;
+        testutil::LogCapture log;
         std::unique_ptr<CDeviceObject> dev =
             CDeviceObject::Create(pty.slave_path.c_str(), &settings);
         EXPECT_EQ(nullptr, dev);
@@ -207,13 +208,13 @@ int CountEntries(const char* dir) {
 // no descriptor and no thread is left behind.
 TEST(CreatedDevice, DestroyDuringOrAfterSetupLeavesNothingBehind) {
     DevIgnoreSigusr2();
-    DevTempDataDir data;
+    testutil::TempDir data;
     Pty pty;
     ASSERT_TRUE(OpenPty(&pty));
     GlobalSettings settings = DevTestSettings();
     snprintf(settings.UinputPath, sizeof(settings.UinputPath), "%s/no_uinput", data.path().c_str());
     settings.CustomPathMask = kCustomUinputPathBit;
-    DevLogCapture log;
+    testutil::LogCapture log;
     const int fds_before = CountEntries("/proc/self/fd");
     const int tasks_before = CountEntries("/proc/self/task");
     {

@@ -17,7 +17,7 @@
 #include "core/paths.h"
 #include "discovery/hid_listing.h"
 #include "discovery/usb_bus_watch.h"
-#include "support/disc_log_capture.h"
+#include "support/test_util.h"
 
 namespace {
 
@@ -105,7 +105,7 @@ class HidRig {
         chmod(path.c_str(), 0755);
     }
 
-    DiscTempDir tmp_;
+    testutil::TempDir tmp_;
     std::string base_;
     std::string root_;
     std::string saved_path_;

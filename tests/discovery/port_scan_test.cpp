@@ -19,9 +19,8 @@
 #include "discovery/device_list.h"
 #include "discovery/serial_scan.h"
 #include "discovery/usb_scan.h"
-#include "support/core_test_util.h"
-#include "support/disc_log_capture.h"
 #include "support/disc_pty_controller.h"
+#include "support/test_util.h"
 
 namespace {
 
@@ -69,15 +68,15 @@ class PortScanTest : public testing::Test {
         return link;
     }
 
-    DiscTempDir data_;
+    testutil::TempDir data_;
     GlobalSettings settings_;
     CManager manager_{&settings_};
 };
 
 TEST_F(PortScanTest, CheckUSBDeviceRejectsWhatIsNotAHidrawNode) {
-    DiscLogCapture log;
+    testutil::LogCapture log;
     const std::string plain = data_.path() + "/hidraw_plain_file";
-    ASSERT_TRUE(coretest::WriteFile(plain, ""));
+    ASSERT_TRUE(testutil::WriteFile(plain, ""));
     for (const std::string& path :
          {std::string("/nonexistent/hidraw0"), plain, std::string("/dev/null")}) {
         EXPECT_EQ(-1, CheckUSBDevice(&manager_, path.c_str())) << path;
@@ -95,7 +94,7 @@ TEST_F(PortScanTest, CustomSerialPathsReplaceTheStandardPorts) {
     owned.loopback_speed = B9600;
     silent.Start();
     owned.Start();
-    DiscLogCapture log;
+    testutil::LogCapture log;
     settings_.MaxDeviceNums = 3;
     settings_.CustomPathMask = kCustomSerialPathBit | kCustomUinputPathBit;
     snprintf(settings_.CustomSerialPath[0], kTextMax, "/nonexistent/ttyUSB0");
@@ -119,11 +118,11 @@ TEST_F(PortScanTest, CustomSerialPathsReplaceTheStandardPorts) {
 TEST_F(PortScanTest, CustomSerialPathsThatAreNotTerminalsAreNeverWritten) {
     const std::string lure = data_.path() + "/lure";
     const std::string lure_bytes("\x01\x02\x03\x0a\x01\x41\x0a\x01\x41", 9);
-    ASSERT_TRUE(coretest::WriteFile(lure, lure_bytes));
+    ASSERT_TRUE(testutil::WriteFile(lure, lure_bytes));
     const std::string ini = IniFilePath();
     const std::string ini_bytes = "[TavrineA.ini]\nDeviceNums 2\n[String]\n[EndOfFile]";
-    ASSERT_TRUE(coretest::WriteFile(ini, ini_bytes));
-    DiscLogCapture log;
+    ASSERT_TRUE(testutil::WriteFile(ini, ini_bytes));
+    testutil::LogCapture log;
     settings_.MaxDeviceNums = 2;
     settings_.CustomPathMask = kCustomSerialPathBit;
     snprintf(settings_.CustomSerialPath[0], kTextMax, "%s", lure.c_str());
@@ -132,8 +131,8 @@ TEST_F(PortScanTest, CustomSerialPathsThatAreNotTerminalsAreNeverWritten) {
     ScanRS232Port(&manager_);
     ScanRS232Port(&manager_);
     EXPECT_EQ(0, manager_.DeviceCount);
-    EXPECT_EQ(lure_bytes, coretest::ReadFile(lure));
-    EXPECT_EQ(ini_bytes, coretest::ReadFile(ini));
+    EXPECT_EQ(lure_bytes, testutil::ReadFile(lure));
+    EXPECT_EQ(ini_bytes, testutil::ReadFile(ini));
     EXPECT_EQ(2, log.Count("Refused device node [" + lure + "]: not a character device"));
     EXPECT_EQ(2, log.Count("Refused device node [" + ini + "]: not a character device"));
     EXPECT_EQ(2, log.Count("Refused device node [/dev/null]: not a terminal"));
@@ -153,7 +152,7 @@ TEST_F(PortScanTest, IsPortObjExistedComparesWholePaths) {
 // Head, middle, tail, then the last one; the log names the removed path (a kept copy:
 // the object's text is gone once it is destroyed) and the count left.
 TEST_F(PortScanTest, RemoveDeviceAtHeadMiddleAndTail) {
-    DiscLogCapture log;
+    testutil::LogCapture log;
     const std::string long_path = "/dev/" + std::string(70, 'x');  // longer than PortPath holds
     LinkByHand({"/dev/hidraw0", "/dev/hidraw1", "/dev/hidraw2", long_path, "/dev/hidraw4"});
     const std::string kept = "/dev/" + std::string(58, 'x');

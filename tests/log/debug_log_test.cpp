@@ -17,12 +17,12 @@
 #include <vector>
 
 #include "core/paths.h"
-#include "support/core_test_util.h"
+#include "support/test_util.h"
 
 namespace {
 
-using coretest::LogCapture;
-using coretest::TempDataDir;
+using testutil::LogCapture;
+using testutil::TempDir;
 
 const char* kPrefixPattern = "\\[[0-2][0-9]:[0-5][0-9]:[0-5][0-9]:[0-9]{3}\\]-: ";
 
@@ -32,7 +32,7 @@ class StdoutCapture {
     StdoutCapture() {
         fflush(stdout);
         saved_.reset(fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0));
-        if (coretest::MakePipe(&read_end_, &write_end_)) {
+        if (testutil::MakePipe(&read_end_, &write_end_)) {
             fcntl(read_end_.get(), F_SETFL, O_NONBLOCK);
             dup2(write_end_.get(), STDOUT_FILENO);
         }
@@ -89,7 +89,7 @@ struct LogFileFixture : public ::testing::Test {
         ShowDebugPosition = saved_position;
         LogFilePath[0] = '\0';
     }
-    TempDataDir dir;
+    TempDir dir;
     std::string log_file;
     uint32_t saved_bits = 0;
     uint8_t saved_position = 0;
@@ -138,7 +138,7 @@ TEST_F(LogFileFixture, UnwritableFileLosesOnlyTheFileLine) {
 // does not block the logging thread, and the other outputs still get the line.
 TEST_F(LogFileFixture, LogPathThatIsNotARegularFileIsNotWritten) {
     const std::string victim = dir.File("victim");
-    ASSERT_TRUE(coretest::WriteFile(victim, "keep me"));
+    ASSERT_TRUE(testutil::WriteFile(victim, "keep me"));
     ASSERT_EQ(0, symlink(victim.c_str(), log_file.c_str()));
     const std::string fifo = dir.File("fifo.log");
     ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
@@ -147,7 +147,7 @@ TEST_F(LogFileFixture, LogPathThatIsNotARegularFileIsNotWritten) {
 
     for (const std::string& path : {log_file, fifo, subdir}) {
         snprintf(LogFilePath, kLogPathMax, "%s", path.c_str());
-        coretest::ChildResult child = coretest::RunInChild([] {
+        testutil::ChildResult child = testutil::RunInChild([] {
             alarm(5);  // a blocked open ends the child by SIGALRM
             DebugEnableBits = 0xFFFFFFFF;
             ShowDebugPosition = 0;
@@ -156,13 +156,13 @@ TEST_F(LogFileFixture, LogPathThatIsNotARegularFileIsNotWritten) {
             LogCapture capture(0xFFFFFFFF, 2);
             DebugLog(LOG_MAIN, "kept");
             fflush(stdout);
-            if (capture.Count("kept") != 1) _exit(3);
+            if (capture.CountExact("kept") != 1) _exit(3);
         });
         ASSERT_TRUE(child.exited) << path << ": signal " << child.status;
-        EXPECT_EQ(coretest::kReturned, child.status) << path;
+        EXPECT_EQ(testutil::kReturned, child.status) << path;
         EXPECT_NE(std::string::npos, child.out.find("<Main>")) << path;  // head of "kept"
     }
-    EXPECT_EQ("keep me", coretest::ReadFile(victim));
+    EXPECT_EQ("keep me", testutil::ReadFile(victim));
 }
 
 TEST_F(LogFileFixture, LongMessageIsTruncatedToTheBuffer) {
@@ -175,7 +175,7 @@ TEST_F(LogFileFixture, LongMessageIsTruncatedToTheBuffer) {
     ASSERT_EQ(2u, capture.lines().size());
     EXPECT_EQ(std::string(kLogMessageMax - 1, 'L'), capture.lines()[0].message);
     EXPECT_EQ(std::string(kLogMessageMax - 1, 'L'), capture.lines()[1].message);
-    std::vector<std::string> lines = Lines(coretest::ReadFile(log_file));
+    std::vector<std::string> lines = Lines(testutil::ReadFile(log_file));
     ASSERT_EQ(2u, lines.size());
     EXPECT_TRUE(
         std::regex_match(lines[0], std::regex(std::string(kPrefixPattern) + "<Main> L{511}")));
@@ -205,7 +205,7 @@ TEST_F(LogFileFixture, LinesOfTwoThreadsNeverMix) {
     ASSERT_EQ(0, pthread_create(&tb, nullptr, WriteLines, &b));
     pthread_join(ta, nullptr);
     pthread_join(tb, nullptr);
-    std::vector<std::string> lines = Lines(coretest::ReadFile(log_file));
+    std::vector<std::string> lines = Lines(testutil::ReadFile(log_file));
     ASSERT_EQ(2000u, lines.size());
     const std::regex whole(std::string(kPrefixPattern) +
                            "<Pipe> (a[0-9]{4} a{100}|b[0-9]{4} b{100})");
@@ -236,18 +236,18 @@ std::vector<std::string> DirEntries(const std::string& path) {
 TEST_F(LogFileFixture, RemoveOldLogsDeletesOnlyEarlierLogFiles) {
     for (const char* name :
          {"Tavrine_2026.11.16_9.log", "Tavrine_x", "TavrineA.ini", "TouchPID", "keep.log"}) {
-        ASSERT_TRUE(coretest::WriteFile(dir.File(name), "x"));
+        ASSERT_TRUE(testutil::WriteFile(dir.File(name), "x"));
     }
     {
         LogCapture capture(LOG_MAIN, 1);
-        coretest::Quiet([&] { RemoveOldLogs(); });
-        EXPECT_EQ(1, capture.Count("All old debug logs are removed."));
+        testutil::Quiet([&] { RemoveOldLogs(); });
+        EXPECT_EQ(1, capture.CountExact("All old debug logs are removed."));
     }
     EXPECT_EQ((std::vector<std::string>{"TavrineA.ini", "TouchPID", "keep.log"}),
               DirEntries(dir.path()));
     {
         LogCapture capture(LOG_MAIN, 1);
-        coretest::Quiet([&] { RemoveOldLogs(); });  // nothing left to remove: rm fails
+        testutil::Quiet([&] { RemoveOldLogs(); });  // nothing left to remove: rm fails
         ASSERT_EQ(1u, capture.lines().size());
         EXPECT_TRUE(capture.lines()[0].is_error);
         EXPECT_EQ("Remove all old debug log failed.", capture.lines()[0].message);
@@ -258,19 +258,19 @@ TEST_F(LogFileFixture, RemoveOldLogsDeletesOnlyEarlierLogFiles) {
 // plain word keeps its old logs rather than handing the shell a second word to remove.
 TEST_F(LogFileFixture, RemoveOldLogsRefusesADataDirectoryThatIsNotAPlainPath) {
     const std::string victim = dir.File("a");
-    ASSERT_TRUE(coretest::WriteFile(victim, "keep me"));
+    ASSERT_TRUE(testutil::WriteFile(victim, "keep me"));
     const std::string spaced = dir.File("a b");
     ASSERT_EQ(0, mkdir(spaced.c_str(), 0700));
-    ASSERT_TRUE(coretest::WriteFile(spaced + "/Tavrine_2026.11.16_9.log", "x"));
+    ASSERT_TRUE(testutil::WriteFile(spaced + "/Tavrine_2026.11.16_9.log", "x"));
     SetDataDirForTest(spaced.c_str());
     {
         LogCapture capture(LOG_MAIN, 1);
-        coretest::Quiet([&] { RemoveOldLogs(); });
-        EXPECT_EQ(1, capture.Count("Data directory [" + spaced +
+        testutil::Quiet([&] { RemoveOldLogs(); });
+        EXPECT_EQ(1, capture.CountExact("Data directory [" + spaced +
                                    "] is not a plain path: old debug logs are kept"));
     }
     SetDataDirForTest(dir.path().c_str());
-    EXPECT_EQ("keep me", coretest::ReadFile(victim));
+    EXPECT_EQ("keep me", testutil::ReadFile(victim));
     EXPECT_EQ(std::vector<std::string>{"Tavrine_2026.11.16_9.log"}, DirEntries(spaced));
 }
 

@@ -24,6 +24,7 @@
 
 #include "output/emit.h"
 #include "output/uinput_device.h"
+#include "support/test_util.h"
 #include "support/touch_test_util.h"
 
 using namespace touchtest;
@@ -87,11 +88,8 @@ std::vector<RawEvent> DrainRaw(int fd) {
 // The record a device set-up wrote to a regular file standing in for the uinput node (the
 // ioctls fail on it after the record is written, so nothing counts as created).
 std::vector<uint8_t> CreatedRecord(TouchRig& rig, bool pen) {
-    char pattern[] = "/tmp/abi_uinput_XXXXXX";
-    const char* dir = mkdtemp(pattern);
-    EXPECT_NE(nullptr, dir);
-    if (dir == nullptr) return {};
-    const std::string path = std::string(dir) + "/uinput";
+    testutil::TempDir dir;
+    const std::string path = dir.File("uinput");
     UniqueFd file(OpenCloexec(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600));
     (pen ? rig.dev->UinputPenFd : rig.dev->UinputTouchFd) = std::move(file);
     EXPECT_EQ(-1, pen ? SetUpPenDevice(rig.dev.get()) : SetUpTouchDevice(rig.dev.get()));
@@ -100,8 +98,6 @@ std::vector<uint8_t> CreatedRecord(TouchRig& rig, bool pen) {
     UniqueFd fd(OpenCloexec(path.c_str(), O_RDONLY));
     const ssize_t n = fd.valid() ? ReadRetry(fd.get(), bytes.data(), bytes.size()) : -1;
     bytes.resize(n > 0 ? static_cast<size_t>(n) : 0);
-    unlink(path.c_str());
-    EXPECT_EQ(0, rmdir(dir));
     return bytes;
 }
 

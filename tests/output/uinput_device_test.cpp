@@ -9,29 +9,14 @@
 
 #include <string>
 
-#include "support/core_test_util.h"
+#include "support/test_util.h"
 #include "support/touch_test_util.h"
 
 using namespace touchtest;
 
 namespace {
 
-class TempDir {
-  public:
-    TempDir() {
-        char pattern[] = "/tmp/touch_uinput_XXXXXX";
-        path_ = mkdtemp(pattern);
-    }
-    // The tests leave at most the stand-in file in the directory.
-    ~TempDir() {
-        unlink((path_ + "/uinput").c_str());
-        EXPECT_EQ(0, rmdir(path_.c_str()));
-    }
-    const std::string& path() const { return path_; }
-
-  private:
-    std::string path_;
-};
+using testutil::TempDir;
 
 // Opens an empty regular file standing in for the uinput node, as the open step would.
 void UseStandIn(UniqueFd* uinput_fd, const TempDir& dir) {
@@ -56,6 +41,7 @@ TEST(UinputOpen, FallbackToDevUinputUnlessThePathIsConfigured) {
         EXPECT_EQ(-1, CreateTouchDevice(rig.dev.get()));
         EXPECT_EQ(configured ? missing : "/dev/uinput", std::string(rig.settings.UinputPath));
         EXPECT_FALSE(rig.dev->UinputTouchFd.valid());
+        EXPECT_FALSE(testutil::FileExists(missing)) << "the open created the node";
     }
 }
 
@@ -64,23 +50,22 @@ TEST(UinputOpen, FallbackToDevUinputUnlessThePathIsConfigured) {
 TEST(UinputOpen, PathThatIsNotTheUinputDeviceIsRefusedUntouched) {
     TempDir dir;
     const std::string file = dir.path() + "/uinput";
-    ASSERT_TRUE(coretest::WriteFile(file, "settings"));
+    ASSERT_TRUE(testutil::WriteFile(file, "settings"));
     const std::string link = dir.path() + "/link";
     ASSERT_EQ(0, symlink(file.c_str(), link.c_str()));
     for (const std::string& path : {file, link, std::string("/dev/null")}) {
         SCOPED_TRACE(path);
         TouchRig rig;
-        LogCapture log;
+        testutil::LogCapture log;
         rig.settings.CustomPathMask = kCustomUinputPathBit;
         snprintf(rig.settings.UinputPath, sizeof(rig.settings.UinputPath), "%s", path.c_str());
         EXPECT_EQ(-1, CreateTouchDevice(rig.dev.get()));
         EXPECT_EQ(-1, CreatePenDevice(rig.dev.get()));
         EXPECT_FALSE(rig.dev->UinputTouchFd.valid());
         EXPECT_EQ(2, log.Count("Refused device node [" + path + "]"));
-        EXPECT_TRUE(log.Has("Unable to open assigned uninput path : " + path));
+        EXPECT_TRUE(log.Contains("Unable to open assigned uninput path : " + path));
     }
-    EXPECT_EQ("settings", coretest::ReadFile(file));
-    unlink(link.c_str());
+    EXPECT_EQ("settings", testutil::ReadFile(file));
 }
 
 TEST(UinputOpen, DescriptorsAreReleasedOnClose) {

@@ -25,7 +25,7 @@
 #include <string>
 #include <vector>
 
-#include "support/core_test_util.h"
+#include "support/test_util.h"
 
 namespace {
 
@@ -43,14 +43,14 @@ long NowMs() {
 }
 
 std::string ProcessName(pid_t pid) {
-    std::string status = coretest::ReadFile("/proc/" + std::to_string(pid) + "/status");
+    std::string status = testutil::ReadFile("/proc/" + std::to_string(pid) + "/status");
     if (status.compare(0, 6, "Name:\t") != 0) return "";
     return status.substr(6, status.find('\n') - 6);
 }
 
 // Parent process id from /proc/<pid>/stat (the field after the parenthesised name).
 pid_t ParentOf(pid_t pid) {
-    std::string stat = coretest::ReadFile("/proc/" + std::to_string(pid) + "/stat");
+    std::string stat = testutil::ReadFile("/proc/" + std::to_string(pid) + "/stat");
     size_t close = stat.rfind(')');
     if (close == std::string::npos) return -1;
     char state;
@@ -68,12 +68,12 @@ class DaemonProcessTest : public ::testing::Test {
         ASSERT_TRUE(lock_fd_.valid());
         ASSERT_EQ(0, flock(lock_fd_.get(), LOCK_EX));
         ASSERT_EQ(0, prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0));
-        ASSERT_EQ(0, coretest::RunInChild([] {
+        ASSERT_EQ(0, testutil::RunInChild([] {
                          execl("/bin/rm", "rm", "-rf", kDataDir.c_str(),
                                static_cast<char*>(nullptr));
                      }).status);
         ASSERT_EQ(0, mkdir(kDataDir.c_str(), 0755));
-        ASSERT_TRUE(coretest::WriteFile(kDataDir + "/TavrineA.ini", kIni));
+        ASSERT_TRUE(testutil::WriteFile(kDataDir + "/TavrineA.ini", kIni));
     }
 
     void TearDown() override {
@@ -139,7 +139,7 @@ class DaemonProcessTest : public ::testing::Test {
         const long deadline = NowMs() + timeout_ms;
         while (NowMs() < deadline) {
             Reap();
-            std::string text = coretest::ReadFile(kPidFile);
+            std::string text = testutil::ReadFile(kPidFile);
             int pid = 0;
             if (text.size() == 10 && sscanf(text.c_str(), "%d", &pid) == 1 && pid > 0 &&
                 pid != not_this && ended_.count(pid) == 0 &&
@@ -198,7 +198,7 @@ class DaemonProcessTest : public ::testing::Test {
         if (!dir) return all;
         while (struct dirent* e = readdir(dir)) {
             if (strncmp(e->d_name, "Tavrine_", 8) == 0)
-                all += coretest::ReadFile(kDataDir + "/" + e->d_name);
+                all += testutil::ReadFile(kDataDir + "/" + e->d_name);
         }
         closedir(dir);
         return all;
@@ -224,7 +224,7 @@ TEST_F(DaemonProcessTest, DetachesWritesItsPidFileAndLoops) {
     ASSERT_GT(daemon, 0);
     std::string expected = std::to_string(daemon) + " ";
     expected.resize(10, '\0');
-    EXPECT_EQ(expected, coretest::ReadFile(kPidFile));
+    EXPECT_EQ(expected, testutil::ReadFile(kPidFile));
     EXPECT_EQ(getpid(), ParentOf(daemon));  // detached, re-parented to the subreaper
 
     std::string log = WaitForLog("Entering EndlessScanLoop");
@@ -256,7 +256,7 @@ TEST_F(DaemonProcessTest, DetachesWritesItsPidFileAndLoops) {
 TEST_F(DaemonProcessTest, InheritedDescriptorsAreClosedAtStart) {
     UniqueFd read_end;
     UniqueFd write_end;
-    ASSERT_TRUE(coretest::MakePipe(&read_end, &write_end));
+    ASSERT_TRUE(testutil::MakePipe(&read_end, &write_end));
     EXPECT_EQ(0, Run({}, write_end.get()));
     write_end.reset();
     const pid_t daemon = WaitForDaemon();
@@ -274,14 +274,14 @@ TEST_F(DaemonProcessTest, SecondStartEndsForceReplacesKillStops) {
     EXPECT_EQ(0, Run({}));
     const pid_t first = WaitForDaemon();
     ASSERT_GT(first, 0);
-    const std::string pid_text = coretest::ReadFile(kPidFile);
+    const std::string pid_text = testutil::ReadFile(kPidFile);
 
     EXPECT_EQ(0, Run({}));
     int status = -1;
     ASSERT_TRUE(WaitForOtherChildEnd({first}, &status));
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
     EXPECT_TRUE(IsRunning(first));
-    EXPECT_EQ(pid_text, coretest::ReadFile(kPidFile));
+    EXPECT_EQ(pid_text, testutil::ReadFile(kPidFile));
     EXPECT_EQ(1, Count(LogText(), "Another daemon pid(" + std::to_string(first) + ") is running"));
 
     EXPECT_EQ(0, Run({"-f"}));

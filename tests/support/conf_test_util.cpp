@@ -1,62 +1,8 @@
 #include "support/conf_test_util.h"
 
-#include <fcntl.h>
-#include <ftw.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include "core/paths.h"
-#include "log/debug_log.h"
+#include <string>
 
 namespace conftest {
-
-namespace {
-
-int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) {
-    return remove(path);
-}
-
-}  // namespace
-
-ConfDataDir::ConfDataDir() : saved_bits_(DebugEnableBits), saved_position_(ShowDebugPosition) {
-    char pattern[] = "/tmp/tavrine_conf_XXXXXX";
-    const char* made = mkdtemp(pattern);
-    path_ = made ? made : "";
-    SetDataDirForTest(path_.c_str());
-    DebugEnableBits = 0xFFFFFFFFu;
-    ShowDebugPosition = 3;  // no output at all
-}
-
-ConfDataDir::~ConfDataDir() {
-    if (!path_.empty()) nftw(path_.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS);
-    SetDataDirForTest("/nonexistent-tavrine-conf-test-dir");
-    DebugEnableBits = saved_bits_;
-    ShowDebugPosition = saved_position_;
-}
-
-std::string ReadBytes(const std::string& path) {
-    std::string bytes;
-    FILE* f = fopen(path.c_str(), "rbe");
-    if (!f) return bytes;
-    char chunk[4096];
-    size_t n;
-    while ((n = fread(chunk, 1, sizeof(chunk), f)) > 0) bytes.append(chunk, n);
-    fclose(f);
-    return bytes;
-}
-
-bool WriteBytes(const std::string& path, const std::string& bytes) {
-    FILE* f = fopen(path.c_str(), "wbe");
-    if (!f) return false;
-    bool ok = fwrite(bytes.data(), 1, bytes.size(), f) == bytes.size();
-    return fclose(f) == 0 && ok;
-}
-
-bool Exists(const std::string& path) {
-    return access(path.c_str(), F_OK) == 0;
-}
 
 std::string DefaultBlock(int no, const char* address) {
     std::string text = "\n[Device_No." + std::to_string(no) + "]\n";

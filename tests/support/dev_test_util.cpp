@@ -1,7 +1,6 @@
 #include "support/dev_test_util.h"
 
-#include <errno.h>
-#include <ftw.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -10,22 +9,7 @@
 #include <time.h>
 #include <unistd.h>
 
-#include "core/paths.h"
-#include "log/debug_log.h"
-
 namespace {
-
-std::mutex gLogMutex;
-std::vector<std::string>* gLogLines = nullptr;
-
-void CaptureSink(bool, const char* message) {
-    std::lock_guard<std::mutex> lock(gLogMutex);
-    if (gLogLines) gLogLines->push_back(message);
-}
-
-int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) {
-    return remove(path);
-}
 
 void* RxLoopThread(void* arg) {
     DevRxLoop(static_cast<CDeviceObject*>(arg));
@@ -39,73 +23,6 @@ int64_t DevNowMs() {
     struct timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
     return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-}
-
-DevLogCapture::DevLogCapture() : saved_bits_(DebugEnableBits), saved_position_(ShowDebugPosition) {
-    std::lock_guard<std::mutex> lock(gLogMutex);
-    delete gLogLines;
-    gLogLines = new std::vector<std::string>();
-    DebugEnableBits = 0xFFFFFFFFu & ~static_cast<uint32_t>(LOG_EVENT);
-    ShowDebugPosition = 1;
-    SetPlatformLogSinkForTest(CaptureSink);
-}
-
-DevLogCapture::~DevLogCapture() {
-    SetPlatformLogSinkForTest(nullptr);
-    DebugEnableBits = saved_bits_;
-    ShowDebugPosition = saved_position_;
-    std::lock_guard<std::mutex> lock(gLogMutex);
-    delete gLogLines;
-    gLogLines = nullptr;
-}
-
-int DevLogCapture::Find(const std::string& text) const {
-    std::lock_guard<std::mutex> lock(gLogMutex);
-    if (!gLogLines) return -1;
-    for (size_t i = 0; i < gLogLines->size(); ++i) {
-        if ((*gLogLines)[i].find(text) != std::string::npos) return static_cast<int>(i);
-    }
-    return -1;
-}
-
-int DevLogCapture::FindLast(const std::string& text) const {
-    std::lock_guard<std::mutex> lock(gLogMutex);
-    if (!gLogLines) return -1;
-    for (size_t i = gLogLines->size(); i-- > 0;) {
-        if ((*gLogLines)[i].find(text) != std::string::npos) return static_cast<int>(i);
-    }
-    return -1;
-}
-
-std::string DevLogCapture::Text() const {
-    std::lock_guard<std::mutex> lock(gLogMutex);
-    std::string text;
-    if (gLogLines) {
-        for (const std::string& line : *gLogLines) text += line + "\n";
-    }
-    return text;
-}
-
-int DevLogCapture::Count(const std::string& text) const {
-    std::lock_guard<std::mutex> lock(gLogMutex);
-    int n = 0;
-    if (gLogLines) {
-        for (const std::string& line : *gLogLines) {
-            if (line.find(text) != std::string::npos) ++n;
-        }
-    }
-    return n;
-}
-
-DevTempDataDir::DevTempDataDir() {
-    char pattern[] = "/tmp/tavrine_dev_XXXXXX";
-    const char* dir = mkdtemp(pattern);
-    path_ = dir ? dir : "";
-    SetDataDirForTest(path_.c_str());
-}
-
-DevTempDataDir::~DevTempDataDir() {
-    if (!path_.empty()) nftw(path_.c_str(), RemoveEntry, 8, FTW_DEPTH | FTW_PHYS);
 }
 
 FakeController::FakeController(bool seqpacket) : seqpacket_(seqpacket) {

@@ -1,5 +1,5 @@
 // Helpers of the device and tool pipe tests: a controller stand-in on the far end of a
-// socketpair or pty, log capture, a temporary data directory and a receive thread.
+// socketpair or pty, and a receive thread.
 #pragma once
 
 #include <pthread.h>
@@ -26,38 +26,6 @@ constexpr int kLoadSlackMs = 1500;
 // Milliseconds on the monotonic clock.
 int64_t DevNowMs();
 
-// Captures every debug-log message while it exists (all categories enabled).
-class DevLogCapture {
-  public:
-    DevLogCapture();
-    ~DevLogCapture();
-    DevLogCapture(const DevLogCapture&) = delete;
-    DevLogCapture& operator=(const DevLogCapture&) = delete;
-    int Count(const std::string& text) const;
-    bool Contains(const std::string& text) const { return Count(text) > 0; }
-    // Index of the first captured message containing text, -1 when there is none.
-    int Find(const std::string& text) const;
-    // Index of the last captured message containing text, -1 when there is none.
-    int FindLast(const std::string& text) const;
-    // Every captured message, one per line (for a failure message).
-    std::string Text() const;
-
-  private:
-    uint32_t saved_bits_;
-    uint8_t saved_position_;
-};
-
-// A fresh temporary data directory (SetDataDirForTest), removed at the end.
-class DevTempDataDir {
-  public:
-    DevTempDataDir();
-    ~DevTempDataDir();
-    const std::string& path() const { return path_; }
-
-  private:
-    std::string path_;
-};
-
 // The controller side of a port. Every packet (one read) the daemon writes is recorded;
 // respond() returns the packets to send back, each after its delay.
 struct TimedReply {
@@ -74,8 +42,7 @@ class FakeController {
     explicit FakeController(int controller_fd);
     ~FakeController();
 
-    int DaemonFd() const { return daemon_fd_; }  // -1 after TakeDaemonFd
-    int TakeDaemonFd();                          // the caller (a UniqueFd) now owns it
+    int TakeDaemonFd();  // the caller (a UniqueFd) now owns it
     void SetResponder(std::function<std::vector<TimedReply>(const Bytes&)> respond);
     void Start();
     void Stop();

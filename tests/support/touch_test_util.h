@@ -1,5 +1,5 @@
 // Helpers of the touch and output tests: a bare device record wired to datagram
-// socketpairs that stand in for the uinput descriptors, an event decoder, a log capture and
+// socketpairs that stand in for the uinput descriptors, an event decoder and
 // guards for the process-wide values the data path reads. Header-only so that only the
 // tests that include it depend on the device record.
 #pragma once
@@ -75,16 +75,10 @@ inline void MakeEventPair(UniqueFd* device_end, UniqueFd* test_end) {
     test_end->reset(fds[1]);
 }
 
-struct TimedEv {
-    Ev ev;
-    long sec;
-    long usec;
-};
-
 // Every event queued on fd. Each message must be one whole frame: whole input_event
 // records ending with the frame's only SYN_REPORT.
-inline std::vector<TimedEv> DrainTimed(int fd) {
-    std::vector<TimedEv> out;
+inline std::vector<Ev> Drain(int fd) {
+    std::vector<Ev> out;
     for (;;) {
         struct input_event raw;
         uint8_t buffer[sizeof(raw) * (kFrameEventMax + 1)];
@@ -96,67 +90,11 @@ inline std::vector<TimedEv> DrainTimed(int fd) {
             memcpy(&raw, buffer + i * sizeof(raw), sizeof(raw));
             const bool syn = raw.type == EV_SYN && raw.code == SYN_REPORT;
             EXPECT_EQ(i + 1 == records, syn) << "one write per frame, ended by its SYN_REPORT";
-            out.push_back(TimedEv{Ev{raw.type, raw.code, raw.value},
-                                  static_cast<long>(raw.input_event_sec),
-                                  static_cast<long>(raw.input_event_usec)});
+            out.push_back(Ev{raw.type, raw.code, raw.value});
         }
     }
     return out;
 }
-
-inline std::vector<Ev> Drain(int fd) {
-    std::vector<Ev> out;
-    for (const TimedEv& e : DrainTimed(fd)) out.push_back(e.ev);
-    return out;
-}
-
-// Captures every debug-log message while alive (all categories enabled), through a log
-// file in a temporary location so nothing reaches standard output or the system log.
-class LogCapture {
-  public:
-    LogCapture() : saved_bits_(DebugEnableBits), saved_position_(ShowDebugPosition) {
-        memcpy(saved_path_, LogFilePath, sizeof(saved_path_));
-        char pattern[] = "/tmp/touch_log_XXXXXX";
-        const int fd = mkstemp(pattern);
-        UniqueFd owner(fd);
-        EXPECT_TRUE(owner.valid());
-        path_ = pattern;
-        snprintf(LogFilePath, sizeof(LogFilePath), "%s", pattern);
-        DebugEnableBits = 0xFFFFFFFFu;
-        ShowDebugPosition = 0;
-    }
-    ~LogCapture() {
-        DebugEnableBits = saved_bits_;
-        ShowDebugPosition = saved_position_;
-        memcpy(LogFilePath, saved_path_, sizeof(saved_path_));
-        unlink(path_.c_str());
-    }
-    LogCapture(const LogCapture&) = delete;
-    LogCapture& operator=(const LogCapture&) = delete;
-
-    std::vector<std::string> Lines() const {
-        std::vector<std::string> lines;
-        FILE* stream = fopen(path_.c_str(), "re");
-        if (stream == nullptr) return lines;
-        char line[1024];
-        while (fgets(line, sizeof(line), stream)) lines.push_back(line);
-        fclose(stream);
-        return lines;
-    }
-    int Count(const std::string& text) const {
-        int n = 0;
-        for (const std::string& line : Lines()) n += line.find(text) != std::string::npos;
-        return n;
-    }
-    bool Has(const std::string& text) const { return Count(text) > 0; }
-    void Clear() { UniqueFd fd(OpenCloexec(path_.c_str(), O_WRONLY | O_TRUNC)); }
-
-  private:
-    uint32_t saved_bits_;
-    uint8_t saved_position_;
-    char saved_path_[kLogPathMax];
-    std::string path_;
-};
 
 // Sets the Android and kernel versions for one test and restores them.
 class VersionGuard {

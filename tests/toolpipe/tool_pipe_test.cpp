@@ -17,6 +17,7 @@
 #include "device/cmd_channel.h"
 #include "device/device_object.h"
 #include "support/dev_test_util.h"
+#include "support/test_util.h"
 #include "support/sec_tty.h"
 
 namespace {
@@ -39,7 +40,7 @@ class AndroidGuard {
 
 TEST(CreateFifo, ModesDoNotDependOnTheUmask) {
     AndroidGuard android(9);
-    DevTempDataDir data;
+    testutil::TempDir data;
     mode_t saved = umask(077);
     int in = CreateFifo(PipeInPath(), kPipeInMode, O_RDWR | O_NONBLOCK);
     int out = CreateFifo(PipeOutPath(), kPipeOutMode, O_RDWR | O_NONBLOCK);
@@ -60,8 +61,8 @@ TEST(CreateFifo, ModesDoNotDependOnTheUmask) {
 // A regular file, a link to a real FIFO and a dangling link are refused: nothing is
 // created, followed or changed.
 TEST(CreateFifo, RefusesWhatIsNotAFifo) {
-    DevTempDataDir data;
-    DevLogCapture log;
+    testutil::TempDir data;
+    testutil::LogCapture log;
     const std::string regular = data.path() + "/regular";
     const std::string target = data.path() + "/real_fifo";
     const std::string nowhere = data.path() + "/nowhere";
@@ -84,7 +85,7 @@ TEST(CreateFifo, RefusesWhatIsNotAFifo) {
 // A terminal at a tool pipe path is refused without becoming the daemon's controlling
 // terminal.
 TEST(CreateFifo, TerminalIsRefusedWithoutBecomingTheControllingTerminal) {
-    DevLogCapture log;
+    testutil::LogCapture log;
     const auto create = [](const char* path) {
         const int fd = CreateFifo(path, kPipeInMode, O_RDWR | O_NONBLOCK);
         if (fd >= 0) _exit(4);  // a terminal must never be taken for a FIFO
@@ -163,7 +164,7 @@ TEST(AppPipes, OnPlainLinuxOnlyRootAndTheDirectorysGroupReachThem) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
         AndroidGuard android(c.android);
-        DevTempDataDir data;
+        testutil::TempDir data;
         ASSERT_EQ(0, chown(data.path().c_str(), 0, kToolGroup));
         ASSERT_EQ(0, chmod(data.path().c_str(), c.dir_mode));
         if (c.fifo_mode != 0) {
@@ -174,7 +175,7 @@ TEST(AppPipes, OnPlainLinuxOnlyRootAndTheDirectorysGroupReachThem) {
                                      : 1;
                       }));
         }
-        DevLogCapture log;
+        testutil::LogCapture log;
         GlobalSettings settings = DevTestSettings();
         FakeController controller(false);
         controller.Start();
@@ -208,7 +209,7 @@ TEST(AppPipes, OnPlainLinuxOnlyRootAndTheDirectorysGroupReachThem) {
 }
 
 TEST(AppPipes, OpenedOnceAndClosed) {
-    DevTempDataDir data;
+    testutil::TempDir data;
     GlobalSettings settings = DevTestSettings();
     CDeviceObject dev("/dev/hidraw99", &settings);
     DevCreateAppPipe(&dev);
@@ -279,7 +280,7 @@ TEST_F(ForwardTest, RelaysToolPacketsAndSwitchesSerialReports) {
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
-        DevLogCapture log;
+        testutil::LogCapture log;
         GlobalSettings settings = DevTestSettings();
         settings.ShiftByteBothEnd = c.shift;
         FakeController controller(c.interface == DEV_USB);
@@ -303,7 +304,7 @@ TEST_F(ForwardTest, RelaysToolPacketsAndSwitchesSerialReports) {
 // A reset command to an RS232 controller makes the relay search the line speed again:
 // the controller stand-in (a pty) answers the loop-back only at 57600 bit/s.
 TEST_F(ForwardTest, ResetCommandOnRs232RechecksTheSpeed) {
-    DevLogCapture log;
+    testutil::LogCapture log;
     GlobalSettings settings = DevTestSettings();
     CDeviceObject dev("/dev/ttyS99", &settings);
     const int master = SerialPortOnPty(&dev, 9600);
@@ -338,7 +339,7 @@ TEST_F(ForwardTest, ResetCommandOnRs232RechecksTheSpeed) {
 // Nobody answers at any speed: three passes over the four speeds, then the line goes
 // back to the speed the device had.
 TEST(RecheckBaudRate, SilentControllerKeepsTheOldSpeed) {
-    DevLogCapture log;
+    testutil::LogCapture log;
     GlobalSettings settings = DevTestSettings();
     CDeviceObject dev("/dev/ttyS99", &settings);
     const int master = SerialPortOnPty(&dev, 19200);

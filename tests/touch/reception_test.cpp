@@ -21,7 +21,7 @@
 #include <vector>
 
 #include "device/cmd_channel.h"
-#include "support/core_test_util.h"
+#include "support/test_util.h"
 #include "support/touch_test_util.h"
 
 using namespace touchtest;
@@ -133,22 +133,20 @@ TEST(ReceiveStep, ReadsOneReportAndTreatsNothingReadyAsNoData) {
 // regular file that took a port's name, or a second file named in a path that is not one
 // plain word (a shell would delete it).
 TEST(ReceiveStep, EmptyReadIsAnUnplugAndRemovesOnlyADeviceNodeUnderDev) {
-    char dir_pattern[] = "/tmp/touch_rx_XXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(dir_pattern));
-    const std::string node = std::string(dir_pattern) + "/hidraw7";
-    const std::string victim = std::string(dir_pattern) + "/victim";
-    ASSERT_TRUE(coretest::WriteFile(node, "") && coretest::WriteFile(victim, ""));
-    for (const std::string& path : {node, node + " " + victim, node + ";rm${IFS}" + victim,
-                                    node + "|rm " + victim, node + "$(rm " + victim + ")"}) {
-        EXPECT_EQ(0, RunEmptyReadInChild(path)) << path
-                                                << ": bits 1 result, 2 running flag, "
-                                                   "4 stop request, 8 SIGUSR2";
-        EXPECT_EQ(0, access(victim.c_str(), F_OK)) << "removed through [" << path << "]";
-        EXPECT_EQ(0, access(node.c_str(), F_OK)) << "removed through [" << path << "]";
+    {
+        testutil::TempDir dir;
+        const std::string node = dir.File("hidraw7");
+        const std::string victim = dir.File("victim");
+        ASSERT_TRUE(testutil::WriteFile(node, "") && testutil::WriteFile(victim, ""));
+        for (const std::string& path : {node, node + " " + victim, node + ";rm${IFS}" + victim,
+                                        node + "|rm " + victim, node + "$(rm " + victim + ")"}) {
+            EXPECT_EQ(0, RunEmptyReadInChild(path)) << path
+                                                    << ": bits 1 result, 2 running flag, "
+                                                       "4 stop request, 8 SIGUSR2";
+            EXPECT_TRUE(testutil::FileExists(victim)) << "removed through [" << path << "]";
+            EXPECT_TRUE(testutil::FileExists(node)) << "removed through [" << path << "]";
+        }
     }
-    unlink(victim.c_str());
-    unlink(node.c_str());
-    rmdir(dir_pattern);
 
     if (geteuid() != 0) GTEST_SKIP() << "a private /dev needs root";
     const auto mknode = [](const char* path) {
@@ -163,7 +161,7 @@ TEST(ReceiveStep, EmptyReadIsAnUnplugAndRemovesOnlyADeviceNodeUnderDev) {
         {"/dev/hidraw7", 1, [&] { return mknode("/dev/hidraw7"); }},
         {"/dev/ttyTV0", 0,
          [&] { return mknode("/dev/pts0") && symlink("/dev/pts0", "/dev/ttyTV0") == 0; }},
-        {"/dev/ttyS5", 0, [] { return coretest::WriteFile("/dev/ttyS5", "keep"); }},
+        {"/dev/ttyS5", 0, [] { return testutil::WriteFile("/dev/ttyS5", "keep"); }},
         {"/dev/x/../hidraw7", 0,
          [&] { return mkdir("/dev/x", 0755) == 0 && mknode("/dev/hidraw7"); }},
     };

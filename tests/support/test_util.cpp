@@ -1,4 +1,4 @@
-#include "support/core_test_util.h"
+#include "support/test_util.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -11,12 +11,18 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "core/paths.h"
-#include "log/debug_log.h"
+#include <mutex>
 
-namespace coretest {
+#include "core/paths.h"
+
+namespace testutil {
 
 namespace {
+
+std::mutex& CapturedMutex() {
+    static std::mutex mutex;
+    return mutex;
+}
 
 std::vector<LogLine>& Captured() {
     static std::vector<LogLine> lines;
@@ -24,6 +30,7 @@ std::vector<LogLine>& Captured() {
 }
 
 void CaptureSink(bool is_error, const char* message) {
+    std::lock_guard<std::mutex> lock(CapturedMutex());
     Captured().push_back(LogLine{is_error, message});
 }
 
@@ -33,21 +40,21 @@ int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) {
 
 }  // namespace
 
-TempDataDir::TempDataDir() {
-    char pattern[] = "/tmp/tavrine_core_XXXXXX";
+TempDir::TempDir() : saved_data_dir_(DataDir()) {
+    char pattern[] = "/tmp/tavrine_test_XXXXXX";
     const char* made = mkdtemp(pattern);
     path_ = made ? made : "";
     SetDataDirForTest(path_.c_str());
 }
 
-TempDataDir::~TempDataDir() {
+TempDir::~TempDir() {
     if (!path_.empty()) nftw(path_.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS);
-    SetDataDirForTest("/nonexistent-tavrine-test-dir");
+    SetDataDirForTest(saved_data_dir_.c_str());
 }
 
 LogCapture::LogCapture(uint32_t categories, uint8_t position)
     : saved_bits_(DebugEnableBits), saved_position_(ShowDebugPosition) {
-    Captured().clear();
+    Clear();
     SetPlatformLogSinkForTest(CaptureSink);
     DebugEnableBits = categories;
     ShowDebugPosition = position;
@@ -57,6 +64,50 @@ LogCapture::~LogCapture() {
     SetPlatformLogSinkForTest(nullptr);
     DebugEnableBits = saved_bits_;
     ShowDebugPosition = saved_position_;
+}
+
+std::vector<LogLine> LogCapture::lines() const {
+    std::lock_guard<std::mutex> lock(CapturedMutex());
+    return Captured();
+}
+
+int LogCapture::CountExact(const std::string& text) const {
+    int n = 0;
+    for (const LogLine& line : lines()) n += line.message == text;
+    return n;
+}
+
+int LogCapture::Count(const std::string& text) const {
+    int n = 0;
+    for (const LogLine& line : lines()) n += line.message.find(text) != std::string::npos;
+    return n;
+}
+
+int LogCapture::Find(const std::string& text) const {
+    const std::vector<LogLine> all = lines();
+    for (size_t i = 0; i < all.size(); ++i) {
+        if (all[i].message.find(text) != std::string::npos) return static_cast<int>(i);
+    }
+    return -1;
+}
+
+int LogCapture::FindLast(const std::string& text) const {
+    const std::vector<LogLine> all = lines();
+    for (size_t i = all.size(); i-- > 0;) {
+        if (all[i].message.find(text) != std::string::npos) return static_cast<int>(i);
+    }
+    return -1;
+}
+
+std::string LogCapture::Text() const {
+    std::string text;
+    for (const LogLine& line : lines()) text += line.message + "\n";
+    return text;
+}
+
+void LogCapture::Clear() {
+    std::lock_guard<std::mutex> lock(CapturedMutex());
+    Captured().clear();
 }
 
 bool MakePipe(UniqueFd* read_end, UniqueFd* write_end) {
@@ -77,26 +128,6 @@ void Quiet(const std::function<void()>& body) {
     body();
     fflush(stdout);
     dup2(saved.get(), STDOUT_FILENO);
-}
-
-const std::vector<LogLine>& LogCapture::lines() const {
-    return Captured();
-}
-
-int LogCapture::Count(const std::string& text) const {
-    int n = 0;
-    for (const LogLine& line : Captured()) n += line.message == text ? 1 : 0;
-    return n;
-}
-
-int LogCapture::CountContaining(const std::string& text) const {
-    int n = 0;
-    for (const LogLine& line : Captured()) n += line.message.find(text) != std::string::npos;
-    return n;
-}
-
-void LogCapture::Clear() {
-    Captured().clear();
 }
 
 ChildResult RunInChild(const std::function<void()>& body) {
@@ -185,4 +216,4 @@ void KillAndReap(pid_t pid) {
     }
 }
 
-}  // namespace coretest
+}  // namespace testutil

@@ -1,6 +1,6 @@
-// Helpers of the core, log and settings tests: a fresh temporary data directory, the
-// platform log observed through its test sink, and functions run in a forked child with
-// their standard output captured.
+// Helpers shared by every test folder: a temporary data directory, the platform log
+// observed through its test sink, files read and written whole, and functions run in a
+// forked child with their standard output captured.
 #pragma once
 
 #include <stdint.h>
@@ -11,23 +11,26 @@
 #include <vector>
 
 #include "core/unique_fd.h"
+#include "log/debug_log.h"
 
-namespace coretest {
+namespace testutil {
 
-// A fresh directory under /tmp, removed with everything in it when destroyed. Points the
-// daemon's data directory at it (SetDataDirForTest) for its lifetime.
-class TempDataDir {
+// A fresh directory under /tmp that is the daemon's data directory (SetDataDirForTest)
+// while the object lives; then removed with everything in it, and the data directory
+// before it restored.
+class TempDir {
   public:
-    TempDataDir();
-    ~TempDataDir();
-    TempDataDir(const TempDataDir&) = delete;
-    TempDataDir& operator=(const TempDataDir&) = delete;
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
 
     const std::string& path() const { return path_; }
-    std::string File(const char* name) const { return path_ + "/" + name; }
+    std::string File(const std::string& name) const { return path_ + "/" + name; }
 
   private:
     std::string path_;
+    std::string saved_data_dir_;
 };
 
 struct LogLine {
@@ -35,21 +38,31 @@ struct LogLine {
     std::string message;
 };
 
-// Routes the platform log into lines(), with the given categories and output selector;
-// restores both when destroyed. Standard output is left alone (the test framework reports
-// failures there): run the code under test through Quiet() to drop the log's time prefixes.
+// Every category but the per-event trace, whose lines would swamp a capture.
+constexpr uint32_t kAllButEvents = 0xFFFFFFFFu & ~static_cast<uint32_t>(LOG_EVENT);
+
+// Routes the platform log into lines() with the given categories and output selector, and
+// restores both when destroyed. Thread-safe: the receive threads log while tests read.
+// Position 1 also writes the time prefix to standard output: run the code under test
+// through Quiet() to drop it. Position 3 writes nothing and so captures nothing.
 class LogCapture {
   public:
-    explicit LogCapture(uint32_t categories = 0xFFFFFFFFu, uint8_t position = 1);
+    explicit LogCapture(uint32_t categories = kAllButEvents, uint8_t position = 1);
     ~LogCapture();
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
-    const std::vector<LogLine>& lines() const;
+    std::vector<LogLine> lines() const;
     // Number of captured messages equal to text.
-    int Count(const std::string& text) const;
+    int CountExact(const std::string& text) const;
     // Number of captured messages containing text.
-    int CountContaining(const std::string& text) const;
+    int Count(const std::string& text) const;
+    bool Contains(const std::string& text) const { return Count(text) > 0; }
+    // Index of the first / last captured message containing text, -1 when there is none.
+    int Find(const std::string& text) const;
+    int FindLast(const std::string& text) const;
+    // Every captured message, one per line (for a failure message).
+    std::string Text() const;
     void Clear();
 
   private:
@@ -86,4 +99,4 @@ pid_t StartNamedSleeper(const std::string& dir, const char* name, int seconds);
 // SIGKILL and reap a child started by this process; no-op for pid <= 0.
 void KillAndReap(pid_t pid);
 
-}  // namespace coretest
+}  // namespace testutil
