@@ -3,19 +3,11 @@
 // background child left behind by the shell does not hold the wait.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
-#include <time.h>
 
 #include "core/shell.h"
+#include "support/test_util.h"
 
-namespace {
-
-long NowMs() {
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return ts.tv_sec * 1000L + ts.tv_nsec / 1000000L;
-}
-
-}  // namespace
+using testutil::NowMs;
 
 TEST(ShellWait, StatusTimeLimitAndPromptReturn) {
     struct Case {
@@ -33,9 +25,9 @@ TEST(ShellWait, StatusTimeLimitAndPromptReturn) {
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.command);
-        const long start = NowMs();
+        const int64_t start = NowMs();
         const int status = RunShell(c.command, c.timeout_ms);
-        const long took = NowMs() - start;
+        const int64_t took = NowMs() - start;
         if (c.exit_code < 0) {
             EXPECT_EQ(-1, status);
         } else {

@@ -107,9 +107,9 @@ TEST(SelfRecv, WritesAgainOnlyAfterASilentPeriod) {
         dev.SelfHookCmd = 0x41;
         const uint8_t cmd[3] = {0x03, 0x01, 0x41};
         memcpy(dev.CmdSendBuf, cmd, 3);
-        int64_t start = DevNowMs();
+        int64_t start = testutil::NowMs();
         SelfRecv(&dev, 3);
-        int64_t elapsed = DevNowMs() - start;
+        int64_t elapsed = testutil::NowMs() - start;
         controller.Stop();
         EXPECT_EQ(c.expect_replied, dev.bSelfHookReplied.load());
         // A loaded host may delay the late reply's window edge; never a write too many.
@@ -141,9 +141,9 @@ TEST(SelfRecv, FailedWritesAreBounded) {
         UniqueFd other(fds[1]);
         if (pipe_port) dev.m_Port_fd.reset(fds[0]);  // every write fails with EBADF
         else close(fds[0]);
-        int64_t start = DevNowMs();
+        int64_t start = testutil::NowMs();
         EXPECT_EQ(0, DevGetIAPType(&dev));
-        int64_t elapsed = DevNowMs() - start;
+        int64_t elapsed = testutil::NowMs() - start;
         EXPECT_EQ(IAP_FW, dev.IAPType);
         EXPECT_EQ(3, log.Count("Write command to prot failed with ret = -1. The actually len = 4."));
         EXPECT_GE(elapsed, 2400);
@@ -202,10 +202,10 @@ TEST(BlockingChannel, CommandFromAnotherThread) {
         StartRxLoopThread(&dev);
 
         int result = -100;
-        int64_t start = DevNowMs();
+        int64_t start = testutil::NowMs();
         std::thread sender([&] { result = c.format ? SetFormat(&dev, 1) : SetLoopback(&dev); });
         sender.join();
-        int64_t elapsed = DevNowMs() - start;
+        int64_t elapsed = testutil::NowMs() - start;
         EXPECT_EQ(c.expect_result, result);
         EXPECT_LE(elapsed, c.max_ms + kLoadSlackMs);
         if (c.expect_commands) {
@@ -248,9 +248,9 @@ TEST_F(RxThreadTest, StopsALoopBlockedOnThePortAndOnlyAThreadThatExists) {
         ASSERT_TRUE(dev.bThreadCreated);
         usleep(100000);  // well inside the wait by now
         EXPECT_EQ(1, dev.bThreadRunning.load());
-        int64_t start = DevNowMs();
+        int64_t start = testutil::NowMs();
         EXPECT_EQ(0, StopReadThread(&dev));
-        EXPECT_LT(DevNowMs() - start, kStopBoundMs);
+        EXPECT_LT(testutil::NowMs() - start, kStopBoundMs);
         EXPECT_FALSE(dev.bThreadCreated);
         EXPECT_EQ(0, dev.bThreadRunning.load());
         EXPECT_FALSE(log.Contains("Call pthread_kill"));
@@ -275,13 +275,13 @@ TEST_F(RxThreadTest, ThreadMarkedEndedIsOnlyJoined) {
     StartRxLoopThread(&dev);
     usleep(50000);
     dev.bThreadRunning = 0;
-    int64_t start = DevNowMs();
+    int64_t start = testutil::NowMs();
     std::thread closer([&] {
         usleep(50000);
         shutdown(dev.m_Port_fd.get(), SHUT_RDWR);  // the port now reads empty
     });
     EXPECT_EQ(0, StopReadThread(&dev));
-    int64_t elapsed = DevNowMs() - start;
+    int64_t elapsed = testutil::NowMs() - start;
     closer.join();
     EXPECT_GE(elapsed, 40);  // it waited for the thread's own end: no signal cut it short
     EXPECT_FALSE(dev.bThreadCreated);
@@ -334,10 +334,10 @@ TEST_F(RxThreadTest, Rs232SilenceRequestsPresenceCheck) {
     CDeviceObject dev("/dev/ttyS99", &settings_);
     AttachPort(&dev, &controller, DEV_RS232);
     bDeviceExistCheck = 0;
-    int64_t start = DevNowMs();
+    int64_t start = testutil::NowMs();
     StartRxLoopThread(&dev);
-    while (bDeviceExistCheck.load() == 0 && DevNowMs() - start < 40000) usleep(50000);
-    int64_t elapsed = DevNowMs() - start;
+    while (bDeviceExistCheck.load() == 0 && testutil::NowMs() - start < 40000) usleep(50000);
+    int64_t elapsed = testutil::NowMs() - start;
     StopReadThread(&dev);
     EXPECT_EQ(1, bDeviceExistCheck.load());
     EXPECT_GE(elapsed, 14500);

@@ -185,9 +185,9 @@ TEST_F(CommandTest, SetFormatOnOwnThreadPolls) {
         if (answer) script[0x34] = {Bytes{0x03, 0x02, 0x33, 0x01}};
         auto dev = Device(&controller, DEV_USB, script);
         MarkRxThreadOf(dev.get());  // this thread plays the device's receive thread
-        int64_t start = DevNowMs();
+        int64_t start = testutil::NowMs();
         int ret = SetFormat(dev.get(), 1);
-        int64_t elapsed = DevNowMs() - start;
+        int64_t elapsed = testutil::NowMs() - start;
         MarkRxThreadOf(nullptr);
         EXPECT_EQ(answer ? 0 : -1, ret);
         EXPECT_LE(elapsed, (answer ? 300 : 1500) + kLoadSlackMs);  // blocking would take 9 s
@@ -206,9 +206,9 @@ TEST_F(CommandTest, SetupIdentifiesASerialControllerInOrder) {
                           {0x44, {Bytes{0x0A, 0x03, 0x44, '1', '2'}}},
                           {0x45, {Bytes{0x0A, 0x03, 0x45, 'M', '1'}}},
                       });
-    int64_t start = DevNowMs();
+    int64_t start = testutil::NowMs();
     EXPECT_EQ(-1, DevSetup(dev.get()));  // ends at the touch device: no uinput here
-    EXPECT_LT(DevNowMs() - start, 1000 + kLoadSlackMs);
+    EXPECT_LT(testutil::NowMs() - start, 1000 + kLoadSlackMs);
     EXPECT_EQ(1, dev->bVendorReport);  // serial ports have it without a descriptor
     EXPECT_STREQ("PCAP6", dev->TypeName);
     EXPECT_STREQ("12", dev->FWVersion);
@@ -267,9 +267,9 @@ TEST_F(CommandTest, StopDuringSetupEndsIt) {
     dev->bThreadCreated = true;
     pthread_sigmask(SIG_SETMASK, &old_mask, nullptr);
     usleep(200000);
-    int64_t start = DevNowMs();
+    int64_t start = testutil::NowMs();
     StopReadThread(dev.get());
-    EXPECT_LT(DevNowMs() - start, kStopBoundMs);
+    EXPECT_LT(testutil::NowMs() - start, kStopBoundMs);
     EXPECT_EQ(-2, result);
     EXPECT_EQ(1u, controller.ReceivedCount());  // only the first query went out
     EXPECT_EQ(0, dev->Param.EventType);         // later steps never ran

@@ -49,21 +49,8 @@ TEST(DetectInterface, ByPathPrefix) {
     }
 }
 
-struct Pty {
-    UniqueFd master;
-    std::string slave_path;
-    UniqueFd slave;  // the test's own descriptor of the terminal
-};
-
-bool OpenPty(Pty* pty) {
-    int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-    if (master < 0) return false;
-    pty->master.reset(master);
-    if (grantpt(master) != 0 || unlockpt(master) != 0) return false;
-    pty->slave_path = ptsname(master);
-    pty->slave.reset(OpenCloexec(pty->slave_path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK));
-    return pty->slave.valid();
-}
+using testutil::OpenPty;
+using testutil::Pty;
 
 // The serial port: opened non-blocking and close-on-exec at the configured speed; closing
 // writes the saved line settings back.
@@ -131,9 +118,9 @@ TEST(CleanPort, DrainIsBounded) {
     CDeviceObject dev("/dev/ttyS99", &settings);
     AttachPort(&dev, &controller, DEV_RS232);
     controller.Send(Bytes(300 * kPortReadMax, 0x81));
-    int64_t start = DevNowMs();
+    int64_t start = testutil::NowMs();
     DevCleanPortData(&dev);
-    int64_t elapsed = DevNowMs() - start;
+    int64_t elapsed = testutil::NowMs() - start;
     EXPECT_GE(elapsed, 900);
     EXPECT_LE(elapsed, 1000 + kLoadSlackMs);
     uint8_t rest[kPortReadMax];
@@ -231,9 +218,9 @@ TEST(CreatedDevice, DestroyDuringOrAfterSetupLeavesNothingBehind) {
         ASSERT_NE(nullptr, dev);
         usleep(100000);
         EXPECT_EQ(1, dev->bThreadRunning.load());  // still draining the port
-        int64_t start = DevNowMs();
+        int64_t start = testutil::NowMs();
         dev.reset();
-        EXPECT_LT(DevNowMs() - start, kStopBoundMs);
+        EXPECT_LT(testutil::NowMs() - start, kStopBoundMs);
         EXPECT_TRUE(log.Contains("StopThreadHandler with SIGUSR1"));
         EXPECT_FALSE(log.Contains("DevSetup failed"));
     }

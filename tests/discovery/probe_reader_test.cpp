@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 #include <string.h>
 #include <sys/socket.h>
-#include <time.h>
 
 #include <atomic>
 #include <thread>
@@ -18,16 +17,13 @@
 #include "discovery/probe_timing.h"
 #include "discovery/serial_scan.h"
 #include "support/disc_pty_controller.h"
+#include "support/test_util.h"
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-long NowMs() {
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return ts.tv_sec * 1000L + ts.tv_nsec / 1000000L;
-}
+using testutil::NowMs;
 
 struct PacketPair {
     UniqueFd reader;
@@ -74,7 +70,7 @@ class EndlessWriter {
 // How long fn runs, in ms.
 template <typename Fn>
 long Elapsed(Fn fn) {
-    const long start = NowMs();
+    const int64_t start = NowMs();
     fn();
     return NowMs() - start;
 }

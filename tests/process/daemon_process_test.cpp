@@ -36,11 +36,7 @@ const std::string kIni =
     "[TavrineA.ini]\nDebugEnableBits\t\t3\nShowDebugPosition\t0\nDeviceNums\t\t1\n"
     "ScanInterface\t\t4\n[String]\nSerialPath\t\tdefault\n\n[EndOfFile]";
 
-long NowMs() {
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return ts.tv_sec * 1000L + ts.tv_nsec / 1000000L;
-}
+using testutil::NowMs;
 
 std::string ProcessName(pid_t pid) {
     std::string status = testutil::ReadFile("/proc/" + std::to_string(pid) + "/status");
@@ -80,7 +76,7 @@ class DaemonProcessTest : public ::testing::Test {
         // Kill every daemon this test started: those it knows and any other child left.
         for (pid_t pid : started_) kill(pid, SIGKILL);
         for (pid_t pid : OwnChildren()) kill(pid, SIGKILL);
-        const long deadline = NowMs() + 3000;
+        const int64_t deadline = NowMs() + 3000;
         while (!OwnChildren().empty() && NowMs() < deadline) {
             Reap();
             usleep(5000);
@@ -136,7 +132,7 @@ class DaemonProcessTest : public ::testing::Test {
 
     // Waits until the PID file names a live daemon other than not_this; returns its id.
     pid_t WaitForDaemon(pid_t not_this = -1, long timeout_ms = 8000) {
-        const long deadline = NowMs() + timeout_ms;
+        const int64_t deadline = NowMs() + timeout_ms;
         while (NowMs() < deadline) {
             Reap();
             std::string text = testutil::ReadFile(kPidFile);
@@ -154,7 +150,7 @@ class DaemonProcessTest : public ::testing::Test {
 
     // Waits until a child other than the given ones has ended; returns its wait status.
     bool WaitForOtherChildEnd(const std::set<pid_t>& known, int* status, long timeout_ms = 8000) {
-        const long deadline = NowMs() + timeout_ms;
+        const int64_t deadline = NowMs() + timeout_ms;
         while (NowMs() < deadline) {
             Reap();
             for (const auto& entry : ended_) {
@@ -170,7 +166,7 @@ class DaemonProcessTest : public ::testing::Test {
 
     // Waits for pid (a child of the test) to end; returns its wait status or -1.
     int WaitForEnd(pid_t pid, long timeout_ms = 5000) {
-        const long deadline = NowMs() + timeout_ms;
+        const int64_t deadline = NowMs() + timeout_ms;
         while (NowMs() < deadline) {
             Reap();
             auto it = ended_.find(pid);
@@ -187,7 +183,7 @@ class DaemonProcessTest : public ::testing::Test {
 
     // Waits until the log file holds text; returns the log.
     std::string WaitForLog(const std::string& text) {
-        const long deadline = NowMs() + 5000;
+        const int64_t deadline = NowMs() + 5000;
         while (LogText().find(text) == std::string::npos && NowMs() < deadline) usleep(10000);
         return LogText();
     }

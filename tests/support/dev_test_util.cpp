@@ -6,8 +6,9 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
-#include <time.h>
 #include <unistd.h>
+
+#include "support/test_util.h"
 
 namespace {
 
@@ -18,12 +19,6 @@ void* RxLoopThread(void* arg) {
 }
 
 }  // namespace
-
-int64_t DevNowMs() {
-    struct timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-}
 
 FakeController::FakeController(bool seqpacket) : seqpacket_(seqpacket) {
     int fds[2] = {-1, -1};
@@ -72,8 +67,8 @@ size_t FakeController::ReceivedCount() const {
 }
 
 bool FakeController::WaitForPackets(size_t n, int timeout_ms) const {
-    int64_t end = DevNowMs() + timeout_ms;
-    while (DevNowMs() < end) {
+    int64_t end = testutil::NowMs() + timeout_ms;
+    while (testutil::NowMs() < end) {
         if (ReceivedCount() >= n) return true;
         usleep(2000);
     }
@@ -92,8 +87,8 @@ void FakeController::Handle(const Bytes& packet) {
     }
     if (!respond_) return;
     for (const TimedReply& reply : respond_(packet)) {
-        int64_t end = DevNowMs() + reply.delay_ms;
-        while (!stop_ && DevNowMs() < end) usleep(1000);
+        int64_t end = testutil::NowMs() + reply.delay_ms;
+        while (!stop_ && testutil::NowMs() < end) usleep(1000);
         if (stop_) return;
         Send(reply.bytes);
     }

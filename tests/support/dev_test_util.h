@@ -23,9 +23,6 @@ using Bytes = std::vector<uint8_t>;
 constexpr int kStopBoundMs = 500;
 constexpr int kLoadSlackMs = 1500;
 
-// Milliseconds on the monotonic clock.
-int64_t DevNowMs();
-
 // The controller side of a port. Every packet (one read) the daemon writes is recorded;
 // respond() returns the packets to send back, each after its delay.
 struct TimedReply {

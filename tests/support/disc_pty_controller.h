@@ -18,7 +18,7 @@
 #include <utility>
 #include <vector>
 
-#include "core/unique_fd.h"
+#include "support/test_util.h"
 
 namespace disc {
 
@@ -38,20 +38,14 @@ class PtyController {
     Bytes iap_reply = kBootLoaderReply;
 
     PtyController() {
-        master_.reset(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
-        EXPECT_TRUE(master_.valid());
-        EXPECT_EQ(0, grantpt(master_.get()));
-        EXPECT_EQ(0, unlockpt(master_.get()));
-        slave_path_ = ptsname(master_.get());
-        // Holding the slave open keeps the line up between the probe's opens.
-        keeper_.reset(OpenCloexec(slave_path_.c_str(), O_RDWR | O_NOCTTY));
-        EXPECT_TRUE(keeper_.valid());
+        // The slave held open keeps the line up between the probe's opens.
+        EXPECT_TRUE(testutil::OpenPty(&pty_));
         struct termios line;
-        EXPECT_EQ(0, tcgetattr(keeper_.get(), &line));
+        EXPECT_EQ(0, tcgetattr(pty_.slave.get(), &line));
         cfmakeraw(&line);
         cfsetispeed(&line, B38400);
         cfsetospeed(&line, B38400);
-        EXPECT_EQ(0, tcsetattr(keeper_.get(), TCSANOW, &line));
+        EXPECT_EQ(0, tcsetattr(pty_.slave.get(), TCSANOW, &line));
     }
     ~PtyController() { Stop(); }
 
@@ -62,11 +56,11 @@ class PtyController {
         stop_ = true;
         if (thread_.joinable()) thread_.join();
     }
-    const std::string& slave_path() const { return slave_path_; }
+    const std::string& slave_path() const { return pty_.slave_path; }
     struct termios SlaveLine() const {
         struct termios line;
         memset(&line, 0, sizeof(line));
-        EXPECT_EQ(0, tcgetattr(keeper_.get(), &line));
+        EXPECT_EQ(0, tcgetattr(pty_.slave.get(), &line));
         return line;
     }
     // (command byte, speed) of every command seen, in order.
@@ -79,10 +73,10 @@ class PtyController {
     void Serve() {
         Bytes pending;
         while (!stop_) {
-            struct pollfd pfd = {master_.get(), POLLIN, 0};
+            struct pollfd pfd = {pty_.master.get(), POLLIN, 0};
             if (poll(&pfd, 1, 2) <= 0 || !(pfd.revents & POLLIN)) continue;
             uint8_t buf[256];
-            ssize_t n = read(master_.get(), buf, sizeof(buf));
+            ssize_t n = read(pty_.master.get(), buf, sizeof(buf));
             if (n <= 0) continue;
             pending.insert(pending.end(), buf, buf + n);
             ParseCommands(&pending);
@@ -97,7 +91,7 @@ class PtyController {
             uint8_t cmd = (*pending)[2];
             pending->erase(pending->begin(), pending->begin() + total);
             struct termios line;
-            tcgetattr(master_.get(), &line);
+            tcgetattr(pty_.master.get(), &line);
             speed_t speed = cfgetospeed(&line);
             {
                 std::lock_guard<std::mutex> lock(mutex_);
@@ -106,13 +100,11 @@ class PtyController {
             const Bytes* answer = nullptr;
             if (cmd == 0x41 && speed == loopback_speed) answer = &loopback_reply;
             if (cmd == 0x39 && speed == iap_speed) answer = &iap_reply;
-            if (answer) (void)write(master_.get(), answer->data(), answer->size());
+            if (answer) (void)write(pty_.master.get(), answer->data(), answer->size());
         }
     }
 
-    UniqueFd master_;
-    UniqueFd keeper_;
-    std::string slave_path_;
+    testutil::Pty pty_;
     std::thread thread_;
     std::atomic<bool> stop_{false};
     std::mutex mutex_;

@@ -1,24 +1,19 @@
 #include "support/sec_tty.h"
 
 #include <fcntl.h>
-#include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <string>
-
 #include "core/unique_fd.h"
+#include "support/test_util.h"
 
 namespace sectest {
 
 TtyResult OpenOfTerminalAcquiresIt(const std::function<int(const char*)>& open_path) {
-    UniqueFd master(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
-    if (!master.valid() || grantpt(master.get()) != 0 || unlockpt(master.get()) != 0) {
-        return TtyResult::kSkipped;
-    }
-    const char* name = ptsname(master.get());
-    if (!name) return TtyResult::kSkipped;
-    const std::string slave = name;
+    testutil::Pty pty;
+    if (!testutil::OpenPty(&pty)) return TtyResult::kSkipped;
+    pty.slave.reset();  // only the child opens the terminal
+    const std::string& slave = pty.slave_path;
     const pid_t child = fork();
     if (child < 0) return TtyResult::kSkipped;
     if (child == 0) {

@@ -9,6 +9,7 @@
 #include <string.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <mutex>
@@ -108,6 +109,25 @@ std::string LogCapture::Text() const {
 void LogCapture::Clear() {
     std::lock_guard<std::mutex> lock(CapturedMutex());
     Captured().clear();
+}
+
+int64_t NowMs() {
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+bool OpenPty(Pty* pty) {
+    pty->master.reset(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
+    if (!pty->master.valid() || grantpt(pty->master.get()) != 0 ||
+        unlockpt(pty->master.get()) != 0) {
+        return false;
+    }
+    const char* name = ptsname(pty->master.get());
+    if (!name) return false;
+    pty->slave_path = name;
+    pty->slave.reset(OpenCloexec(name, O_RDWR | O_NOCTTY | O_NONBLOCK));
+    return pty->slave.valid();
 }
 
 bool MakePipe(UniqueFd* read_end, UniqueFd* write_end) {

@@ -70,6 +70,19 @@ class LogCapture {
     uint8_t saved_position_;
 };
 
+// Milliseconds on the monotonic clock.
+int64_t NowMs();
+
+// A fresh pseudo-terminal: the master, and the slave opened by path (non-blocking, never
+// as a controlling terminal).
+struct Pty {
+    UniqueFd master;
+    std::string slave_path;
+    UniqueFd slave;
+};
+// False when none can be made.
+bool OpenPty(Pty* pty);
+
 // A close-on-exec pipe; false when it could not be made.
 bool MakePipe(UniqueFd* read_end, UniqueFd* write_end);
 

@@ -233,14 +233,14 @@ TEST(AppPipes, OpenedOnceAndClosed) {
 // Gives dev the slave side of a new pty as its RS232 port at baud; returns the master (the
 // caller owns it), or -1.
 int SerialPortOnPty(CDeviceObject* dev, uint32_t baud) {
-    const int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-    if (master < 0 || grantpt(master) != 0 || unlockpt(master) != 0) return -1;
+    testutil::Pty pty;
+    if (!testutil::OpenPty(&pty)) return -1;
     dev->DevInterface = DEV_RS232;
     dev->CmdHeader = CMD_HEADER_SERIAL;
-    dev->m_Port_fd.reset(OpenCloexec(ptsname(master), O_RDWR | O_NOCTTY | O_NONBLOCK));
+    dev->m_Port_fd = std::move(pty.slave);
     dev->BaudRate = baud;
-    if (!dev->m_Port_fd.valid() || SetPortBaudRate(dev->m_Port_fd.get(), baud, 1) != 0) return -1;
-    return master;
+    if (SetPortBaudRate(dev->m_Port_fd.get(), baud, 1) != 0) return -1;
+    return pty.master.release();
 }
 
 class ForwardTest : public testing::Test {
@@ -346,9 +346,9 @@ TEST(RecheckBaudRate, SilentControllerKeepsTheOldSpeed) {
     ASSERT_GE(master, 0);
     FakeController controller(master);
     controller.Start();
-    int64_t start = DevNowMs();
+    int64_t start = testutil::NowMs();
     RecheckBaudRate(&dev);
-    int64_t elapsed = DevNowMs() - start;
+    int64_t elapsed = testutil::NowMs() - start;
     controller.Stop();
     EXPECT_EQ(19200u, dev.BaudRate);
     EXPECT_EQ(12, log.Count("Test Baudrate ["));
