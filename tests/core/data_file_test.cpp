@@ -18,7 +18,6 @@
 #include "core/single_instance.h"
 #include "log/debug_log.h"
 #include "support/test_util.h"
-#include "support/sec_tty.h"
 
 namespace {
 
@@ -154,9 +153,9 @@ TEST(DataFileTest, WarnsOnceWhenTheDataDirectoryIsWritableByGroupOrOthers) {
 // terminal (the control: a plain open of the same terminal does acquire it).
 TEST(DataFileTest, TerminalIsRefusedWithoutBecomingTheControllingTerminal) {
     const auto plain = [](const char* path) { return OpenCloexec(path, O_RDWR | O_NONBLOCK); };
-    const sectest::TtyResult control = sectest::OpenOfTerminalAcquiresIt(plain);
-    if (control == sectest::TtyResult::kSkipped) GTEST_SKIP() << "no pseudo-terminal";
-    EXPECT_EQ(sectest::TtyResult::kAcquired, control);
+    const testutil::TtyResult control = testutil::OpenOfTerminalAcquiresIt(plain);
+    if (control == testutil::TtyResult::kSkipped) GTEST_SKIP() << "no pseudo-terminal";
+    EXPECT_EQ(testutil::TtyResult::kAcquired, control);
 
     for (int flags : {O_RDONLY, O_WRONLY | O_CREAT | O_APPEND}) {
         const auto data_file = [flags](const char* path) {
@@ -164,7 +163,7 @@ TEST(DataFileTest, TerminalIsRefusedWithoutBecomingTheControllingTerminal) {
             if (fd >= 0) _exit(4);  // a terminal must never open as a data file
             return fd;
         };
-        EXPECT_EQ(sectest::TtyResult::kNotAcquired, sectest::OpenOfTerminalAcquiresIt(data_file))
+        EXPECT_EQ(testutil::TtyResult::kNotAcquired, testutil::OpenOfTerminalAcquiresIt(data_file))
             << flags;
     }
 }

@@ -1,6 +1,8 @@
 #include "core/single_instance.h"
 
+#include <errno.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -15,11 +17,49 @@
 namespace {
 
 using testutil::ChildResult;
-using testutil::KillAndReap;
+using testutil::FileExists;
+using testutil::ReadFile;
+using testutil::WriteFile;
 using testutil::kReturned;
 using testutil::RunInChild;
-using testutil::StartNamedSleeper;
 using testutil::TempDir;
+
+// Starts a copy of /bin/sleep named name (so its /proc status name is name) for the
+// given seconds, in a directory of dir. Returns its pid, or -1.
+pid_t StartNamedSleeper(const std::string& dir, const char* name, int seconds) {
+    const std::string copy = dir + "/" + name;
+    if (!FileExists(copy)) {
+        std::string bytes = ReadFile("/bin/sleep");
+        if (bytes.empty() || !WriteFile(copy, bytes) || chmod(copy.c_str(), 0755) != 0) return -1;
+    }
+    char arg[16];
+    snprintf(arg, sizeof(arg), "%d", seconds);
+    fflush(stdout);
+    pid_t pid = fork();
+    if (pid == 0) {
+        execl(copy.c_str(), name, arg, static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    if (pid < 0) return -1;
+    // Wait until the exec has happened, so /proc/<pid>/status shows the new name.
+    char status_path[64];
+    snprintf(status_path, sizeof(status_path), "/proc/%d/status", static_cast<int>(pid));
+    for (int i = 0; i < 500; ++i) {
+        std::string status = ReadFile(status_path);
+        if (status.compare(0, 6 + strlen(name), std::string("Name:\t") + name) == 0) return pid;
+        usleep(2000);
+    }
+    return pid;
+}
+
+// SIGKILL and reap a child started by this process; no-op for pid <= 0.
+void KillAndReap(pid_t pid) {
+    if (pid <= 0) return;
+    kill(pid, SIGKILL);
+    int status;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+}
 
 std::string PidText(pid_t pid) {
     char text[16];
@@ -68,7 +108,7 @@ TEST(SingleInstanceTest, StalePidFileKillsNothing) {
         SCOPED_TRACE(content);
         unlink(dir.File("TouchPID").c_str());
         if (content != kMissing) {
-            ASSERT_TRUE(testutil::WriteFile(dir.File("TouchPID"), content));
+            ASSERT_TRUE(WriteFile(dir.File("TouchPID"), content));
         }
         for (Flags flags : {Flags{1, 0}, Flags{0, 0}, Flags{0, 1}}) {
             ChildResult child = CheckInChild(flags);

@@ -6,7 +6,9 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <string.h>
+#include <termios.h>
 
+#include <memory>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -19,17 +21,65 @@
 #include "discovery/device_list.h"
 #include "discovery/serial_scan.h"
 #include "discovery/usb_scan.h"
-#include "support/disc_pty_controller.h"
+#include "support/dev_test_util.h"
 #include "support/test_util.h"
 
 namespace {
 
-// The settings of a line that a probe must leave as it found them.
-std::string Line(const struct termios& t) {
-    return testing::PrintToString(
-               std::make_tuple(t.c_iflag, t.c_oflag, t.c_cflag, t.c_lflag, cfgetospeed(&t))) +
-           std::string(reinterpret_cast<const char*>(t.c_cc), sizeof(t.c_cc));
-}
+
+const Bytes kBootLoaderReply = {0x0A, 0x04, 0x39, 0x01, 0x00, 0x00};
+const Bytes kAppIAPReply = {0x0A, 0x04, 0x39, 0x00, 0x00, 0x00};
+const Bytes kLoopbackReply = {0x0A, 0x01, 0x41};
+
+// A serial controller on the master side of a pty: answers the loop-back (41) only at
+// loopback_speed and the IAP-type query (39) only at iap_speed (0: never), reading the
+// slave's line speed back through the master, and records (command, speed) of each command.
+class PtyController {
+  public:
+    explicit PtyController(speed_t loopback_speed = 0, Bytes loopback_reply = kLoopbackReply,
+                           speed_t iap_speed = 0, Bytes iap_reply = kBootLoaderReply) {
+        // The slave held open keeps the line up between the probe's opens.
+        EXPECT_TRUE(testutil::OpenPty(&pty_));
+        struct termios line;
+        EXPECT_EQ(0, tcgetattr(pty_.slave.get(), &line));
+        cfmakeraw(&line);
+        cfsetspeed(&line, B38400);
+        EXPECT_EQ(0, tcsetattr(pty_.slave.get(), TCSANOW, &line));
+        const int master = pty_.master.release();  // the controller owns it
+        controller_.reset(new FakeController(master));
+        controller_->SetResponder([=, &seen = seen_](const Bytes& packet) {
+            struct termios now;
+            tcgetattr(master, &now);
+            const speed_t speed = cfgetospeed(&now);
+            seen.push_back({packet[2], speed});  // read only after Stop()
+            std::vector<TimedReply> replies;
+            if (packet[2] == 0x41 && speed == loopback_speed) replies.push_back({0, loopback_reply});
+            if (packet[2] == 0x39 && speed == iap_speed) replies.push_back({0, iap_reply});
+            return replies;
+        });
+        line_at_start = Line();
+        controller_->Start();
+    }
+
+    const std::string& slave_path() const { return pty_.slave_path; }
+    void Stop() { controller_->Stop(); }
+    const std::vector<std::pair<uint8_t, speed_t>>& Seen() const { return seen_; }
+    // The slave's line settings, to compare before and after a probe.
+    std::string Line() const {
+        struct termios t;
+        memset(&t, 0, sizeof(t));
+        EXPECT_EQ(0, tcgetattr(pty_.slave.get(), &t));
+        return testing::PrintToString(std::make_tuple(t.c_iflag, t.c_oflag, t.c_cflag,
+                                                      t.c_lflag, cfgetospeed(&t))) +
+               std::string(reinterpret_cast<const char*>(t.c_cc), sizeof(t.c_cc));
+    }
+    std::string line_at_start;
+
+  private:
+    testutil::Pty pty_;
+    std::vector<std::pair<uint8_t, speed_t>> seen_;
+    std::unique_ptr<FakeController> controller_;  // stops before seen_ goes
+};
 
 class PortScanTest : public testing::Test {
   protected:
@@ -90,10 +140,7 @@ TEST_F(PortScanTest, CheckUSBDeviceRejectsWhatIsNotAHidrawNode) {
 // controller is probed at every speed and not kept, and a path the list already owns is
 // not probed again.
 TEST_F(PortScanTest, CustomSerialPathsReplaceTheStandardPorts) {
-    disc::PtyController silent, owned;
-    owned.loopback_speed = B9600;
-    silent.Start();
-    owned.Start();
+    PtyController silent, owned(B9600);
     testutil::LogCapture log;
     settings_.MaxDeviceNums = 3;
     settings_.CustomPathMask = kCustomSerialPathBit | kCustomUinputPathBit;
@@ -201,9 +248,9 @@ TEST(CheckRS232Device, ProbeAtEachSpeed) {
         const char* what;
         uint32_t configured;
         speed_t loopback_speed;
-        disc::Bytes loopback_reply;
+        Bytes loopback_reply;
         speed_t iap_speed;
-        disc::Bytes iap_reply;
+        Bytes iap_reply;
         int result;
         uint32_t kept;  // 1234: untouched
         Speeds loopbacks;
@@ -211,24 +258,18 @@ TEST(CheckRS232Device, ProbeAtEachSpeed) {
     };
     // clang-format off
     const Case cases[] = {
-        {"loop-back at 57600", 0, B57600, disc::kLoopbackReply, 0, disc::kBootLoaderReply, 0, 57600, {B9600, B19200, B57600}, {B9600, B19200}},
-        {"boot loader at 115200", 0, 0, disc::kLoopbackReply, B115200, disc::kBootLoaderReply, 0, 115200, all, all},
-        {"silent", 0, 0, disc::kLoopbackReply, 0, disc::kBootLoaderReply, -1, 1234, all, all},
-        {"wrong loop-back, application firmware", 0, B9600, {0x0A, 0x01, 0x42}, B9600, disc::kAppIAPReply, -1, 1234, all, all},
-        {"loop-back without its command byte", 0, B19200, {0x0A, 0x00}, 0, disc::kBootLoaderReply, -1, 1234, all, all},
-        {"configured 19200, answers at 57600", 19200, B57600, disc::kLoopbackReply, 0, disc::kBootLoaderReply, -1, 1234, {B19200}, {B19200}},
-        {"configured 19200, answers at 19200", 19200, B19200, disc::kLoopbackReply, 0, disc::kBootLoaderReply, 0, 19200, {B19200}, {}},
+        {"loop-back at 57600", 0, B57600, kLoopbackReply, 0, kBootLoaderReply, 0, 57600, {B9600, B19200, B57600}, {B9600, B19200}},
+        {"boot loader at 115200", 0, 0, kLoopbackReply, B115200, kBootLoaderReply, 0, 115200, all, all},
+        {"silent", 0, 0, kLoopbackReply, 0, kBootLoaderReply, -1, 1234, all, all},
+        {"wrong loop-back, application firmware", 0, B9600, {0x0A, 0x01, 0x42}, B9600, kAppIAPReply, -1, 1234, all, all},
+        {"loop-back without its command byte", 0, B19200, {0x0A, 0x00}, 0, kBootLoaderReply, -1, 1234, all, all},
+        {"configured 19200, answers at 57600", 19200, B57600, kLoopbackReply, 0, kBootLoaderReply, -1, 1234, {B19200}, {B19200}},
+        {"configured 19200, answers at 19200", 19200, B19200, kLoopbackReply, 0, kBootLoaderReply, 0, 19200, {B19200}, {}},
     };
     // clang-format on
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
-        disc::PtyController controller;
-        controller.loopback_speed = c.loopback_speed;
-        controller.loopback_reply = c.loopback_reply;
-        controller.iap_speed = c.iap_speed;
-        controller.iap_reply = c.iap_reply;
-        const struct termios before = controller.SlaveLine();
-        controller.Start();
+        PtyController controller(c.loopback_speed, c.loopback_reply, c.iap_speed, c.iap_reply);
         GlobalSettings settings;
         memset(&settings, 0, sizeof(settings));
         settings.MaxDeviceNums = 1;
@@ -248,7 +289,7 @@ TEST(CheckRS232Device, ProbeAtEachSpeed) {
         }
         EXPECT_EQ(c.loopbacks, loopbacks);
         EXPECT_EQ(c.queries, queries);
-        EXPECT_EQ(Line(before), Line(controller.SlaveLine()));
+        EXPECT_EQ(controller.line_at_start, controller.Line()) << "line settings not restored";
     }
 }
 

@@ -16,12 +16,14 @@
 #include "discovery/probe_exchange.h"
 #include "discovery/probe_timing.h"
 #include "discovery/serial_scan.h"
-#include "support/disc_pty_controller.h"
 #include "support/test_util.h"
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
+
+const Bytes kBootLoaderReply = {0x0A, 0x04, 0x39, 0x01, 0x00, 0x00};
+const Bytes kAppIAPReply = {0x0A, 0x04, 0x39, 0x00, 0x00, 0x00};
 
 using testutil::NowMs;
 
@@ -170,11 +172,11 @@ TEST(IsItBFW, QueryBytesAndReplies) {
     const Bytes query = {0x0A, 0x02, 0x39, 0x02};
     // clang-format off
     const Case cases[] = {
-        {"boot loader", 1, 0, disc::kBootLoaderReply, 0, query},
+        {"boot loader", 1, 0, kBootLoaderReply, 0, query},
         {"boot loader, second flag byte", 1, 0, {0x0A, 0x04, 0x39, 0x00, 0x02, 0x00}, 0, query},
-        {"old kernel: a zero byte at each end", 1, 1, disc::kBootLoaderReply, 0, {0x00, 0x0A, 0x02, 0x39, 0x02, 0x00}},
+        {"old kernel: a zero byte at each end", 1, 1, kBootLoaderReply, 0, {0x00, 0x0A, 0x02, 0x39, 0x02, 0x00}},
         {"USB framing", 0, 0, {0x03, 0x05, 0x39, 0x00, 0x01, 0x00, 0x00}, 0, {0x03, 0x02, 0x39, 0x02}},
-        {"application firmware", 1, 0, disc::kAppIAPReply, -1, query},
+        {"application firmware", 1, 0, kAppIAPReply, -1, query},
         {"reply to another command", 1, 0, {0x0A, 0x02, 0x41, 0x00}, -1, query},
         {"reply without a command byte", 1, 0, {0x0A, 0x04, 0x00, 0x01, 0x01, 0x00}, -1, query},
         {"silence", 1, 0, {}, -1, query},

@@ -3,10 +3,8 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <ftw.h>
-#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -130,6 +128,26 @@ bool OpenPty(Pty* pty) {
     return pty->slave.valid();
 }
 
+TtyResult OpenOfTerminalAcquiresIt(const std::function<int(const char*)>& open_path) {
+    Pty pty;
+    if (!OpenPty(&pty)) return TtyResult::kSkipped;
+    pty.slave.reset();  // only the child opens the terminal
+    const std::string& slave = pty.slave_path;
+    const pid_t child = fork();
+    if (child < 0) return TtyResult::kSkipped;
+    if (child == 0) {
+        if (setsid() < 0) _exit(3);
+        UniqueFd opened(open_path(slave.c_str()));
+        UniqueFd tty(OpenCloexec("/dev/tty", O_RDWR | O_NOCTTY));
+        _exit(tty.valid() ? 1 : 0);
+    }
+    int status = 0;
+    if (waitpid(child, &status, 0) != child || !WIFEXITED(status) || WEXITSTATUS(status) > 1) {
+        return TtyResult::kSkipped;
+    }
+    return WEXITSTATUS(status) == 1 ? TtyResult::kAcquired : TtyResult::kNotAcquired;
+}
+
 bool MakePipe(UniqueFd* read_end, UniqueFd* write_end) {
     int fds[2];
     if (pipe2(fds, O_CLOEXEC) != 0) return false;
@@ -200,40 +218,6 @@ std::string ReadFile(const std::string& path) {
 
 bool FileExists(const std::string& path) {
     return access(path.c_str(), F_OK) == 0;
-}
-
-pid_t StartNamedSleeper(const std::string& dir, const char* name, int seconds) {
-    const std::string copy = dir + "/" + name;
-    if (!FileExists(copy)) {
-        std::string bytes = ReadFile("/bin/sleep");
-        if (bytes.empty() || !WriteFile(copy, bytes) || chmod(copy.c_str(), 0755) != 0) return -1;
-    }
-    char arg[16];
-    snprintf(arg, sizeof(arg), "%d", seconds);
-    fflush(stdout);
-    pid_t pid = fork();
-    if (pid == 0) {
-        execl(copy.c_str(), name, arg, static_cast<char*>(nullptr));
-        _exit(127);
-    }
-    if (pid < 0) return -1;
-    // Wait until the exec has happened, so /proc/<pid>/status shows the new name.
-    char status_path[64];
-    snprintf(status_path, sizeof(status_path), "/proc/%d/status", static_cast<int>(pid));
-    for (int i = 0; i < 500; ++i) {
-        std::string status = ReadFile(status_path);
-        if (status.compare(0, 6 + strlen(name), std::string("Name:\t") + name) == 0) return pid;
-        usleep(2000);
-    }
-    return pid;
-}
-
-void KillAndReap(pid_t pid) {
-    if (pid <= 0) return;
-    kill(pid, SIGKILL);
-    int status;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
 }
 
 }  // namespace testutil

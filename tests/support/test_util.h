@@ -1,6 +1,6 @@
 // Helpers shared by every test folder: a temporary data directory, the platform log
-// observed through its test sink, files read and written whole, and functions run in a
-// forked child with their standard output captured.
+// observed through its test sink, files read and written whole, ptys, and functions run in
+// a forked child.
 #pragma once
 
 #include <stdint.h>
@@ -83,6 +83,14 @@ struct Pty {
 // False when none can be made.
 bool OpenPty(Pty* pty);
 
+// Whether opening a terminal where the daemon expects one of its own files makes it the
+// opener's controlling terminal (a daemon that acquires one can be sent SIGHUP by whoever
+// hangs the terminal up). Makes a fresh pty, then in a child that has just called setsid()
+// runs open_path with the terminal's path (open_path returns a descriptor or -1, which the
+// child closes). kSkipped when no pseudo-terminal can be made.
+enum class TtyResult { kSkipped, kAcquired, kNotAcquired };
+TtyResult OpenOfTerminalAcquiresIt(const std::function<int(const char*)>& open_path);
+
 // A close-on-exec pipe; false when it could not be made.
 bool MakePipe(UniqueFd* read_end, UniqueFd* write_end);
 
@@ -105,11 +113,5 @@ bool WriteFile(const std::string& path, const std::string& bytes);
 // Whole file content; empty when it cannot be read.
 std::string ReadFile(const std::string& path);
 bool FileExists(const std::string& path);
-
-// Starts a copy of /bin/sleep named name (so its /proc status name is name) for the
-// given seconds, in a directory of dir. Returns its pid, or -1.
-pid_t StartNamedSleeper(const std::string& dir, const char* name, int seconds);
-// SIGKILL and reap a child started by this process; no-op for pid <= 0.
-void KillAndReap(pid_t pid);
 
 }  // namespace testutil

@@ -18,7 +18,6 @@
 #include "device/device_object.h"
 #include "support/dev_test_util.h"
 #include "support/test_util.h"
-#include "support/sec_tty.h"
 
 namespace {
 
@@ -91,9 +90,9 @@ TEST(CreateFifo, TerminalIsRefusedWithoutBecomingTheControllingTerminal) {
         if (fd >= 0) _exit(4);  // a terminal must never be taken for a FIFO
         return fd;
     };
-    const sectest::TtyResult result = sectest::OpenOfTerminalAcquiresIt(create);
-    if (result == sectest::TtyResult::kSkipped) GTEST_SKIP() << "no pseudo-terminal";
-    EXPECT_EQ(sectest::TtyResult::kNotAcquired, result);
+    const testutil::TtyResult result = testutil::OpenOfTerminalAcquiresIt(create);
+    if (result == testutil::TtyResult::kSkipped) GTEST_SKIP() << "no pseudo-terminal";
+    EXPECT_EQ(testutil::TtyResult::kNotAcquired, result);
 }
 
 constexpr gid_t kToolGroup = 4242;  // the data directory's group: users who may run the tool
