@@ -1,5 +1,5 @@
-// Helpers of the device and tool pipe tests: a controller stand-in on the far end of a
-// socketpair or pty, and a receive thread.
+// Helpers of the device, tool pipe, manager and serial-scan tests: a controller stand-in on
+// the far end of a socketpair or pty, and a receive thread.
 #pragma once
 
 #include <pthread.h>

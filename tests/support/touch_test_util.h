@@ -114,8 +114,8 @@ class VersionGuard {
     KernelVersionInfo kernel_;
 };
 
-// A bare device record with neutral per-device settings (no transform, no filter, output
-// range 0-4095, slot protocol, ten contacts) and socketpairs as its touch and pen devices.
+// A bare device record with the default per-device settings (no transform, no filter, ten
+// contacts) but the slot protocol, and socketpairs as its touch and pen devices.
 class TouchRig {
   public:
     explicit TouchRig(uint8_t interface = DEV_USB) : saved_bits_(DebugEnableBits) {
@@ -124,19 +124,7 @@ class TouchRig {
         snprintf(settings.UinputPath, sizeof(settings.UinputPath), "%s", kDefaultUinputPath);
         dev.reset(new CDeviceObject("/dev/hidraw0", &settings));
         dev->DevInterface = interface;
-        DeviceParam& p = dev->Param;
-        p.SupportPoints = 10;
-        p.EventType = 2;
-        p.ResolX = -1;
-        p.ResolY = -1;
-        p.EdgeCompensate = 0;
-        p.Direction = 0;
-        p.Orientation = 0;
-        p.SplitRectMode = 0;
-        p.HoldFilterEnable = 0;
-        p.HoldRange = 20;
-        p.VKEYEnable = false;
-        p.VKEYReportMod = 1;
+        dev->Param.EventType = 2;  // the slot protocol; the rest are the defaults
         dev->MouseResShift = 1;
         dev->DigitizerResShift = 1;
         dev->MTouchResShift = 1;
