@@ -15,13 +15,10 @@ namespace {
 const GlobalSettings& Defaults() {
     static GlobalSettings defaults = [] {
         testutil::TempDir dir;
+        testutil::LogCapture log_globals(DebugEnableBits, ShowDebugPosition);  // restores them
         GlobalSettings s;
         memset(&s, 0, sizeof(s));
-        const uint32_t bits = DebugEnableBits;
-        const uint8_t position = ShowDebugPosition;
         testutil::Quiet([&] { SetDefaultSettings(&s); });
-        DebugEnableBits = bits;
-        ShowDebugPosition = position;
         LogFilePath[0] = '\0';
         return s;
     }();

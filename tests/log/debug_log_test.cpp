@@ -78,21 +78,13 @@ std::vector<std::string> Lines(const std::string& text) {
 // A temporary data directory with this run's log file named in it.
 struct LogFileFixture : public ::testing::Test {
     void SetUp() override {
-        saved_bits = DebugEnableBits;
-        saved_position = ShowDebugPosition;
-        DebugEnableBits = 0;  // BuildLogFileName logs nothing
         BuildLogFileName();
         log_file = LogFilePath;
     }
-    void TearDown() override {
-        DebugEnableBits = saved_bits;
-        ShowDebugPosition = saved_position;
-        LogFilePath[0] = '\0';
-    }
+    void TearDown() override { LogFilePath[0] = '\0'; }
     TempDir dir;
+    LogCapture log_globals{0, ShowDebugPosition};  // BuildLogFileName logs nothing
     std::string log_file;
-    uint32_t saved_bits = 0;
-    uint8_t saved_position = 0;
 };
 
 TEST_F(LogFileFixture, LogFileNameIsDataDirDateAndHour) {
