@@ -36,8 +36,6 @@ const std::string kIni =
     "[TavrineA.ini]\nDebugEnableBits\t\t3\nShowDebugPosition\t0\nDeviceNums\t\t1\n"
     "ScanInterface\t\t4\n[String]\nSerialPath\t\tdefault\n\n[EndOfFile]";
 
-using testutil::NowMs;
-
 std::string ProcessName(pid_t pid) {
     std::string status = testutil::ReadFile("/proc/" + std::to_string(pid) + "/status");
     if (status.compare(0, 6, "Name:\t") != 0) return "";
@@ -76,11 +74,10 @@ class DaemonProcessTest : public ::testing::Test {
         // Kill every daemon this test started: those it knows and any other child left.
         for (pid_t pid : started_) kill(pid, SIGKILL);
         for (pid_t pid : OwnChildren()) kill(pid, SIGKILL);
-        const int64_t deadline = NowMs() + 3000;
-        while (!OwnChildren().empty() && NowMs() < deadline) {
+        testutil::WaitUntil([&] {
             Reap();
-            usleep(5000);
-        }
+            return OwnChildren().empty();
+        }, 3000);
         Reap();
         lock_fd_.reset();
     }
@@ -132,26 +129,22 @@ class DaemonProcessTest : public ::testing::Test {
 
     // Waits until the PID file names a live daemon other than not_this; returns its id.
     pid_t WaitForDaemon(pid_t not_this = -1, long timeout_ms = 8000) {
-        const int64_t deadline = NowMs() + timeout_ms;
-        while (NowMs() < deadline) {
+        int pid = 0;
+        const bool found = testutil::WaitUntil([&] {
             Reap();
-            std::string text = testutil::ReadFile(kPidFile);
-            int pid = 0;
-            if (text.size() == 10 && sscanf(text.c_str(), "%d", &pid) == 1 && pid > 0 &&
-                pid != not_this && ended_.count(pid) == 0 &&
-                ProcessName(pid).rfind("Tavrine", 0) == 0) {
-                started_.insert(pid);
-                return pid;
-            }
-            usleep(5000);
-        }
-        return -1;
+            const std::string text = testutil::ReadFile(kPidFile);
+            return text.size() == 10 && sscanf(text.c_str(), "%d", &pid) == 1 && pid > 0 &&
+                   pid != not_this && ended_.count(pid) == 0 &&
+                   ProcessName(pid).rfind("Tavrine", 0) == 0;
+        }, timeout_ms);
+        if (!found) return -1;
+        started_.insert(pid);
+        return pid;
     }
 
     // Waits until a child other than the given ones has ended; returns its wait status.
     bool WaitForOtherChildEnd(const std::set<pid_t>& known, int* status, long timeout_ms = 8000) {
-        const int64_t deadline = NowMs() + timeout_ms;
-        while (NowMs() < deadline) {
+        return testutil::WaitUntil([&] {
             Reap();
             for (const auto& entry : ended_) {
                 if (known.count(entry.first) == 0 && starters_.count(entry.first) == 0) {
@@ -159,21 +152,17 @@ class DaemonProcessTest : public ::testing::Test {
                     return true;
                 }
             }
-            usleep(5000);
-        }
-        return false;
+            return false;
+        }, timeout_ms);
     }
 
     // Waits for pid (a child of the test) to end; returns its wait status or -1.
     int WaitForEnd(pid_t pid, long timeout_ms = 5000) {
-        const int64_t deadline = NowMs() + timeout_ms;
-        while (NowMs() < deadline) {
+        const bool ended = testutil::WaitUntil([&] {
             Reap();
-            auto it = ended_.find(pid);
-            if (it != ended_.end()) return it->second;
-            usleep(5000);
-        }
-        return -1;
+            return ended_.count(pid) > 0;
+        }, timeout_ms);
+        return ended ? ended_[pid] : -1;
     }
 
     bool IsRunning(pid_t pid) {
@@ -183,8 +172,7 @@ class DaemonProcessTest : public ::testing::Test {
 
     // Waits until the log file holds text; returns the log.
     std::string WaitForLog(const std::string& text) {
-        const int64_t deadline = NowMs() + 5000;
-        while (LogText().find(text) == std::string::npos && NowMs() < deadline) usleep(10000);
+        testutil::WaitUntil([&] { return LogText().find(text) != std::string::npos; }, 5000);
         return LogText();
     }
 

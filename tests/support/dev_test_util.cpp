@@ -67,12 +67,7 @@ size_t FakeController::ReceivedCount() const {
 }
 
 bool FakeController::WaitForPackets(size_t n, int timeout_ms) const {
-    int64_t end = testutil::NowMs() + timeout_ms;
-    while (testutil::NowMs() < end) {
-        if (ReceivedCount() >= n) return true;
-        usleep(2000);
-    }
-    return ReceivedCount() >= n;
+    return testutil::WaitUntil([&] { return ReceivedCount() >= n; }, timeout_ms);
 }
 
 void FakeController::Send(const Bytes& bytes) {

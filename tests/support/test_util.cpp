@@ -115,6 +115,15 @@ int64_t NowMs() {
     return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
+bool WaitUntil(const std::function<bool()>& done, int64_t timeout_ms) {
+    const int64_t deadline = NowMs() + timeout_ms;
+    while (!done()) {
+        if (NowMs() >= deadline) return false;
+        usleep(2000);
+    }
+    return true;
+}
+
 bool OpenPty(Pty* pty) {
     pty->master.reset(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
     if (!pty->master.valid() || grantpt(pty->master.get()) != 0 ||

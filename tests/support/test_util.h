@@ -72,6 +72,9 @@ class LogCapture {
 
 // Milliseconds on the monotonic clock.
 int64_t NowMs();
+// Polls done every few milliseconds until it holds or timeout_ms have passed; its last
+// answer.
+bool WaitUntil(const std::function<bool()>& done, int64_t timeout_ms);
 
 // A fresh pseudo-terminal: the master, and the slave opened by path (non-blocking, never
 // as a controlling terminal).
