@@ -246,9 +246,9 @@ TEST(EmitPen, EraserSamples) {
     eraser.Y = 20;
     eraser.Z = 300;
     DispatchTouchEvent(rig.dev.get(), &eraser);
-    std::vector<Ev> want = {Key(BTN_TOOL_RUBBER, 1), Abs(ABS_X, 10),         Abs(ABS_Y, 20),
-                            Key(BTN_TOUCH, 1),       Abs(ABS_PRESSURE, 300), Abs(ABS_TILT_X, 0),
-                            Abs(ABS_TILT_Y, 0),      Syn()};
+    std::vector<Ev> want = {
+        Key(BTN_TOOL_RUBBER, 1), Abs(ABS_X, 10),     Abs(ABS_Y, 20),     Key(BTN_TOUCH, 1),
+        Abs(ABS_PRESSURE, 300),  Abs(ABS_TILT_X, 0), Abs(ABS_TILT_Y, 0), Syn()};
     EXPECT_EQ(want, rig.PenEvents());
 
     eraser.eraser = 0;  // switch released while pressing: no BTN_TOUCH 0 yet
@@ -260,10 +260,51 @@ TEST(EmitPen, EraserSamples) {
 
     eraser.Z = 0;
     DispatchTouchEvent(rig.dev.get(), &eraser);
-    want = {Abs(ABS_X, 10),     Abs(ABS_Y, 20), Key(BTN_TOUCH, 0),       Abs(ABS_PRESSURE, 0),
-            Abs(ABS_TILT_X, 0), Abs(ABS_TILT_Y, 0), Syn(), Key(BTN_TOOL_RUBBER, 0), Syn()};
+    want = {Abs(ABS_X, 10),
+            Abs(ABS_Y, 20),
+            Key(BTN_TOUCH, 0),
+            Abs(ABS_PRESSURE, 0),
+            Abs(ABS_TILT_X, 0),
+            Abs(ABS_TILT_Y, 0),
+            Syn(),
+            Key(BTN_TOOL_RUBBER, 0),
+            Syn()};
     EXPECT_EQ(want, rig.PenEvents());
     EXPECT_TRUE(rig.TouchEvents().empty());
+}
+
+// Which device a pen or eraser sample reaches: on Android 2 and 3 the multi sync protocol
+// makes it a touch contact; type A sends it to the pen device whatever the Android version.
+TEST(EmitPen, RoutingByProtocol) {
+    struct Case {
+        const char* name;
+        int android;
+        int event_type;
+        bool eraser;
+        std::vector<Ev> touch;  // first event on each device, or nothing
+        std::vector<Ev> pen;
+    } cases[] = {
+        {"pen, Android 2 multi sync", 2, 2, false, {Abs(ABS_MT_TRACKING_ID, 0)}, {}},
+        {"pen, Android 2 type A", 2, 4, false, {}, {Key(BTN_TOOL_PEN, 1)}},
+        {"eraser, Android 2 type A", 2, 4, true, {}, {Key(BTN_TOOL_RUBBER, 1)}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        VersionGuard version(c.android);
+        TouchRig rig;
+        rig.dev->Param.EventType = static_cast<int8_t>(c.event_type);
+        TouchPoint p = {};
+        p.bPen = !c.eraser;
+        p.bEraser = p.eraser = c.eraser;
+        p.inrange = p.tip = p.State = 1;
+        DispatchTouchEvent(rig.dev.get(), &p);
+        std::vector<Ev> touch = rig.TouchEvents();
+        std::vector<Ev> pen = rig.PenEvents();
+        if (touch.size() > 1) touch.resize(1);
+        if (pen.size() > 1) pen.resize(1);
+        EXPECT_EQ(c.touch, touch);
+        EXPECT_EQ(c.pen, pen);
+    }
 }
 
 TEST(EmitRelease, ReleaseAllContactsLiftsEveryTouchingContact) {
