@@ -78,12 +78,13 @@ class CommandTest : public testing::Test {
 
 TEST_F(CommandTest, TextCopyLimits) {
     FakeController controller(true);
-    auto dev = Device(&controller, DEV_USB,
-                      {
-                          {0x44, UsbFragments(0x44, std::string(100, 'V'))},  // 100 characters
-                          {0x45, {Bytes{0x03, 0x06, 0x45, 'A', 'B', 'C', 'D', 'E', 'F', 'G'}}},  // length 6
-                          {0x46, {Bytes{0x03, 0x07, 0x46, 'P', 'C', 0x00, 'X', 'Y', 'Z'}}},  // stops at 0
-                      });
+    auto dev = Device(
+        &controller, DEV_USB,
+        {
+            {0x44, UsbFragments(0x44, std::string(100, 'V'))},                     // 100 characters
+            {0x45, {Bytes{0x03, 0x06, 0x45, 'A', 'B', 'C', 'D', 'E', 'F', 'G'}}},  // length 6
+            {0x46, {Bytes{0x03, 0x07, 0x46, 'P', 'C', 0x00, 'X', 'Y', 'Z'}}},      // stops at 0
+        });
     char text[kTextMax] = {};
     EXPECT_EQ(0, GetFWVersion(dev.get(), text));
     EXPECT_EQ(std::string(63, 'V'), std::string(text));
@@ -120,7 +121,8 @@ TEST_F(CommandTest, EmptyAndRefusedReplies) {
 
 TEST_F(CommandTest, NoVersionMeansUnknownTexts) {
     FakeController controller(true);
-    auto dev = Device(&controller, DEV_USB, {{0x46, {Bytes{0x03, 0x06, 0x46, 'L', 'O', 'M', 'x', 'x'}}}});
+    auto dev =
+        Device(&controller, DEV_USB, {{0x46, {Bytes{0x03, 0x06, 0x46, 'L', 'O', 'M', 'x', 'x'}}}});
     DevGetControllerInfo(dev.get());
     EXPECT_STREQ("UNKNOWN", dev->FWVersion);
     EXPECT_STREQ("UNKNOWN", dev->TypeName);
@@ -145,6 +147,12 @@ TEST_F(CommandTest, RightClickFormatBytes) {
     ASSERT_EQ(2u, sent.size());
     EXPECT_EQ((Bytes{0x03, 0x04, 0x34, 0x07, 0x83, 0x14}), sent[0]);
     EXPECT_EQ((Bytes{0x03, 0x04, 0x35, 0x07, 0xFF, 0x00}), sent[1]);
+
+    // A reply whose length byte is not 4 is no format, whatever its other bytes.
+    FakeController short_reply(true);
+    auto other =
+        Device(&short_reply, DEV_USB, {{0x35, {Bytes{0x03, 0x02, 0x33, 0x07, 0x81, 0x32}}}});
+    EXPECT_EQ(-1, GetRCLKFormat(other.get(), &id, &control, &count));
 }
 
 TEST_F(CommandTest, DisableRightClickUsesQueryOrEeprom) {
@@ -226,7 +234,8 @@ TEST_F(CommandTest, SetupIdentifiesASerialControllerInOrder) {
 
 TEST_F(CommandTest, SetupOfBootFirmwareSkipsIdentification) {
     FakeController controller(false);
-    auto dev = Device(&controller, DEV_RS232, {{0x39, {Bytes{0x0A, 0x04, 0x39, 0x04, 0x02, 0x00}}}});
+    auto dev =
+        Device(&controller, DEV_RS232, {{0x39, {Bytes{0x0A, 0x04, 0x39, 0x04, 0x02, 0x00}}}});
     EXPECT_EQ(-1, DevSetup(dev.get()));
     EXPECT_EQ(SERIES_BOOT_FIRMWARE, dev->Series);
     EXPECT_EQ(IAP_BFW, dev->IAPType);
