@@ -116,10 +116,8 @@ TEST(MergeReply, Sequences) {
 
 TEST(ParseCmdReply, RoutingToHooksAndTool) {
     TouchRig rig;
-    int pipe_fds[2];
-    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, pipe_fds));
-    rig.dev->m_fdPipeOut.reset(pipe_fds[0]);
-    UniqueFd tool(pipe_fds[1]);
+    UniqueFd tool;
+    MakeEventPair(&rig.dev->m_fdPipeOut, &tool);
     rig.dev->SigHookCmd = 0x99;
     struct Step {
         uint8_t hook;

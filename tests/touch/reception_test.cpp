@@ -99,10 +99,8 @@ bool PrivateDev(const std::function<bool()>& make) {
 TEST(ReceiveStep, ReadsOneReportAndTreatsNothingReadyAsNoData) {
     VersionGuard version(9);
     TouchRig rig;
-    int fds[2];
-    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, fds));
-    rig.dev->m_Port_fd.reset(fds[0]);
-    UniqueFd controller(fds[1]);
+    UniqueFd controller;
+    MakeEventPair(&rig.dev->m_Port_fd, &controller);
     rig.dev->bThreadRunning = 1;
     EXPECT_EQ(0, DevReceiveStep(rig.dev.get()));  // EAGAIN: not an unplug
     EXPECT_EQ(1, rig.dev->bThreadRunning.load());
