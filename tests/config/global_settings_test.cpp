@@ -5,57 +5,49 @@
 #include <string.h>
 
 #include <string>
+#include <vector>
 
 #include "log/debug_log.h"
 #include "support/test_util.h"
 
 namespace {
 
-// The record as SetDefaultSettings leaves it, made once in a temporary data directory.
-const GlobalSettings& Defaults() {
-    static GlobalSettings defaults = [] {
+// Reads text into the record SetDefaultSettings leaves and names, in a fixed order, every
+// value the read changed, so that each row states only what the file changed.
+std::string ReadChanges(std::string text) {
+    static const GlobalSettings defaults = [] {
         testutil::TempDir dir;
         testutil::LogCapture log_globals(DebugEnableBits, ShowDebugPosition);  // restores them
-        GlobalSettings s;
-        memset(&s, 0, sizeof(s));
-        testutil::Quiet([&] { SetDefaultSettings(&s); });
+        GlobalSettings d{};
+        testutil::Quiet([&] { SetDefaultSettings(&d); });
         LogFilePath[0] = '\0';
-        return s;
+        return d;
     }();
-    return defaults;
-}
-
-// Reads text into a default record and names every value that differs from the defaults,
-// so each row states only what the file changed.
-std::string ReadChanges(const std::string& text) {
-    GlobalSettings s = Defaults();
-    DebugEnableBits = 1;
-    ShowDebugPosition = 1;
-    std::string copy = text;
-    FILE* stream = text.empty() ? fopen("/dev/null", "re") : fmemopen(&copy[0], copy.size(), "r");
+    GlobalSettings s = defaults;
+    DebugEnableBits = ShowDebugPosition = 1;
+    auto values = [&s] {
+        auto n = [](const char* name, long long v) { return std::string(name) + std::to_string(v); };
+        std::vector<std::string> v = {
+            n("bits=", DebugEnableBits),      n("pos=", ShowDebugPosition),
+            n("baud=", s.BaudRate),           n("nums=", s.MaxDeviceNums),
+            n("scan=", s.ScanInterface),      n("calib=", s.UseDriverCalib),
+            n("skip=", s.SkipFirstByte),      n("shift=", s.ShiftByteBothEnd)};
+        for (int i = 0; i < kSerialPathSlots; ++i)
+            v.push_back(n("serial", i) + "=" + s.CustomSerialPath[i]);
+        v.push_back(std::string("uinput=") + s.UinputPath);
+        for (int i = 0; i < kDevPidSlots; ++i) v.push_back(n("pid", i) + "=" + s.DevPID[i]);
+        v.push_back(n("mask=", s.CustomPathMask));
+        return v;
+    };
+    const std::vector<std::string> before = values();
+    FILE* stream = fmemopen(&text[0], text.size(), "r");
     if (!stream) return "no stream";
     testutil::Quiet([&] { ReadGlobalSettingsFrom(stream, &s); });
     fclose(stream);
-    const GlobalSettings& d = Defaults();
+    const std::vector<std::string> after = values();
     std::string out;
-    auto put = [&](bool differs, const std::string& item) {
-        if (differs) out += (out.empty() ? "" : " ") + item;
-    };
-    put(DebugEnableBits != 1, "bits=" + std::to_string(DebugEnableBits));
-    put(ShowDebugPosition != 1, "pos=" + std::to_string(ShowDebugPosition));
-    put(s.BaudRate != d.BaudRate, "baud=" + std::to_string(s.BaudRate));
-    put(s.MaxDeviceNums != d.MaxDeviceNums, "nums=" + std::to_string(s.MaxDeviceNums));
-    put(s.ScanInterface != d.ScanInterface, "scan=" + std::to_string(s.ScanInterface));
-    put(s.UseDriverCalib != d.UseDriverCalib, "calib=" + std::to_string(s.UseDriverCalib));
-    put(s.SkipFirstByte != d.SkipFirstByte, "skip=" + std::to_string(s.SkipFirstByte));
-    put(s.ShiftByteBothEnd != d.ShiftByteBothEnd, "shift=" + std::to_string(s.ShiftByteBothEnd));
-    for (int i = 0; i < kSerialPathSlots; ++i)
-        put(strcmp(s.CustomSerialPath[i], d.CustomSerialPath[i]) != 0,
-            "serial" + std::to_string(i) + "=" + s.CustomSerialPath[i]);
-    put(strcmp(s.UinputPath, d.UinputPath) != 0, std::string("uinput=") + s.UinputPath);
-    for (int i = 0; i < kDevPidSlots; ++i)
-        put(strcmp(s.DevPID[i], d.DevPID[i]) != 0, "pid" + std::to_string(i) + "=" + s.DevPID[i]);
-    put(s.CustomPathMask != d.CustomPathMask, "mask=" + std::to_string(s.CustomPathMask));
+    for (size_t i = 0; i < after.size(); ++i)
+        if (after[i] != before[i]) out += (out.empty() ? "" : " ") + after[i];
     return out;
 }
 
@@ -67,8 +59,7 @@ TEST(GlobalSettingsTest, FileTextInValuesOut) {
     for (int i = 0; i < 5000; ++i) garbage.push_back(static_cast<char>((i * 131 + 7) & 0xFF));
     for (int i = 1; i <= 11; ++i) eleven_pids += " DevPID " + std::to_string(i);
     const struct {
-        std::string text;
-        std::string changes;
+        std::string text, changes;
     } cases[] = {
         // The header must be exact, or nothing at all is read.
         {"[TavrineB.ini] DebugEnableBits 7 ScanInterface 3", ""},
