@@ -3,8 +3,7 @@
 # (files on disk that git does not track, such as build output, are not counted).
 #
 #   test code    every file under tests/, except
-#                  - fuzz seed corpora: tests/fuzz/corpus/** (binary inputs for the fuzzers;
-#                    the script that generates them, tests/fuzz/make_seed_corpus.py, counts)
+#                  - fuzz seed corpora: tests/fuzz/corpus/** (binary inputs for the fuzzers)
 #                  - recorded expected traces: files named expected.* anywhere under tests/
 #                    (the evdev traces, transcripts and file images a VM scenario's output is
 #                    compared with byte for byte) and *.dump under tests/ (the simulator's
