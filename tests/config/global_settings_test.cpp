@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 #include <stdio.h>
-#include <string.h>
 
 #include <string>
 #include <vector>

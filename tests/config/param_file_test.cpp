@@ -81,7 +81,6 @@ TEST_F(ParamFileTest, DeviceBlocksBytesInBytesOut) {
         int no, points;
         std::string out;
     } cases[] = {
-        {"match leaves the file", a0 + Block(1, kB), true, 1, 10, ""},
         {"match reads its block", a0 + Block(1, kB, 5), true, 1, 5, ""},
         {"empty address line claimed", a0 + Block(1, nullptr) + Block(2, kC), true, 1, 10,
          a0 + Block(1, kB) + Block(2, kC) + kEnd},
