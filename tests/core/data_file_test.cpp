@@ -1,7 +1,6 @@
-// Opening files of the data directory: a symbolic link, a FIFO, a directory, a second link
-// or another user's file at the path is refused at once, and nothing is written, created or
-// truncated through it. (Regular files are opened by every test that writes the daemon's
-// files; that they are close-on-exec is checked by the shell's descriptor test.)
+// Opening files of the data directory: a symbolic link, a FIFO, a directory, a terminal, a
+// second link or another user's file at the path is refused at once, and nothing is written,
+// created or truncated through it.
 #include "core/data_file.h"
 
 #include <errno.h>
@@ -21,130 +20,81 @@
 
 namespace {
 
-using testutil::FileExists;
-using testutil::ReadFile;
-using testutil::TempDir;
-using testutil::WriteFile;
-
-const int kOpens[] = {O_RDONLY, O_WRONLY | O_CREAT | O_TRUNC, O_RDWR | O_CREAT | O_EXCL};
+using namespace testutil;
 
 TEST(DataFileTest, LinksFifosDirectoriesAndOtherUsersFilesAreRefusedUntouched) {
     TempDir dir;
-    const std::string victim = dir.File("victim");
-    ASSERT_TRUE(WriteFile(victim, "keep me"));
-    // A second name for the victim (as if in another directory of the same file system),
-    // and a file of another user.
-    const std::string hard = dir.File("hard");
-    ASSERT_EQ(0, link(victim.c_str(), hard.c_str()));
-    const std::string foreign = dir.File("foreign");
-    ASSERT_TRUE(WriteFile(foreign, "keep me"));
-    const bool root = geteuid() == 0;
-    if (root) {
-        ASSERT_EQ(0, chown(foreign.c_str(), 65534, 65534));
-    }
-    const std::string link = dir.File("link");
-    ASSERT_EQ(0, symlink(victim.c_str(), link.c_str()));
-    const std::string dangling = dir.File("dangling");
-    const std::string nowhere = dir.File("created-through-link");
-    ASSERT_EQ(0, symlink(nowhere.c_str(), dangling.c_str()));
-    const std::string fifo = dir.File("fifo");
-    ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));  // no reader, no writer: a plain open blocks
-    const std::string subdir = dir.File("subdir");
-    ASSERT_EQ(0, mkdir(subdir.c_str(), 0700));
-
-    for (const int flags : kOpens) {
-        SCOPED_TRACE(flags);
-        errno = 0;
-        EXPECT_EQ(-1, OpenDataFile(link.c_str(), flags));
-        EXPECT_TRUE(errno == ELOOP || errno == EEXIST) << errno;
-        EXPECT_EQ(-1, OpenDataFile(dangling.c_str(), flags));
-        EXPECT_EQ(-1, OpenDataFile(fifo.c_str(), flags));
-        EXPECT_EQ(-1, OpenDataFile(subdir.c_str(), flags));
-        errno = 0;
-        EXPECT_EQ(-1, OpenDataFile(hard.c_str(), flags));
-        EXPECT_TRUE(errno == EMLINK || errno == EEXIST) << errno;
-        if (root) {
+    const std::string victim = dir.File("victim"), foreign = dir.File("foreign");
+    ASSERT_TRUE(WriteFile(victim, "keep me") && WriteFile(foreign, "keep me"));
+    const bool root = geteuid() == 0;  // only root can give a file to another user
+    ASSERT_TRUE(!root || chown(foreign.c_str(), 65534, 65534) == 0);
+    ASSERT_TRUE(!symlink(victim.c_str(), dir.File("link").c_str()) &&
+                !symlink(dir.File("nowhere").c_str(), dir.File("dangling").c_str()) &&
+                !mkfifo(dir.File("fifo").c_str(), 0600) &&  // no reader: a plain open blocks
+                !mkdir(dir.File("dir").c_str(), 0700) &&
+                !link(victim.c_str(), dir.File("hard").c_str()));  // as if from elsewhere
+    // Each name and the errno of its refusal (0: any).
+    const std::pair<const char*, int> rows[] = {{"link", ELOOP},  {"dangling", 0},
+                                                {"fifo", 0},      {"dir", 0},
+                                                {"hard", EMLINK}, {"foreign", EPERM}};
+    for (const auto& row : rows) {
+        if (!root && row.second == EPERM) continue;
+        const std::string path = dir.File(row.first);
+        for (const int flags :
+             {O_RDONLY, O_WRONLY | O_CREAT | O_TRUNC, O_RDWR | O_CREAT | O_EXCL}) {
             errno = 0;
-            EXPECT_EQ(-1, OpenDataFile(foreign.c_str(), flags));
-            EXPECT_TRUE(errno == EPERM || errno == EEXIST) << errno;
+            EXPECT_EQ(-1, OpenDataFile(path.c_str(), flags)) << path << flags;
+            EXPECT_TRUE(!row.second || errno == row.second || errno == EEXIST) << path << errno;
         }
+        EXPECT_EQ(nullptr, FopenDataFile(path.c_str(), "w+")) << path;  // the stream form
     }
-    // The stream form goes through the same checks.
-    for (const std::string& path : {link, dangling, fifo, subdir, hard}) {
-        EXPECT_EQ(nullptr, FopenDataFile(path.c_str(), "w+")) << path;
-    }
-    EXPECT_EQ("keep me", ReadFile(victim));
-    EXPECT_EQ("keep me", ReadFile(foreign));
-    EXPECT_FALSE(FileExists(nowhere));
+    EXPECT_TRUE(ReadFile(victim) == "keep me" && ReadFile(foreign) == "keep me");
     struct stat st;
-    ASSERT_EQ(0, lstat(fifo.c_str(), &st));
-    EXPECT_TRUE(S_ISFIFO(st.st_mode));
+    EXPECT_TRUE(!FileExists(dir.File("nowhere")) && lstat(dir.File("fifo").c_str(), &st) == 0 &&
+                S_ISFIFO(st.st_mode));
 }
 
-// The daemon's PID file, debug log and captured command output, each planted as a hard
-// link to a file outside the data directory: that file keeps every byte, the refusal is
-// logged (the captured output is made afresh instead), and the output still reaches its
-// reader.
+// The PID file, the debug log and the captured command output, each planted as a hard link
+// to a file elsewhere: that file keeps every byte, the refusal is logged (the capture is made
+// afresh instead), and the command's standard output and error still reach the reader.
 TEST(DataFileTest, DaemonFilesHardLinkedElsewhereAreNeverWritten) {
-    TempDir elsewhere;
-    TempDir data;  // the last one made is the data directory
-    const std::string victim = elsewhere.File("victim");
-    const std::string log_file = data.File("Tavrine_2026.11.16_9.log");
-    char saved_log_path[kLogPathMax];
-    memcpy(saved_log_path, LogFilePath, sizeof(saved_log_path));
+    TempDir elsewhere, data;  // the last one made is the data directory
+    const std::string victim = elsewhere.File("victim"), log_file = data.File("Tavrine_1.log");
     snprintf(LogFilePath, sizeof(LogFilePath), "%s", log_file.c_str());
-    struct Case {
-        std::string path;
-        bool refused;
-        std::function<void()> use;
-    };
-    const Case cases[] = {
-        {PidFilePath(), true, [] { WritePidFile(); }},
-        {log_file, true, [] { TLOG(LOG_MAIN, "a line for the log file"); }},
-        {DrvLogPath(), false,
-         [] {
-             // Both the command's standard output and error reach the capture.
+    const std::pair<std::string, std::function<void()>> cases[] = {
+        {PidFilePath(), [] { WritePidFile(); }},
+        {log_file, [] { TLOG(LOG_MAIN, "a line for the log file"); }},
+        {DrvLogPath(), [] {
              FILE* out = RunShellCommand("echo out; echo err 1>&2", DrvLogPath());
-             ASSERT_NE(nullptr, out);
              char text[16] = "";
-             EXPECT_EQ(8u, fread(text, 1, sizeof(text) - 1, out));
+             EXPECT_EQ(8u, out ? fread(text, 1, sizeof(text) - 1, out) : 0);
              EXPECT_STREQ("out\nerr\n", text);
-             fclose(out);
-         }},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.path);
-        ASSERT_TRUE(WriteFile(victim, "keep me"));
-        unlink(c.path.c_str());  // an earlier row's log lines may have made the log file
-        ASSERT_EQ(0, link(victim.c_str(), c.path.c_str()));
-        testutil::LogCapture log(LOG_MAIN, 2);  // standard output, system log and file
-        testutil::Quiet(c.use);
-        EXPECT_EQ("keep me", ReadFile(victim));
-        EXPECT_EQ(c.refused,
-                  log.Contains("Refused data file [" + c.path + "]: 2 links"));
-        unlink(c.path.c_str());
+             if (out) fclose(out);
+         }}};
+    for (const auto& c : cases) {
+        unlink(c.first.c_str());  // an earlier row's log lines may have made the log file
+        ASSERT_TRUE(WriteFile(victim, "keep me") && link(victim.c_str(), c.first.c_str()) == 0);
+        LogCapture log(LOG_MAIN, 2);  // standard output, system log and file
+        Quiet(c.second);
+        EXPECT_EQ("keep me", ReadFile(victim)) << c.first;
+        EXPECT_EQ(c.first != DrvLogPath(),
+                  log.Contains("Refused data file [" + c.first + "]: 2 links"));
+        unlink(c.first.c_str());
     }
-    memcpy(LogFilePath, saved_log_path, sizeof(saved_log_path));
+    LogFilePath[0] = '\0';
 }
 
 TEST(DataFileTest, WarnsOnceWhenTheDataDirectoryIsWritableByGroupOrOthers) {
     TempDir dir;
-    struct Case {
-        mode_t mode;
-        bool warned;
-    };
-    const Case cases[] = {{0755, false}, {0720, true}, {0702, true}, {01777, true}};
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.mode);
-        ASSERT_EQ(0, chmod(dir.path().c_str(), c.mode));
-        testutil::LogCapture log(LOG_MAIN, 1);
-        bool warned = !c.warned;
-        testutil::Quiet([&] { warned = WarnIfDataDirWritable(); });
-        EXPECT_EQ(c.warned, warned);
-        EXPECT_EQ(c.warned ? 1u : 0u, log.lines().size());
-        EXPECT_EQ(c.warned ? 1 : 0, log.Count("Warning: data directory " + dir.path()));
+    for (const mode_t mode : {0755, 0720, 0702, 01777}) {
+        ASSERT_EQ(0, chmod(dir.path().c_str(), mode));
+        LogCapture log(LOG_MAIN, 1);
+        bool warned = false;
+        Quiet([&] { warned = WarnIfDataDirWritable(); });
+        const int expected = mode == 0755 ? 0 : 1;
+        EXPECT_TRUE(warned == expected && log.lines().size() == size_t(expected)) << mode;
+        EXPECT_EQ(expected, log.Count("Warning: data directory " + dir.path())) << mode;
     }
-    ASSERT_EQ(0, chmod(dir.path().c_str(), 0700));
     SetDataDirForTest((dir.path() + "/missing").c_str());
     EXPECT_FALSE(WarnIfDataDirWritable());
 }
@@ -153,17 +103,15 @@ TEST(DataFileTest, WarnsOnceWhenTheDataDirectoryIsWritableByGroupOrOthers) {
 // terminal (the control: a plain open of the same terminal does acquire it).
 TEST(DataFileTest, TerminalIsRefusedWithoutBecomingTheControllingTerminal) {
     const auto plain = [](const char* path) { return OpenCloexec(path, O_RDWR | O_NONBLOCK); };
-    const testutil::TtyResult control = testutil::OpenOfTerminalAcquiresIt(plain);
-    if (control == testutil::TtyResult::kSkipped) GTEST_SKIP() << "no pseudo-terminal";
-    EXPECT_EQ(testutil::TtyResult::kAcquired, control);
-
+    const TtyResult control = OpenOfTerminalAcquiresIt(plain);
+    if (control == TtyResult::kSkipped) GTEST_SKIP() << "no pseudo-terminal";
+    EXPECT_EQ(TtyResult::kAcquired, control);
     for (int flags : {O_RDONLY, O_WRONLY | O_CREAT | O_APPEND}) {
-        const auto data_file = [flags](const char* path) {
-            const int fd = OpenDataFile(path, flags);
-            if (fd >= 0) _exit(4);  // a terminal must never open as a data file
-            return fd;
-        };
-        EXPECT_EQ(testutil::TtyResult::kNotAcquired, testutil::OpenOfTerminalAcquiresIt(data_file))
+        EXPECT_EQ(TtyResult::kNotAcquired, OpenOfTerminalAcquiresIt([flags](const char* path) {
+                      const int fd = OpenDataFile(path, flags);
+                      if (fd >= 0) _exit(4);  // a terminal must never open as a data file
+                      return fd;
+                  }))
             << flags;
     }
 }
