@@ -1,7 +1,5 @@
-// Files of the data directory and shell commands. A symbolic link, a FIFO, a directory, a
-// terminal, a second link or another user's file at a data file path is refused at once, and
-// nothing is written, created or truncated through it; a command inherits no descriptor of the
-// daemon and takes no value that is not one plain word.
+// Files of the data directory (a link, FIFO, directory, terminal or another user's file at
+// the path is refused untouched) and shell commands.
 #include "core/data_file.h"
 
 #include <errno.h>
@@ -141,11 +139,8 @@ TEST(ShellCaptureTest, CommandInheritsOnlyTheStandardDescriptors) {
 // product ids from lsusb and the settings file (short ones padded as the kernel shows them).
 TEST(ShellTokenTest, TableOfValues) {
     const std::string longest = "/" + std::string(62, 'a'), too_long = longest + "a";  // 64 bytes
-    const struct {
-        const char* text;
-        bool path_ok, id_ok;
-        const char* id_form;  // NormalizeProductId ("" = refused)
-    } cases[] = {
+    // The text; IsPlainPathToken; IsProductIdToken; NormalizeProductId ("" = refused).
+    const std::tuple<const char*, bool, bool, std::string> cases[] = {
         // clang-format off
         {"/dev/hidraw0", 1, 0, ""}, {"/dev/ttyUSB-0.1", 1, 0, ""}, {"relative/path_1", 1, 0, ""},
         {longest.c_str(), 1, 0, ""}, {too_long.c_str(), 0, 0, ""}, {"3c7a", 1, 1, "3c7a"},
@@ -158,30 +153,28 @@ TEST(ShellTokenTest, TableOfValues) {
         {"/dev/\xc3\xa9", 0, 0, ""}, {"-rf", 0, 0, ""}, {"", 0, 0, ""}, {nullptr, 0, 0, ""},
         // clang-format on
     };
-    for (const auto& c : cases) {
+    for (const auto& [text, path_ok, id_ok, id_form] : cases) {
         char form[5] = "xxxx";
-        EXPECT_TRUE(IsPlainPathToken(c.text) == c.path_ok && IsProductIdToken(c.text) == c.id_ok &&
-                    NormalizeProductId(c.text, form) == (c.id_form[0] != '\0') &&
-                    std::string(c.id_form) == form)
-            << (c.text ? c.text : "(null)");
+        EXPECT_TRUE(IsPlainPathToken(text) == path_ok && IsProductIdToken(text) == id_ok &&
+                    NormalizeProductId(text, form) == !id_form.empty() && id_form == form)
+            << (text ? text : "(null)");
     }
 }
 
 // The command's own status comes back as soon as it ends, a command past its time limit is
 // killed and reported as -1, and a background child of the shell does not hold the wait.
 TEST(ShellWait, StatusTimeLimitAndPromptReturn) {
-    const struct {
-        const char* command;
-        int timeout_ms, status, min_ms, max_ms;
-    } cases[] = {{"exit 3", 5000, W_EXITCODE(3, 0), 0, 2000},
-                 {"sleep 0.3", 10000, 0, 300, 2500},
-                 {"sleep 5", 300, -1, 300, 3000},
-                 {"sleep 5 & exit 0", 10000, 0, 0, 2500}};
-    for (const auto& c : cases) {
+    // The command, its time limit, RunShell's answer, and the least and most time it takes.
+    const std::tuple<const char*, int, int, int, int> cases[] = {
+        {"exit 3", 5000, W_EXITCODE(3, 0), 0, 2000},
+        {"sleep 0.3", 10000, 0, 300, 2500},
+        {"sleep 5", 300, -1, 300, 3000},
+        {"sleep 5 & exit 0", 10000, 0, 0, 2500}};
+    for (const auto& [command, timeout_ms, status, min_ms, max_ms] : cases) {
         const int64_t start = NowMs();
-        EXPECT_EQ(c.status, RunShell(c.command, c.timeout_ms)) << c.command;
+        EXPECT_EQ(status, RunShell(command, timeout_ms)) << command;
         const int64_t took = NowMs() - start;
-        EXPECT_TRUE(took >= c.min_ms && took <= c.max_ms) << c.command << " " << took;
+        EXPECT_TRUE(took >= min_ms && took <= max_ms) << command << " " << took;
     }
 }
 

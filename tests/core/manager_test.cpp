@@ -14,8 +14,7 @@
 
 namespace {
 
-using testutil::LogCapture;
-using testutil::Quiet;
+using namespace testutil;
 
 // No interface chosen or the device limit reached (a limit of 0 or below never scans): the
 // pass logs nothing with every category on, since any scan, binding or check logs its entry.
@@ -78,7 +77,7 @@ TEST(ManagerTest, CheckOfASilentSerialControllerWhileAnotherRequestArrives) {
         std::thread touches([&] {  // contact 0 down, again and again
             for (; streaming; usleep(2000)) controller.Send(Bytes{0x81, 0x0F, 0x7F, 0, 0});
         });
-        testutil::WaitUntil([&] { return log.Contains("Send SLOT Multi Event ID[0]"); }, 5000);
+        WaitUntil([&] { return log.Contains("Send SLOT Multi Event ID[0]"); }, 5000);
         bDeviceExistCheck.store(1);
         ScanLoopPass(&manager);
         streaming = false;
@@ -105,8 +104,8 @@ TEST(ManagerTest, CheckOfASilentSerialControllerWhileAnotherRequestArrives) {
 // The check unlinks every device without a port or whose USB node is gone and keeps the rest
 // in order; a serial controller that answers the loop-back keeps its receive thread.
 TEST(ManagerTest, AnsweringSerialControllerIsKept) {
-    testutil::TempDir dir;
-    ASSERT_TRUE(testutil::WriteFile(dir.File("present"), ""));
+    TempDir dir;
+    ASSERT_TRUE(WriteFile(dir.File("present"), ""));
     GlobalSettings settings = DevTestSettings();
     CManager manager(&settings);
     FakeController controller(false);

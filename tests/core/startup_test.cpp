@@ -18,20 +18,16 @@ namespace {
 
 using namespace testutil;
 
-GlobalSettings Zeroed() {
-    GlobalSettings settings;
-    memset(&settings, 0, sizeof(settings));
-    return settings;
-}
-
-// ParseCommandLine over the words of line (after the program name), from a zeroed record.
+// ParseCommandLine over the words of line (after the program name), from a zeroed record;
+// Parse("") is a record no option has changed.
 GlobalSettings Parse(const std::string& line) {
     std::istringstream in("TavrineD " + line);
     std::vector<std::string> words{std::istream_iterator<std::string>(in), {}};
     std::vector<char*> argv;
     for (std::string& w : words) argv.push_back(&w[0]);
     argv.push_back(nullptr);
-    GlobalSettings settings = Zeroed();
+    GlobalSettings settings;
+    memset(&settings, 0, sizeof(settings));
     ParseCommandLine(static_cast<int>(words.size()), argv.data(), &settings);
     return settings;
 }
@@ -43,14 +39,8 @@ TEST(CommandLineTest, OptionsChangeExactlyTheirFieldsAndStartupFlagsExit) {
     LogCapture restore;  // the log globals are put back at the end
     const std::string version = "Tavrine version: [", both = "can not be set at the same time";
     const int go = kReturned;  // start-up goes on
-    const struct {
-        std::string words;
-        uint32_t bits;
-        int position;
-        std::string flags;  // KillRunning, ShowVersion, ShowFullVersion, ForceRestart, ShowUsage
-        int status;
-        std::string out;
-    } cases[] = {
+    // Flags: KillRunning, ShowVersion, ShowFullVersion, ForceRestart, ShowUsage.
+    const std::tuple<std::string, uint32_t, int, std::string, int, std::string> cases[] = {
         // clang-format off
         {"-v", 1, 1, "01000", 0, version}, {"-V", 1, 1, "00100", 0, version},
         {"-h -k -f", 1, 1, "10011", 0, "Usage: TavrineD [option]"},
@@ -64,9 +54,9 @@ TEST(CommandLineTest, OptionsChangeExactlyTheirFieldsAndStartupFlagsExit) {
         {"plain --long", 1, 1, "00000", go, ""},
         // clang-format on
     };
-    for (const auto& c : cases) {
+    for (const auto& [words, bits, position, set, status, out] : cases) {
         DebugEnableBits = ShowDebugPosition = 1;
-        const GlobalSettings settings = Parse(c.words), zero = Zeroed();
+        const GlobalSettings settings = Parse(words), zero = Parse("");
         GlobalSettings rest = settings;
         std::string flags;
         for (uint8_t* flag : {&rest.KillRunning, &rest.ShowVersion, &rest.ShowFullVersion,
@@ -74,12 +64,12 @@ TEST(CommandLineTest, OptionsChangeExactlyTheirFieldsAndStartupFlagsExit) {
             flags += static_cast<char>('0' + *flag);
             *flag = 0;
         }
-        EXPECT_TRUE(flags == c.flags && memcmp(&rest, &zero, sizeof(zero)) == 0) << c.words;
-        EXPECT_TRUE(DebugEnableBits == c.bits && ShowDebugPosition == c.position) << c.words;
+        EXPECT_TRUE(flags == set && memcmp(&rest, &zero, sizeof(zero)) == 0) << words;
+        EXPECT_TRUE(DebugEnableBits == bits && ShowDebugPosition == position) << words;
         const ChildResult child = RunInChild([&] { HandleStartupFlags(&settings); });
-        EXPECT_TRUE(child.exited && child.status == c.status) << c.words << child.status;
-        EXPECT_TRUE(c.out.empty() ? child.out.empty() : child.out.find(c.out) != std::string::npos)
-            << c.words << child.out;
+        EXPECT_TRUE(child.exited && child.status == status) << words << child.status;
+        EXPECT_TRUE(out.empty() ? child.out.empty() : child.out.find(out) != std::string::npos)
+            << words << child.out;
     }
 }
 
@@ -101,7 +91,7 @@ TEST(CommandLineTest, OverlongTextOptionIsRefusedOnStandardErrorAndInTheLog) {
             dup2(STDOUT_FILENO, STDERR_FILENO);  // standard error on the captured pipe
             UniqueFd null_fd(OpenCloexec("/dev/null", O_WRONLY));
             dup2(null_fd.get(), STDOUT_FILENO);  // standard output and log prefixes dropped
-            const GlobalSettings zero = Zeroed(),
+            const GlobalSettings zero = Parse(""),
                                  s = Parse(std::string("-") + option + " " + fits + "b -p 1");
             _exit(memcmp(&s, &zero, sizeof(s)) != 0 ? 3 : log.CountExact(message) == 1 ? 0 : 4);
         });
@@ -123,7 +113,7 @@ TEST(SingleInstanceTest, StalePidFileKillsNothing) {
         ASSERT_TRUE(pid.empty() || WriteFile(dir.File("TouchPID"), pid + " "));
         for (const uint8_t kill_running : {1, 0}) {
             const ChildResult child = RunInChild([&] {
-                GlobalSettings settings = Zeroed();
+                GlobalSettings settings = Parse("");
                 settings.KillRunning = kill_running;
                 settings.ForceRestart = !kill_running;
                 CheckSingleInstance(&settings);
@@ -146,10 +136,7 @@ TEST(SingleInstanceTest, RootCheckEndsWithStatus255ForOtherUsers) {
 
 // Missing pieces are 0, empty pieces skipped as strtok does, huge numbers clamped.
 TEST(EnvironmentTest, KernelVersionFromProcVersionTextAndAndroidRelease) {
-    const struct {
-        std::string text;
-        int32_t major, minor, patch, old;
-    } kernels[] = {
+    const std::tuple<std::string, int32_t, int32_t, int32_t, int32_t> kernels[] = {
         // clang-format off
         {"2.6.34-xyz (b@h) (gcc version 4.4.3) #1", 2, 6, 34, 1}, {"2.6.35 (b@h) #2", 2, 6, 35, 0},
         {"6.1.0-18-amd64 (d@k)", 6, 1, 0, 0}, {"2.4.20 #1", 2, 4, 20, 0}, {"4.19", 4, 19, 0, 0},
@@ -157,12 +144,12 @@ TEST(EnvironmentTest, KernelVersionFromProcVersionTextAndAndroidRelease) {
         {"3..10.1", 3, 10, 1, 0}, {"-", 0, 0, 0, 0},  // "-": "Linux" alone, short of the prefix
         // clang-format on
     };
-    for (const auto& c : kernels) {
-        const std::string text = c.text == "-" ? "Linux" : "Linux version " + c.text;
+    for (const auto& [version, major, minor, patch, old] : kernels) {
+        const std::string text = version == "-" ? "Linux" : "Linux version " + version;
         KernelVersionInfo v = {-7, -7, -7};
         ParseKernelVersion(text.data(), text.size(), &v);
-        EXPECT_TRUE(v.major == c.major && v.minor == c.minor && v.patch == c.patch) << text;
-        EXPECT_EQ(c.old, IsOldKernel(v)) << text;
+        EXPECT_TRUE(v.major == major && v.minor == minor && v.patch == patch) << text;
+        EXPECT_EQ(old, IsOldKernel(v)) << text;
     }
     const std::pair<std::string, int32_t> androids[] = {
         {"4.0.4", 4}, {"10", 10}, {"R", 0}, {std::string(200, '8'), INT32_MAX}};
