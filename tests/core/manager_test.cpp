@@ -40,8 +40,7 @@ TEST(ManagerTest, PassWithoutScanningDoesNothing) {
 // thread is stopped before the lifts are written, so the last frame lifts the contact; the
 // request raised during the check is kept and answered by the next pass.
 TEST(ManagerTest, CheckOfASilentSerialControllerWhileAnotherRequestArrives) {
-    struct sigaction old;
-    ASSERT_TRUE(sigaction(SIGUSR2, nullptr, &old) == 0 && InstallSigUsr2Handler() == 0);
+    ASSERT_EQ(0, InstallSigUsr2Handler());
     GlobalSettings settings = DevTestSettings();
     settings.ScanInterface = 4;
     CManager manager(&settings);
@@ -60,22 +59,17 @@ TEST(ManagerTest, CheckOfASilentSerialControllerWhileAnotherRequestArrives) {
     touchtest::MakeEventPair(&device->UinputTouchFd, &touch);
     manager.DeviceListHead = device;
     manager.DeviceCount = 1;
-    // Tracking ids written to the touch device, read as they come (its queue is bounded).
-    std::vector<int32_t> ids;
-    std::atomic<bool> reading{true};
-    std::thread reader([&] {
-        for (bool more = true; more; usleep(1000)) {
-            more = reading;  // one more read after the last writer is done
-            for (const touchtest::Ev& e : touchtest::Drain(touch.get()))
-                if (e.type == EV_ABS && e.code == ABS_MT_TRACKING_ID) ids.push_back(e.value);
-        }
-    });
+    std::vector<int32_t> ids;  // tracking ids on the touch device, read as they come
+    const auto drain = [&] {   // (its queue is bounded)
+        for (const touchtest::Ev& e : touchtest::Drain(touch.get()))
+            if (e.type == EV_ABS && e.code == ABS_MT_TRACKING_ID) ids.push_back(e.value);
+    };
     LogCapture log(LOG_MAIN | LOG_THREAD | LOG_EVENT);
     Quiet([&] {
         StartRxLoopThread(device);
         std::atomic<bool> streaming{true};
         std::thread touches([&] {  // contact 0 down, again and again
-            for (; streaming; usleep(2000)) controller.Send(Bytes{0x81, 0x0F, 0x7F, 0, 0});
+            for (; streaming; usleep(2000), drain()) controller.Send(Bytes{0x81, 0x0F, 0x7F, 0, 0});
         });
         WaitUntil([&] { return log.Contains("Send SLOT Multi Event ID[0]"); }, 5000);
         bDeviceExistCheck.store(1);
@@ -83,8 +77,7 @@ TEST(ManagerTest, CheckOfASilentSerialControllerWhileAnotherRequestArrives) {
         streaming = false;
         touches.join();
     });
-    reading = false;
-    reader.join();
+    drain();  // the lifts written after the last touch
     EXPECT_TRUE(manager.DeviceCount == 0 && manager.DeviceListHead == nullptr);
     EXPECT_EQ(1, bDeviceExistCheck.load()) << "the request raised during the check was lost";
     // The release's lift is the last one (a starved reader may have seen an earlier lift and
@@ -98,7 +91,6 @@ TEST(ManagerTest, CheckOfASilentSerialControllerWhileAnotherRequestArrives) {
     EXPECT_EQ("Receive signal SIGUSR2. Set bDeviceExistCheck true.\nEntering DevicePnPCheck\n",
               log.Text());
     EXPECT_EQ(0, bDeviceExistCheck.load());
-    sigaction(SIGUSR2, &old, nullptr);
 }
 
 // The check unlinks every device without a port or whose USB node is gone and keeps the rest
