@@ -54,9 +54,8 @@ TEST(DataFileTest, LinksFifosDirectoriesAndOtherUsersFilesAreRefusedUntouched) {
     EXPECT_FALSE(FileExists(dir.File("nowhere")));
 }
 
-// The PID file, the debug log and the captured command output, each planted as a hard link
-// to a file elsewhere: that file keeps every byte, the refusal is logged (the capture is made
-// afresh instead), and the command's standard output and error still reach the reader.
+// The PID file, debug log and command capture, each a hard link to a file elsewhere: that file
+// keeps every byte; the capture is made afresh and still gets standard output and error.
 TEST(DataFileTest, DaemonFilesHardLinkedElsewhereAreNeverWritten) {
     TempDir elsewhere, data;  // the last one made is the data directory
     const std::string victim = elsewhere.File("victim"), log_file = data.File("Tavrine_1.log");
@@ -94,8 +93,7 @@ TEST(DataFileTest, WarnsOnceWhenTheDataDirectoryIsWritableByGroupOrOthers) {
     EXPECT_FALSE(WarnIfDataDirWritable());
 }
 
-// A terminal at a data file path is refused without becoming the daemon's controlling
-// terminal (the control: a plain open of the same terminal does acquire it).
+// The control: a plain open of the same terminal makes it the controlling terminal.
 TEST(DataFileTest, TerminalIsRefusedWithoutBecomingTheControllingTerminal) {
     const TtyResult control =
         OpenOfTerminalAcquiresIt([](const char* path) { return OpenCloexec(path, O_RDWR); });
@@ -135,8 +133,7 @@ TEST(ShellCaptureTest, CommandInheritsOnlyTheStandardDescriptors) {
     EXPECT_EQ(expected, seen);
 }
 
-// Values the daemon may put into a command line: device nodes and configured serial paths,
-// product ids from lsusb and the settings file (short ones padded as the kernel shows them).
+// Values for a command line: device nodes, serial paths, product ids (short ones padded).
 TEST(ShellTokenTest, TableOfValues) {
     const std::string longest = "/" + std::string(62, 'a'), too_long = longest + "a";  // 64 bytes
     // The text; IsPlainPathToken; IsProductIdToken; NormalizeProductId ("" = refused).

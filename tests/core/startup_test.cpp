@@ -18,8 +18,7 @@ namespace {
 
 using namespace testutil;
 
-// ParseCommandLine over the words of line (after the program name), from a zeroed record;
-// Parse("") is a record no option has changed.
+// ParseCommandLine over the words of line from a zeroed record (Parse("") stays zeroed).
 GlobalSettings Parse(const std::string& line) {
     std::istringstream in("TavrineD " + line);
     std::vector<std::string> words{std::istream_iterator<std::string>(in), {}};
@@ -32,9 +31,8 @@ GlobalSettings Parse(const std::string& line) {
     return settings;
 }
 
-// Each row: the words; the log globals after them (from 1 and 1); the flags they set (every
-// other byte of the record stays); the exit status and a piece of standard output of the
-// start-up flags: usage before everything, then the -f/-k conflict, then the version.
+// Rows: words; log globals after them (from 1, 1); flags set (no other byte changes); exit
+// status and output of the start-up flags (usage, then the -f/-k conflict, then version).
 TEST(CommandLineTest, OptionsChangeExactlyTheirFieldsAndStartupFlagsExit) {
     LogCapture restore;  // the log globals are put back at the end
     const std::string version = "Tavrine version: [", both = "can not be set at the same time";
@@ -73,10 +71,9 @@ TEST(CommandLineTest, OptionsChangeExactlyTheirFieldsAndStartupFlagsExit) {
     }
 }
 
-// A -r, -u or -z argument must fit 63 characters; a longer one is refused and nothing
-// changes (a cut path would name another file). The refusal goes to standard error at once
-// (standard output may be lost when the process detaches) and into the debug log after the
-// last option, so a later -p or -D chooses where it is logged.
+// A -r, -u or -z argument over 63 characters is refused, not cut (a cut path names another
+// file): at once on standard error (standard output may be lost when the process detaches),
+// and in the log after the last option, so a later -p or -D chooses where it is logged.
 TEST(CommandLineTest, OverlongTextOptionIsRefusedOnStandardErrorAndInTheLog) {
     LogCapture restore;
     const std::string fits = "/" + std::string(62, 'a');  // 63 characters
