@@ -62,28 +62,27 @@ TEST(ResolutionShift, WhichLogicalMaximumCountsAndItsShift) {
     }
 }
 
+// Each report id sets its own fields (the others keep 7): 1 mouse, 4 touch, 2 digitizer and
+// 6 parallel their shift and logical maximum (2047: no shift, scaled when parsed), 3 the
+// vendor report, 5 the feature report; 7 is ignored.
 TEST(ReportDescriptor, ReportIdsSetTheirFields) {
+    struct Case { std::vector<Bytes> parts; std::vector<int> fields; } cases[] = {
+        {{Report(1, 4095), Hex("8503 0600ff 0901"), Report(4, 32767), Hex("8505 0955 b102"), Hex("8507 0501 26ffff")},
+         {1, 4095, 3, 7, 7, 7, 7, 1, 1}},
+        {{Report(2, 16383), Report(6, 2047)}, {7, 7, 7, 2, 16383, 0, 2047, 0, 0}},
+    };
     GlobalSettings settings = DevTestSettings();
-    CDeviceObject dev("/dev/hidraw99", &settings), other("/dev/hidraw98", &settings);
-    dev.DigitizerResShift = dev.ParallelResShift = 7;  // ids 2 and 6 are not declared
-    Bytes d = Report(0x01, 4095);
-    // Vendor page, 0x04 report, a feature report, id 7 (ignored).
-    for (const Bytes& part : {Hex("8503 0600ff 0901"), Report(0x04, 32767), Hex("8505 0955 b102"),
-                              Hex("8507 0501 26ffff")})
-        d.insert(d.end(), part.begin(), part.end());
-    ApplyReportDescriptor(&dev, d.data(), static_cast<int>(d.size()));
-    EXPECT_EQ((std::vector<int>{1, 4095, 1, 3, 1, 7, 7}),
-              (std::vector<int>{dev.MouseResShift, dev.MouseLogicalMax, dev.bVendorReport,
-                                dev.MTouchResShift, dev.bSetFeature, dev.DigitizerResShift,
-                                dev.ParallelResShift}));
-    d = Report(0x02, 16383);
-    const Bytes parallel = Report(0x06, 2047);  // too small for a shift: scaled when parsed
-    d.insert(d.end(), parallel.begin(), parallel.end());
-    ApplyReportDescriptor(&other, d.data(), static_cast<int>(d.size()));
-    EXPECT_EQ((std::vector<int>{2, 0, 16383, 2047, 0, 0}),
-              (std::vector<int>{other.DigitizerResShift, other.ParallelResShift,
-                                other.DigitizerLogicalMax, other.ParallelLogicalMax,
-                                other.bVendorReport, other.bSetFeature}));
+    for (const Case& c : cases) {
+        CDeviceObject dev("/dev/hidraw99", &settings);
+        dev.MouseResShift = dev.MouseLogicalMax = dev.MTouchResShift = dev.DigitizerResShift =
+            dev.DigitizerLogicalMax = dev.ParallelResShift = dev.ParallelLogicalMax = 7;
+        Bytes d;
+        for (const Bytes& part : c.parts) d.insert(d.end(), part.begin(), part.end());
+        ApplyReportDescriptor(&dev, d.data(), static_cast<int>(d.size()));
+        EXPECT_EQ(c.fields, (std::vector<int>{dev.MouseResShift, dev.MouseLogicalMax, dev.MTouchResShift,
+                                              dev.DigitizerResShift, dev.DigitizerLogicalMax, dev.ParallelResShift,
+                                              dev.ParallelLogicalMax, dev.bVendorReport, dev.bSetFeature}));
+    }
 }
 
 // Every row of the series table in its order: the first match wins.
@@ -235,15 +234,6 @@ TEST(CreatedDevice, ThreadCreationFailureGivesNoDevice) {
                       want < RLIM_INFINITY ? static_cast<rlim_t>(want) : RLIM_INFINITY - 1);
 }
 
-int CountEntries(const char* dir) {
-    int n = 0;
-    if (DIR* d = opendir(dir)) {
-        while (readdir(d)) ++n;
-        closedir(d);
-    }
-    return n;
-}
-
 // Destroying a device during its set-up (draining the port of a streaming controller) stops
 // its thread at once; devices created and destroyed again and again, during set-up or after
 // it, and a node that cannot be opened, leave no descriptor and no thread behind.
@@ -255,7 +245,13 @@ TEST(CreatedDevice, DestroyDuringOrAfterSetupLeavesNothingBehind) {
     GlobalSettings settings = DevTestSettings();
     snprintf(settings.UinputPath, sizeof(settings.UinputPath), "%s/no_uinput", data.path().c_str());
     settings.CustomPathMask = kCustomUinputPathBit;
-    const int fds_before = CountEntries("/proc/self/fd"), tasks = CountEntries("/proc/self/task");
+    const auto count = [](const char* dir) {
+        int n = 0;
+        DIR* d = opendir(dir);
+        while (d && readdir(d)) ++n;
+        return d ? closedir(d), n : -1;
+    };
+    const int fds = count("/proc/self/fd"), tasks = count("/proc/self/task");
     struct termios raw;
     ASSERT_EQ(0, tcgetattr(pty.master.get(), &raw));
     cfmakeraw(&raw);
@@ -280,8 +276,8 @@ TEST(CreatedDevice, DestroyDuringOrAfterSetupLeavesNothingBehind) {
         if (i % 2) usleep(2000);  // destroyed during set-up or after it ended
     }
     EXPECT_EQ(nullptr, CDeviceObject::Create("/dev/hidraw_missing_for_test", &settings));
-    EXPECT_EQ(fds_before, CountEntries("/proc/self/fd"));
-    EXPECT_EQ(tasks, CountEntries("/proc/self/task"));
+    EXPECT_EQ(fds, count("/proc/self/fd"));
+    EXPECT_EQ(tasks, count("/proc/self/task"));
 }
 
 // Raw line at each rate, read back from the master side; a rate not in the table keeps the
