@@ -236,7 +236,7 @@ TEST_F(CommandTest, RepliesEachCommandAccepts) {
         {"100 characters", true, {{0x44, long_text}}, text(GetFWVersion), 0, std::string(63, 'V'), "44", nullptr},
         {"length 6", true, {{0x45, {Hex("030645 41424344454647")}}}, text(GetModelName), 0, "ABCDE", "45", nullptr},
         {"stops at 0", true, {{0x46, {Hex("030746 504300 58595a")}}}, text(GetTypeName), 0, "PC", "46", nullptr},
-        {"empty", false, {{0x44, {Hex("0a0144")}}}, text(GetFWVersion), 0, "keep", "44", "0a0144"},
+        {"length byte 1: text untouched", false, {{0x44, {Hex("0a0144")}}}, text(GetFWVersion), 0, "keep", "44", "0a0144"},
         {"other command", false, {{0x45, {Hex("0a0246 51")}}}, text(GetModelName), -1, "keep", "45 45 45", nullptr},
         {"EEPROM word", false, {{0x43, {Hex("0a0443 392301")}}}, ee(0x39), 0, "291", "43", "0a0243 39"},
         {"EEPROM other address", false, {{0x43, {Hex("0a0443 392301")}}}, ee(0x10), -1, "48879", "43", nullptr},
@@ -250,6 +250,12 @@ TEST_F(CommandTest, RepliesEachCommandAccepts) {
          [](CDeviceObject* d, std::string*) { d->Series = SERIES_LOMBAR; return DisableRCLKFunction(d), 0; }, 0, "", "43 34", "030434 070300"},
         {"format on its own thread", true, {{0x34, {Hex("030233 01")}}}, own_thread, 0, "", "34", "030234 010000"},
         {"format on its own thread, silent", true, {}, own_thread, -1, "", "34 34 34", nullptr},
+        {"firmware kind, silent: application firmware", false, {},
+         [](CDeviceObject* d, std::string* out) {
+             d->IAPType = IAP_BFW;
+             const int ret = DevGetIAPType(d);
+             return *out = d->IAPType == IAP_FW ? "application" : "boot", ret;
+         }, 0, "application", "39 39 39", "0a023902"},
         {"no version: unknown texts", true, {{0x46, {Hex("030646 4c4f4d7878")}}},
          [](CDeviceObject* d, std::string* out) {
              DevGetControllerInfo(d);
