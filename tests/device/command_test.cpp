@@ -85,7 +85,8 @@ using BlockingChannel = CommandTest;
 using RxThreadTest = CommandTest;
 
 TEST_F(CommandShift, WireBytesByPortAndKernel) {
-    struct Case { const char* name; bool usb; int32_t old_kernel; bool both_ends; int (*send)(CDeviceObject*); int result; const char* wire; } cases[] = {
+    struct Case { const char* name; bool usb; int32_t old_kernel; bool both_ends;
+        int (*send)(CDeviceObject*); int result; const char* wire; } cases[] = {
         // Old kernels: a leading report id 0 and 7-byte writes.
         {"USB feature, old kernel", true, 1, false, SetFeature, 7, "00 0502 00000000"},
         {"USB loop-back, old kernel", true, 1, false, SetLoopbackInside, -1, "00 030141 000000"},
@@ -115,7 +116,8 @@ TEST_F(CommandShift, WireBytesByPortAndKernel) {
 // other traffic, even endless, causes no new write and the exchange still ends after 3 s.
 // A port whose writes fail pauses 500 ms after each of its three attempts.
 TEST_F(SelfRecvTest, WritesAgainOnlyAfterASilentPeriod) {
-    struct Case { const char* name; int reply_ms; int answered_write; bool chatter; bool no_port; size_t min_writes, writes; bool replied; int min_ms, max_ms; } cases[] = {
+    struct Case { const char* name; int reply_ms; int answered_write; bool chatter; bool no_port;
+        size_t min_writes, writes; bool replied; int min_ms, max_ms; } cases[] = {
         {"on time", 10, 1, false, false, 1, 1, true, 0, 500},
         // The late reply to the first write arrives in the second period and ends it.
         {"after 600 ms", 600, 1, false, false, 1, 2, true, 550, 1100},
@@ -156,7 +158,8 @@ TEST_F(SelfRecvTest, WritesAgainOnlyAfterASilentPeriod) {
 // A command sent from another thread, its reply delivered by a real receive thread.
 TEST_F(BlockingChannel, CommandFromAnotherThread) {
     // reply: sent (in one write) to the `answer`th command.
-    struct Case { const char* name; bool format; const char* reply; int delay_ms, answer, result; size_t commands; int max_ms; } cases[] = {
+    struct Case { const char* name; bool format; const char* reply; int delay_ms, answer, result;
+        size_t commands; int max_ms; } cases[] = {
         {"on time", false, "0a0141", 5, 1, 0, 1, 400},
         // The reply to the first attempt comes after its 500 ms wait: the second one takes it.
         {"late", false, "0a0141", 750, 1, 0, 2, 1500},
@@ -232,7 +235,8 @@ TEST_F(CommandTest, RepliesEachCommandAccepts) {
     std::vector<Bytes> long_text = {Hex("030444 64 5656")};  // 100 'V' in fragments
     for (int left = 98; left > 0; left -= 3)
         long_text.push_back(Hex(left >= 3 ? "030400 565656" : "030300 5656"));
-    struct Case { const char* name; bool usb; Script script; Call call; int result; std::string out; const char* commands; const char* last; } cases[] = {
+    struct Case { const char* name; bool usb; Script script; Call call; int result;
+        std::string out; const char* commands; const char* last; } cases[] = {
         {"100 characters", true, {{0x44, long_text}}, text(GetFWVersion), 0, std::string(63, 'V'), "44", nullptr},
         {"length 6", true, {{0x45, {Hex("030645 41424344454647")}}}, text(GetModelName), 0, "ABCDE", "45", nullptr},
         {"stops at 0", true, {{0x46, {Hex("030746 504300 58595a")}}}, text(GetTypeName), 0, "PC", "46", nullptr},
@@ -280,7 +284,8 @@ TEST_F(CommandTest, RepliesEachCommandAccepts) {
 // Set-up up to the virtual devices: the commands in their order and what the device learns.
 TEST_F(CommandTest, SetupIdentifiesInOrder) {
     const char* unreachable = "UNREACHABLE UNREACHABLE UNREACHABLE";
-    struct Case { const char* name; bool usb; Script script; const char* commands; std::string texts; int32_t series; int8_t event_type; } cases[] = {
+    struct Case { const char* name; bool usb; Script script; const char* commands;
+        std::string texts; int32_t series; int8_t event_type; } cases[] = {
         // Firmware kind, type, version, model, type; serial ports have the vendor report.
         {"serial", false, {{0x39, {Hex("0a0439 040000")}}, {0x46, {Hex("0a0646 5043415036")}}, {0x44, {Hex("0a0344 3132")}},
           {0x45, {Hex("0a0345 4d31")}}}, "39 46 44 45 46", "PCAP6 12 M1 PCAP", SERIES_PCAP_6555, 2},
@@ -298,7 +303,8 @@ TEST_F(CommandTest, SetupIdentifiesInOrder) {
         usleep(20000);
         EXPECT_EQ(c.commands, Commands(controller));
         if (controller.ReceivedCount()) { EXPECT_EQ(Hex("0a023902"), controller.Received()[0]); }
-        EXPECT_EQ(c.texts, std::string(dev->TypeName) + " " + dev->FWVersion + " " + dev->ModelName + (dev->bPCAP ? " PCAP" : ""));
+        EXPECT_EQ(c.texts, std::string(dev->TypeName) + " " + dev->FWVersion + " " + dev->ModelName +
+                               (dev->bPCAP ? " PCAP" : ""));
         EXPECT_EQ(c.series, dev->Series);
         if (c.event_type >= 0) { EXPECT_EQ(c.event_type, dev->Param.EventType); }
     }
@@ -345,7 +351,7 @@ TEST_F(RxThreadTest, StopsALoopBlockedOnThePortAndOnlyAThreadThatExists) {
         EXPECT_LT(testutil::NowMs() - start, kStopBoundMs);
         EXPECT_FALSE(dev->bThreadCreated);
         EXPECT_EQ(0, dev->bThreadRunning.load());
-        EXPECT_FALSE(log.Contains("Call pthread_kill"));  // one signal, and it reached the thread
+        EXPECT_FALSE(log.Contains("Call pthread_kill"));  // the one signal was delivered
         EXPECT_EQ(0, StopReadThread(dev.get()));
     }
     CDeviceObject dev("/dev/hidraw99", &settings_);
@@ -359,7 +365,8 @@ TEST_F(RxThreadTest, StopsALoopBlockedOnThePortAndOnlyAThreadThatExists) {
 // the scan loop for a presence check; traffic starts the count again (here at 5 s: the check
 // comes at 20 s); other ports and a disabled check never count.
 TEST_F(RxThreadTest, Rs232SilenceRequestsPresenceCheck) {
-    struct Port { uint8_t interface, no_check; } ports[] = {{DEV_RS232, 0}, {DEV_RS232, 1}, {DEV_USB, 0}, {DEV_PS2, 0}};
+    struct Port { uint8_t interface, no_check; } ports[] = {
+        {DEV_RS232, 0}, {DEV_RS232, 1}, {DEV_USB, 0}, {DEV_PS2, 0}};
     std::vector<std::unique_ptr<FakeController>> controllers;
     std::vector<std::unique_ptr<CDeviceObject>> devs;
     bDeviceExistCheck = 0;
