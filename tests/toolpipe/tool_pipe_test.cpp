@@ -27,10 +27,8 @@ int Create(const std::string& path) {
     return CreateFifo(path.c_str(), kPipeInMode, O_RDWR | O_NONBLOCK);
 }
 
-// On Android the modes do not depend on the umask; an open pair is kept on a second call,
-// carries replies to the tool, is closed, and reopened as it is. A regular file, a link to
-// a FIFO, a dangling link and a terminal are refused: nothing is created, followed or
-// changed, and the terminal does not become the controlling one.
+// Android modes whatever the umask; a pair kept on a second call carries replies to the
+// tool, is closed and reopened. A file, links and a terminal are refused untouched.
 TEST(CreateFifo, ModesReuseAndRefusalOfWhatIsNotAFifo) {
     AndroidVersion = {9, 0};
     testutil::TempDir data;
@@ -80,17 +78,15 @@ int AsUser(uid_t uid, gid_t group, const std::function<int()>& body) {
     return waitpid(child, &status, 0) == child && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// Who reaches the tool pipes of a serial controller, by platform, data directory mode and
-// what was at the input pipe's path before. A user who reaches the input pipe diverts
-// the controller's touches to the output pipe; a user outside the directory's group must
-// never manage it on plain Linux, while a member of the group drives the relay as before.
+// Who reaches the tool pipes of a serial controller and so diverts its touches: on plain
+// Linux only root and the data directory's group, never a user outside it.
 TEST(AppPipes, OnPlainLinuxOnlyRootAndTheDirectorysGroupReachThem) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to act as other users";
     DevIgnoreSigusr2();
     const gid_t group = 4242;                  // the data directory's group
     const uid_t member = 4243, other = 65534;  // a user in that group, and one outside it
-    // The user writes the switch of point reports to the tool (0A 02 34 00) into the input
-    // pipe and opens the output pipe for reading. Bits: 1 wrote, 2 could read.
+    // Writes the switch of point reports to the tool into the input pipe (bit 1) and opens
+    // the output pipe for reading (bit 2).
     const auto reach = [](uid_t uid, gid_t gid) {
         return AsUser(uid, gid, [] {
             UniqueFd in(OpenCloexec(PipeInPath(), O_WRONLY | O_NONBLOCK));
@@ -98,10 +94,9 @@ TEST(AppPipes, OnPlainLinuxOnlyRootAndTheDirectorysGroupReachThem) {
             return (in.valid() && write(in.get(), "\x0a\x02\x34\x00", 4) == 4) | out.valid() << 1;
         });
     };
-    // Android version (0: plain Linux), directory mode (owner root), owner and mode of a FIFO
-    // already at the input path (mode 0: none), whether the daemon uses the input pipe, and
-    // reach() of the other user and of the member.
-    struct Case {
+    // Android (0: plain Linux), directory mode, owner and mode of a FIFO already at the input
+    // path (mode 0: none), the input pipe used, reach() of the other user and of the member.
+    const struct {
         int android;
         mode_t dir_mode;
         uid_t fifo_owner;
@@ -114,7 +109,7 @@ TEST(AppPipes, OnPlainLinuxOnlyRootAndTheDirectorysGroupReachThem) {
         {0, 0750, 0, 0622, false, 0, 2},  {0, 0770, member, 0666, false, 0, 2},
         {9, 0755, 0, 0, true, 3, 3},      {9, 0777, other, 0666, false, 2, 2},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << c.android << std::oct << " " << c.dir_mode << " "
                                         << c.fifo_mode);
         AndroidVersion = {c.android, 0};
@@ -149,19 +144,20 @@ TEST(AppPipes, OnPlainLinuxOnlyRootAndTheDirectorysGroupReachThem) {
 }
 
 // A non-blocking pipe as the input FIFO is opened, its read end given to dev; the tool's end.
-UniqueFd ToolPipe(CDeviceObject* dev) {
+UniqueFd ToolPipe(CDeviceObject* dev, const Bytes& in) {
     int fds[2];
     EXPECT_EQ(0, pipe2(fds, O_NONBLOCK | O_CLOEXEC));
     dev->m_fdPipeIn.reset(fds[0]);
+    EXPECT_EQ(ssize_t(in.size()), write(fds[1], in.data(), in.size()));
     return UniqueFd(fds[1]);
 }
 
-// What the tool writes reaches the port as it is (USB: framed by a zero byte at each end
-// when configured; a reset is only forwarded); a serial switch of point reports (0A 02 34
-// xx) also switches where the controller's touches go, for the series that support it.
+// The tool's packet reaches the port (USB: framed by zero bytes when configured; a reset
+// only forwarded); a serial switch of point reports (0A 02 34 xx) also switches where the
+// touches go, for the series that support it. A second, empty read sends nothing.
 TEST(ForwardTest, RelaysToolPacketsAndSwitchesSerialReports) {
     DevIgnoreSigusr2();
-    struct Case {
+    const struct {
         uint8_t interface;
         bool shift;
         int32_t series;
@@ -177,7 +173,7 @@ TEST(ForwardTest, RelaysToolPacketsAndSwitchesSerialReports) {
         {DEV_RS232, false, 5, 1, 1, {0x0A, 0x02, 0x34, 0x02}, {}},  // unknown data byte
         {DEV_RS232, false, 12, 0, 0, {0x0A, 0x02, 0x34, 0x00}, {}},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << int(c.interface) << " " << c.shift << " " << c.series);
         GlobalSettings settings = DevTestSettings();
         settings.ShiftByteBothEnd = c.shift;
@@ -187,10 +183,9 @@ TEST(ForwardTest, RelaysToolPacketsAndSwitchesSerialReports) {
         AttachPort(&dev, &controller, c.interface);
         dev.Series = c.series;
         dev.bPointsToTool = c.before;
-        UniqueFd tool = ToolPipe(&dev);
-        ASSERT_EQ(ssize_t(c.in.size()), write(tool.get(), c.in.data(), c.in.size()));
+        UniqueFd tool = ToolPipe(&dev, c.in);
         ForwardFromTool(&dev);
-        ForwardFromTool(&dev);  // the pipe is empty now: nothing more is sent
+        ForwardFromTool(&dev);
         ASSERT_TRUE(controller.WaitForPackets(1, 1000));
         usleep(20000);
         EXPECT_EQ(std::vector<Bytes>{c.port.empty() ? c.in : c.port}, controller.Received());
@@ -198,9 +193,8 @@ TEST(ForwardTest, RelaysToolPacketsAndSwitchesSerialReports) {
     }
 }
 
-// A reset command to an RS232 controller at 19200 bit/s is forwarded, then the relay
-// searches the line speed again: the pty stand-in answers the loop-back at 57600 bit/s,
-// or never, when after three passes the line goes back to the speed the device had.
+// A reset to an RS232 controller at 19200 bit/s is forwarded, then the speed searched again:
+// the pty stand-in answers the loop-back at 57600, or never (three passes, then 19200 again).
 TEST(ForwardTest, ResetCommandOnRs232RechecksTheSpeed) {
     DevIgnoreSigusr2();
     using Speeds = std::vector<speed_t>;
@@ -213,8 +207,7 @@ TEST(ForwardTest, ResetCommandOnRs232RechecksTheSpeed) {
         GlobalSettings settings = DevTestSettings();
         CDeviceObject dev("/dev/ttyS99", &settings);
         testutil::Pty pty;
-        ASSERT_TRUE(testutil::OpenPty(&pty));
-        ASSERT_EQ(0, SetPortBaudRate(pty.slave.get(), 19200, 1));
+        ASSERT_TRUE(testutil::OpenPty(&pty) && SetPortBaudRate(pty.slave.get(), 19200, 1) == 0);
         dev.DevInterface = DEV_RS232;
         dev.CmdHeader = CMD_HEADER_SERIAL;
         dev.BaudRate = 19200;
@@ -232,8 +225,7 @@ TEST(ForwardTest, ResetCommandOnRs232RechecksTheSpeed) {
             return replies;
         });
         controller.Start();
-        UniqueFd tool = ToolPipe(&dev);
-        ASSERT_EQ(5, write(tool.get(), "\x0a\x03\x52\x3a\xff", 5));
+        UniqueFd tool = ToolPipe(&dev, {0x0A, 0x03, 0x52, 0x3A, 0xFF});
         const int64_t start = testutil::NowMs();
         ForwardFromTool(&dev);
         const int64_t elapsed = testutil::NowMs() - start;
