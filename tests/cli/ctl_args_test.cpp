@@ -2,73 +2,70 @@
 
 #include <gtest/gtest.h>
 
-#include <string.h>
-
+#include <sstream>
 #include <string>
 #include <vector>
 
 namespace {
 
-// Splits a command line at blanks (no quoting needed by these cases).
-struct Argv {
-    explicit Argv(const std::string& line) {
-        words.push_back("tavrinectl");
-        size_t pos = 0;
-        while (pos < line.size()) {
-            size_t end = line.find(' ', pos);
-            if (end == std::string::npos) end = line.size();
-            if (end > pos) words.push_back(line.substr(pos, end - pos));
-            pos = end + 1;
-        }
-        for (auto& w : words) pointers.push_back(w.c_str());
-    }
+// Parses line (words split at blanks) into o; the status, and the reason in why.
+int Parse(const std::string& line, CtlOptions* o, std::string* why) {
+    std::istringstream split(line);
     std::vector<std::string> words;
-    std::vector<const char*> pointers;
-};
-
-int Parse(const std::string& line, CtlOptions* options, std::string* why) {
-    Argv argv(line);
-    char err[256];
-    int rc = ParseCtlArgs(static_cast<int>(argv.pointers.size()), argv.pointers.data(), options,
-                          err, sizeof(err));
+    for (std::string word; split >> word;) words.push_back(word);
+    std::vector<const char*> argv = {"tavrinectl"};
+    for (const std::string& word : words) argv.push_back(word.c_str());
+    char err[256] = "";
+    const int rc = ParseCtlArgs(int(argv.size()), argv.data(), o, err, sizeof(err));
     *why = err;
     return rc;
 }
 
-TEST(CtlArgs, AcceptedCommandLines) {
-    struct Case {
-        const char* line;
-        CtlCommand command;
-        CtlBus bus;
+// Command lines with what they set (options before or after the command).
+TEST(CtlArgs, CommandLines) {
+    using C = CtlCommand;
+    using B = CtlBus;
+    std::string bytes64 = "raw";
+    for (int i = 0; i < 64; ++i) bytes64 += " 5a";
+    const struct {
+        std::string line;
+        C command;
+        B bus;
         int timeout_ms;
         long count;
+        std::vector<uint8_t> raw;
     } cases[] = {
-        {"version", CtlCommand::kVersion, CtlBus::kAuto, 2000, 0},
-        {"--usb model", CtlCommand::kModel, CtlBus::kUsb, 2000, 0},
-        {"type --serial --timeout 150", CtlCommand::kType, CtlBus::kSerial, 150, 0},
-        {"--timeout 600000 version", CtlCommand::kVersion, CtlBus::kAuto, 600000, 0},
-        {"points", CtlCommand::kPoints, CtlBus::kSerial, 2000, 0},  // points is serial only
-        {"points --count 5 --serial", CtlCommand::kPoints, CtlBus::kSerial, 2000, 5},
-        {"version --help", CtlCommand::kHelp, CtlBus::kAuto, 2000, 0},
+        {"version", C::kVersion, B::kAuto, 2000, 0, {}},
+        {"--usb model", C::kModel, B::kUsb, 2000, 0, {}},
+        {"type --serial --timeout 150", C::kType, B::kSerial, 150, 0, {}},
+        {"--timeout 600000 version", C::kVersion, B::kAuto, 600000, 0, {}},
+        {"points", C::kPoints, B::kSerial, 2000, 0, {}},  // points is serial only
+        {"points --count 5 --serial", C::kPoints, B::kSerial, 2000, 5, {}},
+        {"version --help", C::kHelp, B::kAuto, 2000, 0, {}},
+        {"raw 03 01 41", C::kRaw, B::kAuto, 2000, 0, {0x03, 0x01, 0x41}},
+        {"raw 030141", C::kRaw, B::kAuto, 2000, 0, {0x03, 0x01, 0x41}},
+        {"raw 0x0a,0x2:34 0", C::kRaw, B::kAuto, 2000, 0, {0x0A, 0x02, 0x34, 0x00}},
+        {"raw A FF --timeout 5", C::kRaw, B::kAuto, 5, 0, {0x0A, 0xFF}},
+        {bytes64, C::kRaw, B::kAuto, 2000, 0, std::vector<uint8_t>(64, 0x5A)},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.line);
-        CtlOptions options;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.line.substr(0, 40));
+        CtlOptions o;
         std::string why;
-        ASSERT_EQ(Parse(c.line, &options, &why), 0) << why;
-        EXPECT_EQ(options.command, c.command);
-        if (c.command == CtlCommand::kHelp) continue;
-        EXPECT_EQ(options.bus, c.bus);
-        EXPECT_EQ(options.timeout_ms, c.timeout_ms);
-        EXPECT_EQ(options.count, c.count);
+        ASSERT_EQ(0, Parse(c.line, &o, &why)) << why;
+        EXPECT_TRUE(o.command == c.command && o.bus == c.bus);
+        EXPECT_EQ(c.timeout_ms, o.timeout_ms);
+        EXPECT_EQ(c.count, o.count);
+        EXPECT_EQ(c.raw, std::vector<uint8_t>(o.raw, o.raw + o.raw_len));
     }
-}
-
-TEST(CtlArgs, RefusedCommandLinesSayWhy) {
-    struct Case {
-        const char* line;
-        const char* reason;  // a piece of the message
-    } cases[] = {
+    // Refused, with a piece of the reason; a packet is at most 64 bytes, also as one run of
+    // digits, and many words without a byte do not overrun the word table.
+    std::string commas = "raw";
+    for (int i = 0; i < 300; ++i) commas += " ,";
+    const std::pair<std::string, const char*> refused[] = {
+        {bytes64 + " 00", "at most 64"},
+        {"raw " + std::string(130, '1'), "at most 64"},
+        {commas, ""},
         {"", "no command"},
         {"versions", "unknown command"},
         {"--verbose version", "unknown option"},
@@ -84,51 +81,12 @@ TEST(CtlArgs, RefusedCommandLinesSayWhy) {
         {"raw", "no bytes"},
         {"raw 03 1g", "not a hexadecimal byte: \"1g\""},
     };
-    for (const Case& c : cases) {
-        CtlOptions options;
+    for (const auto& r : refused) {
+        CtlOptions o;
         std::string why;
-        EXPECT_EQ(Parse(c.line, &options, &why), -1) << c.line;
-        EXPECT_NE(why.find(c.reason), std::string::npos) << c.line << " gave: " << why;
+        EXPECT_EQ(-1, Parse(r.first, &o, &why)) << r.first.substr(0, 40);
+        EXPECT_NE(why.find(r.second), std::string::npos) << r.first.substr(0, 40) << ": " << why;
     }
-}
-
-TEST(CtlArgs, RawBytesInEveryAcceptedSpelling) {
-    struct Case {
-        const char* line;
-        std::vector<uint8_t> bytes;
-    } cases[] = {
-        {"raw 03 01 41", {0x03, 0x01, 0x41}},
-        {"raw 030141", {0x03, 0x01, 0x41}},
-        {"raw 0x0a,0x2:34 0", {0x0A, 0x02, 0x34, 0x00}},
-        {"raw A FF --timeout 5", {0x0A, 0xFF}},
-    };
-    for (const Case& c : cases) {
-        CtlOptions options;
-        std::string why;
-        ASSERT_EQ(Parse(c.line, &options, &why), 0) << c.line << ": " << why;
-        ASSERT_EQ(options.command, CtlCommand::kRaw);
-        EXPECT_EQ(std::vector<uint8_t>(options.raw, options.raw + options.raw_len), c.bytes)
-            << c.line;
-    }
-}
-
-TEST(CtlArgs, RawPacketIsBoundedTo64Bytes) {
-    std::string line = "raw";
-    for (int i = 0; i < 64; ++i) line += " 5a";
-    CtlOptions options;
-    std::string why;
-    ASSERT_EQ(Parse(line, &options, &why), 0) << why;
-    EXPECT_EQ(options.raw_len, 64);
-    EXPECT_EQ(options.raw[63], 0x5A);
-    // One more byte, as a separate word or inside a run of digits, is refused.
-    EXPECT_EQ(Parse(line + " 00", &options, &why), -1);
-    EXPECT_NE(why.find("at most 64"), std::string::npos) << why;
-    EXPECT_EQ(Parse("raw " + std::string(130, '1'), &options, &why), -1);
-    EXPECT_NE(why.find("at most 64"), std::string::npos) << why;
-    // Many words each holding no byte do not overrun the word table.
-    std::string commas = "raw";
-    for (int i = 0; i < 300; ++i) commas += " ,";
-    EXPECT_EQ(Parse(commas, &options, &why), -1);
 }
 
 }  // namespace
