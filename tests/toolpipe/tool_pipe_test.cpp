@@ -30,6 +30,7 @@ int Create(const std::string& path) {
 // Android modes whatever the umask; a pair kept on a second call carries replies to the
 // tool, is closed and reopened. A file, links and a terminal are refused untouched.
 TEST(CreateFifo, ModesReuseAndRefusalOfWhatIsNotAFifo) {
+    const AndroidVersionInfo saved_version = AndroidVersion;
     AndroidVersion = {9, 0};
     testutil::TempDir data;
     GlobalSettings settings = DevTestSettings();
@@ -64,6 +65,7 @@ TEST(CreateFifo, ModesReuseAndRefusalOfWhatIsNotAFifo) {
     EXPECT_EQ(0u, ModeOf(data.File("none")));
     EXPECT_NE(testutil::TtyResult::kAcquired,
               testutil::OpenOfTerminalAcquiresIt([](const char* path) { return Create(path); }));
+    AndroidVersion = saved_version;
 }
 
 // Runs body in a child as uid (primary group uid, supplementary group group): its status.
@@ -83,6 +85,7 @@ int AsUser(uid_t uid, gid_t group, const std::function<int()>& body) {
 TEST(AppPipes, OnPlainLinuxOnlyRootAndTheDirectorysGroupReachThem) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to act as other users";
     DevIgnoreSigusr2();
+    const AndroidVersionInfo saved_version = AndroidVersion;
     const gid_t group = 4242;                  // the data directory's group
     const uid_t member = 4243, other = 65534;  // a user in that group, and one outside it
     // Writes the switch of point reports to the tool into the input pipe (bit 1) and opens
@@ -127,7 +130,8 @@ TEST(AppPipes, OnPlainLinuxOnlyRootAndTheDirectorysGroupReachThem) {
         DevCreateAppPipe(&dev);
         ASSERT_EQ(c.opened, dev.m_fdPipeIn.valid());
         struct stat in;
-        if (c.opened && stat(PipeInPath(), &in) == 0) {
+        if (c.opened) {
+            ASSERT_EQ(0, stat(PipeInPath(), &in));
             EXPECT_EQ(c.android ? 0622u : 0620u, in.st_mode & 07777);
             EXPECT_EQ(c.android ? 0644u : 0640u, ModeOf(PipeOutPath()) & 07777);
             EXPECT_TRUE(c.android || in.st_gid == group);
@@ -141,6 +145,7 @@ TEST(AppPipes, OnPlainLinuxOnlyRootAndTheDirectorysGroupReachThem) {
         EXPECT_EQ(((c.other | c.member) & 1) && c.opened, dev.bPointsToTool);
         DevCloseAppPipe(&dev);
     }
+    AndroidVersion = saved_version;
 }
 
 // A non-blocking pipe as the input FIFO is opened, its read end given to dev; the tool's end.
