@@ -212,7 +212,9 @@ TEST(WaitDeviceResponse, TimeBoundUnderEndlessTraffic) {
         auto pair = Pair(c.type);
         UniqueFd port(c.flood.empty() ? OpenCloexec("/dev/zero", O_RDONLY) : pair.first.release());
         std::atomic<bool> stop{false};
-        const Bytes piece = Hex(c.flood);
+        const Bytes piece = Hex(c.flood);  // the buffer is filled before the reader starts
+        while (!piece.empty() && send(pair.second.get(), piece.data(), piece.size(), MSG_DONTWAIT) > 0) {
+        }
         std::thread flood([&] {
             while (!piece.empty() && !stop) {
                 if (send(pair.second.get(), piece.data(), piece.size(), MSG_DONTWAIT) < 0) usleep(500);
