@@ -157,9 +157,9 @@ TEST_F(PortScanTest, CustomSerialPathsThatAreNotTerminalsAreNeverWritten) {
     testutil::LogCapture log;
     settings_.MaxDeviceNums = 2;
     settings_.CustomPathMask = kCustomSerialPathBit;
-    snprintf(settings_.CustomSerialPath[0], kTextMax, "%s", lure.c_str());
-    snprintf(settings_.CustomSerialPath[1], kTextMax, "%s", ini.c_str());
-    snprintf(settings_.CustomSerialPath[2], kTextMax, "/dev/null");
+    snprintf(settings_.CustomSerialPath[0], kTextMax, "/dev/null");  // the first slot counts too
+    snprintf(settings_.CustomSerialPath[1], kTextMax, "%s", lure.c_str());
+    snprintf(settings_.CustomSerialPath[2], kTextMax, "%s", ini.c_str());
     ScanRS232Port(&manager_);
     ScanRS232Port(&manager_);
     EXPECT_EQ(0, manager_.DeviceCount);
