@@ -182,11 +182,11 @@ TEST(WaitDeviceResponse, ReplyNoReplyAndSplitReply) {
 }
 
 // A port that keeps delivering bytes that never complete an awaited reply holds each
-// reader at most its limit: /dev/zero (never runs dry, never forms a packet), and a peer
+// reader (ReadDeviceResponse, and WaitDeviceResponse) at most its limit: /dev/zero (never runs dry, never forms a packet), and a peer
 // thread sending, over and over, serial packets of illegal length to ReadDeviceResponse
 // and packets for another command to WaitDeviceResponse. For the peer only the upper
 // bound holds: a writer descheduled on a busy host looks like silence, which ends earlier.
-TEST(WaitDeviceResponse, TimeBoundUnderEndlessTraffic) {
+TEST(ReadDeviceResponse, TimeBoundUnderEndlessTraffic) {
     const auto probe = [](uint8_t serial) {
         return [serial](int fd) {
             ProbeContext context = {};
