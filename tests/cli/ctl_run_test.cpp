@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <thread>
 
@@ -183,17 +184,19 @@ TEST_F(CtlRunTest, TextsAndRawRepliesOnBothBuses) {
 // cut between two reads is joined. Last, an interruption before anything came succeeds.
 TEST_F(CtlRunTest, PointsAreSwitchedOnPrintedAndSwitchedBack) {
     const Bytes on = {0x0A, 0x02, 0x34, 0x00}, off = {0x0A, 0x02, 0x34, 0x01};
-    int switches = 0;
-    StartDaemon([&](const Bytes& p) {
-        if (p != on || ++switches > 2) return Packets();
+    const auto switches = std::make_shared<int>(0);  // the thread may outlive this body
+    StartDaemon([on, switches](const Bytes& p) {
+        if (p != on || ++*switches > 2) return Packets();
         Bytes all = {0x0A, 0x02, 0x33, 0x00};
-        if (switches == 1) {
+        if (*switches == 1) {
             return Packets{all, Padded({0x0A, 0x83, 0x20, 0x08, 0x40, 0x04}) +
                                     Padded({0x0A, 0x82, 0x20, 0x08, 0x40, 0x04}),
                            Padded({0x0A, 0x83, 0x04, 0x01, 0x08, 0x03})};
         }
         all.push_back(0x55);
-        for (uint8_t i = 0; i < 5; ++i) all = all + Padded({0x0A, uint8_t(0x83 - (i == 4)), uint8_t(2 * i), 0x01, 0x10, 0x02});
+        for (uint8_t i = 0; i < 5; ++i) {
+            all = all + Padded({0x0A, uint8_t(0x83 - (i == 4)), uint8_t(2 * i), 0x01, 0x10, 0x02});
+        }
         return Packets{all};
     });
     Expect({"points", "--count", "4", "--timeout", "200"}, kCtlNoAnswer,
