@@ -218,8 +218,8 @@ TEST(ForwardTest, ResetCommandOnRs232RechecksTheSpeed) {
         dev.BaudRate = 19200;
         dev.m_Port_fd = std::move(pty.slave);
         const int master = pty.master.release();
-        FakeController controller(master);  // owns master
-        Speeds tried;
+        Speeds tried;                       // written by the controller's thread
+        FakeController controller(master);  // owns master; stops before tried goes
         controller.SetResponder([&](const Bytes& packet) {
             std::vector<TimedReply> replies;
             struct termios line;
