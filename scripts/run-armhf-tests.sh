@@ -41,7 +41,6 @@ emulator_limits=(
     'SerialPort\.OpenAtConfiguredSpeedAndRestoreOnClose'
     'SetPortBaudRate\.'
     # The serial speed search and recheck go through the same calls.
-    'RecheckBaudRate\.'
     'ForwardTest\.ResetCommandOnRs232RechecksTheSpeed'
 )
 exclude=$(IFS='|'; echo "${emulator_limits[*]}")

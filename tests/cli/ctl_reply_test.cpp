@@ -9,120 +9,81 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-Bytes Padded(Bytes b, size_t size) {
-    b.resize(size, 0);
+// The bytes of hex (two digits a byte), then text, zero-padded to pad bytes.
+Bytes P(const std::string& hex, const std::string& text = "", size_t pad = 0) {
+    Bytes b;
+    for (size_t i = 0; i + 1 < hex.size(); i += 2) b.push_back(std::stoi(hex.substr(i, 2), 0, 16));
+    b.insert(b.end(), text.begin(), text.end());
+    if (b.size() < pad) b.resize(pad, 0);
     return b;
 }
 
-Bytes Concat(std::initializer_list<Bytes> parts) {
-    Bytes all;
-    for (const Bytes& p : parts) all.insert(all.end(), p.begin(), p.end());
-    return all;
+Bytes operator+(Bytes a, const Bytes& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
 }
 
-std::string Text(const Bytes& reply, size_t size = 300) {
-    std::vector<char> text(size);
-    ReplyText(reply.data(), static_cast<int>(reply.size()), text.data(), text.size());
-    return text.data();
-}
-
-// Replies as the daemon writes them to the output pipe, alone and back to back in one read.
+// Replies as the daemon writes them to the output pipe, alone and back to back in one
+// read: the offset of the asked one (header, command), or -1.
 TEST(CtlReply, FindsTheAskedReplyAmongPacketsOfOneRead) {
-    const Bytes usb_loopback = Padded({0x03, 0x01, 0x41}, 64);            // whole report
-    const Bytes usb_version = {0x03, 0x06, 0x44, 'V', '1', '.', '2', '3'};  // merged reply
-    const Bytes usb_type_report = Padded({0x03, 0x09, 0x46, 'P', 'C', 'A', 'P', '6', '5', '5', '5'}, 64);
-    const Bytes serial_model = {0x0A, 0x04, 0x45, 'A', 'B', 'C'};
-    const Bytes serial_point = Padded({0x0A, 0x83, 0x20, 0x08, 0x45, 0x04}, 64);  // byte 2 0x20
-    struct Case {
+    const Bytes loop = P("030141", "", 64), version = P("030644", "V1.23");  // whole, merged
+    const Bytes type = P("030946", "PCAP6555", 64), model = P("0A0445", "ABC");
+    const Bytes point = P("0A8320084504", "", 64);  // a serial point: byte 2 is 0x20
+    const struct {
         Bytes read;
-        uint8_t header;
-        uint8_t command;
+        uint8_t header, command;
         int offset;
     } cases[] = {
-        {usb_version, 0x03, 0x44, 0},
-        {usb_version, 0x0A, 0x44, -1},                      // other header
-        {usb_version, 0x03, 0x45, -1},                      // other command
-        {Concat({usb_loopback, usb_version}), 0x03, 0x44, 64},
-        {Concat({usb_version, usb_loopback}), 0x03, 0x41, 8},
-        {Concat({usb_version, usb_type_report}), 0x03, 0x46, 8},
-        {Concat({usb_loopback, usb_loopback, usb_version}), 0x03, 0x44, 128},
-        {Concat({serial_point, serial_model}), 0x0A, 0x45, 64},
-        {Concat({serial_model, serial_point}), 0x0A, 0x45, 0},
-        // A point packet whose X low byte equals the asked command is no reply.
-        {Padded({0x0A, 0x82, 0x45, 0x00, 0x00, 0x00}, 64), 0x0A, 0x45, -1},
-        {Bytes{0x03, 0x01}, 0x03, 0x01, -1},               // too short to hold a command
-        {Bytes{0x55, 0x03, 0x44, 0x00}, 0x03, 0x44, -1},   // unknown first byte: read skipped
+        {version, 0x03, 0x44, 0},          {version, 0x0A, 0x44, -1},
+        {version, 0x03, 0x45, -1},         {loop + version, 0x03, 0x44, 64},
+        {version + loop, 0x03, 0x41, 8},   {version + type, 0x03, 0x46, 8},
+        {loop + loop + version, 0x03, 0x44, 128},
+        {point + model, 0x0A, 0x45, 64},   {model + point, 0x0A, 0x45, 0},
+        {P("0A8245000000", "", 64), 0x0A, 0x45, -1},  // a point whose X low byte is 0x45
+        {P("0301"), 0x03, 0x01, -1},                  // too short to hold a command
+        {P("55034400"), 0x03, 0x44, -1},              // unknown first byte: read skipped
     };
-    for (size_t i = 0; i < sizeof(cases) / sizeof(cases[0]); ++i) {
-        const Case& c = cases[i];
-        EXPECT_EQ(FindReply(c.read.data(), static_cast<int>(c.read.size()), c.header, c.command),
-                  c.offset)
-            << "case " << i;
+    for (const auto& c : cases) {
+        EXPECT_EQ(c.offset, FindReply(c.read.data(), int(c.read.size()), c.header, c.command))
+            << testing::PrintToString(c.read);
     }
+    for (const Bytes& b : {P("0A3E44"), P("03FF4400"), P("0A8301"), P("03"), P("770102")}) {
+        const int len = CtlPacketLength(b.data(), int(b.size()));
+        EXPECT_TRUE(len >= 1 && len <= int(b.size())) << len;  // never past the read
+    }
+    EXPECT_EQ(4, CtlPacketLength(P("0A0233010A0141").data(), 7));  // the switch reply
+    CtlPoint point_out;
+    EXPECT_EQ(-1, DecodeToolPoint(P("0A0433070132").data(), 6, &point_out));  // not a point
+    EXPECT_EQ(-1, DecodeToolPoint(P("0A83200840").data(), 5, &point_out));     // cut short
 }
 
-TEST(CtlReply, PacketLengthNeverPassesTheRead) {
-    const Bytes cases[] = {
-        {0x0A, 0x3E, 0x44},      // length byte says 64, three bytes there
-        {0x03, 0xFF, 0x44, 0x00},
-        {0x0A, 0x83, 0x01},
-        {0x03},
-        {0x77, 0x01, 0x02},
-    };
-    for (const Bytes& b : cases) {
-        int len = CtlPacketLength(b.data(), static_cast<int>(b.size()));
-        EXPECT_GE(len, 1);
-        EXPECT_LE(len, static_cast<int>(b.size()));
-    }
-    // The switch reply 0A 02 33 xx is four bytes long, whatever follows.
-    const Bytes serial_reply = {0x0A, 0x02, 0x33, 0x01, 0x0A, 0x01, 0x41};
-    EXPECT_EQ(CtlPacketLength(serial_reply.data(), 7), 4);
-}
-
+// The text of a reply: up to its length byte, the read and the first 0 byte, at most 63
+// characters, non-printable bytes escaped, and whole characters in the caller's buffer.
 TEST(CtlReply, TextOfIdentificationReplies) {
+    std::string escaped;  // 63 bytes 0x80 fill the tool's own buffer
+    for (int i = 0; i < kCtlTextMax; ++i) escaped += "\\x80";
     const struct {
         Bytes reply;
+        size_t size;
         std::string text;
     } cases[] = {
-        {{0x03, 0x06, 0x44, 'V', '1', '.', '2', '3'}, "V1.23"},
-        // The whole 64-byte report of a capacitive controller: the text ends at its length.
-        {Padded({0x03, 0x09, 0x46, 'P', 'C', 'A', 'P', '6', '5', '5', '5'}, 64), "PCAP6555"},
-        {{0x0A, 0x04, 0x45, 'A', 'B', 'C', 'D', 'E'}, "ABC"},  // length byte 4: three bytes
-        {{0x0A, 0x06, 0x45, 'A', 0x00, 'C', 'D', 'E'}, "A"},   // stops at the first 0 byte
-        {Padded({0x03, 0x01, 0x44}, 64), ""},                    // answered, no text
-        {{0x0A, 0x3E, 0x46, 'X', 'Y'}, "XY"},  // a length past the read is cut at the read
-        // Bytes that are not printable are shown escaped, never written raw to a terminal.
-        {{0x0A, 0x05, 0x44, 'A', 0x1B, 0xFF, 'B'}, "A\\x1b\\xffB"},
+        {P("030644", "V1.23"), 300, "V1.23"},
+        {P("030946", "PCAP6555", 64), 300, "PCAP6555"},
+        {P("0A0445", "ABCDE"), 300, "ABC"},
+        {P("0A0645", "A") + P("00") + P("", "CDE"), 300, "A"},
+        {P("030144", "", 64), 300, ""},
+        {P("0A3E46", "XY"), 300, "XY"},
+        {P("0A0544", "A") + P("1BFF") + P("", "B"), 300, "A\\x1b\\xffB"},
+        {P("036545", std::string(100, 'a')), 300, std::string(63, 'a')},
+        {P("0A0544", "AB") + P("01") + P("", "C"), 5, "AB"},
+        {P("0A0544", "ABCD"), 3, "AB"},
+        {P("03FF44", std::string(252, '\x80')), 4 * kCtlTextMax + 1, escaped},
     };
-    for (const auto& c : cases) EXPECT_EQ(Text(c.reply), c.text) << c.text;
-}
-
-TEST(CtlReply, TextIsBoundedTo63BytesAndToTheCallersBuffer) {
-    Bytes reply = {0x03, 101, 0x45};
-    for (int i = 0; i < 100; ++i) reply.push_back(static_cast<uint8_t>('a' + i % 26));
-    std::string text = Text(reply);
-    EXPECT_EQ(text.size(), 63u);
-    EXPECT_EQ(text.substr(0, 3), "abc");
-    // A small buffer gets whole characters only and a terminating NUL.
-    EXPECT_EQ(Text({0x0A, 0x05, 0x44, 'A', 'B', 0x01, 'C'}, 5), "AB");
-    EXPECT_EQ(Text({0x0A, 0x05, 0x44, 'A', 'B', 'C', 'D'}, 3), "AB");
-    // Even the worst case (63 escaped bytes) fits the tool's own buffer.
-    Bytes hostile = {0x03, 0xFF, 0x44};
-    hostile.resize(255, 0x80);
-    std::vector<char> buffer(4 * kCtlTextMax + 1, 'z');
-    EXPECT_EQ(ReplyText(hostile.data(), static_cast<int>(hostile.size()), buffer.data(),
-                        buffer.size()),
-              kCtlTextMax);
-    EXPECT_EQ(std::string(buffer.data()).size(), 4u * kCtlTextMax);
-}
-
-// Points are decoded end to end by the run tests; here what is not a whole point.
-TEST(CtlReply, OnlyWholePointPacketsDecode) {
-    CtlPoint point;
-    const Bytes reply = {0x0A, 0x04, 0x33, 0x07, 0x01, 0x32};
-    EXPECT_EQ(DecodeToolPoint(reply.data(), 6, &point), -1);
-    const Bytes short_point = {0x0A, 0x83, 0x20, 0x08, 0x40};
-    EXPECT_EQ(DecodeToolPoint(short_point.data(), 5, &point), -1);
+    for (const auto& c : cases) {
+        std::vector<char> text(c.size, 'z');
+        ReplyText(c.reply.data(), int(c.reply.size()), text.data(), c.size);
+        EXPECT_EQ(c.text, text.data());
+    }
 }
 
 }  // namespace
