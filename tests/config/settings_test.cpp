@@ -1,6 +1,7 @@
-// The per-device settings blocks: matching, claiming, adding and rewriting them, paths never
-// written through, and two devices on the file at once.
+// Settings file: global values, the per-device blocks (matching, claiming, adding, rewriting),
+// paths never written through, and two devices on the file at once.
 #include <gtest/gtest.h>
+#include <stdio.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -9,15 +10,101 @@
 #include <vector>
 
 #include "config/device_param.h"
+#include "config/global_settings.h"
 #include "core/paths.h"
 #include "device/device_object.h"
+#include "log/debug_log.h"
 #include "support/test_util.h"
 
 namespace {
 
-using testutil::FileExists;
-using testutil::ReadFile;
-using testutil::WriteFile;
+using namespace testutil;
+
+// Reads text over the defaults; names, in a fixed order, every value the read changed.
+std::string ReadChanges(std::string text) {
+    TempDir dir;
+    LogCapture log_globals(DebugEnableBits, ShowDebugPosition);  // restores them
+    GlobalSettings s{};
+    Quiet([&] { SetDefaultSettings(&s); });
+    LogFilePath[0] = '\0';  // the directory goes with this call
+    DebugEnableBits = ShowDebugPosition = 1;
+    auto values = [&s] {
+        auto n = [](std::string name, long long v) { return name + std::to_string(v); };
+        std::vector<std::string> v = {n("bits=", DebugEnableBits), n("pos=", ShowDebugPosition),
+                                      n("baud=", s.BaudRate),      n("nums=", s.MaxDeviceNums),
+                                      n("scan=", s.ScanInterface), n("calib=", s.UseDriverCalib),
+                                      n("skip=", s.SkipFirstByte), n("shift=", s.ShiftByteBothEnd)};
+        for (int i = 0; i < kSerialPathSlots; ++i)
+            v.push_back(n("serial", i) + "=" + s.CustomSerialPath[i]);
+        v.push_back(std::string("uinput=") + s.UinputPath);
+        for (int i = 0; i < kDevPidSlots; ++i) v.push_back(n("pid", i) + "=" + s.DevPID[i]);
+        v.push_back(n("mask=", s.CustomPathMask));
+        return v;
+    };
+    const std::vector<std::string> before = values();
+    FILE* stream = fmemopen(&text[0], text.size(), "r");
+    if (!stream) return "no stream";
+    Quiet([&] { ReadGlobalSettingsFrom(stream, &s); });
+    fclose(stream);
+    const std::vector<std::string> after = values();
+    std::string out;
+    for (size_t i = 0; i < after.size(); ++i)
+        if (after[i] != before[i]) out += (out.empty() ? "" : " ") + after[i];
+    return out;
+}
+
+// Settings-file text in, changed values out: damaged, overlong and hostile words included.
+TEST(GlobalSettingsTest, FileTextInValuesOut) {
+    using namespace std::string_literals;
+    const std::string a = "[TavrineA.ini] DebugEnableBits ", h = a + "1 ", w200(200, '7');
+    std::string garbage, pids = h + "[String]", q63(63, 'q');
+    for (int i = 0; i < 5000; ++i) garbage.push_back(static_cast<char>((i * 131 + 7) & 0xFF));
+    for (int i = 1; i <= 11; ++i) pids += " DevPID " + std::to_string(i);  // one too many
+    const std::pair<std::string, std::string> cases[] = {
+        // clang-format off
+        // The header must be exact, or nothing at all is read.
+        {"[TavrineB.ini] DebugEnableBits 7 ScanInterface 3", ""}, {w200 + " DebugEnableBits 7", ""},
+        {"[TavrineA.ini]\0 DebugEnableBits 7"s, ""},
+        // DebugEnableBits: hexadecimal, only as the first key; -1 is every bit.
+        {a + "ff Scan 2", "bits=255"}, {a + "0x1F", "bits=31"}, {a + "1FFFFFFFF", ""},
+        {a + "-1 ScanInterface 2", "bits=4294967295 scan=2"}, {a + "010", "bits=16"},
+        {"[TavrineA.ini] ScanInterface 3 ShowDebugPosition 2 DebugEnableBits ff", "pos=2"},
+        // Global keys: exact names, leading number, stored by their width; -1 keeps a value.
+        {h + "DeviceNums 2abc BaudRate 115200 ScanInterface 1x", "baud=115200 nums=2 scan=1"},
+        {h + "ShowDebugPosition 258 DeviceNums 200 ScanInterface 259", "pos=2 nums=-56 scan=3"},
+        {h + "UseDriverCalib 7 SkipFirstByte 1 ShiftByteBothEnd -5", "calib=1 skip=1 shift=1"},
+        {h + "DeviceNums -1 BaudRate -1 ShowDebugPosition -1", ""},
+        {h + "MyBaudRate 9600 baudrate 9600 BaudRate2 9600 DeviceNums 2", "nums=2"},
+        {h + "BaudRate DeviceNums 4 ScanInterface [String] SerialPath /a",
+         "nums=4 serial0=/a mask=1"},
+        // Overlong words are skipped whole; the read stays in step.
+        {h + std::string(200, 'k') + " 4 DeviceNums " + w200 + " BaudRate 9600", "baud=9600"},
+        {h + "[String]" + w200 + " 1 ScanInterface 2 [String] SerialPath /a",
+         "scan=2 serial0=/a mask=1"},
+        {h + "[String] SerialPath /dev/" + w200 + " UinputPath " + w200, ""},
+        {h + "[String] SerialPath " + q63, "serial0=" + q63 + " mask=1"},
+        // Serial paths by substring into free slots; the uinput path by exact key.
+        {h + "[String] SerialPath default MySerialPath /a SerialPath2 /b XSerialPathY /c "
+             "SerialPath /d SerialPath /e SerialPath /f serialpath /g",
+         "serial0=/a serial1=/b serial2=/c serial3=/d serial4=/e mask=1"},
+        {h + "[String] MyUinputPath /x uinputpath /y UinputPath /dev/u", "uinput=/dev/u mask=2"},
+        {h + "[String] UinputPath /dev/b\0c Serial\0Path /dev/s"s, ""},
+        // Product ids: 1-4 hexadecimal digits, written as 4 lowercase digits.
+        {h + "[String] DevPID 7e5 DevPID2 ABCD MyDevPIDx 1F DevPID 0001",
+         "pid0=07e5 pid1=abcd pid2=001f pid3=0001"},
+        {h + "[String] DevPID 00012 DevPID 12;x DevPID ../ DevPID default devpid 2 DevPID " + w200,
+         ""},
+        {pids, "pid0=0001 pid1=0002 pid2=0003 pid3=0004 pid4=0005 pid5=0006 pid6=0007 "
+               "pid7=0008 pid8=0009 pid9=0010"},
+        // The sections end at their closing words; device blocks are never read here.
+        {h + "[String] SerialPath /a [Device_No.0] SerialPath /b DevPID 1", "serial0=/a mask=1"},
+        {h + "DeviceNums 2 [EndOfFile] BaudRate 9600 [String] SerialPath /a", "nums=2"},
+        // Cut short or binary: what was read before stays; no hang, no overflow.
+        {h + "DeviceNums 3 BaudRate", "nums=3"}, {h + "DeviceNums 2 " + garbage, "nums=2"},
+        // clang-format on
+    };
+    for (const auto& c : cases) EXPECT_EQ(c.second, ReadChanges(c.first)) << c.first;
+}
 
 // A default block, spelled out by hand; address nullptr gives a bare "Physical_Address" line.
 std::string Block(int no, const char* address, int points = 10) {
@@ -26,23 +113,21 @@ std::string Block(int no, const char* address, int points = 10) {
            std::to_string(points) +
            "\nSendRawPoints\t\t\t0\nDirection\t\t\t0\nOrientation\t\t\t0\nEdgeCompensate\t\t\t0\n"
            "\tEdgeLeft\t\t\t100\n\tEdgeRight\t\t\t100\n\tEdgeTop\t\t\t\t100\n\tEdgeBottom\t\t\t100"
-           "\n"
-           "HoldFilterEnable\t\t0\n\tHoldRange\t\t\t20\nSplitRectMode\t\t\t0\n"
-           "\tCustomRectLeft\t\t\t0\n\tCustomRectRight\t\t\t4095\n\tCustomRectTop\t\t\t0\n"
-           "\tCustomRectBottom\t\t4095\nNoDeviceCheck              0\nVKEYEnable\t\t0\n"
-           "\tVKEYReportMod\t\t1\n\tVKEY_0\t\t\t0\n[EndOfDevice]";
+           "\nHoldFilterEnable\t\t0\n\tHoldRange\t\t\t20\nSplitRectMode\t\t\t0\n\tCustomRectLeft\t"
+           "\t\t0\n\tCustomRectRight\t\t\t4095\n\tCustomRectTop\t\t\t0\n\tCustomRectBottom\t\t4095"
+           "\nNoDeviceCheck              0\nVKEYEnable\t\t0\n\tVKEYReportMod\t\t1\n\tVKEY_0\t\t\t0"
+           "\n[EndOfDevice]";
 }
 
 // The global part of a file for two devices, before the first block.
-std::string Head(const char* debug_bits_hex, int show_position) {
+std::string Head(const char* debug_bits_hex, const char* show_position) {
     return std::string("[TavrineA.ini]\nDebugEnableBits\t\t") + debug_bits_hex +
-           "\nShowDebugPosition\t" + std::to_string(show_position) +
+           "\nShowDebugPosition\t" + show_position +
            "\nDeviceNums\t\t2\nBaudRate\t\t0\n[String]\nSerialPath\t\tdefault\n\n";
 }
 
-const char kA[] = "usb-0000:00:1d.0-1/input0", kB[] = "usb-0000:00:1d.0-2/input0",
-           kC[] = "/dev/ttyS1";
-const std::string kHead = Head("1", 1), kNew = Head("ffffffff", 3), kEnd = "\n[EndOfFile]";
+const char kA[] = "usb-0000:00:1d.0-1/input0", kB[] = "usb-0000:00:1d.0-2/input0", kC[] = "ttyS1";
+const std::string kHead = Head("1", "1"), kNew = Head("ffffffff", "3"), kEnd = "\n[EndOfFile]";
 
 class ParamFileTest : public ::testing::Test {
   protected:
@@ -57,8 +142,8 @@ class ParamFileTest : public ::testing::Test {
         DevIniRoutine(dev.get());
         return dev->Param.Device_No;
     }
-    testutil::TempDir dir_;
-    testutil::LogCapture silent_{0xFFFFFFFFu, 3};  // every category on, nothing written
+    TempDir dir_;
+    LogCapture silent_{0xFFFFFFFFu, 3};  // every category on, nothing written
     GlobalSettings settings_{};
 };
 
@@ -68,24 +153,18 @@ TEST_F(ParamFileTest, DeviceBlocksBytesInBytesOut) {
     const std::string w200(200, 'W'), a0 = kHead + Block(0, kA);
     std::string full = kHead;  // all ten numbers in use
     for (int i = 0; i <= 9; ++i) full += Block(i, ("a" + std::to_string(i)).c_str());
-    const struct {
-        std::string in;
-        int no, points;
-        std::string out;
-    } cases[] = {
+    // clang-format off
+    const struct { std::string in; int no, points; std::string out; } cases[] = {
         {a0 + Block(1, kB, 5) + kEnd, 1, 5, a0 + Block(1, kB, 5) + kEnd},  // its own block
         {a0 + Block(1, nullptr) + Block(2, kC) + kEnd, 1, 10,  // an empty address is claimed
          a0 + Block(1, kB) + Block(2, kC) + kEnd},
-        {a0 + kEnd, 1, 7, ""},
-        {kHead + Block(4, kA) + kEnd, 5, 7, ""},
-        {a0 + Block(9, kC) + kEnd, 1, 7, ""},
-        {a0, 1, 7, ""},
-        {a0 + "\n[EndOfFile", 1, 7, ""},
+        {a0 + kEnd, 1, 7, ""}, {kHead + Block(4, kA) + kEnd, 5, 7, ""}, {a0, 1, 7, ""},
+        {a0 + Block(9, kC) + kEnd, 1, 7, ""}, {a0 + "\n[EndOfFile", 1, 7, ""},
         {kHead + Block(0, w200.c_str()) + kEnd, 1, 7, ""},
         {kHead + "\n[Device_No.99]" + Block(0, kB).substr(14) + kEnd, 0, 7, ""},
         {kHead + "\n[Device_No.3]\nPhysical_Address" + kEnd, 4, 7, ""},
         {full + kEnd, -1, 7, full + kEnd},  // no number left: file unchanged
-    };
+    };  // clang-format on
     for (const auto& c : cases) {
         SCOPED_TRACE(c.in);
         std::string out = c.out;
@@ -105,15 +184,12 @@ TEST_F(ParamFileTest, DeviceBlocksBytesInBytesOut) {
 // Leading numbers stored by the width of their field; -1 keeps a value; a block ends at its
 // end word, or without one at the next header.
 TEST_F(ParamFileTest, BlockValuesReadByTheirRule) {
-    ASSERT_TRUE(WriteFile(IniFilePath(),
-                          kHead +
-                              "\n[Device_No.0] Physical_Address y ReportMode 1\n[Device_No.1]\n"
-                              "Physical_Address x\nSupportPoints 300\nReportMode 200\n"
-                              "EventType 260\nDetectRotation 129\nBtnType 383\n"
-                              "RightClickEnable 5\nEdgeCompensate -2\nBeepFreq -1\n"
-                              "ResolX 4096a\nEdgeLeft 1\nSplitRectMode 265\nVKEYEnable 5\n"
-                              "[EndOfDevice] 7 ReportMode 1" +
-                              kEnd));
+    const std::string blocks =
+        "\n[Device_No.0] Physical_Address y ReportMode 1\n[Device_No.1]\nPhysical_Address x\n"
+        "SupportPoints 300\nReportMode 200\nEventType 260\nDetectRotation 129\nBtnType 383\n"
+        "RightClickEnable 5\nEdgeCompensate -2\nBeepFreq -1\nResolX 4096a\nEdgeLeft 1\n"
+        "SplitRectMode 265\nVKEYEnable 5\n[EndOfDevice] 7 ReportMode 1";
+    ASSERT_TRUE(WriteFile(IniFilePath(), kHead + blocks + kEnd));
     auto dev = NewDevice("x");
     const int32_t freq = dev->Param.BeepFreq;
     dev->Param.Device_No = 1;
@@ -176,7 +252,7 @@ TEST_F(ParamFileTest, LinksAtTheSettingsPathsAreNeverWrittenThrough) {
                       claimable = kHead + Block(0, nullptr) + kEnd;
     ASSERT_TRUE(WriteFile(victim, full));
     const auto fifo = [](const char*, const char* p) { return mkfifo(p, 0600); };
-    const std::pair<int (*)(const char*, const char*), bool> cases[] = {// (make, at the copy)
+    const std::pair<int (*)(const char*, const char*), bool> cases[] = {// make, at the copy
                                                                         {fifo, false},
                                                                         {symlink, false},
                                                                         {symlink, true},
