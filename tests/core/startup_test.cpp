@@ -40,8 +40,8 @@ TEST(DataFileTest, LinksFifosDirectoriesAndOtherUsersFilesAreRefusedUntouched) {
             EXPECT_EQ(-1, OpenDataFile(path.c_str(), flags)) << path << flags;
         EXPECT_EQ(nullptr, FopenDataFile(path.c_str(), "w+")) << path;
     }
-    EXPECT_TRUE(ReadFile(victim) == "keep me" && ReadFile(foreign) == "keep me");
-    EXPECT_FALSE(FileExists(dir.File("nowhere")));
+    EXPECT_TRUE(ReadFile(victim) == "keep me" && ReadFile(foreign) == "keep me" &&
+                !FileExists(dir.File("nowhere")));
 }
 
 // PID file, debug log and command capture hard-linked elsewhere: that file keeps every byte.
@@ -158,8 +158,7 @@ TEST(SingleInstanceTest, StalePidFileKillsNothing) {
         }
         EXPECT_EQ(0, waitpid(alive, nullptr, WNOHANG)) << pid;  // still running
     }
-    kill(alive, SIGKILL);
-    waitpid(alive, nullptr, 0);
+    kill(alive, SIGKILL), waitpid(alive, nullptr, 0);
 }
 
 // Missing pieces are 0, empty pieces skipped as strtok does, huge numbers clamped.
