@@ -72,6 +72,7 @@ TEST(GlobalSettingsTest, FileTextInValuesOut) {
         {h + "ShowDebugPosition 258 DeviceNums 200 ScanInterface 259", "pos=2 nums=-56 scan=3"},
         {h + "UseDriverCalib 7 SkipFirstByte 1 ShiftByteBothEnd -5", "calib=1 skip=1 shift=1"},
         {h + "DeviceNums -1 BaudRate -1 ShowDebugPosition -1", ""},
+        {h + "UseDriverCalib 99999999999 DeviceNums 2", "nums=2"},
         {h + "MyBaudRate 9600 baudrate 9600 BaudRate2 9600 DeviceNums 2", "nums=2"},
         {h + "BaudRate DeviceNums 4 ScanInterface [String] SerialPath /a",
          "nums=4 serial0=/a mask=1"},
@@ -222,10 +223,10 @@ TEST_F(ParamFileTest, RewriteReplacesOnlyItsBlock) {
     }
 }
 
-// An address that is not one word, or is a section word, never takes a block in an existing
+// An address that is not one word, or is a word of the file, never takes a block in an existing
 // or a new file (it would damage the file); a later device still claims the block.
 TEST_F(ParamFileTest, UnmatchableAddressIsNeverMatchedClaimedOrWritten) {
-    for (const char* address : {"", "usb 1", "[EndOfFile]", "[Device_No.0]", "[EndOfDevice]"}) {
+    for (const char* address : {"", "usb 1", "[EndOfFile]", "SupportPoints"}) {
         for (const std::string& head : {kHead, kNew}) {
             SCOPED_TRACE(std::string(address) + head);
             unlink(IniFilePath());
