@@ -16,28 +16,8 @@ namespace {
 
 using namespace testutil;
 
-// No interface chosen or the device limit reached (a limit of 0 or below never scans): the
-// pass logs nothing with every category on, since any scan, binding or check logs its entry.
-TEST(ManagerTest, PassWithoutScanningDoesNothing) {
-    // ScanInterface, MaxDeviceNums, DeviceCount
-    const int cases[][3] = {{4, 1, 0}, {255, 3, 0}, {1, 2, 2}, {2, 1, 5}, {0, 0, 0}, {3, -1, 0}};
-    bDeviceExistCheck.store(0);
-    for (const auto& c : cases) {
-        GlobalSettings settings = DevTestSettings();
-        settings.ScanInterface = c[0];
-        settings.MaxDeviceNums = c[1];
-        CManager manager(&settings);
-        manager.DeviceCount = c[2];
-        LogCapture log;
-        Quiet([&] { ScanLoopPass(&manager); });
-        EXPECT_TRUE(log.Text().empty() && manager.DeviceCount == c[2])
-            << c[0] << c[1] << log.Text();
-    }
-}
-
-// An RS232 controller that stops answering while it streams touches, and a second request
-// raised during the check (two controllers dropping together): the receive thread stops before
-// the lifts, so the last frame lifts the contact; the request is answered by the next pass.
+// A silent RS232 controller mid-touch and a second request raised during its check: the last
+// frame lifts the contact, and the request is answered by the next pass.
 TEST(ManagerTest, CheckOfASilentSerialControllerWhileAnotherRequestArrives) {
     ASSERT_EQ(0, InstallSigUsr2Handler());
     GlobalSettings settings = DevTestSettings();
@@ -58,8 +38,8 @@ TEST(ManagerTest, CheckOfASilentSerialControllerWhileAnotherRequestArrives) {
     touchtest::MakeEventPair(&device->UinputTouchFd, &touch);
     manager.DeviceListHead = device;
     manager.DeviceCount = 1;
-    std::vector<int32_t> ids;  // tracking ids on the touch device, read as they come
-    const auto drain = [&] {   // (its queue is bounded)
+    std::vector<int32_t> ids;  // tracking ids, read as they come (the queue is bounded)
+    const auto drain = [&] {
         for (const touchtest::Ev& e : touchtest::Drain(touch.get()))
             if (e.type == EV_ABS && e.code == ABS_MT_TRACKING_ID) ids.push_back(e.value);
     };
@@ -78,24 +58,18 @@ TEST(ManagerTest, CheckOfASilentSerialControllerWhileAnotherRequestArrives) {
     });
     drain();  // the lifts written after the last touch
     EXPECT_TRUE(manager.DeviceCount == 0 && manager.DeviceListHead == nullptr);
-    EXPECT_EQ(1, bDeviceExistCheck.load()) << "the request raised during the check was lost";
-    // The release's lift is the last one logged (the receive thread may lift and re-touch).
-    const int stopped = log.Find("StopReadThread() is processing");
-    EXPECT_TRUE(stopped >= 0 && stopped < log.FindLast("Send SLOT Multi Event ID[0], state[0]"));
-    ASSERT_GE(ids.size(), 2u) << "no touch reached the touch device";
-    EXPECT_TRUE(ids.front() >= 0 && ids.back() == -1);  // only contact 0 ever touches
+    EXPECT_EQ(1, bDeviceExistCheck.load());  // the request raised during the check
+    EXPECT_TRUE(ids.size() >= 2 && ids.front() >= 0 && ids.back() == -1);
     log.Clear();
     Quiet([&] { ScanLoopPass(&manager); });
     EXPECT_EQ("Receive signal SIGUSR2. Set bDeviceExistCheck true.\nEntering DevicePnPCheck\n",
-              log.Text());
+              log.Text());  // each signal logged once
     EXPECT_EQ(0, bDeviceExistCheck.load());
 }
 
-// The check unlinks every device without a port or whose USB node is gone and keeps the rest
-// in order; a serial controller that answers the loop-back keeps its receive thread.
+// The check unlinks devices without a port or USB node and keeps the rest in order; a serial
+// controller that answers the loop-back keeps its receive thread.
 TEST(ManagerTest, AnsweringSerialControllerIsKept) {
-    TempDir dir;
-    ASSERT_TRUE(WriteFile(dir.File("present"), ""));
     GlobalSettings settings = DevTestSettings();
     CManager manager(&settings);
     FakeController controller(false);
@@ -105,10 +79,12 @@ TEST(ManagerTest, AnsweringSerialControllerIsKept) {
     });
     controller.Start();
     // Path, interface, and port: none, /dev/null or the controller.
-    const std::tuple<std::string, uint8_t, int> rows[] = {
-        {"/dev/hidraw7", DEV_USB, 0},      {"/dev/ttyS99", DEV_RS232, 2},
-        {dir.File("gone"), DEV_USB, 1},    {"/dev/serio_raw0", DEV_PS2, 1},
-        {dir.File("present"), DEV_USB, 1}, {"/dev/ttyS0", DEV_RS232, 0}};
+    const std::tuple<std::string, uint8_t, int> rows[] = {{"/dev/hidraw7", DEV_USB, 0},
+                                                          {"/dev/ttyS99", DEV_RS232, 2},
+                                                          {"/nonexistent/hidraw1", DEV_USB, 1},
+                                                          {"/dev/serio_raw0", DEV_PS2, 1},
+                                                          {"/dev/null", DEV_USB, 1},
+                                                          {"/dev/ttyS0", DEV_RS232, 0}};
     CDeviceObject* d[7] = {};
     for (int i = 5; i >= 0; --i) {
         d[i] = new CDeviceObject(std::get<0>(rows[i]).c_str(), &settings);

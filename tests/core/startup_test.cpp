@@ -1,16 +1,20 @@
-// The start-up steps: the command line, the single-instance and root checks, the versions.
+// Start-up: data files, shell commands, the command line, the PID file, the kernel version.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <iterator>
-#include <sstream>
+#include <functional>
 
 #include "config/global_settings.h"
 #include "core/command_line.h"
+#include "core/data_file.h"
 #include "core/environment.h"
+#include "core/paths.h"
+#include "core/shell.h"
+#include "core/shell_token.h"
 #include "core/single_instance.h"
 #include "support/test_util.h"
 
@@ -18,88 +22,122 @@ namespace {
 
 using namespace testutil;
 
-// ParseCommandLine over the words of line from a zeroed record (Parse("") stays zeroed).
-GlobalSettings Parse(const std::string& line) {
-    std::istringstream in("TavrineD " + line);
-    std::vector<std::string> words{std::istream_iterator<std::string>(in), {}};
-    std::vector<char*> argv;
-    for (std::string& w : words) argv.push_back(&w[0]);
-    argv.push_back(nullptr);
-    GlobalSettings settings;
-    memset(&settings, 0, sizeof(settings));
-    ParseCommandLine(static_cast<int>(words.size()), argv.data(), &settings);
-    return settings;
+// A link, FIFO (no reader), directory, second link or another user's file is refused untouched.
+TEST(DataFileTest, LinksFifosDirectoriesAndOtherUsersFilesAreRefusedUntouched) {
+    TempDir dir;
+    const std::string victim = dir.File("victim"), foreign = dir.File("foreign");
+    const bool root = geteuid() == 0;  // only root can give a file to another user
+    ASSERT_TRUE(WriteFile(victim, "keep me") && WriteFile(foreign, "keep me") &&
+                (!root || !chown(foreign.c_str(), 65534, 65534)) &&
+                !symlink(victim.c_str(), dir.File("link").c_str()) &&
+                !symlink(dir.File("nowhere").c_str(), dir.File("dangling").c_str()) &&
+                !mkfifo(dir.File("fifo").c_str(), 0600) && !mkdir(dir.File("dir").c_str(), 0700) &&
+                !link(victim.c_str(), dir.File("hard").c_str()));
+    for (const char* name : {"link", "dangling", "fifo", "dir", "hard", "foreign"}) {
+        if (!root && name == std::string("foreign")) continue;
+        const std::string path = dir.File(name);
+        for (const int flags : {O_RDONLY, O_WRONLY | O_CREAT | O_TRUNC, O_RDWR | O_CREAT | O_EXCL})
+            EXPECT_EQ(-1, OpenDataFile(path.c_str(), flags)) << path << flags;
+        EXPECT_EQ(nullptr, FopenDataFile(path.c_str(), "w+")) << path;
+    }
+    EXPECT_TRUE(ReadFile(victim) == "keep me" && ReadFile(foreign) == "keep me" &&
+                !FileExists(dir.File("nowhere")));
 }
 
-// Rows: words; log globals after them (from 1, 1); flags set (no other byte changes); exit
-// status and output of the start-up flags (usage, then the -f/-k conflict, then version).
-TEST(CommandLineTest, OptionsChangeExactlyTheirFieldsAndStartupFlagsExit) {
-    LogCapture restore;  // the log globals are put back at the end
-    const std::string version = "Tavrine version: [", both = "can not be set at the same time";
-    const int go = kReturned;  // start-up goes on
-    // Flags: KillRunning, ShowVersion, ShowFullVersion, ForceRestart, ShowUsage.
-    const std::tuple<std::string, uint32_t, int, std::string, int, std::string> cases[] = {
-        // clang-format off
-        {"-v", 1, 1, "01000", 0, version}, {"-V", 1, 1, "00100", 0, version},
-        {"-h -k -f", 1, 1, "10011", 0, "Usage: TavrineD [option]"},
-        {"-v -k -f", 1, 1, "11010", 1, both}, {"-D -k", 0xFFFFF, 0, "10010", 1, both},
-        {"-f", 1, 1, "00010", go, ""}, {"-k", 1, 1, "10000", go, ""}, {"", 1, 1, "00000", go, ""},
-        {"-E", 0xFFFF, 1, "00010", go, ""}, {"-d400000", 0x400000, 1, "00000", go, ""},
-        {"-p 258", 1, 2, "00000", go, ""},       // kept in one byte
-        {"-D -p 2", 0xFFFFF, 2, "00010", go, ""},  // applied in the order given
-        // Ignored: unknown options, missing arguments, plain words.
-        {"-z x -y", 1, 1, "00000", go, ""}, {"-d", 1, 1, "00000", go, ""},
-        {"plain --long", 1, 1, "00000", go, ""},
-        // clang-format on
-    };
-    for (const auto& [words, bits, position, set, status, out] : cases) {
-        DebugEnableBits = ShowDebugPosition = 1;
-        const GlobalSettings settings = Parse(words), zero = Parse("");
-        GlobalSettings rest = settings;
-        std::string flags;
-        for (uint8_t* flag : {&rest.KillRunning, &rest.ShowVersion, &rest.ShowFullVersion,
-                              &rest.ForceRestart, &rest.ShowUsage}) {
-            flags += static_cast<char>('0' + *flag);
-            *flag = 0;
-        }
-        EXPECT_TRUE(flags == set && memcmp(&rest, &zero, sizeof(zero)) == 0) << words;
-        EXPECT_TRUE(DebugEnableBits == bits && ShowDebugPosition == position) << words;
-        const ChildResult child = RunInChild([&] { HandleStartupFlags(&settings); });
-        EXPECT_TRUE(child.exited && child.status == status) << words << child.status;
-        EXPECT_TRUE(out.empty() ? child.out.empty() : child.out.find(out) != std::string::npos)
-            << words << child.out;
+// PID file, debug log and command capture hard-linked elsewhere: that file keeps every byte.
+TEST(DataFileTest, DaemonFilesHardLinkedElsewhereAreNeverWritten) {
+    TempDir elsewhere, data;  // the last one made is the data directory
+    const std::string victim = elsewhere.File("victim"), log_file = data.File("Tavrine_1.log");
+    snprintf(LogFilePath, sizeof(LogFilePath), "%s", log_file.c_str());
+    const std::pair<std::string, std::function<void()>> cases[] = {
+        {PidFilePath(), [] { WritePidFile(); }},
+        {log_file, [] { TLOG(LOG_MAIN, "a line for the log file"); }},
+        {DrvLogPath(), [] {  // the capture is made afresh
+             FILE* out = RunShellCommand("echo o", DrvLogPath());
+             EXPECT_TRUE(out && fgetc(out) == 'o' && !fclose(out));
+         }}};
+    for (const auto& c : cases) {
+        unlink(c.first.c_str());  // an earlier row's log lines may have made the log file
+        ASSERT_TRUE(WriteFile(victim, "keep me") && link(victim.c_str(), c.first.c_str()) == 0);
+        LogCapture log(LOG_MAIN, 2);  // standard output, system log and file
+        Quiet(c.second);
+        EXPECT_EQ("keep me", ReadFile(victim)) << c.first;
+    }
+    LogFilePath[0] = '\0';
+}
+
+TEST(DataFileTest, WarnsWhenTheDataDirectoryIsWritableByGroupOrOthers) {
+    TempDir dir;
+    for (const mode_t mode : {0755, 0720, 0702}) {
+        ASSERT_EQ(0, chmod(dir.path().c_str(), mode));
+        EXPECT_EQ(mode != 0755, WarnIfDataDirWritable()) << mode;
     }
 }
 
-// A -r, -u or -z argument over 63 characters is refused, not cut (a cut path names another
-// file): at once on standard error (standard output may be lost when the process detaches),
-// and in the log after the last option, so a later -p or -D chooses where it is logged.
-TEST(CommandLineTest, OverlongTextOptionIsRefusedOnStandardErrorAndInTheLog) {
-    LogCapture restore;
-    const std::string fits = "/" + std::string(62, 'a');  // 63 characters
-    const GlobalSettings settings = Parse("-r " + fits + " -u " + fits);
-    EXPECT_TRUE(fits == settings.CustomSerialPath[0] && fits == settings.UinputPath);
-    EXPECT_EQ(kCustomSerialPathBit | kCustomUinputPathBit, settings.CustomPathMask);
-    for (const char* option : {"r", "u", "z"}) {
-        const std::string message = std::string("Error: The argument of option '") + option +
-                                    "' is longer than 63 characters, it is ignored.";
-        LogCapture log(0xFFFFFFFFu, 3);  // no output until -p chooses one
-        const ChildResult child = RunInChild([&] {
-            dup2(STDOUT_FILENO, STDERR_FILENO);  // standard error on the captured pipe
-            UniqueFd null_fd(OpenCloexec("/dev/null", O_WRONLY));
-            dup2(null_fd.get(), STDOUT_FILENO);  // standard output and log prefixes dropped
-            const GlobalSettings zero = Parse(""),
-                                 s = Parse(std::string("-") + option + " " + fits + "b -p 1");
-            _exit(memcmp(&s, &zero, sizeof(s)) != 0 ? 3 : log.CountExact(message) == 1 ? 0 : 4);
-        });
-        EXPECT_TRUE(child.exited && child.status == 0) << option << " " << child.status;
-        EXPECT_EQ(message + "\n", child.out);
+// A plain open of a terminal makes it the controlling terminal; a data-file open never does.
+TEST(DataFileTest, TerminalIsRefusedWithoutBecomingTheControllingTerminal) {
+    const TtyResult control =
+        OpenOfTerminalAcquiresIt([](const char* path) { return OpenCloexec(path, O_RDWR); });
+    if (control == TtyResult::kSkipped) GTEST_SKIP() << "no pseudo-terminal";
+    EXPECT_EQ(TtyResult::kAcquired, control);
+    EXPECT_EQ(TtyResult::kNotAcquired, OpenOfTerminalAcquiresIt([](const char* path) {
+                  if (OpenDataFile(path, O_WRONLY | O_CREAT | O_APPEND) >= 0) _exit(4);
+                  return -1;
+              }));
+}
+
+// Settings values for a command line: IsPlainPathToken, IsProductIdToken, NormalizeProductId.
+TEST(ShellTokenTest, TableOfValues) {
+    const std::string longest = "/" + std::string(62, 'a'), too_long = longest + "a";
+    const std::tuple<const char*, bool, bool, std::string> cases[] = {
+        // clang-format off
+        {"/dev/ttyUSB-0.1", 1, 0, ""}, {"relative/path_1", 1, 0, ""}, {longest.c_str(), 1, 0, ""},
+        {too_long.c_str(), 0, 0, ""}, {"3c7a", 1, 1, "3c7a"}, {"00AB", 1, 1, "00ab"},
+        {"E5", 1, 0, "00e5"}, {"3c7a0", 1, 0, ""}, {"3c7g", 1, 0, ""}, {"0x3c", 1, 0, ""},
+        {" 3c7", 0, 0, ""}, {"/dev/ttyS0;reboot", 0, 0, ""}, {"/dev/tty\n", 0, 0, ""},
+        {"/dev/$(id)", 0, 0, ""}, {"/dev/`id`", 0, 0, ""}, {"a|sh", 0, 0, ""}, {"a>x", 0, 0, ""},
+        {"a*", 0, 0, ""}, {"'a'", 0, 0, ""}, {"a\\x", 0, 0, ""}, {"~/a", 0, 0, ""},
+        {"/dev/\xc3\xa9", 0, 0, ""}, {"-rf", 0, 0, ""}, {"", 0, 0, ""}, {nullptr, 0, 0, ""},
+        // clang-format on
+    };
+    for (const auto& [text, path_ok, id_ok, id_form] : cases) {
+        char form[5] = "xxxx";
+        EXPECT_TRUE(IsPlainPathToken(text) == path_ok && IsProductIdToken(text) == id_ok &&
+                    NormalizeProductId(text, form) == !id_form.empty() && id_form == form)
+            << (text ? text : "(null)");
+    }
+}
+
+// A command past its time limit is killed (-1), and a background child does not hold the wait.
+TEST(ShellWait, TimeLimitAndPromptReturn) {
+    const std::tuple<const char*, int, int> cases[] = {
+        {"exit 3", 5000, W_EXITCODE(3, 0)}, {"sleep 5", 300, -1}, {"sleep 5 & exit 0", 10000, 0}};
+    for (const auto& [command, timeout_ms, status] : cases) {
+        const int64_t start = NowMs();
+        EXPECT_EQ(status, RunShell(command, timeout_ms)) << command;
+        EXPECT_LE(NowMs() - start, 3000) << command;
+    }
+}
+
+// A -r or -u path over 63 characters is refused, not cut (a cut path names another file).
+TEST(CommandLineTest, OverlongTextOptionIsRefused) {
+    LogCapture restore(0xFFFFFFFFu, 3);  // the log globals are put back at the end
+    for (const std::string& path : {"/" + std::string(62, 'a'), "/" + std::string(63, 'a')}) {
+        std::string words[] = {"TavrineD", "-r", path, "-u", path};
+        char* argv[] = {&words[0][0], &words[1][0], &words[2][0],
+                        &words[3][0], &words[4][0], nullptr};
+        GlobalSettings s{};
+        Quiet([&] { ParseCommandLine(5, argv, &s); });
+        const std::string kept = path.size() == 63 ? path : "";
+        EXPECT_TRUE(kept == s.CustomSerialPath[0] && kept == s.UinputPath &&
+                    s.CustomPathMask ==
+                        (kept.empty() ? 0 : kCustomSerialPathBit | kCustomUinputPathBit))
+            << path.size();
     }
 }
 
 // A PID file that is missing or names no other daemon (a live process of another name, 0 and
-// -1 that kill(2) takes as process groups, no number): -k with a PID file has nothing to stop
-// and exits 0, -f carries on, and nothing is killed (the process tests cover a running one).
+// -1 that kill(2) takes as process groups, no number): nothing is killed; -k exits 0, -f goes on.
 TEST(SingleInstanceTest, StalePidFileKillsNothing) {
     TempDir dir;
     const pid_t alive = fork();  // named as this test program
@@ -110,7 +148,7 @@ TEST(SingleInstanceTest, StalePidFileKillsNothing) {
         ASSERT_TRUE(pid.empty() || WriteFile(dir.File("TouchPID"), pid + " "));
         for (const uint8_t kill_running : {1, 0}) {
             const ChildResult child = RunInChild([&] {
-                GlobalSettings settings = Parse("");
+                GlobalSettings settings{};
                 settings.KillRunning = kill_running;
                 settings.ForceRestart = !kill_running;
                 CheckSingleInstance(&settings);
@@ -120,25 +158,17 @@ TEST(SingleInstanceTest, StalePidFileKillsNothing) {
         }
         EXPECT_EQ(0, waitpid(alive, nullptr, WNOHANG)) << pid;  // still running
     }
-    kill(alive, SIGKILL);
-    waitpid(alive, nullptr, 0);
-}
-
-TEST(SingleInstanceTest, RootCheckEndsWithStatus255ForOtherUsers) {
-    if (getuid() != 0) GTEST_SKIP() << "needs root to switch to another user";
-    const ChildResult child =
-        RunInChild([] { _exit(setuid(65534) ? 3 : (CheckRootPermission(), 4)); });
-    EXPECT_TRUE(child.exited && child.status == 255) << child.status;
+    kill(alive, SIGKILL), waitpid(alive, nullptr, 0);
 }
 
 // Missing pieces are 0, empty pieces skipped as strtok does, huge numbers clamped.
-TEST(EnvironmentTest, KernelVersionFromProcVersionTextAndAndroidRelease) {
+TEST(EnvironmentTest, KernelVersionFromProcVersionText) {
     const std::tuple<std::string, int32_t, int32_t, int32_t, int32_t> kernels[] = {
         // clang-format off
         {"2.6.34-xyz (b@h) (gcc version 4.4.3) #1", 2, 6, 34, 1}, {"2.6.35 (b@h) #2", 2, 6, 35, 0},
-        {"6.1.0-18-amd64 (d@k)", 6, 1, 0, 0}, {"2.4.20 #1", 2, 4, 20, 0}, {"4.19", 4, 19, 0, 0},
-        {"x.y.z", 0, 0, 0, 0}, {"99999999999999999999.1.2", INT32_MAX, 1, 2, 0},
-        {"3..10.1", 3, 10, 1, 0}, {"-", 0, 0, 0, 0},  // "-": "Linux" alone, short of the prefix
+        {"6.1.0-18-amd64 (d@k)", 6, 1, 0, 0}, {"2.4.20 #1", 2, 4, 20, 0}, {"x.y.z", 0, 0, 0, 0},
+        {"99999999999999999999.1.2", INT32_MAX, 1, 2, 0}, {"3..10.1", 3, 10, 1, 0},
+        {"-", 0, 0, 0, 0},  // "-": "Linux" alone, short of the prefix
         // clang-format on
     };
     for (const auto& [version, major, minor, patch, old] : kernels) {
@@ -147,13 +177,6 @@ TEST(EnvironmentTest, KernelVersionFromProcVersionTextAndAndroidRelease) {
         ParseKernelVersion(text.data(), text.size(), &v);
         EXPECT_TRUE(v.major == major && v.minor == minor && v.patch == patch) << text;
         EXPECT_EQ(old, IsOldKernel(v)) << text;
-    }
-    const std::pair<std::string, int32_t> androids[] = {
-        {"4.0.4", 4}, {"10", 10}, {"R", 0}, {std::string(200, '8'), INT32_MAX}};
-    for (const auto& c : androids) {
-        AndroidVersionInfo v = {-7, -7};
-        ParseAndroidVersion(c.first.c_str(), &v);
-        EXPECT_TRUE(v.major == c.second && v.minor == 0) << c.first;
     }
 }
 
