@@ -17,7 +17,7 @@
 # for the daemon), the recorders at 0; their CPU is taken per phase. Writes
 # $OUT/bench.rows and $OUT/figures.txt; the big logs stay in the guest
 # (their heads come back).
-. ../touch-devices/touch-env.sh
+. ../usb-touch/touch-env.sh
 
 lead_ms=5000
 gap_ms=1500
