@@ -182,6 +182,7 @@ plain_events() {
     grep "^E:" "$1" | sed -e 's/^E: [0-9.]* /E: /' -e 's/\t#.*//' > "$2"
 }
 
+# True when an input device named $1 exists.
 has_input() {
     grep -q "^N: Name=\"$1\"$" /proc/bus/input/devices
 }
