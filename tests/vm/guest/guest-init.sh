@@ -70,7 +70,6 @@ run_one() {
     for f in /data/*; do
         [ -f "$f" ] && cp "$f" "$out/data/"
     done
-    echo "$rc"
 }
 
 # A family (a folder with a cases file) plays each case in turn, in $out/<case> (its timeout
