@@ -113,13 +113,13 @@ if ((do_vm)); then
         echo "bench: tslib could not be prepared; the ts_uinput path is left out" >&2
     fi
     # perf-*: latency, idle cost and memory. The set-up times come from the command
-    # scenarios that already measure them (cmd-usb-feature: a responsive controller,
-    # cmd-silent-garbage: a silent one).
+    # cases that already measure them (protocol-toolpipe's feature-s2: a responsive
+    # controller, silent: a silent one).
     scenarios=()
     for d in "$root"/bench/vm/perf-*/; do
         [[ -d $d ]] && scenarios+=("$(basename "$d")")
     done
-    scenarios+=(cmd-usb-feature cmd-silent-garbage)
+    scenarios+=(protocol-toolpipe)
     echo "bench: VM scenarios ${scenarios[*]} (software emulation, one VM)" >&2
     vmout="$out/vm"
     rm -rf "$vmout"
@@ -135,10 +135,10 @@ if ((do_vm)); then
         fi
     done
     {
-        ms=$(sed -n 's/^s2 set-up ms: //p' "$vmout/cmd-usb-feature/setup-times.txt" 2>/dev/null)
-        echo "VM set-up, responsive controller (cmd-usb-feature s2);node found to Setup Done;${ms:--} ms;-;-"
-        ms=$(sed -n 's/^silent set-up ms: //p' "$vmout/cmd-silent-garbage/setup-times.txt" 2>/dev/null)
-        echo "VM set-up, silent controller (cmd-silent-garbage);node found to Setup Done;${ms:--} ms;retry rules 6000 ms;$(awk -v m="${ms:-0}" 'BEGIN { if (m > 0) printf "%.2f", m / 6000; else print "-" }')"
+        ms=$(sed -n 's/^set-up ms: //p' "$vmout/protocol-toolpipe/feature-s2/setup-time.txt" 2>/dev/null)
+        echo "VM set-up, responsive controller (protocol-toolpipe feature-s2);node found to Setup Done;${ms:--} ms;-;-"
+        ms=$(sed -n 's/^set-up ms: //p' "$vmout/protocol-toolpipe/silent/setup-time.txt" 2>/dev/null)
+        echo "VM set-up, silent controller (protocol-toolpipe silent);node found to Setup Done;${ms:--} ms;retry rules 6000 ms;$(awk -v m="${ms:-0}" 'BEGIN { if (m > 0) printf "%.2f", m / 6000; else print "-" }')"
     } >"$out/setup.rows"
     table_args+=(--rows "$out/setup.rows")
 fi

@@ -21,6 +21,10 @@ done
 cp -r "$STAGE/share/tavrine-sim/descriptors" "$WORK/bed/sim/descriptors"
 passed=0
 failed=0
+# A family's *.steps files are played after its pcap4155.scn set-up answers.
+for f in "$WORK"/bed/scenarios/*/*.steps; do
+    [ -f "$f" ] && cat "${f%/*}/pcap4155.scn" "$f" > "${f%.steps}.steps.scn"
+done
 for scn in "$WORK"/bed/scenarios/*/*.scn; do
     if "$SIM_BIN" "$scn" --check > "$WORK/out" 2>&1; then
         passed=$((passed + 1))

@@ -6,7 +6,6 @@
 # checks here are the recorders' protocol check and the shape of the gesture:
 # two contacts that both lift, one pen stroke.
 . /bed/lib.sh
-. ../cmd-common/cmd.sh
 
 # The daemon registers ABS_MT_SLOT only on an Android release above 3; the
 # guest has no getprop, so one answering "9" goes first on its PATH.
@@ -20,7 +19,7 @@ start_sim sim.scn
 write_settings 1
 sed -i 's/^DebugEnableBits 1$/DebugEnableBits fffffff/' /data/TavrineA.ini
 PATH=/tmp/demobin:$PATH TavrineD -f > "$OUT/start.out" 2>&1
-cmd_wait_setup 300 && wait_until 'has_input MorvelTouch_VirtualPen' 50 && step "set-up done" || step "set-up not done"
+wait_setup 300 && wait_until 'has_input MorvelTouch_VirtualPen' 50 && step "set-up done" || step "set-up not done"
 
 for what in version model type; do
     printf '%s: %s\n' "$what" "$(tavrinectl --usb --timeout 4000 $what 2>&1)" >> "$OUT/tool.txt"
@@ -51,5 +50,5 @@ step "touch contacts down: $(count "$OUT/touch.trace" ABS_MT_TRACKING_ID 'v >= 0
 step "touch contacts lifted: $(count "$OUT/touch.trace" ABS_MT_TRACKING_ID 'v < 0')"
 step "pen strokes: $(count "$OUT/pen.trace" BTN_TOUCH 'v == 1') down, $(count "$OUT/pen.trace" BTN_TOUCH 'v == 0') up"
 step "pen in range: $(count "$OUT/pen.trace" BTN_TOOL_PEN 'v == 1') in, $(count "$OUT/pen.trace" BTN_TOOL_PEN 'v == 0') out"
-cp "$(cmd_log)" "$OUT/daemon.log" 2>/dev/null
+cp "$(daemon_log)" "$OUT/daemon.log" 2>/dev/null
 stop_pid "$SIM_PID"

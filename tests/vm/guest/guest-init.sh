@@ -53,34 +53,53 @@ reset_hid_drivers() {
     grep -q '^hid_multitouch ' /proc/modules || insmod /lib/modules/hid-multitouch.ko
 }
 
+# Runs one scenario, or one case of a family (CASE: its line of the family's cases file),
+# from a clean /data and /tmp and fresh HID drivers; its files go to $2; RC: run.sh's status.
+run_one() {
+    local dir=$1 out=$2 limit=$3 f
+    rm -rf /data/* /data/.[!.]* /tmp/* /tmp/.[!.]*
+    reset_hid_drivers "$out"
+    mkdir -p "$out/data"
+    dmesg -c > /dev/null
+    (cd "$dir" && OUT=$out SCENARIO=${dir##*/} CASE=$4 timeout -s KILL "$limit" sh ./run.sh > "$out/run.out" 2>&1)
+    RC=$?
+    [ "$RC" = 137 ] && echo "killed after $limit s" >> "$out/run.out"
+    kill_leftovers
+    sleep 0.2
+    dmesg > "$out/dmesg.txt"
+    for f in /data/*; do
+        [ -f "$f" ] && cp "$f" "$out/data/"
+    done
+}
+
+# A family (a folder with a cases file) plays each case in turn, in $out/<case> (its timeout
+# file gives the limit of the whole family, and of each case); its status is that of the
+# first case that failed.
 run_scenario() {
-    local name dir out limit start end rc rel
+    local name dir out limit start rc rel line
     name=$1
     dir=/bed/scenarios/$name
     out=/bed-out/$name
-    rm -rf /data/* /data/.[!.]* /tmp/* /tmp/.[!.]*
-    reset_hid_drivers "$name"
-    mkdir -p "$out"
-    dmesg -c > /dev/null
     limit=30
     [ -f "$dir/timeout" ] && limit=$(cat "$dir/timeout")
     echo "@@BED-SCENARIO-BEGIN $name"
     start=$(cut -d' ' -f1 /proc/uptime)
-    (cd "$dir" && OUT=$out SCENARIO=$name timeout -s KILL "$limit" sh ./run.sh > "$out/run.out" 2>&1)
-    rc=$?
-    end=$(cut -d' ' -f1 /proc/uptime)
-    [ "$rc" = 137 ] && echo "scenario killed after $limit s" >> "$out/run.out"
-    kill_leftovers
-    sleep 0.2
-    dmesg > "$out/dmesg.txt"
-    mkdir -p "$out/data"
-    for f in /data/*; do
-        [ -f "$f" ] && cp "$f" "$out/data/"
-    done
+    if [ -f "$dir/cases" ]; then
+        rc=0
+        while read -r line; do
+            case "$line" in '' | '#'*) continue ;; esac
+            run_one "$dir" "$out/${line%% *}" "$limit" "$line" < /dev/null
+            echo "case ${line%% *}: status $RC" >> "$out/cases.txt"
+            [ "$rc" = 0 ] && rc=$RC
+        done < "$dir/cases"
+    else
+        run_one "$dir" "$out" "$limit" ""
+        rc=$RC
+    fi
     (cd "$out" && find . -type f | sed 's|^\./||') | while read -r rel; do
         emit_file "$name" "$rel" "$out/$rel"
     done
-    echo "@@BED-SCENARIO-END $name rc=$rc start=$start end=$end"
+    echo "@@BED-SCENARIO-END $name rc=$rc start=$start end=$(cut -d' ' -f1 /proc/uptime)"
 }
 
 # This VM's share of the scenarios comes on the kernel command line

@@ -37,6 +37,8 @@ compare_expected() {
         [ -f "$exp" ] || continue
         name=${exp##*/expected.}
         actual=$OUT/$1/$name
+        # expected.<case>.<file> of a family: the file of that case's folder.
+        [ -d "$OUT/$1/${name%%.*}" ] && actual=$OUT/$1/${name%%.*}/${name#*.}
         [ -f "$actual" ] || : > "$OUT/$1/$name.missing"
         [ -f "$actual" ] || actual=$OUT/$1/$name.missing
         if ! diff -u --label "expected/$name" --label "actual/$name" "$exp" "$actual" >> "$OUT/$1/diff.txt"; then
