@@ -6,6 +6,7 @@
 #include "fuzz.h"
 #include "toolpipe/tool_pipe.h"
 
+// Input: interface/shift/series byte, tool writes (length byte + bytes).
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     fuzz::QuietProcess();
     fuzz::InputReader in{data, size};
@@ -15,33 +16,30 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     CDeviceObject* dev = rig.dev.get();
     rig.settings.ShiftByteBothEnd = (mode >> 2) & 0x1;
     dev->Series = mode >> 3;
-    const bool shifted = interface == DEV_USB && rig.settings.ShiftByteBothEnd;
-
     int pipe_fds[2], port_fds[2];
-    fuzz::Check(pipe2(pipe_fds, O_CLOEXEC | O_NONBLOCK) == 0);
-    fuzz::Check(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, port_fds) ==
-                0);
+    const int nonblocking_packets = SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK;
+    fuzz::Check(pipe2(pipe_fds, O_CLOEXEC | O_NONBLOCK) == 0 &&
+                socketpair(AF_UNIX, nonblocking_packets, 0, port_fds) == 0);
     dev->m_fdPipeIn.reset(pipe_fds[0]);
     dev->m_Port_fd.reset(port_fds[0]);
     UniqueFd tool(pipe_fds[1]), controller(port_fds[1]);
     while (!in.empty()) {
         std::vector<uint8_t> w = in.Chunk(65);  // one read of the relay
-        // The reset command on an RS232 port starts a line speed search of several seconds;
-        // it is kept out so that every input runs in microseconds.
+        // Kept out: the reset command on RS232 starts a line speed search of seconds.
         if (interface == DEV_RS232 && w.size() >= 5 && w[3] == 0x3A && w[4] == 0xFF) w[4] = 0xFE;
         fuzz::Check(w.empty() || write(tool.get(), w.data(), w.size()) == ssize_t(w.size()));
         const uint8_t route = dev->bPointsToTool;
         ForwardFromTool(dev);
 
-        uint8_t got[256];
-        const ssize_t n = recv(controller.get(), got, sizeof(got), MSG_DONTWAIT);
         std::vector<uint8_t> want = w;
-        if (shifted && !w.empty() && w.size() + 2 <= 65) {
+        if (interface == DEV_USB && rig.settings.ShiftByteBothEnd && !w.empty() &&
+            w.size() + 2 <= 65) {
             want.insert(want.begin(), 0x00);
             want.push_back(0x00);
         }
-        const bool exact = n == ssize_t(want.size()) && !memcmp(got, want.data(), want.size());
-        fuzz::Check(w.empty() ? n <= 0 : exact);
+        uint8_t got[256];
+        const ssize_t n = recv(controller.get(), got, sizeof(got), MSG_DONTWAIT);
+        fuzz::Check(w.empty() ? n <= 0 : n == ssize_t(want.size()) && !memcmp(got, want.data(), n));
         fuzz::Check(recv(controller.get(), got, sizeof(got), MSG_DONTWAIT) <= 0);
         const bool is_switch = w.size() >= 4 && w[0] == 0x0A && w[1] == 0x02 && w[2] == 0x34 &&
                                w[3] <= 1 && dev->Series <= 8;

@@ -1,4 +1,4 @@
-// USB reception path (README.md): configuration bytes, then port reads for DispatchPortBytes.
+// USB reception: nine configuration bytes, then port reads for DispatchPortBytes.
 #include "fuzz.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
