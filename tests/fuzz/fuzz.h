@@ -2,12 +2,10 @@
 #pragma once
 
 #include <ftw.h>
-#include <stdio.h>
 #include <string.h>
 
 #include <algorithm>
 #include <fstream>
-#include <string>
 #include <vector>
 
 #include "core/environment.h"
@@ -29,8 +27,8 @@ inline void SilenceLog() {
     snprintf(LogFilePath, sizeof(LogFilePath), "%s", "/dev/null");
 }
 
-// Once per process: quiet output and a fresh data directory on tmpfs (ext4 flushes a file
-// renamed over, milliseconds per input) under TAVRINE_FUZZ_TMPDIR, removed at exit.
+// Once per process: quiet output; a fresh data directory under TAVRINE_FUZZ_TMPDIR or on
+// tmpfs (ext4 flushes a file renamed over, milliseconds per input), removed at exit.
 inline void QuietProcess() {
     static std::string dir;
     if (!dir.empty()) return;
@@ -69,12 +67,8 @@ struct DeviceRig {
     std::unique_ptr<CDeviceObject> dev;
 
     explicit DeviceRig(uint8_t interface) {
-        snprintf(settings.UinputPath, sizeof(settings.UinputPath), "%s", kDefaultUinputPath);
         settings.MaxDeviceNums = 1;
-        dev.reset(new CDeviceObject(interface == DEV_USB   ? "/dev/hidraw0"
-                                    : interface == DEV_PS2 ? "/dev/serio_raw0"
-                                                           : "/dev/ttyS0",
-                                    &settings));
+        dev.reset(new CDeviceObject("/dev/tavrine-fuzz-port", &settings));  // not a node
         dev->DevInterface = interface;
         dev->CmdHeader = interface == DEV_USB ? CMD_HEADER_USB : CMD_HEADER_SERIAL;
         for (UniqueFd* fd : {&dev->UinputTouchFd, &dev->UinputPenFd, &dev->m_fdPipeOut})
@@ -84,8 +78,8 @@ struct DeviceRig {
     }
 };
 
-// Nine input bytes choose settings, hooks and system versions, so that the corpus reaches
-// every report layout, event protocol and transform.
+// Nine input bytes choose settings, hooks and system versions: every report layout, event
+// protocol and transform is reachable.
 inline void ConfigureFromInput(InputReader* in, DeviceRig* rig) {
     CDeviceObject* dev = rig->dev.get();
     DeviceParam& p = dev->Param;
@@ -109,7 +103,6 @@ inline void ConfigureFromInput(InputReader* in, DeviceRig* rig) {
     p.HoldFilterEnable = (transform >> 5) & 0x1;
     p.SplitRectMode = (transform >> 6) == 3 ? 9 : (transform >> 6);
     const uint8_t misc = in->Byte(), resolution = in->Byte(), hook = in->Byte();
-    p.VKEYEnable = misc & 0x1;
     p.VKEYReportMod = (misc >> 1) & 0x3;
     for (int i = 0; i < kVKeyCount; ++i) dev->VKeyCode[i] = (misc & 0x1) ? KEY_BACK + i : -1;
     AndroidVersion = AndroidVersionInfo{static_cast<int32_t>((misc >> 3) & 0xF), 0};
@@ -119,7 +112,6 @@ inline void ConfigureFromInput(InputReader* in, DeviceRig* rig) {
     p.ResolX = kResolutions[resolution & 0x7];
     p.ResolY = kResolutions[(resolution >> 3) & 0x7];
     dev->BaudRate = (resolution >> 6) & 0x1 ? 9600 : 115200;
-    dev->IAPType = (resolution >> 7) ? IAP_BFW : IAP_FW;
     dev->SigHookCmd = hook & 0x80 ? static_cast<uint16_t>(hook & 0x7F) : 0x100;
     dev->SelfHookCmd = hook & 0x40 ? static_cast<uint16_t>(0x20 + (hook & 0x3F)) : 0x100;
     dev->SigHookSubCmd = dev->SelfHookSubCmd = 0xFFFF;
@@ -145,31 +137,17 @@ inline std::string ReadFile() {
     return std::string(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
 }
 
-inline bool TextFits(const char* text, size_t cap) {
-    return memchr(text, '\0', cap) != nullptr;
-}
-
-// After a settings step on file: the file locks are free, no temporary copy is left, the
-// recorded offsets frame "[Device_No.<n>]" ... "[EndOfDevice]", virtual keys are kernel key
-// codes or -1, and the address is terminated.
-inline void CheckSettingsStep(const CDeviceObject* dev, const std::string& file) {
+// After a settings step: the file locks are free, no temporary copy is left, virtual keys are
+// kernel key codes or -1 and the address is terminated.
+inline void CheckSettingsStep(const CDeviceObject* dev) {
     SilenceLog();
     for (pthread_mutex_t* m : {&SettingsFileMutex, &TempFileMutex}) {
         Check(pthread_mutex_trylock(m) == 0);
         pthread_mutex_unlock(m);
     }
     Check(access(IniTempPath(), F_OK) != 0);
-    const DeviceParam& p = dev->Param;
-    if (p.BlockStart != 0 || p.BlockEnd != 0) {
-        const std::string header = "[Device_No." + std::to_string(p.Device_No) + "]";
-        const std::string end = "[EndOfDevice]";
-        Check(p.Device_No >= 0 && p.Device_No <= 9 && p.BlockStart < p.BlockEnd &&
-              p.BlockEnd <= file.size() && p.BlockEnd >= end.size() &&
-              file.compare(p.BlockStart + 1, header.size(), header) == 0 &&
-              file.compare(p.BlockEnd - end.size(), end.size(), end) == 0);
-    }
     for (int32_t key : dev->VKeyCode) Check(key >= -1 && key <= KEY_MAX);
-    Check(TextFits(p.Physical_Address, sizeof(p.Physical_Address)));
+    Check(strnlen(dev->Param.Physical_Address, kTextMax) < kTextMax);
 }
 
 }  // namespace fuzz

@@ -10,7 +10,7 @@ void CheckRewrite(CDeviceObject* dev, uint32_t start, uint32_t end) {
     const DeviceParam& p = dev->Param;
     const bool own = p.BlockStart < p.BlockEnd && start == p.BlockStart && end == p.BlockEnd;
     const int result = IniDevParamAddBlock(dev, start, end);
-    fuzz::CheckSettingsStep(dev, before);
+    fuzz::CheckSettingsStep(dev);
     const std::string after = fuzz::ReadFile();
     if (!own) return fuzz::Check(result == -1 && after == before);
     const size_t suffix = before.size() - end;
@@ -41,15 +41,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     dev->Param.SupportPoints = data[1];
     DevIniRoutine(dev);
     const std::string after = fuzz::ReadFile();
-    fuzz::CheckSettingsStep(dev, after);
+    fuzz::CheckSettingsStep(dev);
     if (after != before) {
         fuzz::Check(after.size() > before.size() && dev->Param.Device_No >= 0);
-        size_t prefix = 0, suffix = 0;
-        while (prefix < before.size() && before[prefix] == after[prefix]) ++prefix;
-        while (suffix < before.size() &&
-               before[before.size() - 1 - suffix] == after[after.size() - 1 - suffix]) {
-            ++suffix;
-        }
+        const size_t prefix =
+            std::mismatch(before.begin(), before.end(), after.begin()).first - before.begin();
+        const size_t suffix =
+            std::mismatch(before.rbegin(), before.rend(), after.rbegin()).first - before.rbegin();
         fuzz::Check(prefix + suffix >= before.size() &&
                     after.substr(prefix, after.size() - before.size()).find(address) !=
                         std::string::npos);

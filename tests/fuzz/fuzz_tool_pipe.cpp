@@ -30,13 +30,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         fuzz::Check(w.empty() || write(tool.get(), w.data(), w.size()) == ssize_t(w.size()));
         const uint8_t route = dev->bPointsToTool;
         ForwardFromTool(dev);
-
-        std::vector<uint8_t> want = w;
-        if (interface == DEV_USB && rig.settings.ShiftByteBothEnd && !w.empty() &&
-            w.size() + 2 <= 65) {
-            want.insert(want.begin(), 0x00);
-            want.push_back(0x00);
-        }
+        const bool pad = interface == DEV_USB && rig.settings.ShiftByteBothEnd && !w.empty() &&
+                         w.size() + 2 <= 65;
+        std::vector<uint8_t> want(w.size() + (pad ? 2 : 0), 0x00);
+        std::copy(w.begin(), w.end(), want.begin() + pad);
         uint8_t got[256];
         const ssize_t n = recv(controller.get(), got, sizeof(got), MSG_DONTWAIT);
         fuzz::Check(w.empty() ? n <= 0 : n == ssize_t(want.size()) && !memcmp(got, want.data(), n));
