@@ -1,4 +1,6 @@
-// The harness of the libFuzzer targets. A failed check calls abort(), a crash to libFuzzer.
+// The harness of the libFuzzer targets, which scripts/run-fuzz.sh runs over corpus/<target>/
+// (seeds in the input format each target's first lines give; regress-* once crashed it).
+// Replay an input: build-asan/tests/fuzz/fuzz_<target> <file>. A failed check calls abort().
 #pragma once
 
 #include <ftw.h>
@@ -34,7 +36,7 @@ inline void QuietProcess() {
     if (!dir.empty()) return;
     SilenceLog();
     SetPlatformLogSinkForTest([](bool, const char*) {});
-    UniqueFd null_fd(OpenCloexec("/dev/null", O_WRONLY));
+    UniqueFd null_fd(OpenCloexec("/dev/null", O_WRONLY));  // a settings file may log there
     dup2(null_fd.get(), STDOUT_FILENO);
     const char* base = getenv("TAVRINE_FUZZ_TMPDIR");
     dir = std::string(base && *base ? base : "/dev/shm") + "/tavrine_fuzz_XXXXXX";
@@ -52,8 +54,7 @@ struct InputReader {
     size_t size, pos = 0;
     bool empty() const { return pos >= size; }
     uint8_t Byte() { return pos < size ? data[pos++] : 0; }
-    // A length byte (mod max_len + 1), then that many bytes in an exactly sized block, so
-    // that AddressSanitizer sees any read past the chunk.
+    // A length byte (mod max_len + 1), then that many bytes in an exactly sized block.
     std::vector<uint8_t> Chunk(int max_len) {
         const size_t take = std::min<size_t>(Byte() % (max_len + 1), size - pos);
         pos += take;
@@ -78,21 +79,22 @@ struct DeviceRig {
     }
 };
 
-// Nine input bytes choose settings, hooks and system versions: every report layout, event
-// protocol and transform is reachable.
-inline void ConfigureFromInput(InputReader* in, DeviceRig* rig) {
-    CDeviceObject* dev = rig->dev.get();
+// The reception targets: nine bytes choose settings, hooks and system versions (every report
+// layout, event protocol and transform), then port reads go one by one to the same record.
+inline int Reception(InputReader in, uint8_t interface) {
+    DeviceRig rig(interface);
+    CDeviceObject* dev = rig.dev.get();
     DeviceParam& p = dev->Param;
     auto shift = [](int bits) { return static_cast<int8_t>(bits % 6 - 1); };  // -1 to 4
-    dev->Series = in->Byte() % 32;
-    const uint8_t mode = in->Byte();
+    dev->Series = in.Byte() % 32;
+    const uint8_t mode = in.Byte();
     dev->SendRawPoints = mode & 0x3;
     dev->bPCAP = (mode >> 2) & 0x1;
-    rig->settings.SkipFirstByte = (mode >> 3) & 0x1;
+    rig.settings.SkipFirstByte = (mode >> 3) & 0x1;
     p.EventType = static_cast<int8_t>((mode >> 4) & 0x7);  // unknown types included
     dev->bPointsToTool = mode >> 7;
-    p.SupportPoints = in->Byte();
-    const uint8_t shifts = in->Byte(), shifts2 = in->Byte(), transform = in->Byte();
+    p.SupportPoints = in.Byte();
+    const uint8_t shifts = in.Byte(), shifts2 = in.Byte(), transform = in.Byte();
     dev->MouseResShift = shift(shifts & 0xF);
     dev->DigitizerResShift = shift(shifts >> 4);
     dev->MTouchResShift = shift(shifts2 & 0xF);
@@ -102,7 +104,7 @@ inline void ConfigureFromInput(InputReader* in, DeviceRig* rig) {
     p.EdgeCompensate = (transform >> 4) & 0x1;
     p.HoldFilterEnable = (transform >> 5) & 0x1;
     p.SplitRectMode = (transform >> 6) == 3 ? 9 : (transform >> 6);
-    const uint8_t misc = in->Byte(), resolution = in->Byte(), hook = in->Byte();
+    const uint8_t misc = in.Byte(), resolution = in.Byte(), hook = in.Byte();
     p.VKEYReportMod = (misc >> 1) & 0x3;
     for (int i = 0; i < kVKeyCount; ++i) dev->VKeyCode[i] = (misc & 0x1) ? KEY_BACK + i : -1;
     AndroidVersion = AndroidVersionInfo{static_cast<int32_t>((misc >> 3) & 0xF), 0};
@@ -115,21 +117,11 @@ inline void ConfigureFromInput(InputReader* in, DeviceRig* rig) {
     dev->SigHookCmd = hook & 0x80 ? static_cast<uint16_t>(hook & 0x7F) : 0x100;
     dev->SelfHookCmd = hook & 0x40 ? static_cast<uint16_t>(0x20 + (hook & 0x3F)) : 0x100;
     dev->SigHookSubCmd = dev->SelfHookSubCmd = 0xFFFF;
-}
-
-// The reception targets: port reads handed one by one to the same record.
-inline int Reception(InputReader in, uint8_t interface) {
-    DeviceRig rig(interface);
-    ConfigureFromInput(&in, &rig);
     while (!in.empty()) {
         std::vector<uint8_t> read = in.Chunk(kPortReadMax);
-        DispatchPortBytes(rig.dev.get(), read.data(), static_cast<int>(read.size()));
+        DispatchPortBytes(dev, read.data(), static_cast<int>(read.size()));
     }
     return 0;
-}
-
-inline void WriteFile(const std::string& bytes) {
-    Check(static_cast<bool>(std::ofstream(IniFilePath(), std::ios::binary) << bytes));
 }
 
 inline std::string ReadFile() {
@@ -137,8 +129,8 @@ inline std::string ReadFile() {
     return std::string(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
 }
 
-// After a settings step: the file locks are free, no temporary copy is left, virtual keys are
-// kernel key codes or -1 and the address is terminated.
+// After a settings step: the file locks are free, no temporary copy is left, virtual keys
+// are kernel key codes or -1.
 inline void CheckSettingsStep(const CDeviceObject* dev) {
     SilenceLog();
     for (pthread_mutex_t* m : {&SettingsFileMutex, &TempFileMutex}) {
@@ -147,7 +139,6 @@ inline void CheckSettingsStep(const CDeviceObject* dev) {
     }
     Check(access(IniTempPath(), F_OK) != 0);
     for (int32_t key : dev->VKeyCode) Check(key >= -1 && key <= KEY_MAX);
-    Check(strnlen(dev->Param.Physical_Address, kTextMax) < kTextMax);
 }
 
 }  // namespace fuzz

@@ -1,30 +1,9 @@
-// Settings file maintenance of a multi-device set-up on any file: the per-device step adds at
-// most one insertion, carrying the address; a block rewrite happens only at the block's own
-// recorded offsets and never touches the bytes around it.
+// Settings maintenance of a multi-device set-up on any file: the per-device step adds at most
+// one insertion, carrying the address; a block rewrite happens only at the block's recorded
+// offsets and keeps the bytes around it. Input: a devices + address byte, a SupportPoints byte,
+// 2 rewrite bytes (first 0: the own block, else offsets from both), then the file.
 #include "fuzz.h"
 
-namespace {
-
-void CheckRewrite(CDeviceObject* dev, uint32_t start, uint32_t end) {
-    const std::string before = fuzz::ReadFile();
-    const DeviceParam& p = dev->Param;
-    const bool own = p.BlockStart < p.BlockEnd && start == p.BlockStart && end == p.BlockEnd;
-    const int result = IniDevParamAddBlock(dev, start, end);
-    fuzz::CheckSettingsStep(dev);
-    const std::string after = fuzz::ReadFile();
-    if (!own) return fuzz::Check(result == -1 && after == before);
-    const size_t suffix = before.size() - end;
-    fuzz::Check(result == 0 && after.compare(0, start, before, 0, start) == 0 &&
-                after.size() >= start + suffix &&
-                after.compare(after.size() - suffix, suffix, before, end, suffix) == 0);
-    const std::string block = after.substr(start, after.size() - suffix - start);
-    fuzz::Check(block.find("[Device_No." + std::to_string(p.Device_No) + "]") == 1 &&
-                block.find(p.Physical_Address) != std::string::npos);
-}
-
-}  // namespace
-
-// Input: devices + address byte, SupportPoints byte, 2 rewrite bytes, then the file.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const char* const kAddresses[] = {
         "usb-0000:00:14.0-1/input0", "usb-2/input0", "/dev/ttyS0",
@@ -33,29 +12,40 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 4) return 0;
     const char* address = kAddresses[(data[0] >> 3) % 4];
     const std::string before(data + 4, data + size);
-    fuzz::WriteFile(before);
+    fuzz::Check(static_cast<bool>(std::ofstream(IniFilePath(), std::ios::binary) << before));
     fuzz::DeviceRig rig(DEV_USB);
     rig.settings.MaxDeviceNums = static_cast<int8_t>(2 + data[0] % 8);  // 2 to 9
-    CDeviceObject* dev = rig.dev.get();
-    snprintf(dev->Param.Physical_Address, kTextMax, "%s", address);
-    dev->Param.SupportPoints = data[1];
-    DevIniRoutine(dev);
+    DeviceParam& p = rig.dev->Param;
+    snprintf(p.Physical_Address, kTextMax, "%s", address);
+    p.SupportPoints = data[1];
+    DevIniRoutine(rig.dev.get());
+    fuzz::CheckSettingsStep(rig.dev.get());
     const std::string after = fuzz::ReadFile();
-    fuzz::CheckSettingsStep(dev);
-    if (after != before) {
-        fuzz::Check(after.size() > before.size() && dev->Param.Device_No >= 0);
-        const size_t prefix =
+    if (after != before) {  // one insertion, carrying the address
+        fuzz::Check(after.size() > before.size() && p.Device_No >= 0);
+        const size_t at =
             std::mismatch(before.begin(), before.end(), after.begin()).first - before.begin();
-        const size_t suffix =
-            std::mismatch(before.rbegin(), before.rend(), after.rbegin()).first - before.rbegin();
-        fuzz::Check(prefix + suffix >= before.size() &&
-                    after.substr(prefix, after.size() - before.size()).find(address) !=
-                        std::string::npos);
+        const std::string inserted = after.substr(at, after.size() - before.size());
+        fuzz::Check(after.substr(0, at) + after.substr(at + inserted.size()) == before &&
+                    inserted.find(address) != std::string::npos);
     }
-    // The own block when the first rewrite byte is 0, else offsets from the two bytes.
     const uint32_t now = static_cast<uint32_t>(after.size());
-    const uint32_t start = data[2] ? now * data[2] / 256 : dev->Param.BlockStart;
-    const uint32_t end = data[2] ? start + 1 + data[3] * (now - start) / 256 : dev->Param.BlockEnd;
-    if (start < end) CheckRewrite(dev, start, end);
+    const uint32_t start = data[2] ? now * data[2] / 256 : p.BlockStart;
+    const uint32_t end = data[2] ? start + 1 + data[3] * (now - start) / 256 : p.BlockEnd;
+    if (start >= end) return 0;
+    const bool own = p.BlockStart < p.BlockEnd && start == p.BlockStart && end == p.BlockEnd;
+    p.SupportPoints ^= 0x5A;  // the rewritten block differs
+    const int result = IniDevParamAddBlock(rig.dev.get(), start, end);
+    fuzz::CheckSettingsStep(rig.dev.get());
+    const std::string rewritten = fuzz::ReadFile();
+    const size_t suffix = after.size() - end;
+    fuzz::Check(
+        own ? result == 0 && rewritten.compare(0, start, after, 0, start) == 0 &&
+                  rewritten.size() >= start + suffix &&
+                  rewritten.compare(rewritten.size() - suffix, suffix, after, end, suffix) == 0 &&
+                  rewritten.find("[Device_No." + std::to_string(p.Device_No) + "]", start) ==
+                      start + 1 &&
+                  rewritten.find(address, start) < rewritten.size() - suffix
+            : result == -1 && rewritten == after);
     return 0;
 }
