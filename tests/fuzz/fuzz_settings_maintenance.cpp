@@ -33,7 +33,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const uint32_t start = data[2] ? now * data[2] / 256 : p.BlockStart;
     const uint32_t end = data[2] ? start + 1 + data[3] * (now - start) / 256 : p.BlockEnd;
     if (start >= end) return 0;
-    const bool own = p.BlockStart < p.BlockEnd && start == p.BlockStart && end == p.BlockEnd;
+    const bool own = start == p.BlockStart && end == p.BlockEnd;
     p.SupportPoints ^= 0x5A;  // the rewritten block differs
     const int result = IniDevParamAddBlock(rig.dev.get(), start, end);
     fuzz::CheckSettingsStep(rig.dev.get());

@@ -1,5 +1,5 @@
 // Settings file readers on any bytes: the global sections keep text fields terminated; a block
-// read, or the single-device step (which leaves the file as it was), records sane values.
+// read, or the single-device step (which leaves the file as it was), frees the file locks.
 // Input: a selector byte (bit 7: the single-device step, else a block number), then the file.
 #include "fuzz.h"
 
@@ -8,8 +8,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size == 0) return 0;
     std::string file(data + 1, data + size);
     if (!file.empty()) {
-        FILE* stream = fmemopen(&file[0], file.size(), "r");  // reads the bytes in place
-        GlobalSettings s{};                                   // the empty slots that a value fills
+        FILE* stream = fmemopen(&file[0], file.size(), "r");
+        GlobalSettings s{};  // the empty slots that a value fills
         for (auto& path : s.CustomSerialPath) snprintf(path, kTextMax, "%s", "default");
         for (auto& pid : s.DevPID) snprintf(pid, kPidTextMax, "%s", "NULL");
         ReadGlobalSettingsFrom(stream, &s);
