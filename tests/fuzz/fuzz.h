@@ -1,14 +1,13 @@
-// The harness of the libFuzzer targets (each is one source file plus the library). A failed
-// check calls abort(), which libFuzzer reports as a crash.
+// The harness of the libFuzzer targets, which scripts/run-fuzz.sh runs over corpus/<target>/
+// (seeds in the input format each target's first lines give; regress-* once crashed it).
+// Replay an input: build-asan/tests/fuzz/fuzz_<target> <file>. A failed check calls abort().
 #pragma once
 
 #include <ftw.h>
-#include <stdio.h>
 #include <string.h>
 
 #include <algorithm>
 #include <fstream>
-#include <string>
 #include <vector>
 
 #include "core/environment.h"
@@ -30,27 +29,22 @@ inline void SilenceLog() {
     snprintf(LogFilePath, sizeof(LogFilePath), "%s", "/dev/null");
 }
 
-// Once per process: the log silenced, standard output on /dev/null, and a fresh data directory
-// removed at exit (under TAVRINE_FUZZ_TMPDIR, which scripts/run-fuzz.sh removes even after a
-// crash, else on tmpfs: ext4 flushes a file renamed over, milliseconds per input).
+// Once per process: quiet output; a fresh data directory under TAVRINE_FUZZ_TMPDIR or on
+// tmpfs (ext4 flushes a file renamed over, milliseconds per input), removed at exit.
 inline void QuietProcess() {
-    static char dir[64] = "";
-    if (dir[0] != '\0') return;
+    static std::string dir;
+    if (!dir.empty()) return;
     SilenceLog();
     SetPlatformLogSinkForTest([](bool, const char*) {});
-    UniqueFd null_fd(OpenCloexec("/dev/null", O_WRONLY));
-    if (null_fd.valid()) dup2(null_fd.get(), STDOUT_FILENO);
+    UniqueFd null_fd(OpenCloexec("/dev/null", O_WRONLY));  // a settings file may log there
+    dup2(null_fd.get(), STDOUT_FILENO);
     const char* base = getenv("TAVRINE_FUZZ_TMPDIR");
-    Check(snprintf(dir, sizeof(dir), "%s/tavrine_fuzz_XXXXXX", base && *base ? base : "/dev/shm") <
-          static_cast<int>(sizeof(dir)));
-    if (mkdtemp(dir) == nullptr) {
-        snprintf(dir, sizeof(dir), "%s", "/tmp/tavrine_fuzz_XXXXXX");
-        Check(mkdtemp(dir) != nullptr);
-    }
-    SetDataDirForTest(dir);
+    dir = std::string(base && *base ? base : "/dev/shm") + "/tavrine_fuzz_XXXXXX";
+    Check(mkdtemp(&dir[0]) != nullptr);
+    SetDataDirForTest(dir.c_str());
     atexit([] {
-        nftw(dir, [](const char* p, const struct stat*, int, FTW*) { return remove(p); }, 16,
-             FTW_DEPTH | FTW_PHYS);
+        auto remove_one = [](const char* p, const struct stat*, int, FTW*) { return remove(p); };
+        nftw(dir.c_str(), remove_one, 16, FTW_DEPTH | FTW_PHYS);
     });
 }
 
@@ -60,54 +54,47 @@ struct InputReader {
     size_t size, pos = 0;
     bool empty() const { return pos >= size; }
     uint8_t Byte() { return pos < size ? data[pos++] : 0; }
-    // One length byte (modulo max_len + 1), then that many bytes or what is left, copied
-    // into an exactly sized block so that AddressSanitizer sees any read past the chunk.
+    // A length byte (mod max_len + 1), then that many bytes in an exactly sized block.
     std::vector<uint8_t> Chunk(int max_len) {
-        const size_t want = Byte() % (max_len + 1), take = std::min(want, size - pos);
+        const size_t take = std::min<size_t>(Byte() % (max_len + 1), size - pos);
         pos += take;
         return std::vector<uint8_t>(data + pos - take, data + pos);
     }
 };
 
-// A bare device record (no port, no thread) and its settings record. The touch and pen
-// devices and the tool's output pipe are /dev/null: event writes succeed, uinput ioctls fail.
+// A device record without port or thread; touch, pen and tool outputs are /dev/null.
 struct DeviceRig {
     GlobalSettings settings{};
     std::unique_ptr<CDeviceObject> dev;
 
     explicit DeviceRig(uint8_t interface) {
-        snprintf(settings.UinputPath, sizeof(settings.UinputPath), "%s", kDefaultUinputPath);
         settings.MaxDeviceNums = 1;
-        dev.reset(new CDeviceObject(interface == DEV_USB   ? "/dev/hidraw0"
-                                    : interface == DEV_PS2 ? "/dev/serio_raw0"
-                                                           : "/dev/ttyS0",
-                                    &settings));
+        dev.reset(new CDeviceObject("/dev/tavrine-fuzz-port", &settings));  // not a node
         dev->DevInterface = interface;
         dev->CmdHeader = interface == DEV_USB ? CMD_HEADER_USB : CMD_HEADER_SERIAL;
         for (UniqueFd* fd : {&dev->UinputTouchFd, &dev->UinputPenFd, &dev->m_fdPipeOut})
             fd->reset(OpenCloexec("/dev/null", O_WRONLY));
         dev->bTouchDeviceCreated = dev->bPenDeviceCreated = true;
-        // A sender that never wakes up: a reply matching a signal hook is copied and
-        // signalled without the pauses of a wake that finds nobody waiting.
-        dev->WaiterCount = 1;
+        dev->WaiterCount = 1;  // a hooked reply is signalled without a wake's pauses
     }
 };
 
-// Per-device settings, hooks and process-wide versions from the next nine input bytes, so
-// that every report layout, event protocol and transform is reached from the corpus.
-inline void ConfigureFromInput(InputReader* in, DeviceRig* rig) {
-    CDeviceObject* dev = rig->dev.get();
+// The reception targets: nine bytes choose settings, hooks and system versions (every report
+// layout, event protocol and transform), then port reads go one by one to the same record.
+inline int Reception(InputReader in, uint8_t interface) {
+    DeviceRig rig(interface);
+    CDeviceObject* dev = rig.dev.get();
     DeviceParam& p = dev->Param;
     auto shift = [](int bits) { return static_cast<int8_t>(bits % 6 - 1); };  // -1 to 4
-    dev->Series = in->Byte() % 32;
-    const uint8_t mode = in->Byte();
-    dev->SendRawPoints = mode & 0x3;  // 2 and 3: packets dropped
+    dev->Series = in.Byte() % 32;
+    const uint8_t mode = in.Byte();
+    dev->SendRawPoints = mode & 0x3;
     dev->bPCAP = (mode >> 2) & 0x1;
-    rig->settings.SkipFirstByte = (mode >> 3) & 0x1;
+    rig.settings.SkipFirstByte = (mode >> 3) & 0x1;
     p.EventType = static_cast<int8_t>((mode >> 4) & 0x7);  // unknown types included
     dev->bPointsToTool = mode >> 7;
-    p.SupportPoints = in->Byte();  // any value a settings file may hold
-    const uint8_t shifts = in->Byte(), shifts2 = in->Byte(), transform = in->Byte();
+    p.SupportPoints = in.Byte();
+    const uint8_t shifts = in.Byte(), shifts2 = in.Byte(), transform = in.Byte();
     dev->MouseResShift = shift(shifts & 0xF);
     dev->DigitizerResShift = shift(shifts >> 4);
     dev->MTouchResShift = shift(shifts2 & 0xF);
@@ -117,12 +104,7 @@ inline void ConfigureFromInput(InputReader* in, DeviceRig* rig) {
     p.EdgeCompensate = (transform >> 4) & 0x1;
     p.HoldFilterEnable = (transform >> 5) & 0x1;
     p.SplitRectMode = (transform >> 6) == 3 ? 9 : (transform >> 6);
-    p.CustomRectLeft = 100;
-    p.CustomRectRight = 3000;
-    p.CustomRectTop = 50;
-    p.CustomRectBottom = 4000;
-    const uint8_t misc = in->Byte(), resolution = in->Byte(), hook = in->Byte();
-    p.VKEYEnable = misc & 0x1;
+    const uint8_t misc = in.Byte(), resolution = in.Byte(), hook = in.Byte();
     p.VKEYReportMod = (misc >> 1) & 0x3;
     for (int i = 0; i < kVKeyCount; ++i) dev->VKeyCode[i] = (misc & 0x1) ? KEY_BACK + i : -1;
     AndroidVersion = AndroidVersionInfo{static_cast<int32_t>((misc >> 3) & 0xF), 0};
@@ -132,60 +114,31 @@ inline void ConfigureFromInput(InputReader* in, DeviceRig* rig) {
     p.ResolX = kResolutions[resolution & 0x7];
     p.ResolY = kResolutions[(resolution >> 3) & 0x7];
     dev->BaudRate = (resolution >> 6) & 0x1 ? 9600 : 115200;
-    dev->IAPType = (resolution >> 7) ? IAP_BFW : IAP_FW;
     dev->SigHookCmd = hook & 0x80 ? static_cast<uint16_t>(hook & 0x7F) : 0x100;
     dev->SelfHookCmd = hook & 0x40 ? static_cast<uint16_t>(0x20 + (hook & 0x3F)) : 0x100;
     dev->SigHookSubCmd = dev->SelfHookSubCmd = 0xFFFF;
-}
-
-// The reception targets: the configuration, then port reads handed one by one to
-// DispatchPortBytes on the same record, whose state carries from read to read.
-inline int Reception(InputReader in, uint8_t interface) {
-    DeviceRig rig(interface);
-    ConfigureFromInput(&in, &rig);
     while (!in.empty()) {
         std::vector<uint8_t> read = in.Chunk(kPortReadMax);
-        DispatchPortBytes(rig.dev.get(), read.data(), static_cast<int>(read.size()));
+        DispatchPortBytes(dev, read.data(), static_cast<int>(read.size()));
     }
     return 0;
 }
 
-inline bool WriteWholeFile(const char* path, const std::string& bytes) {
-    std::ofstream f(path, std::ios::binary | std::ios::trunc);
-    return static_cast<bool>(f.write(bytes.data(), static_cast<std::streamsize>(bytes.size())));
-}
-
-inline std::string ReadWholeFile(const char* path) {
-    std::ifstream f(path, std::ios::binary);
+inline std::string ReadFile() {
+    std::ifstream f(IniFilePath(), std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
 }
 
-inline bool TextFits(const char* text, size_t cap) { return memchr(text, '\0', cap) != nullptr; }
-
-// After a settings step: both settings-file mutexes are free and no temporary copy is left.
-inline void CheckFileLocksReleased() {
+// After a settings step: the file locks are free, no temporary copy is left, virtual keys
+// are kernel key codes or -1.
+inline void CheckSettingsStep(const CDeviceObject* dev) {
+    SilenceLog();
     for (pthread_mutex_t* m : {&SettingsFileMutex, &TempFileMutex}) {
         Check(pthread_mutex_trylock(m) == 0);
         pthread_mutex_unlock(m);
     }
     Check(access(IniTempPath(), F_OK) != 0);
-}
-
-// What a block read left in the record describes file: recorded offsets frame
-// "[Device_No.<n>]" ... "[EndOfDevice]" of the block number; every virtual key is "no key"
-// or a kernel key code; the address is terminated.
-inline void CheckBlockRead(const CDeviceObject* dev, const std::string& file) {
-    const DeviceParam& p = dev->Param;
-    if (p.BlockStart != 0 || p.BlockEnd != 0) {
-        const std::string header = "[Device_No." + std::to_string(p.Device_No) + "]";
-        const std::string end = "[EndOfDevice]";
-        Check(p.Device_No >= 0 && p.Device_No <= 9 && p.BlockStart < p.BlockEnd &&
-              p.BlockEnd <= file.size() && p.BlockEnd >= end.size() &&
-              file.compare(p.BlockStart + 1, header.size(), header) == 0 &&
-              file.compare(p.BlockEnd - end.size(), end.size(), end) == 0);
-    }
     for (int32_t key : dev->VKeyCode) Check(key >= -1 && key <= KEY_MAX);
-    Check(TextFits(p.Physical_Address, sizeof(p.Physical_Address)));
 }
 
 }  // namespace fuzz

@@ -1,4 +1,4 @@
-// Serial and PS/2 reception path (README.md): an interface byte, then as fuzz_usb_reception.
+// Serial and PS/2 reception: an interface byte, then as fuzz_usb_reception.
 #include "fuzz.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

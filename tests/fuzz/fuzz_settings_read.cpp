@@ -1,43 +1,34 @@
-// Settings file readers: the global sections from a memory stream (text fields stay
-// terminated), then the bytes as the settings file, read as a block or through the
-// single-device step, which must leave the file as it was.
+// Settings file readers on any bytes: the global sections keep text fields terminated; a block
+// read, or the single-device step (which leaves the file as it was), frees the file locks.
+// Input: a selector byte (bit 7: the single-device step, else a block number), then the file.
 #include "fuzz.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     fuzz::QuietProcess();
     if (size == 0) return 0;
-    const uint8_t select = data[0];
-    const std::string file(data + 1, data + size);
+    std::string file(data + 1, data + size);
     if (!file.empty()) {
-        std::vector<char> copy(file.begin(), file.end());  // fmemopen reads it in place
-        FILE* stream = fmemopen(copy.data(), copy.size(), "r");
-        fuzz::Check(stream != nullptr);
-        GlobalSettings s{};
-        snprintf(s.UinputPath, sizeof(s.UinputPath), "%s", kDefaultUinputPath);
+        FILE* stream = fmemopen(&file[0], file.size(), "r");
+        GlobalSettings s{};  // the empty slots that a value fills
         for (auto& path : s.CustomSerialPath) snprintf(path, kTextMax, "%s", "default");
         for (auto& pid : s.DevPID) snprintf(pid, kPidTextMax, "%s", "NULL");
-        s.MaxDeviceNums = 1;
         ReadGlobalSettingsFrom(stream, &s);
         fclose(stream);
         fuzz::SilenceLog();
-        fuzz::Check(fuzz::TextFits(s.UinputPath, kTextMax));
-        for (auto& path : s.CustomSerialPath) fuzz::Check(fuzz::TextFits(path, kTextMax));
-        for (auto& pid : s.DevPID) fuzz::Check(fuzz::TextFits(pid, kPidTextMax));
+        fuzz::Check(strnlen(s.UinputPath, kTextMax) < kTextMax);
+        for (auto& path : s.CustomSerialPath) fuzz::Check(strnlen(path, kTextMax) < kTextMax);
+        for (auto& pid : s.DevPID) fuzz::Check(strnlen(pid, kPidTextMax) < kPidTextMax);
     }
-
-    fuzz::Check(fuzz::WriteWholeFile(IniFilePath(), file));
+    fuzz::Check(static_cast<bool>(std::ofstream(IniFilePath(), std::ios::binary) << file));
     fuzz::DeviceRig rig(DEV_USB);
-    CDeviceObject* dev = rig.dev.get();
-    snprintf(dev->Param.Physical_Address, kTextMax, "%s", "usb-0000:00:14.0-1/input0");
-    if (select & 0x80) {
-        DevIniRoutine(dev);
-        fuzz::Check(fuzz::ReadWholeFile(IniFilePath()) == file);
+    snprintf(rig.dev->Param.Physical_Address, kTextMax, "%s", "usb-0000:00:14.0-1/input0");
+    if (data[0] & 0x80) {
+        DevIniRoutine(rig.dev.get());
+        fuzz::Check(fuzz::ReadFile() == file);
     } else {
-        dev->Param.Device_No = static_cast<int8_t>(select % 12) - 1;  // -1 to 10
-        IniDevParamRead(dev);
+        rig.dev->Param.Device_No = static_cast<int8_t>(data[0] % 12) - 1;  // -1 to 10
+        IniDevParamRead(rig.dev.get());
     }
-    fuzz::SilenceLog();
-    fuzz::CheckFileLocksReleased();
-    fuzz::CheckBlockRead(dev, file);
+    fuzz::CheckSettingsStep(rig.dev.get());
     return 0;
 }

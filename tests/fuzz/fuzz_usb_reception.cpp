@@ -1,4 +1,5 @@
-// USB reception path (README.md): configuration bytes, then port reads for DispatchPortBytes.
+// USB reception. Input: nine configuration bytes (ConfigureFromInput), then port reads (a length
+// byte mod 66 and that many bytes) handed to DispatchPortBytes.
 #include "fuzz.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
