@@ -21,8 +21,10 @@ class DaemonProcessTest : public ::testing::Test {
         if (getuid() != 0) GTEST_SKIP() << "the daemon ends with status 255 unless run as root";
         ASSERT_EQ(0, prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0));
         ASSERT_EQ(0, system(("rm -rf " + kDataDir + " && mkdir " + kDataDir).c_str()));
-        ASSERT_TRUE(testutil::WriteFile(kDataDir + "/TavrineA.ini", "[TavrineA.ini]\nDebugEnableBits\t\t3\nShowDebugPosition\t0\n"
-            "DeviceNums\t\t1\nScanInterface\t\t4\n[String]\nSerialPath\t\tdefault\n\n[EndOfFile]"));
+        ASSERT_TRUE(testutil::WriteFile(
+            kDataDir + "/TavrineA.ini",
+            "[TavrineA.ini]\nDebugEnableBits\t\t3\nShowDebugPosition\t0\nDeviceNums\t\t1\n"
+            "ScanInterface\t\t4\n[String]\nSerialPath\t\tdefault\n\n[EndOfFile]"));
     }
     void TearDown() override {
         testutil::WaitUntil([&] {
@@ -36,9 +38,11 @@ class DaemonProcessTest : public ::testing::Test {
         std::vector<pid_t> out;
         const std::string ppid = "\nPPid:\t" + std::to_string(getpid()) + "\n";
         DIR* proc = opendir("/proc");
-        while (struct dirent* e = proc ? readdir(proc) : nullptr)
-            if (testutil::ReadFile(std::string("/proc/") + e->d_name + "/status").find(ppid) != std::string::npos)
+        while (struct dirent* e = proc ? readdir(proc) : nullptr) {
+            const std::string path = std::string("/proc/") + e->d_name + "/status";
+            if (testutil::ReadFile(path).find(ppid) != std::string::npos)
                 out.push_back(atoi(e->d_name));
+        }
         if (proc) closedir(proc);
         return out;
     }
