@@ -7,6 +7,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -86,6 +87,7 @@ class CommandTest : public testing::Test {
 using SelfRecvTest = CommandTest;
 using BlockingChannel = CommandTest;
 using RxThreadTest = CommandTest;
+using CleanPort = CommandTest;
 
 // The polling exchange writes again only after a silent 500 ms period, three times at most,
 // and ends after 3 s even under endless other traffic; a missing port pauses instead.
@@ -93,7 +95,6 @@ TEST_F(SelfRecvTest, WritesAgainOnlyAfterASilentPeriod) {
     struct Case { const char* name; int reply_ms; int answered_write; bool chatter; bool no_port;
         size_t min_writes, writes; bool replied; int min_ms, max_ms; } cases[] = {
         {"on time", 10, 1, false, false, 1, 1, true, 0, 500},
-        // The late reply to the first write arrives in the second period and ends it.
         {"after 600 ms", 600, 1, false, false, 1, 2, true, 550, 1100},
         {"answers the second write", 10, 2, false, false, 2, 2, true, 450, 1000},
         {"never", -1, 1, false, false, 3, 3, false, 1450, 1500},
@@ -294,22 +295,19 @@ TEST(SerialPort, OpenAtConfiguredSpeedAndRestoreOnClose) {
 }
 
 // A controller that keeps sending during set-up: the drain ends after its 200 reads.
-TEST(CleanPort, DrainIsBounded) {
-    GlobalSettings settings = DevTestSettings();
+TEST_F(CleanPort, DrainIsBounded) {
     FakeController controller(false);
-    CDeviceObject dev("/dev/ttyS99", &settings);
-    AttachPort(&dev, &controller, DEV_RS232);
+    auto dev = Device(&controller, DEV_RS232);
     controller.Send(Bytes(300 * kPortReadMax, 0x81));
     const int64_t start = NowMs();
-    DevCleanPortData(&dev);
+    DevCleanPortData(dev.get());
     EXPECT_GE(NowMs() - start, 900);
     EXPECT_LE(NowMs() - start, 1000 + kLoadSlackMs);
     uint8_t rest[kPortReadMax];
-    EXPECT_EQ(kPortReadMax, read(dev.m_Port_fd.get(), rest, sizeof(rest)));
+    EXPECT_EQ(kPortReadMax, read(dev->m_Port_fd.get(), rest, sizeof(rest)));
 }
 
-// Runs the current test again in a fresh process image with `marker` in its environment
-// and, when `stack` is not 0, that stack limit; expects it to pass.
+// Runs the current test again in a fresh process image with `marker` set (and `stack` as its stack limit).
 void RunInFreshProcess(const char* marker, rlim_t stack) {
     const testing::TestInfo* test = testing::UnitTest::GetInstance()->current_test_info();
     const std::string filter = std::string("--gtest_filter=") + test->test_suite_name() + "." + test->name();
@@ -345,8 +343,7 @@ TEST(CreatedDevice, ThreadCreationFailureGivesNoDevice) {
         return;
     }
     // 2^45 bytes, or the largest finite limit where rlim_t has 32 bits.
-    const unsigned long long want = 1ULL << 45;
-    RunInFreshProcess("TAVRINE_DEV_HUGE_STACK_CHILD", want < RLIM_INFINITY ? static_cast<rlim_t>(want) : RLIM_INFINITY - 1);
+    RunInFreshProcess("TAVRINE_DEV_HUGE_STACK_CHILD", std::min<unsigned long long>(1ULL << 45, RLIM_INFINITY - 1));
 }
 
 // Devices destroyed at once or during set-up (in the silent firmware-kind query) stop
@@ -391,7 +388,8 @@ TEST(SetPortBaudRate, SavesAndRestoresFromTwoThreads) {
     struct termios original, line;
     ASSERT_EQ(0, tcgetattr(a.master.get(), &original));
     const auto work = [](int fd, uint32_t rate, int* failures) {
-        for (int i = 0; i < 200; ++i) *failures += (SetPortBaudRate(fd, rate, 1) != 0) + (SetPortBaudRate(fd, 0, 0) != 0);
+        for (int i = 0; i < 200; ++i)
+            *failures += (SetPortBaudRate(fd, rate, 1) != 0) + (SetPortBaudRate(fd, 0, 0) != 0);
     };
     int failures_a = 0, failures_b = 0;
     std::thread other(work, b.slave.get(), 115200u, &failures_b);
