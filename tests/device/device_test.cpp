@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -346,20 +347,34 @@ TEST(CreatedDevice, ThreadCreationFailureGivesNoDevice) {
     RunInFreshProcess("TAVRINE_DEV_HUGE_STACK_CHILD", std::min<unsigned long long>(1ULL << 45, RLIM_INFINITY - 1));
 }
 
-// Devices destroyed at once or during set-up (in the silent firmware-kind query) stop
-// within the bound; they, and a node that cannot be opened, leave no descriptor or thread.
+// Destroying a device while it drains a streaming controller stops its thread at once;
+// devices destroyed again and again, and a node that cannot be opened, leave no descriptor
+// and no thread behind.
 TEST_F(CommandTest, DestroyDuringOrAfterSetupLeavesNothingBehind) {
     Pty pty;
     ASSERT_TRUE(testutil::OpenPty(&pty));
     const auto count = [](const char* dir) { return std::distance(std::filesystem::directory_iterator(dir), {}); };
     const auto fds = count("/proc/self/fd"), tasks = count("/proc/self/task");
-    for (int i = 0; i < 20; ++i) {
-        std::unique_ptr<CDeviceObject> dev = CDeviceObject::Create(pty.slave_path.c_str(), &settings_);
-        ASSERT_NE(nullptr, dev);
-        if (i % 2) usleep(100000);
-        const int64_t start = NowMs();
-        dev.reset();
-        EXPECT_LT(NowMs() - start, kStopBoundMs);
+    struct termios raw;
+    ASSERT_EQ(0, tcgetattr(pty.master.get(), &raw));
+    cfmakeraw(&raw);
+    ASSERT_EQ(0, tcsetattr(pty.master.get(), TCSANOW, &raw));
+    const Bytes queued(4000, 0x81);  // keeps the drain busy some 300 ms, then 10 bytes a ms
+    ASSERT_EQ(4000, write(pty.master.get(), queued.data(), queued.size()));
+    std::atomic<bool> stop{false};
+    std::thread streamer([&] { while (!stop && write(pty.master.get(), queued.data(), 10) >= 0) usleep(1000); });
+    std::unique_ptr<CDeviceObject> dev = CDeviceObject::Create(pty.slave_path.c_str(), &settings_);
+    ASSERT_NE(nullptr, dev);
+    usleep(100000);
+    EXPECT_EQ(1, dev->bThreadRunning.load());  // still draining the port
+    const int64_t start = NowMs();
+    dev.reset();
+    EXPECT_LT(NowMs() - start, kStopBoundMs);
+    stop = true;
+    streamer.join();
+    for (int i = 0; i < 30; ++i) {
+        ASSERT_NE(nullptr, CDeviceObject::Create(pty.slave_path.c_str(), &settings_));
+        if (i % 2) usleep(2000);  // destroyed at once or a little later
     }
     EXPECT_EQ(nullptr, CDeviceObject::Create("/dev/hidraw_missing_for_test", &settings_));
     EXPECT_EQ(fds, count("/proc/self/fd"));
