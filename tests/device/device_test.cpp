@@ -1,13 +1,15 @@
-// The command channel and the controller commands against a controller stand-in on a
-// socketpair: bytes on the wire, the polling and the blocking exchange, the replies each
-// command takes, the set-up sequence (no uinput here: it ends at the virtual devices with
-// -1), the stop of a receive thread, and the RS232 presence check.
+// The device object against a controller stand-in (socketpair or pty): command exchanges,
+// set-up, its receive thread, descriptor bytes and the serial line.
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <string.h>
-#include <sys/socket.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <memory>
@@ -22,10 +24,20 @@
 #include "support/dev_test_util.h"
 #include "support/test_util.h"
 
+#if defined(__SANITIZE_THREAD__)
+#define DEV_UNDER_TSAN 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define DEV_UNDER_TSAN 1
+#endif
+#endif
+
 namespace {
 
 using Script = std::map<uint8_t, std::vector<Bytes>>;  // command byte -> reply packets
 using Responder = std::function<std::vector<TimedReply>(const Bytes&)>;
+using testutil::NowMs;
+using testutil::Pty;
 
 // "0a 0141" -> {0x0A, 0x01, 0x41}: spaces between byte pairs are skipped.
 Bytes Hex(const char* hex) {
@@ -34,26 +46,11 @@ Bytes Hex(const char* hex) {
     return out;
 }
 
-// The command bytes (byte 2) of the packets the controller received: "46 44".
-std::string Commands(const FakeController& controller) {
-    std::string out;
-    char byte[4];
-    for (const Bytes& p : controller.Received()) {
-        snprintf(byte, sizeof(byte), out.empty() ? "%02x" : " %02x", p.size() > 2 ? p[2] : 0);
-        out += byte;
-    }
+// The command byte (byte 2) of each packet the controller received.
+Bytes Commands(const FakeController& controller) {
+    Bytes out;
+    for (const Bytes& p : controller.Received()) out.push_back(p.size() > 2 ? p[2] : 0);
     return out;
-}
-
-// Answers each command byte (byte 2 of a packet) with its scripted packets.
-Responder Answer(Script script) {
-    return [script](const Bytes& packet) {
-        std::vector<TimedReply> replies;
-        auto it = packet.size() >= 3 ? script.find(packet[2]) : script.end();
-        for (size_t i = 0; it != script.end() && i < it->second.size(); ++i)
-            replies.push_back({1, it->second[i]});
-        return replies;
-    };
 }
 
 class CommandTest : public testing::Test {
@@ -75,51 +72,30 @@ class CommandTest : public testing::Test {
         AttachPort(dev.get(), controller, interface);
         return dev;
     }
+    // Answers each command byte with its scripted packets.
+    std::unique_ptr<CDeviceObject> Scripted(FakeController* controller, bool usb, Script script) {
+        return Device(controller, usb ? DEV_USB : DEV_RS232, [script](const Bytes& packet) {
+            std::vector<TimedReply> replies;
+            auto it = packet.size() >= 3 ? script.find(packet[2]) : script.end();
+            for (size_t i = 0; it != script.end() && i < it->second.size(); ++i) replies.push_back({1, it->second[i]});
+            return replies;
+        });
+    }
     testutil::TempDir data_;
     GlobalSettings settings_ = DevTestSettings();
     KernelVersionInfo saved_kernel_;
 };
-using CommandShift = CommandTest;
 using SelfRecvTest = CommandTest;
 using BlockingChannel = CommandTest;
 using RxThreadTest = CommandTest;
+using CleanPort = CommandTest;
 
-TEST_F(CommandShift, WireBytesByPortAndKernel) {
-    struct Case { const char* name; bool usb; int32_t old_kernel; bool both_ends;
-        int (*send)(CDeviceObject*); int result; const char* wire; } cases[] = {
-        // Old kernels: a leading report id 0 and 7-byte writes.
-        {"USB feature, old kernel", true, 1, false, SetFeature, 7, "00 0502 00000000"},
-        {"USB loop-back, old kernel", true, 1, false, SetLoopbackInside, -1, "00 030141 000000"},
-        {"USB feature", true, 0, false, SetFeature, 6, "0502 00000000"},
-        {"serial loop-back", false, 0, false, SetLoopbackInside, -1, "0a0141"},
-        // ShiftByteBothEnd on the polled write: 4 bytes go out as 6.
-        {"USB raw format, both ends", true, 0, true, SetRawFormat, 0, "00 030234 0000"},
-    };
-    const int32_t saved = bOldKernel;
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        bOldKernel = c.old_kernel;
-        settings_.ShiftByteBothEnd = c.both_ends;
-        FakeController controller(c.usb);  // never answers
-        auto dev = Device(&controller, c.usb ? DEV_USB : DEV_RS232);
-        // Twice: a command leaves the channel free for the next one.
-        EXPECT_EQ(c.result, c.send(dev.get()));
-        EXPECT_EQ(c.result, c.send(dev.get()));
-        ASSERT_TRUE(controller.WaitForPackets(2, 1000));
-        const std::vector<Bytes> got = controller.Received();
-        EXPECT_EQ((std::vector<Bytes>{Hex(c.wire), Hex(c.wire)}), std::vector<Bytes>(got.begin(), got.begin() + 2));
-    }
-    bOldKernel = saved;
-}
-
-// The polling exchange writes again only after a silent 500 ms period, three times at most;
-// other traffic, even endless, causes no new write and the exchange still ends after 3 s.
-// A port whose writes fail pauses 500 ms after each of its three attempts.
+// The polling exchange writes again only after a silent 500 ms period, three times at most,
+// and ends after 3 s even under endless other traffic; a missing port pauses instead.
 TEST_F(SelfRecvTest, WritesAgainOnlyAfterASilentPeriod) {
     struct Case { const char* name; int reply_ms; int answered_write; bool chatter; bool no_port;
         size_t min_writes, writes; bool replied; int min_ms, max_ms; } cases[] = {
         {"on time", 10, 1, false, false, 1, 1, true, 0, 500},
-        // The late reply to the first write arrives in the second period and ends it.
         {"after 600 ms", 600, 1, false, false, 1, 2, true, 550, 1100},
         {"answers the second write", 10, 2, false, false, 2, 2, true, 450, 1000},
         {"never", -1, 1, false, false, 3, 3, false, 1450, 1500},
@@ -140,9 +116,9 @@ TEST_F(SelfRecvTest, WritesAgainOnlyAfterASilentPeriod) {
         dev->SelfHookSubCmd = kAnySubCmd;
         dev->SelfHookCmd = 0x41;
         memcpy(dev->CmdSendBuf, Hex("030141").data(), 3);
-        const int64_t start = testutil::NowMs();
+        const int64_t start = NowMs();
         SelfRecv(dev.get(), 3);
-        const int64_t elapsed = testutil::NowMs() - start;
+        const int64_t elapsed = NowMs() - start;
         controller.Stop();
         EXPECT_EQ(c.replied, dev->bSelfHookReplied.load());
         if (c.replied) { EXPECT_EQ(0x41, dev->CmdReplyBuf[2]); }
@@ -155,7 +131,7 @@ TEST_F(SelfRecvTest, WritesAgainOnlyAfterASilentPeriod) {
     }
 }
 
-// A command sent from another thread, its reply delivered by a real receive thread.
+// A command from another thread, its reply delivered by a real receive thread.
 TEST_F(BlockingChannel, CommandFromAnotherThread) {
     // reply: sent (in one write) to the `answer`th command.
     struct Case { const char* name; bool format; const char* reply; int delay_ms, answer, result;
@@ -164,7 +140,6 @@ TEST_F(BlockingChannel, CommandFromAnotherThread) {
         // The reply to the first attempt comes after its 500 ms wait: the second one takes it.
         {"late", false, "0a0141", 750, 1, 0, 2, 1500},
         {"only the second attempt answered", false, "0a0141", 5, 2, 0, 2, 900},
-        // Back to back, before the woken sender can take the channel lock again.
         {"doubled", false, "0a0141 0a0141", 5, 1, 0, 1, 400},
         {"missing", false, "", 0, 1, ETIMEDOUT, 3, 1800},
         {"format confirmed", true, "0a023301", 5, 1, 0, 1, 400},
@@ -184,16 +159,15 @@ TEST_F(BlockingChannel, CommandFromAnotherThread) {
         dev->NoDeviceCheck = 1;
         StartRxLoopThread(dev.get());
         int result = -100;
-        const int64_t start = testutil::NowMs();
+        const int64_t start = NowMs();
         std::thread([&] { result = c.format ? SetFormat(dev.get(), 1) : SetLoopback(dev.get()); }).join();
         EXPECT_EQ(c.result, result);
-        EXPECT_LE(testutil::NowMs() - start, c.max_ms + kLoadSlackMs);
+        EXPECT_LE(NowMs() - start, c.max_ms + kLoadSlackMs);
         if (c.commands) { EXPECT_EQ(c.commands, controller.ReceivedCount()); }
         ASSERT_GE(controller.ReceivedCount(), 1u);
         EXPECT_EQ(Hex(c.format ? "0a023401" : "0a0141"), controller.Received()[0]);
         EXPECT_EQ(0, dev->SigHookCmd.load());
-        // The channel is idle again: no wake is left counted (a late or doubled reply), so
-        // a following wait without a reply times out.
+        // No wake is left counted (a late or doubled reply): the next wait times out.
         usleep(50000);
         EXPECT_EQ(ETIMEDOUT, CmdTimedWait(dev.get(), 0, 50));
         StopReadThread(dev.get());
@@ -201,10 +175,8 @@ TEST_F(BlockingChannel, CommandFromAnotherThread) {
     }
 }
 
-// What each command sends and which replies it takes: the text limits (length byte, a 0
-// byte, 63 characters), replies for another command or address, the right-click format
-// bytes, the report format polled on the device's own thread (blocking would take 9 s), and
-// the firmware version that decides whether the other texts are asked.
+// Replies each command takes: text limits (length byte, a 0 byte, 63 characters), a reply
+// for another command, and the report format polled on the device's own thread.
 TEST_F(CommandTest, RepliesEachCommandAccepts) {
     using Call = std::function<int(CDeviceObject*, std::string*)>;
     const auto text = [](int (*get)(CDeviceObject*, char*)) -> Call {
@@ -214,27 +186,13 @@ TEST_F(CommandTest, RepliesEachCommandAccepts) {
             return *out = text, ret;
         };
     };
-    const auto ee = [](uint8_t address) -> Call {
-        return [address](CDeviceObject* dev, std::string* out) {
-            uint16_t value = 0xBEEF;
-            const int ret = GetEEData(dev, address, &value);
-            return *out = std::to_string(value), ret;
-        };
-    };
-    const Call rclk = [](CDeviceObject* dev, std::string* out) {
-        uint8_t id = 0, on = 0, count = 0;
-        const int ret = GetRCLKFormat(dev, &id, &on, &count);
-        return *out = std::to_string(id) + " " + std::to_string(on) + " " + std::to_string(count), ret;
-    };
     const Call own_thread = [](CDeviceObject* dev, std::string*) {
         MarkRxThreadOf(dev);  // this thread plays the device's receive thread
         const int ret = SetFormat(dev, 1);
         return MarkRxThreadOf(nullptr), ret;
     };
-    const Bytes fmt = Hex("030433 078132"), done = Hex("030433");
     std::vector<Bytes> long_text = {Hex("030444 64 5656")};  // 100 'V' in fragments
-    for (int left = 98; left > 0; left -= 3)
-        long_text.push_back(Hex(left >= 3 ? "030400 565656" : "030300 5656"));
+    for (int left = 98; left > 0; left -= 3) long_text.push_back(Hex(left >= 3 ? "030400 565656" : "030300 5656"));
     struct Case { const char* name; bool usb; Script script; Call call; int result;
         std::string out; const char* commands; const char* last; } cases[] = {
         {"100 characters", true, {{0x44, long_text}}, text(GetFWVersion), 0, std::string(63, 'V'), "44", nullptr},
@@ -242,66 +200,41 @@ TEST_F(CommandTest, RepliesEachCommandAccepts) {
         {"stops at 0", true, {{0x46, {Hex("030746 504300 58595a")}}}, text(GetTypeName), 0, "PC", "46", nullptr},
         {"length byte 1: text untouched", false, {{0x44, {Hex("0a0144")}}}, text(GetFWVersion), 0, "keep", "44", "0a0144"},
         {"other command", false, {{0x45, {Hex("0a0246 51")}}}, text(GetModelName), -1, "keep", "45 45 45", nullptr},
-        {"EEPROM word", false, {{0x43, {Hex("0a0443 392301")}}}, ee(0x39), 0, "291", "43", "0a0243 39"},
-        {"EEPROM other address", false, {{0x43, {Hex("0a0443 392301")}}}, ee(0x10), -1, "48879", "43", nullptr},
-        {"right-click set", true, {{0x34, {Hex("030433 078314")}}},
-         [](CDeviceObject* d, std::string*) { return SetRCLKFormat(d, 3, 1, 20); }, 0, "", "34", "030434 078314"},
-        {"right-click get", true, {{0x35, {fmt}}}, rclk, 0, "1 1 50", "35", "030435 07ff00"},
-        {"right-click length byte not 4", true, {{0x35, {Hex("030233 078132")}}}, rclk, -1, "0 0 0", "35", nullptr},
-        {"right-click off after a query", true, {{0x35, {fmt}}, {0x34, {done}}},
-         [](CDeviceObject* d, std::string*) { return DisableRCLKFunction(d), 0; }, 0, "", "35 34", "030434 070132"},
-        {"right-click off, series 2: EEPROM word 0x39", true, {{0x43, {Hex("030443 392301")}}, {0x34, {done}}},
-         [](CDeviceObject* d, std::string*) { d->Series = SERIES_LOMBAR; return DisableRCLKFunction(d), 0; }, 0, "", "43 34", "030434 070300"},
         {"format on its own thread", true, {{0x34, {Hex("030233 01")}}}, own_thread, 0, "", "34", "030234 010000"},
         {"format on its own thread, silent", true, {}, own_thread, -1, "", "34 34 34", nullptr},
-        {"firmware kind, silent: application firmware", false, {},
-         [](CDeviceObject* d, std::string* out) {
-             d->IAPType = IAP_BFW;
-             const int ret = DevGetIAPType(d);
-             return *out = d->IAPType == IAP_FW ? "application" : "boot", ret;
-         }, 0, "application", "39 39 39", "0a023902"},
-        {"no version: unknown texts", true, {{0x46, {Hex("030646 4c4f4d7878")}}},
-         [](CDeviceObject* d, std::string* out) {
-             DevGetControllerInfo(d);
-             return *out = std::string(d->FWVersion) + d->TypeName + d->ModelName, d->Series;
-         }, SERIES_UNKNOWN, "UNKNOWNUNKNOWNUNKNOWN", "46 44 44 44", nullptr},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         FakeController controller(c.usb);
-        auto dev = Device(&controller, c.usb ? DEV_USB : DEV_RS232, Answer(c.script));
+        auto dev = Scripted(&controller, c.usb, c.script);
         std::string out;
-        const int64_t start = testutil::NowMs();
         EXPECT_EQ(c.result, c.call(dev.get(), &out));
-        EXPECT_LE(testutil::NowMs() - start, 1600 + kLoadSlackMs);  // three silent periods
         EXPECT_EQ(c.out, out);
-        EXPECT_EQ(c.commands, Commands(controller));
+        EXPECT_EQ(Hex(c.commands), Commands(controller));
         if (c.last) { EXPECT_EQ(Hex(c.last), controller.Received().back()); }
         EXPECT_EQ(0, dev->SelfHookCmd.load());  // unregistered after each command
     }
 }
 
-// Set-up up to the virtual devices: the commands in their order and what the device learns.
+// Set-up up to the virtual devices (none here): the commands in order, what the device learns.
 TEST_F(CommandTest, SetupIdentifiesInOrder) {
     const char* unreachable = "UNREACHABLE UNREACHABLE UNREACHABLE";
     struct Case { const char* name; bool usb; Script script; const char* commands;
         std::string texts; int32_t series; int8_t event_type; } cases[] = {
-        // Firmware kind, type, version, model, type; serial ports have the vendor report.
         {"serial", false, {{0x39, {Hex("0a0439 040000")}}, {0x46, {Hex("0a0646 5043415036")}}, {0x44, {Hex("0a0344 3132")}},
           {0x45, {Hex("0a0345 4d31")}}}, "39 46 44 45 46", "PCAP6 12 M1 PCAP", SERIES_PCAP_6555, 2},
         {"boot firmware: no identification", false, {{0x39, {Hex("0a0439 040200")}}}, "39", unreachable, SERIES_BOOT_FIRMWARE, -1},
-        // A USB node without a readable descriptor has no vendor report: no command at all.
         {"USB without vendor report", true, {}, "", unreachable, 0, 1},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         FakeController controller(c.usb);
-        auto dev = Device(&controller, c.usb ? DEV_USB : DEV_RS232, Answer(c.script));
-        const int64_t start = testutil::NowMs();
+        auto dev = Scripted(&controller, c.usb, c.script);
+        const int64_t start = NowMs();
         EXPECT_EQ(-1, DevSetup(dev.get()));  // ends at the touch device: no uinput here
-        EXPECT_LT(testutil::NowMs() - start, 1000 + kLoadSlackMs);
+        EXPECT_LT(NowMs() - start, 1000 + kLoadSlackMs);
         usleep(20000);
-        EXPECT_EQ(c.commands, Commands(controller));
+        EXPECT_EQ(Hex(c.commands), Commands(controller));
         if (controller.ReceivedCount()) { EXPECT_EQ(Hex("0a023902"), controller.Received()[0]); }
         EXPECT_EQ(c.texts, std::string(dev->TypeName) + " " + dev->FWVersion + " " + dev->ModelName +
                                (dev->bPCAP ? " PCAP" : ""));
@@ -310,30 +243,8 @@ TEST_F(CommandTest, SetupIdentifiesInOrder) {
     }
 }
 
-// A stop request during set-up (here in the silent firmware-kind query) ends it at once:
-// nothing more is sent and the later steps never run.
-TEST_F(CommandTest, StopDuringSetupEndsIt) {
-    FakeController controller(false);
-    auto dev = Device(&controller, DEV_RS232);
-    SetupSigUsr1Handler();
-    sigset_t usr1, old_mask;
-    sigemptyset(&usr1);
-    sigaddset(&usr1, SIGUSR1);
-    pthread_sigmask(SIG_BLOCK, &usr1, &old_mask);
-    dev->bThreadRunning = 1;
-    ASSERT_EQ(0, pthread_create(&dev->ThreadId, nullptr, DevThreadMain, dev.get()));
-    dev->bThreadCreated = true;
-    pthread_sigmask(SIG_SETMASK, &old_mask, nullptr);
-    usleep(200000);
-    const int64_t start = testutil::NowMs();
-    StopReadThread(dev.get());
-    EXPECT_LT(testutil::NowMs() - start, kStopBoundMs);
-    EXPECT_EQ("39", Commands(controller));
-    EXPECT_EQ(0, dev->Param.EventType);
-}
-
-// A receive loop blocked on its port is stopped by signal and joined, on each port kind; a
-// second stop, and the stop of a thread never created (a garbage handle), do nothing.
+// A receive loop blocked on its port is stopped with one signal and joined; a second stop,
+// and the stop of a thread never created (a garbage handle), do nothing.
 TEST_F(RxThreadTest, StopsALoopBlockedOnThePortAndOnlyAThreadThatExists) {
     for (uint8_t interface : {DEV_USB, DEV_RS232}) {
         SCOPED_TRACE(static_cast<int>(interface));
@@ -345,13 +256,11 @@ TEST_F(RxThreadTest, StopsALoopBlockedOnThePortAndOnlyAThreadThatExists) {
         StartRxLoopThread(dev.get());
         ASSERT_TRUE(dev->bThreadCreated);
         usleep(100000);  // well inside the wait by now
-        EXPECT_EQ(1, dev->bThreadRunning.load());
-        const int64_t start = testutil::NowMs();
+        const int64_t start = NowMs();
         EXPECT_EQ(0, StopReadThread(dev.get()));
-        EXPECT_LT(testutil::NowMs() - start, kStopBoundMs);
+        EXPECT_LT(NowMs() - start, kStopBoundMs);
         EXPECT_FALSE(dev->bThreadCreated);
-        EXPECT_EQ(0, dev->bThreadRunning.load());
-        EXPECT_FALSE(log.Contains("Call pthread_kill"));  // the one signal was delivered
+        EXPECT_FALSE(log.Contains("Call pthread_kill"));  // no signal to a thread that ended
         EXPECT_EQ(0, StopReadThread(dev.get()));
     }
     CDeviceObject dev("/dev/hidraw99", &settings_);
@@ -361,33 +270,152 @@ TEST_F(RxThreadTest, StopsALoopBlockedOnThePortAndOnlyAThreadThatExists) {
     EXPECT_EQ(0, dev.bThreadRunning.load());
 }
 
-// About 15 s of silence on an RS232 port (750 idle 20 ms wake-ups of its receive loop) ask
-// the scan loop for a presence check; traffic starts the count again (here at 5 s: the check
-// comes at 20 s); other ports and a disabled check never count.
-TEST_F(RxThreadTest, Rs232SilenceRequestsPresenceCheck) {
-    struct Port { uint8_t interface, no_check; } ports[] = {
-        {DEV_RS232, 0}, {DEV_RS232, 1}, {DEV_USB, 0}, {DEV_PS2, 0}};
-    std::vector<std::unique_ptr<FakeController>> controllers;
-    std::vector<std::unique_ptr<CDeviceObject>> devs;
-    bDeviceExistCheck = 0;
-    for (const Port& p : ports) {
-        controllers.push_back(std::make_unique<FakeController>(false));
-        devs.push_back(Device(controllers.back().get(), p.interface));
-        devs.back()->NoDeviceCheck = p.no_check;
-        StartRxLoopThread(devs.back().get());
+// Opened non-blocking and close-on-exec at the configured speed; closing writes the saved
+// line settings back. A path that names no terminal is refused before any line setting.
+TEST(SerialPort, OpenAtConfiguredSpeedAndRestoreOnClose) {
+    Pty pty;
+    ASSERT_TRUE(testutil::OpenPty(&pty));
+    struct termios original, line, restored;
+    ASSERT_EQ(0, tcgetattr(pty.master.get(), &original));
+    GlobalSettings settings = DevTestSettings();
+    settings.DeviceBaudRate = 19200;
+    CDeviceObject dev(pty.slave_path.c_str(), &settings), not_a_tty("/dev/null", &settings);
+    dev.DevInterface = not_a_tty.DevInterface = DEV_RS232;
+    ASSERT_EQ(0, OpenPort(&dev));
+    const int fd = dev.m_Port_fd.get();
+    EXPECT_TRUE(fcntl(fd, F_GETFL) & O_NONBLOCK);
+    EXPECT_EQ(FD_CLOEXEC, fcntl(fd, F_GETFD) & FD_CLOEXEC);
+    ASSERT_EQ(0, tcgetattr(pty.master.get(), &line));
+    EXPECT_EQ(static_cast<speed_t>(B19200), cfgetospeed(&line));
+    ClosePort(&dev);
+    EXPECT_EQ(-1, fcntl(fd, F_GETFD));
+    ASSERT_EQ(0, tcgetattr(pty.master.get(), &restored));
+    EXPECT_EQ(cfgetospeed(&original), cfgetospeed(&restored));
+    EXPECT_EQ(original.c_lflag, restored.c_lflag);
+    EXPECT_EQ(-1, OpenPort(&not_a_tty));
+}
+
+// A controller that keeps sending during set-up: the drain ends after its 200 reads.
+TEST_F(CleanPort, DrainIsBounded) {
+    FakeController controller(false);
+    auto dev = Device(&controller, DEV_RS232);
+    controller.Send(Bytes(300 * kPortReadMax, 0x81));
+    const int64_t start = NowMs();
+    DevCleanPortData(dev.get());
+    EXPECT_GE(NowMs() - start, 900);
+    EXPECT_LE(NowMs() - start, 1000 + kLoadSlackMs);
+    uint8_t rest[kPortReadMax];
+    EXPECT_EQ(kPortReadMax, read(dev->m_Port_fd.get(), rest, sizeof(rest)));
+}
+
+// Runs the current test again in a fresh process image with `marker` set (and `stack` as its stack limit).
+void RunInFreshProcess(const char* marker, rlim_t stack) {
+    const testing::TestInfo* test = testing::UnitTest::GetInstance()->current_test_info();
+    const std::string filter = std::string("--gtest_filter=") + test->test_suite_name() + "." + test->name();
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        struct rlimit limit = {stack, stack};
+        if (stack != 0) setrlimit(RLIMIT_STACK, &limit);
+        setenv(marker, "1", 1);
+        execl("/proc/self/exe", "device_tests", filter.c_str(), static_cast<char*>(nullptr));
+        _exit(127);
     }
-    const int64_t start = testutil::NowMs();
-    usleep(5000000);
-    EXPECT_EQ(0, bDeviceExistCheck.load());
-    controllers[0]->Send(Hex("0a0141"));  // unhooked: to the (closed) tool pipe
-    testutil::WaitUntil([] { return bDeviceExistCheck.load() != 0; }, 40000);
-    const int64_t elapsed = testutil::NowMs() - start;
-    EXPECT_EQ(1, bDeviceExistCheck.load());
-    EXPECT_GE(elapsed, 19500);
-    EXPECT_LE(elapsed, 20000 + 10 * kLoadSlackMs);  // 750 waits, each late on a busy host
-    for (auto& dev : devs) StopReadThread(dev.get());
-    for (size_t i = 1; i < devs.size(); ++i) EXPECT_EQ(0u, devs[i]->IdleWakeCount) << i;
-    bDeviceExistCheck = 0;
+    int status = 0;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+}
+
+// Thread creation fails (a huge stack limit, in a fresh process image): no device.
+TEST(CreatedDevice, ThreadCreationFailureGivesNoDevice) {
+#ifdef DEV_UNDER_TSAN
+    GTEST_SKIP() << "ThreadSanitizer cannot start under a huge stack limit";
+#endif
+    if (getenv("TAVRINE_DEV_HUGE_STACK_CHILD")) {
+        pthread_t probe;
+        if (pthread_create(&probe, nullptr, [](void*) -> void* { return nullptr; }, nullptr) == 0) {
+            pthread_join(probe, nullptr);
+            GTEST_SKIP() << "threads can still be created under this limit";
+        }
+        Pty pty;
+        ASSERT_TRUE(testutil::OpenPty(&pty));
+        GlobalSettings settings = DevTestSettings();
+        EXPECT_EQ(nullptr, CDeviceObject::Create(pty.slave_path.c_str(), &settings));
+        return;
+    }
+    // 2^45 bytes, or the largest finite limit where rlim_t has 32 bits.
+    RunInFreshProcess("TAVRINE_DEV_HUGE_STACK_CHILD", std::min<unsigned long long>(1ULL << 45, RLIM_INFINITY - 1));
+}
+
+// Destroying a device while it drains a streaming controller stops its thread at once;
+// devices destroyed again and again, and a node that cannot be opened, leave no descriptor
+// and no thread behind.
+TEST_F(CommandTest, DestroyDuringOrAfterSetupLeavesNothingBehind) {
+    Pty pty;
+    ASSERT_TRUE(testutil::OpenPty(&pty));
+    const auto count = [](const char* dir) { return std::distance(std::filesystem::directory_iterator(dir), {}); };
+    const auto fds = count("/proc/self/fd"), tasks = count("/proc/self/task");
+    struct termios raw;
+    ASSERT_EQ(0, tcgetattr(pty.master.get(), &raw));
+    cfmakeraw(&raw);
+    ASSERT_EQ(0, tcsetattr(pty.master.get(), TCSANOW, &raw));
+    const Bytes queued(4000, 0x81);  // keeps the drain busy some 300 ms, then 10 bytes a ms
+    ASSERT_EQ(4000, write(pty.master.get(), queued.data(), queued.size()));
+    std::atomic<bool> stop{false};
+    std::thread streamer([&] { while (!stop && write(pty.master.get(), queued.data(), 10) >= 0) usleep(1000); });
+    std::unique_ptr<CDeviceObject> dev = CDeviceObject::Create(pty.slave_path.c_str(), &settings_);
+    ASSERT_NE(nullptr, dev);
+    usleep(100000);
+    EXPECT_EQ(1, dev->bThreadRunning.load());  // still draining the port
+    const int64_t start = NowMs();
+    dev.reset();
+    EXPECT_LT(NowMs() - start, kStopBoundMs);
+    stop = true;
+    streamer.join();
+    for (int i = 0; i < 30; ++i) {
+        ASSERT_NE(nullptr, CDeviceObject::Create(pty.slave_path.c_str(), &settings_));
+        if (i % 2) usleep(2000);  // destroyed at once or a little later
+    }
+    EXPECT_EQ(nullptr, CDeviceObject::Create("/dev/hidraw_missing_for_test", &settings_));
+    EXPECT_EQ(fds, count("/proc/self/fd"));
+    EXPECT_EQ(tasks, count("/proc/self/task"));
+}
+
+// Nothing saved yet (a fresh process image): the restore refuses instead of writing speed
+// 0, which hangs the line up.
+TEST(SetPortBaudRate, RestoreWithoutSaveIsRefused) {
+    if (!getenv("TAVRINE_DEV_FRESH_CHILD")) return RunInFreshProcess("TAVRINE_DEV_FRESH_CHILD", 0);
+    Pty pty;
+    ASSERT_TRUE(testutil::OpenPty(&pty));
+    struct termios before, after;
+    ASSERT_EQ(0, tcgetattr(pty.master.get(), &before));
+    EXPECT_EQ(-1, SetPortBaudRate(pty.slave.get(), 0, 0));
+    ASSERT_EQ(0, tcgetattr(pty.master.get(), &after));
+    EXPECT_EQ(cfgetospeed(&before), cfgetospeed(&after));
+}
+
+// Lines set and restored from two threads at once (scan probe and speed recheck): every
+// call succeeds and each line ends at a speed one of them set or saved; TSan sees races.
+TEST(SetPortBaudRate, SavesAndRestoresFromTwoThreads) {
+    Pty a, b;
+    ASSERT_TRUE(testutil::OpenPty(&a));
+    ASSERT_TRUE(testutil::OpenPty(&b));
+    struct termios original, line;
+    ASSERT_EQ(0, tcgetattr(a.master.get(), &original));
+    const auto work = [](int fd, uint32_t rate, int* failures) {
+        for (int i = 0; i < 200; ++i)
+            *failures += (SetPortBaudRate(fd, rate, 1) != 0) + (SetPortBaudRate(fd, 0, 0) != 0);
+    };
+    int failures_a = 0, failures_b = 0;
+    std::thread other(work, b.slave.get(), 115200u, &failures_b);
+    work(a.slave.get(), 9600u, &failures_a);
+    other.join();
+    EXPECT_EQ(0, failures_a + failures_b);
+    for (Pty* pty : {&a, &b}) {
+        ASSERT_EQ(0, tcgetattr(pty->master.get(), &line));
+        const speed_t speed = cfgetospeed(&line);
+        EXPECT_TRUE(speed == B9600 || speed == B115200 || speed == cfgetospeed(&original)) << speed;
+    }
 }
 
 }  // namespace
