@@ -31,8 +31,7 @@ TEST(MergeReply, Sequences) {
         std::vector<Bytes> packets;
         int result;
         Bytes reply;
-        bool merging;
-        bool pcap = false;
+        bool merging, pcap = false;
     };
     // clang-format off
     const Case cases[] = {
@@ -70,9 +69,8 @@ TEST(MergeReply, Sequences) {
         memset(rig.dev->CmdReplyBuf, 0xCC, sizeof(rig.dev->CmdReplyBuf));
         rig.dev->bPCAP = c.pcap;
         for (size_t i = 0; i < c.packets.size(); ++i) {
-            const Bytes& packet = c.packets[i];
-            const int result = MergeCommandPacket(rig.dev.get(), packet.data(), static_cast<int>(packet.size()));
-            EXPECT_EQ(i + 1 < c.packets.size() ? 0 : c.result, result) << "packet " << i;
+            const int n = static_cast<int>(c.packets[i].size());
+            EXPECT_EQ(i + 1 < c.packets.size() ? 0 : c.result, MergeCommandPacket(rig.dev.get(), c.packets[i].data(), n));
         }
         EXPECT_EQ(c.reply, Bytes(rig.dev->CmdReplyBuf, rig.dev->CmdReplyBuf + c.reply.size()));
         EXPECT_EQ(c.merging, rig.dev->bMerging == 1);
@@ -88,18 +86,12 @@ TEST(ParseCmdReply, RoutingToHooksAndTool) {
     UniqueFd tool;
     MakeEventPair(&rig.dev->m_fdPipeOut, &tool);
     rig.dev->SigHookCmd = 0x99;
-    struct Step {
-        uint8_t hook;
-        uint16_t sub;
-        Bytes reply;
-        bool hooked;
-    };
-    const Step steps[] = {
+    const struct { uint8_t hook; uint16_t sub; Bytes reply; bool hooked; } steps[] = {
         {0x99, 0x02, H("03 03 41 01 02"), false}, {0x41, 0x02, H("03 03 41 01 02"), false},
         {0x41, 0x02, H("03 03 41 02 02"), true},  {0x41, kAnySubCmd, H("0A 03 41 7E 00"), true},
         {0x45, kAnySubCmd, H("03 04 45 0A 01 02"), false},  // the first fragment of a merge
     };
-    for (const Step& s : steps) {
+    for (const auto& s : steps) {
         SCOPED_TRACE(testing::PrintToString(s.reply));
         rig.dev->SelfHookCmd = s.hook;
         rig.dev->SelfHookSubCmd = s.sub;
@@ -107,9 +99,8 @@ TEST(ParseCmdReply, RoutingToHooksAndTool) {
         ParseCmdPacket(rig.dev.get(), s.reply.data(), static_cast<int>(s.reply.size()));
         EXPECT_EQ(s.hooked, rig.dev->bSelfHookReplied.load() == 1);
         uint8_t buffer[256];
-        const ssize_t n = recv(tool.get(), buffer, sizeof(buffer), MSG_DONTWAIT);
-        const bool to_tool = !s.hooked && s.hook != 0x45;
-        EXPECT_EQ(to_tool ? s.reply : Bytes{}, Bytes(buffer, buffer + (n > 0 ? n : 0)));
+        const ssize_t n = std::max<ssize_t>(0, recv(tool.get(), buffer, sizeof(buffer), MSG_DONTWAIT));
+        EXPECT_EQ(s.hooked || s.hook == 0x45 ? Bytes{} : s.reply, Bytes(buffer, buffer + n));
     }
 }
 
@@ -139,13 +130,8 @@ TEST(ParseCmdReply, SignalHookWinsOverSelfHook) {
 // earlier one ("HOME" here), and one that is none of these unmaps the key (-1). Keys outside
 // VKEY_0-9 change nothing.
 TEST(VKeyIni, KeysAndValues) {
-    struct Case {
-        const char* key;
-        const char* value;
-        int index, code;
-    };
     // clang-format off
-    const Case cases[] = {
+    const struct { const char* key; const char* value; int index, code; } cases[] = {
         {"VKEY_0", "BACK", 0, 158}, {"VKEY_4", "0x9e", 4, 158}, {"VKEY_5", "0x2FF", 5, 0x2FF}, {"VKEY_6", "114", 6, 114},
         {"VKEY_7", "home", 7, -1}, {"VKEY_8", "0x", 8, -1}, {"VKEY_9", "12abc", 9, 12}, {"VKEY_9", "abc", 9, -1},
         {"VKEY_9", "", 9, -1}, {"VKEY_9", "0x300", 9, -1}, {"VKEY_9", "-5", 9, -1},
@@ -153,7 +139,7 @@ TEST(VKeyIni, KeysAndValues) {
         {"VKEY_10", "BACK", -1, 0}, {"VKEY_-1", "BACK", -1, 0}, {"VKEY_x", "BACK", -1, 0}, {"KEY_1", "BACK", -1, 0},
     };
     // clang-format on
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << c.key << "=" << (c.value ? c.value : "(none)"));
         TouchRig rig;
         ParseVKEYini(rig.dev.get(), c.key, "HOME");  // an earlier line of the same key
@@ -165,24 +151,19 @@ TEST(VKeyIni, KeysAndValues) {
 // Key reports (state, index) counted against VKEYReportMod: a press at every mod-th report
 // of a held key, a release only after a press; a release clears every count. Series 22 has
 // a form of its own and knows no other. Rows: "state:index" reports, "=code" a press, "-code"
-// a release, "." nothing written.
+// a release, "." nothing written (indices in hex).
 TEST(VKeyReport, ReportSequences) {
-    struct Case {
-        int series, modulus;
-        bool form22;
-        const char* steps;
-    };
     // clang-format off
-    const Case cases[] = {
+    const struct { int series, modulus; bool form22; const char* steps; } cases[] = {
         {0, 1, false, "1:2 =158 1:2 =158 0:2 -158 0:2 ."},
         {0, 3, false, "1:1 . 1:1 . 0:1 . 1:1 =102 1:1 . 1:1 . 1:1 =102 1:4 . 0:1 -102 1:4 . 1:4 . 1:4 =139"},
         {0, 0, false, "1:0 =217 0:0 -217"}, {0, -3, false, "1:0 =217 0:0 -217"},  // counted as 1
-        {0, 1, false, "1:12 . 1:255 . 1:10 . 1:3 . 1:9 =158"},  // unmapped and out-of-range keys
+        {0, 1, false, "1:0C . 1:FF . 1:0A . 1:3 . 1:9 =158"},  // unmapped and out-of-range keys
         {22, 1, true, "1:5 =139 0:5 -139"}, {0, 1, true, "1:5 ."}, {22, 1, false, "1:5 ."},
     };
     // clang-format on
     const int codes[kVKeyCount] = {KEY_SEARCH, KEY_HOME, KEY_BACK, -1, KEY_MENU, KEY_MENU, -1, -1, -1, KEY_BACK};
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.steps);
         TouchRig rig;
         rig.dev->Series = c.series;
@@ -191,12 +172,10 @@ TEST(VKeyReport, ReportSequences) {
         std::istringstream in(c.steps);
         for (std::string report, want; in >> report >> want;) {
             SCOPED_TRACE(report);
-            const uint8_t state = static_cast<uint8_t>(std::stoi(report));
-            const uint8_t index = static_cast<uint8_t>(std::stoi(report.substr(2)));
             // Common form: byte 4 bit 0 state, byte 5 index; series 22: bytes 3 and 4.
-            const uint8_t common[6] = {0x03, 0x04, 0x36, 0x2F, state, index};
-            const uint8_t s22[6] = {0x03, 0x04, 0x2F, state, index, 0x00};
-            ParseCmdPacket(rig.dev.get(), c.form22 ? s22 : common, 6);
+            const std::string fields = "0" + report.substr(0, 1) + " " + report.substr(2);
+            const Bytes packet = H(c.form22 ? "03 04 2F " + fields + " 00" : "03 04 36 2F " + fields);
+            ParseCmdPacket(rig.dev.get(), packet.data(), 6);
             std::vector<Ev> events;
             if (want != ".") events = {Key(static_cast<uint16_t>(std::stoi(want.substr(1))), want[0] == '='), Syn()};
             EXPECT_EQ(events, rig.TouchEvents());
