@@ -26,49 +26,35 @@ namespace {
 volatile sig_atomic_t g_usr2_count = 0;
 void CountUsr2(int) { g_usr2_count = g_usr2_count + 1; }
 
-// Runs one reception step on a port whose controller has gone, in a child with its own
-// process group (the step signals the whole group). prepare runs first in the child.
-// Returns the child's failure bits: 1 result, 2 running flag, 4 stop request, 8 SIGUSR2,
-// 16 the port path is gone (removed 0) or still there (removed 1), 32 prepare failed; 64
-// when the child did not exit.
-int RunEmptyReadInChild(
-    const std::string& port_path, int removed = -1,
-    const std::function<bool()>& prepare = [] { return true; }) {
+// One reception step on a port whose controller has gone, in a child with its own process
+// group (the step signals the whole group); make, if given, first fills a private /dev (an
+// empty tmpfs in a mount namespace of the child's own). Returns the child's failure bits:
+// 1 result, 2 running flag, 4 stop request, 8 SIGUSR2, 16 the port path not removed as
+// asked (removed 1) or removed (0), 32 set-up failed, 64 the child did not exit.
+int RunEmptyReadInChild(const std::string& port, int removed, const std::function<bool()>& make) {
     const pid_t child = fork();
-    if (child == -1) return 64;
     if (child == 0) {
         setpgid(0, 0);
-        if (!prepare()) _exit(32);
+        if (make && !(unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                      mount("tmpfs", "/dev", "tmpfs", 0, "mode=0755") == 0 && make()))
+            _exit(32);
         struct sigaction action = {};
         action.sa_handler = CountUsr2;
         sigaction(SIGUSR2, &action, nullptr);
         TouchRig rig;
-        snprintf(rig.dev->PortPath, sizeof(rig.dev->PortPath), "%s", port_path.c_str());
-        int fds[2];
-        if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, fds) != 0) _exit(10);
-        rig.dev->m_Port_fd.reset(fds[0]);
-        UniqueFd controller(fds[1]);
+        snprintf(rig.dev->PortPath, sizeof(rig.dev->PortPath), "%s", port.c_str());
+        UniqueFd controller;
+        MakeEventPair(&rig.dev->m_Port_fd, &controller);
         controller.reset();  // the controller goes away: the read returns 0
         rig.dev->bThreadRunning = 1;
-        int code = 0;
-        code |= (DevReceiveStep(rig.dev.get()) != -1) | (rig.dev->bThreadRunning.load() != 0) << 1;
+        int code = (DevReceiveStep(rig.dev.get()) != -1) | (rig.dev->bThreadRunning.load() != 0) << 1;
         code |= !RxThreadStopRequested() << 2 | (g_usr2_count != 1) << 3;
         struct stat st;
-        if (removed >= 0 && (lstat(port_path.c_str(), &st) != 0) != (removed == 1)) code |= 16;
-        rig.dev->m_Port_fd.reset();
+        if (removed >= 0 && (lstat(port.c_str(), &st) != 0) != (removed == 1)) code |= 16;
         _exit(code);
     }
     int status = 0;
-    if (waitpid(child, &status, 0) != child || !WIFEXITED(status)) return 64;
-    return WEXITSTATUS(status);
-}
-
-// In the child: a private mount namespace with an empty tmpfs on /dev, holding what make
-// puts there, so the test never touches the host's /dev.
-bool PrivateDev(const std::function<bool()>& make) {
-    return unshare(CLONE_NEWNS) == 0 &&
-           mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-           mount("tmpfs", "/dev", "tmpfs", 0, "mode=0755") == 0 && make();
+    return child > 0 && waitpid(child, &status, 0) == child && WIFEXITED(status) ? WEXITSTATUS(status) : 64;
 }
 
 }  // namespace
@@ -90,47 +76,27 @@ TEST(ReceiveStep, ReadsOneReportAndTreatsNothingReadyAsNoData) {
     EXPECT_EQ(F("1:4660,1656 | 1-"), rig.TouchEvents());
 }
 
-// The unplug: result, stop request and SIGUSR2 whatever the path; the stale node is
-// deleted only when it is a device node under /dev, never a file elsewhere, a link, a
-// regular file that took a port's name, or a second file named in a path that is not one
-// plain word (a shell would delete it).
+// The unplug: result, stop request and SIGUSR2 whatever the path; the stale node is deleted
+// only when it is a device node under /dev, never a file elsewhere, a link, a regular file
+// that took a port's name, or a second file named in a path that is not one plain word.
 TEST(ReceiveStep, EmptyReadIsAnUnplugAndRemovesOnlyADeviceNodeUnderDev) {
-    {
-        testutil::TempDir dir;
-        const std::string node = dir.File("hidraw7");
-        const std::string victim = dir.File("victim");
-        ASSERT_TRUE(testutil::WriteFile(node, "") && testutil::WriteFile(victim, ""));
-        for (const std::string& path : {node, node + " " + victim, node + ";rm${IFS}" + victim,
-                                        node + "|rm " + victim, node + "$(rm " + victim + ")"}) {
-            EXPECT_EQ(0, RunEmptyReadInChild(path)) << path
-                                                    << ": bits 1 result, 2 running flag, "
-                                                       "4 stop request, 8 SIGUSR2";
-            EXPECT_TRUE(testutil::FileExists(victim)) << "removed through [" << path << "]";
-            EXPECT_TRUE(testutil::FileExists(node)) << "removed through [" << path << "]";
-        }
+    testutil::TempDir dir;
+    const std::string node = dir.File("hidraw7"), victim = dir.File("victim");
+    ASSERT_TRUE(testutil::WriteFile(node, "") && testutil::WriteFile(victim, ""));
+    for (const std::string& path : {node, node + " " + victim, node + ";rm${IFS}" + victim, node + "|rm " + victim,
+                                    node + "$(rm " + victim + ")"}) {
+        EXPECT_EQ(0, RunEmptyReadInChild(path, -1, nullptr)) << path;
+        EXPECT_TRUE(testutil::FileExists(victim) && testutil::FileExists(node)) << "removed through [" << path << "]";
     }
-
     if (geteuid() != 0) GTEST_SKIP() << "a private /dev needs root";
-    const auto mknode = [](const char* path) {
-        return mknod(path, S_IFCHR | 0600, makedev(1, 3)) == 0;
-    };
-    struct Case {
-        const char* port;
-        int removed;
-        std::function<bool()> make;
-    };
-    const Case cases[] = {
+    const auto mknode = [](const char* path) { return mknod(path, S_IFCHR | 0600, makedev(1, 3)) == 0; };
+    const struct { const char* port; int removed; std::function<bool()> make; } cases[] = {
         {"/dev/hidraw7", 1, [&] { return mknode("/dev/hidraw7"); }},
-        {"/dev/ttyTV0", 0,
-         [&] { return mknode("/dev/pts0") && symlink("/dev/pts0", "/dev/ttyTV0") == 0; }},
+        {"/dev/ttyTV0", 0, [&] { return mknode("/dev/pts0") && symlink("/dev/pts0", "/dev/ttyTV0") == 0; }},
         {"/dev/ttyS5", 0, [] { return testutil::WriteFile("/dev/ttyS5", "keep"); }},
-        {"/dev/x/../hidraw7", 0,
-         [&] { return mkdir("/dev/x", 0755) == 0 && mknode("/dev/hidraw7"); }},
+        {"/dev/x/../hidraw7", 0, [&] { return mkdir("/dev/x", 0755) == 0 && mknode("/dev/hidraw7"); }},
     };
-    for (const Case& c : cases) {
-        EXPECT_EQ(0, RunEmptyReadInChild(c.port, c.removed, [&c] { return PrivateDev(c.make); }))
-            << c.port << ": bit 16 removal";
-    }
+    for (const auto& c : cases) EXPECT_EQ(0, RunEmptyReadInChild(c.port, c.removed, c.make)) << c.port;
 }
 
 // Which consumer the bytes of a read go to. Serial and PS/2 streams are fed in two reads cut
