@@ -1,7 +1,5 @@
-// Command replies: the merge of fragmented USB replies inside the 128-byte reply buffer,
-// whole serial replies and the tool form of serial reports; the routing of a complete reply
-// to a blocked sender, a polling sender or the tool; the virtual keys' "VKEY_<n>" settings
-// and key reports counted against VKEYReportMod.
+// Command replies: merging fragmented USB replies in the 128-byte reply buffer, serial
+// replies and reports; routing a complete reply; the virtual keys' settings and key reports.
 #include "touch/cmd_reply.h"
 
 #include <gtest/gtest.h>
@@ -18,14 +16,13 @@ using namespace touchtest;
 // Packets fed in turn: every one but the last returns 0 (merge in progress); the last gives
 // the result, the start of the reply buffer (CC: untouched) and whether a merge stays open.
 TEST(MergeReply, Sequences) {
-    const Bytes startE = H("03 04 45 0A D0 D1");  // 'E', a reply of 13 bytes
+    const Bytes E = H("03 04 45 0A D0 D1"), long_reply = Pad(H("03 3E 45"), 64, 0x5A);  // 'E': a reply of 13 bytes
     // 'E' with n = 125: exactly 128 bytes in 41 3-byte fragments; 121 1-byte ones then a
     // 3-byte one that would end at 129.
     std::vector<Bytes> exact = {H("03 04 45 7D 01 02")}, past = exact;
     exact.insert(exact.end(), 41, H("03 04 00 00 AB CD"));
     past.insert(past.end(), 121, H("03 02 00 44"));
     past.push_back(H("03 04 00 91 92 93"));
-    const Bytes long_reply = Pad(H("03 3E 45"), 64, 0x5A);
     struct Case {
         const char* what;
         std::vector<Bytes> packets;
@@ -35,30 +32,28 @@ TEST(MergeReply, Sequences) {
     };
     // clang-format off
     const Case cases[] = {
-        {"'E' with n = 10 in four reads", {H("03 04 45 0A A0 A1 FF FF"),
-         H("03 04 00 B0 B1 B2 EE"), H("03 04 00 B3 B4 B5"), H("03 04 00 B6 B7 B8")}, 13, H("03 0B 45 A0 A1 B0 B1 B2 B3 B4 B5 B6 B7"), false},
-        {"'D' complete at once", {H("03 04 44 02 11 22")}, 5, H("03 03 44 11 22"), false},
+        {"'E' with n = 10 in four reads", {H("03 04 45 0A A0 A1 FF FF"), H("03 04 00 B0 B1 B2 EE"), H("03 04 00 B3 B4 B5"),
+         H("03 04 00 B6 B7 B8")}, 13, H("03 0B 45 A0 A1 B0 B1 B2 B3 B4 B5 B6 B7"), false},
+        {"'D': complete at once", {H("03 04 44 02 11 22")}, 5, H("03 03 44 11 22"), false},
         {"first fragment with L 2: L + 1 header bytes", {H("03 02 45 0A 11 22")}, 0, H("03 0B 45 CC CC"), true},
-        {"continuation without a first fragment: whole", {H("03 04 00 01 02 03")}, 6, H("03 04 00 01 02 03"), false},
-        {"short reply of another command", {H("03 02 55 01")}, 4, H("03 02 55 01"), false},
+        {"continuation alone: whole", {H("03 04 00 01 02 03")}, 6, H("03 04 00 01 02 03"), false},
+        {"another command: whole", {H("03 02 55 01")}, 4, H("03 02 55 01"), false},
         {"L above 4: whole", {long_reply}, 64, long_reply, false},
         {"serial reply: whole", {H("0A 03 41 42 43")}, 5, H("0A 03 41 42 43"), false},
         // Serial reports in the tool's form: 64 bytes, Y doubled, byte 1 = id + 2.
-        {"serial report 0x81 in tool form", {H("81 0F 7F 05 90")}, 64, H("0A 83 FE 0F 20 05 00 00"), false},
-        {"serial report 0x80 in tool form", {H("80 00 00 00 00")}, 64, H("0A 82"), false},
+        {"serial report 0x81", {H("81 0F 7F 05 90")}, 64, H("0A 83 FE 0F 20 05 00 00"), false},
+        {"serial report 0x80", {H("80 00 00 00 00")}, 64, H("0A 82"), false},
         {"serial report too short", {H("81 0F 7F 05")}, -1, H("CC CC"), false},
         // Every rule that resets a merge in progress, and the one that leaves it alone.
-        {"unknown header: merge untouched", {startE, H("55 04 00 01 02 03")}, -1, {}, true},
-        {"serial reply resets", {startE, H("0A 02 41 42")}, 4, {}, false},
-        {"serial report resets", {startE, H("81 01 02 03 04")}, 64, {}, false},
-        {"L above 4 resets", {startE, H("03 05 00 01 02 03 04")}, 7, {}, false},
-        {"unexpected command resets", {startE, H("03 04 31 01 02 03")}, -1, {}, false},
-        {"fragment without data resets", {startE, H("03 00 00")}, -1, {}, false},
-        {"fragment shorter than its L resets", {startE, H("03 04 00 01")}, -1, {}, false},
-        {"the capacitive family never merges", {startE}, 6, startE, false, true},
+        {"unknown header: merge untouched", {E, H("55 04 00 01 02 03")}, -1, {}, true},
+        {"serial reply resets", {E, H("0A 02 41 42")}, 4, {}, false}, {"serial report resets", {E, H("81 01 02 03 04")}, 64, {}, false},
+        {"L above 4 resets", {E, H("03 05 00 01 02 03 04")}, 7, {}, false},
+        {"unexpected command resets", {E, H("03 04 31 01 02 03")}, -1, {}, false},
+        {"fragment without data resets", {E, H("03 00 00")}, -1, {}, false},
+        {"fragment shorter than its L resets", {E, H("03 04 00 01")}, -1, {}, false},
+        {"the capacitive family never merges", {E}, 6, E, false, true},
         // Replies announcing more than the 128-byte buffer are refused.
-        {"n = 126", {H("03 04 45 7E 01 02")}, -1, {}, false},
-        {"whole packet above 128 bytes", {Bytes(200, 0x0A)}, -1, {}, false},
+        {"n = 126", {H("03 04 45 7E 01 02")}, -1, {}, false}, {"whole packet above 128 bytes", {Bytes(200, 0x0A)}, -1, {}, false},
         {"a reply of exactly 128 bytes", exact, 128, H("03 7E 45 01 02 00 AB CD"), false},
         {"a fragment past the 128 bytes", past, -1, {}, false},
     };
@@ -93,9 +88,7 @@ TEST(ParseCmdReply, RoutingToHooksAndTool) {
     };
     for (const auto& s : steps) {
         SCOPED_TRACE(testing::PrintToString(s.reply));
-        rig.dev->SelfHookCmd = s.hook;
-        rig.dev->SelfHookSubCmd = s.sub;
-        rig.dev->bSelfHookReplied = 0;
+        rig.dev->SelfHookCmd = s.hook, rig.dev->SelfHookSubCmd = s.sub, rig.dev->bSelfHookReplied = 0;
         ParseCmdPacket(rig.dev.get(), s.reply.data(), static_cast<int>(s.reply.size()));
         EXPECT_EQ(s.hooked, rig.dev->bSelfHookReplied.load() == 1);
         uint8_t buffer[256];
@@ -108,8 +101,7 @@ TEST(ParseCmdReply, RoutingToHooksAndTool) {
 TEST(ParseCmdReply, SignalHookWinsOverSelfHook) {
     TouchRig rig;
     rig.dev->SigHookCmd = rig.dev->SelfHookCmd = 0x41;
-    rig.dev->SigHookSubCmd = kAnySubCmd;
-    rig.dev->SelfHookSubCmd = 0x01;
+    rig.dev->SigHookSubCmd = kAnySubCmd, rig.dev->SelfHookSubCmd = 0x01;
     int wait_result = -2;
     std::thread sender([&rig, &wait_result] { wait_result = CmdTimedWait(rig.dev.get(), 5, 0); });
     for (int i = 0, waiters = 0; i < 2000 && waiters == 0; ++i) {  // until the sender sleeps

@@ -102,52 +102,48 @@ TEST(ReceiveStep, EmptyReadIsAnUnplugAndRemovesOnlyADeviceNodeUnderDev) {
 // Which consumer the bytes of a read go to. Serial and PS/2 streams are fed in two reads cut
 // at every position and one byte per read, with the same outcome every time and nothing left
 // half-split; a USB read is one report. Settings: "skip" (SkipFirstByte), "raw" n
-// (SendRawPoints), "tool" (reports to the tool), "hook" the self hook's command (else 0x55).
+// (SendRawPoints), "tool" (reports to the tool), "hook" the self hook's command (else 55).
 TEST(PortBytes, PointsAndRepliesWhateverTheReadBoundaries) {
     VersionGuard version(9);
+    // The reply: what the hook got in the reply buffer; empty: it was not answered.
     struct Case {
         const char* what;
         uint8_t iface;
         uint32_t baud;
-        const char* set;
-        Bytes stream;
-        const char* touch;
-        Bytes reply;  // empty: the hook is not answered
+        const char *set, *touch;
+        Bytes stream, reply;
     };
     Bytes longest = H("0A FF 55");  // length byte 0xFF: 64 bytes, not 0xFF + 2 wrapped
     for (int i = 3; i < 64; ++i) longest.push_back(static_cast<uint8_t>(i));
-    const Bytes reply = H("03 02 55 01"), serial_reply = H("0A 02 55 01"), point = H("03 81 10 00 20 00");
+    const Bytes reply = H("03 02 55 01"), serial = H("0A 02 55 01"), point = H("03 81 10 00 20 00");
     const Bytes report = H("01 01 10 00 20 00"), points = H("A1 00 10 00 20 81 0F 7F 00 00");
     const uint8_t U = DEV_USB, R = DEV_RS232, P = DEV_PS2;
     // clang-format off
     const Case cases[] = {
-        {"0x03 reply", U, 0, "", reply, "", reply},
-        {"0x0A reply", U, 0, "", serial_reply, "", serial_reply},
-        {"leading 0x00 dropped", U, 0, "", H("00 03 02 55 01"), "", reply},
-        {"SkipFirstByte drops any first byte", U, 0, "skip", H("7E 03 02 55 01"), "", reply},
-        {"without it the same read is no reply", U, 0, "", H("7E 03 02 55 01"), "", {}},
-        {"point report", U, 0, "", report, "0:16,32", {}},
-        {"raw points: 0x03 with byte 1 from 0x80 is a point", U, 0, "raw 1", point, "0:16,32", {}},
-        {"raw points: 0x03 with byte 1 below 0x80 is a reply", U, 0, "raw 1", reply, "", reply},
-        {"raw points: 0x0A is a reply", U, 0, "raw 1", serial_reply, "", serial_reply},
-        {"raw points: other ids are points", U, 0, "raw 1", report, "0:16,32", {}},
-        {"without raw points 0x03 is a reply", U, 0, "hook 10", point, "", point},
-        {"raw points 2 drops replies", U, 0, "raw 2", serial_reply, "", {}},
-        {"raw points 2 drops points", U, 0, "raw 2", report, "", {}},
-        {"noise, point, reply, point", R, 9600, "", H("33 00 81 0F 7F 00 00 0A 03 55 01 02 80 00 10 00 20"),
-         "0:4094,4094 | 0-", H("0A 03 55 01 02")},
-        {"PS/2 acknowledge bytes vanish everywhere", P, 9600, "",
-         H("FA 81 FA 0F 7F FA 00 00 FA 0A FA 03 55 FA 01 02 FA"), "0:4094,4094", H("0A 03 55 01 02")},
-        {"RS232 at 9600: 5-byte points", R, 9600, "", points, "0:32,4030 | 0:4094,4094", {}},
-        {"PS/2 at 115200: 5-byte points", P, 115200, "", points, "0:32,4030 | 0:4094,4094", {}},
-        {"RS232 at 115200: 6-byte points", R, 115200, "", H("A1 00 10 00 20 42"), "1:32,4030", {}},
-        {"RS232 at an unknown speed: 6-byte points", R, 0, "", H("A1 00 10 00 20 42"), "1:32,4030", {}},
-        {"length byte 0xFF", R, 9600, "", longest, "", longest},
-        {"length byte 0: two bytes, the next packet cut cleanly", R, 9600, "", H("0A 00 0A 02 55 09"), "",
-         H("0A 02 55 09")},
-        {"reports switched to the tool go as 64-byte replies", R, 9600, "tool hook FE", H("81 0F 7F 05 10"), "",
-         H("0A 83 FE 0F 20 05")},
-        {"unknown interface: dropped", DEV_UNKNOWN, 9600, "", H("81 0F 7F 00 00 0A 02 55 09"), "", {}},
+        {"0x03 reply", U, 0, "", "", reply, reply}, {"0x0A reply", U, 0, "", "", serial, serial},
+        {"leading 0x00 dropped", U, 0, "", "", H("00 03 02 55 01"), reply},
+        {"SkipFirstByte drops any first byte", U, 0, "skip", "", H("7E 03 02 55 01"), reply},
+        {"without it the same read is no reply", U, 0, "", "", H("7E 03 02 55 01"), {}},
+        {"point report", U, 0, "", "0:16,32", report, {}},
+        {"raw points: 0x03 with byte 1 from 0x80 is a point", U, 0, "raw 1", "0:16,32", point, {}},
+        {"raw points: 0x03 with byte 1 below 0x80 is a reply", U, 0, "raw 1", "", reply, reply},
+        {"raw points: 0x0A is a reply", U, 0, "raw 1", "", serial, serial},
+        {"raw points: other ids are points", U, 0, "raw 1", "0:16,32", report, {}},
+        {"without raw points 0x03 is a reply", U, 0, "hook 10", "", point, point},
+        {"raw points 2 drops replies", U, 0, "raw 2", "", serial, {}},
+        {"raw points 2 drops points", U, 0, "raw 2", "", report, {}},
+        {"noise, point, reply, point", R, 9600, "", "0:4094,4094 | 0-",
+         H("33 00 81 0F 7F 00 00 0A 03 55 01 02 80 00 10 00 20"), H("0A 03 55 01 02")},
+        {"PS/2 acknowledge bytes vanish everywhere", P, 9600, "", "0:4094,4094",
+         H("FA 81 FA 0F 7F FA 00 00 FA 0A FA 03 55 FA 01 02 FA"), H("0A 03 55 01 02")},
+        {"RS232 at 9600: 5-byte points", R, 9600, "", "0:32,4030 | 0:4094,4094", points, {}},
+        {"PS/2 at 115200: 5-byte points", P, 115200, "", "0:32,4030 | 0:4094,4094", points, {}},
+        {"RS232 at 115200: 6-byte points", R, 115200, "", "1:32,4030", H("A1 00 10 00 20 42"), {}},
+        {"RS232 at an unknown speed: 6-byte points", R, 0, "", "1:32,4030", H("A1 00 10 00 20 42"), {}},
+        {"length byte 0xFF", R, 9600, "", "", longest, longest},
+        {"length byte 0: two bytes", R, 9600, "", "", H("0A 00 0A 02 55 09"), H("0A 02 55 09")},
+        {"reports to the tool: 64-byte replies", R, 9600, "tool hook FE", "", H("81 0F 7F 05 10"), H("0A 83 FE 0F 20 05")},
+        {"unknown interface: dropped", DEV_UNKNOWN, 9600, "", "", H("81 0F 7F 00 00 0A 02 55 09"), {}},
     };
     // clang-format on
     for (const Case& c : cases) {
@@ -157,9 +153,7 @@ TEST(PortBytes, PointsAndRepliesWhateverTheReadBoundaries) {
             SCOPED_TRACE(cut > n ? "one byte per read" : std::to_string(cut));
             TouchRig rig(c.iface);
             rig.dev->BaudRate = c.baud;
-            rig.dev->SelfHookCmd = 0x55;
-            rig.dev->SelfHookSubCmd = kAnySubCmd;
-            rig.dev->SigHookCmd = 0x99;
+            rig.dev->SelfHookCmd = 0x55, rig.dev->SelfHookSubCmd = kAnySubCmd, rig.dev->SigHookCmd = 0x99;
             std::istringstream in(c.set);
             for (std::string key; in >> key;) {
                 int value = 0;
@@ -168,12 +162,10 @@ TEST(PortBytes, PointsAndRepliesWhateverTheReadBoundaries) {
                 rig.settings.SkipFirstByte |= key == "skip";
                 rig.dev->bPointsToTool |= key == "tool";
             }
-            if (cut > n) {
-                for (size_t i = 0; i < n; ++i) DispatchPortBytes(rig.dev.get(), &c.stream[i], 1);
-            } else {
-                DispatchPortBytes(rig.dev.get(), c.stream.data(), static_cast<int>(cut));
-                DispatchPortBytes(rig.dev.get(), c.stream.data() + cut, static_cast<int>(n - cut));
-            }
+            std::vector<std::pair<size_t, size_t>> reads = {{0, cut}, {cut, n - cut}};  // offset, length
+            if (cut > n) reads.clear();
+            for (size_t i = 0; cut > n && i < n; ++i) reads.push_back({i, 1});
+            for (const auto& r : reads) DispatchPortBytes(rig.dev.get(), c.stream.data() + r.first, static_cast<int>(r.second));
             EXPECT_EQ(F(c.touch), rig.TouchEvents());
             EXPECT_EQ(!c.reply.empty(), rig.dev->bSelfHookReplied.load() == 1);
             EXPECT_EQ(c.reply, Bytes(rig.dev->CmdReplyBuf, rig.dev->CmdReplyBuf + c.reply.size()));
