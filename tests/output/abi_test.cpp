@@ -64,45 +64,37 @@ TEST(KernelRecordLayout, InputEventBytesAtTheKernelOffsets) {
 
 // The touch record per protocol and Android version, and the pen record's tilt condition,
 // written to a regular file standing in for the uinput node (the ioctls then fail, so
-// nothing counts as created). Axes "name=max" or "name=min:max"; all others 0.
+// nothing counts as created). Axes "name=max" or "name=min:max" (names as in touch/rows.h);
+// every other axis all 0.
 TEST(KernelRecordLayout, UinputUserDevPerProtocolAndVersion) {
     const std::map<std::string, int> names = {
-        {"mx", ABS_MT_POSITION_X}, {"my", ABS_MT_POSITION_Y}, {"tool", ABS_MT_TOOL_TYPE}, {"slot", ABS_MT_SLOT},
-        {"id", ABS_MT_TRACKING_ID}, {"major", ABS_MT_TOUCH_MAJOR}, {"width", ABS_MT_WIDTH_MAJOR}, {"x", ABS_X},
-        {"y", ABS_Y}, {"p", ABS_PRESSURE}, {"tx", ABS_TILT_X}, {"ty", ABS_TILT_Y}};
-    struct Case {
-        bool pen;
-        int android, kernel_major, kernel_minor, event_type, resol_x, resol_y;
-        const char* axes;
-    };
+        {"MX", ABS_MT_POSITION_X}, {"MY", ABS_MT_POSITION_Y}, {"TOOL", ABS_MT_TOOL_TYPE}, {"SLOT", ABS_MT_SLOT},
+        {"ID", ABS_MT_TRACKING_ID}, {"MAJOR", ABS_MT_TOUCH_MAJOR}, {"WIDTH", ABS_MT_WIDTH_MAJOR}, {"X", ABS_X},
+        {"Y", ABS_Y}, {"P", ABS_PRESSURE}, {"TX", ABS_TILT_X}, {"TY", ABS_TILT_Y}};
+    const std::string mt = "TOOL=1 SLOT=20 ID=20", old = "TOOL=1 ID=20 MAJOR=1 WIDTH=1", tilt = " TX=-6000:6000 TY=-6000:6000";
     // clang-format off
-    const Case cases[] = {
+    const struct { bool pen; int android, kernel_major, kernel_minor, type, resol_x, resol_y; std::string axes; } cases[] = {
         // Android 4+, slot protocol; Android 2 and 3: no slot, the touch major that marks a lift.
-        {false, 9, 4, 19, 2, -1, -1, "mx=4095 my=4095 tool=1 slot=20 id=20"},
-        {false, 2, 4, 19, 1, 1919, 1079, "mx=1919 my=1079 tool=1 id=20 major=1 width=1"},
-        {false, 3, 4, 19, 2, -1, -1, "mx=4095 my=4095 tool=1 id=20 major=1 width=1"},
-        {false, 9, 4, 19, 4, -1, 799, "mx=4095 my=799 tool=1"},  // type A
+        {false, 9, 4, 19, 2, -1, -1, "MX=4095 MY=4095 " + mt}, {false, 2, 4, 19, 1, 1919, 1079, "MX=1919 MY=1079 " + old},
+        {false, 3, 4, 19, 2, -1, -1, "MX=4095 MY=4095 " + old}, {false, 9, 4, 19, 4, -1, 799, "MX=4095 MY=799 TOOL=1"},
         // Plain Linux: slots, and ABS_X/ABS_Y of the single-touch view in the output range.
-        {false, 0, 4, 19, 1, 1919, -1, "mx=1919 my=4095 tool=1 slot=20 id=20 x=1919 y=4095"},
-        {false, 0, 4, 19, 4, -1, -1, "mx=4095 my=4095 tool=1"},
-        // Pen: tilt from kernel 3.2 on (major above 2, minor above 1), or with no Android found.
-        {true, 9, 3, 2, 2, -1, -1, "x=4095 y=4095 tool=1 p=1023 tx=-6000:6000 ty=-6000:6000"},
-        {true, 9, 4, 1, 2, -1, -1, "x=4095 y=4095 tool=1 p=1023"},
-        {true, 9, 2, 6, 2, -1, -1, "x=4095 y=4095 tool=1 p=1023"},
-        {true, 0, 2, 6, 2, -1, -1, "x=4095 y=4095 tool=1 p=1023 tx=-6000:6000 ty=-6000:6000"},
-        {true, 9, 4, 19, 2, 1919, 1079, "x=1919 y=1079 tool=1 p=1023 tx=-6000:6000 ty=-6000:6000"},
+        {false, 0, 4, 19, 1, 1919, -1, "MX=1919 MY=4095 X=1919 Y=4095 " + mt}, {false, 0, 4, 19, 4, -1, -1, "MX=4095 MY=4095 TOOL=1"},
+        // Pen: tilt from kernel 3.2 on (major above 2, minor above 1), or with no Android found;
+        // positions in the output range.
+        {true, 9, 3, 2, 2, -1, -1, "X=4095 Y=4095 TOOL=1 P=1023" + tilt}, {true, 9, 4, 1, 2, -1, -1, "X=4095 Y=4095 TOOL=1 P=1023"},
+        {true, 9, 2, 6, 2, -1, -1, "X=4095 Y=4095 TOOL=1 P=1023"}, {true, 0, 2, 6, 2, -1, -1, "X=4095 Y=4095 TOOL=1 P=1023" + tilt},
+        {true, 9, 4, 19, 2, 1919, 1079, "X=1919 Y=1079 TOOL=1 P=1023" + tilt},
     };
     // clang-format on
     testutil::TempDir dir;
     const std::string path = dir.File("uinput");
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << (c.pen ? "pen" : "touch") << " android " << c.android << " kernel "
-                                        << c.kernel_major << "." << c.kernel_minor << " type " << c.event_type);
+                                        << c.kernel_major << "." << c.kernel_minor << " type " << c.type);
         VersionGuard version(c.android, c.kernel_major, c.kernel_minor);
         TouchRig rig;
-        rig.dev->Param.EventType = static_cast<int8_t>(c.event_type);
-        rig.dev->Param.ResolX = c.resol_x;
-        rig.dev->Param.ResolY = c.resol_y;
+        rig.dev->Param.EventType = static_cast<int8_t>(c.type);
+        rig.dev->Param.ResolX = c.resol_x, rig.dev->Param.ResolY = c.resol_y;
         (c.pen ? rig.dev->UinputPenFd : rig.dev->UinputTouchFd) = UniqueFd(OpenCloexec(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600));
         EXPECT_EQ(-1, c.pen ? SetUpPenDevice(rig.dev.get()) : SetUpTouchDevice(rig.dev.get()));
         EXPECT_FALSE(rig.dev->bTouchDeviceCreated || rig.dev->bPenDeviceCreated);
@@ -113,18 +105,17 @@ TEST(KernelRecordLayout, UinputUserDevPerProtocolAndVersion) {
         EXPECT_EQ(name + std::string(80 - name.size(), '\0'), text.substr(0, 80));
         EXPECT_EQ((std::vector<int64_t>{BUS_VIRTUAL, 0x3C7A, c.pen ? 0x30 : 0x20, 1, 0}),
                   (std::vector<int64_t>{Le(r + 80, 2), Le(r + 82, 2), Le(r + 84, 2), Le(r + 86, 2), Le(r + 88, 4)}));
-        std::map<int, std::pair<int, int>> want;  // axis -> min, max
+        std::map<int, std::vector<int64_t>> want;  // axis -> absmax, absmin, absfuzz, absflat
         std::istringstream in(c.axes);
         for (std::string axis; in >> axis;) {
             const size_t eq = axis.find('='), colon = axis.find(':');
             const int max = std::stoi(axis.substr(colon == std::string::npos ? eq + 1 : colon + 1));
-            want[names.at(axis.substr(0, eq))] = {colon == std::string::npos ? 0 : std::stoi(axis.substr(eq + 1)), max};
+            want[names.at(axis.substr(0, eq))] = {max, colon == std::string::npos ? 0 : std::stoi(axis.substr(eq + 1)), 0, 0};
         }
         for (int axis = 0; axis < ABS_CNT; ++axis) {
-            const auto w = want.count(axis) ? want[axis] : std::make_pair(0, 0);
-            EXPECT_EQ((std::vector<int64_t>{w.second, w.first, 0, 0}),
-                      (std::vector<int64_t>{Le(r + 92 + 4 * axis, 4), Le(r + 348 + 4 * axis, 4), Le(r + 604 + 4 * axis, 4),
-                                            Le(r + 860 + 4 * axis, 4)})) << "absmax, absmin, absfuzz, absflat of " << axis;
+            const uint8_t* a = r + 92 + 4 * axis;
+            EXPECT_EQ(want.count(axis) ? want[axis] : std::vector<int64_t>(4, 0),
+                      (std::vector<int64_t>{Le(a, 4), Le(a + 256, 4), Le(a + 512, 4), Le(a + 768, 4)})) << "axis " << axis;
         }
     }
 }
