@@ -17,74 +17,70 @@ TouchPoint Point(int id, int state, int x, int y) {
     return p;
 }
 
-void Send(TouchRig& rig, int id, int state, int x, int y) {
-    TouchPoint p = Point(id, state, x, y);
-    DispatchTouchEvent(rig.dev.get(), &p);
-}
-
 }  // namespace
 
-// Two fingers down, moving and lifted, slot protocol: Android 4+, and plain Linux (no Android
-// found), where each frame also carries the single-touch view of the lowest-numbered touching
-// contact that libinput needs (BTN_TOUCH, ABS_X, ABS_Y).
-TEST(EmitFrameRule, SlotProtocolWritesOneFramePerScanAndEachLiftOnce) {
+// The touch emitters driven step by step, each step "ops => events" (the events written by
+// then, "" none). Ops: "id state x y" a contact record; "other id state x y" one on a second
+// device; "begin" and "end" a scan that announced its contact count; "release" every contact.
+// A contact record is written at once when it is new or changed state, or when its id is not
+// above the last one (a new scan); a lift is written once. Plain Linux (Android 0) adds the
+// single-touch view of the lowest touching contact that libinput needs. In a scan, nothing is
+// written until it ends (or the next begins); type A ends a lift with an empty frame.
+TEST(EmitTouch, StepsToFrames) {
     // clang-format off
-    const struct { int id, state, x, y; const char* frame; const char* linux_view; } steps[] = {
-        {0, 1, 100, 200, "0:100,200", "TOUCH=1 X=100 Y=200"},            // a new contact: at once
-        {1, 1, 300, 400, "0:100,200 1:300,400", "TOUCH=1 X=100 Y=200"},  // a state change
-        {0, 1, 110, 210, "0:110,210 1:300,400", "TOUCH=1 X=110 Y=210"},  // the next scan (0 is not above 1)
-        {1, 1, 310, 410, "", ""},                                        // rising within the scan, unchanged
-        {0, 0, 110, 210, "0- 1:310,410", "TOUCH=1 X=310 Y=410"},         // a lift, once; the pointer follows 1
-        {1, 1, 320, 420, "", ""}, {1, 0, 320, 420, "1-", "TOUCH=0"},
+    const struct { int android, type, resol_x, resol_y; const char* steps; } cases[] = {
+        {9, 2, -1, -1, "0 1 100 200 => 0:100,200; 1 1 300 400 => 0:100,200 1:300,400; 0 1 110 210 => 0:110,210 1:300,400;"
+                       "1 1 310 410 => ; 0 0 110 210 => 0- 1:310,410; 1 1 320 420 => ; 1 0 320 420 => 1-"},
+        {0, 2, -1, -1, "0 1 100 200 => 0:100,200 TOUCH=1 X=100 Y=200; 1 1 300 400 => 0:100,200 1:300,400 TOUCH=1 X=100 Y=200;"
+                       "0 0 100 200 => 0- 1:300,400 TOUCH=1 X=300 Y=400; 1 0 300 400 => 1- TOUCH=0"},
+        {9, 2, -1, -1, "begin 0 1 100 200 1 1 300 400 => ; end => 0:100,200 1:300,400; begin 0 0 100 200 1 0 300 400 => ;"
+                       "begin => 0- 1-; end => "},
+        {3, 2, -1, -1, "begin 0 1 100 200 1 1 300 400 end => ID=0 MAJOR=1 MX=100 MY=200 WIDTH=0 mt ID=1 MAJOR=1 MX=300 MY=400 WIDTH=0 mt;"
+                       "begin 0 0 100 200 1 0 300 400 begin => ID=0 MAJOR=0 MX=100 MY=200 WIDTH=0 mt ID=1 MAJOR=0 MX=300 MY=400 WIDTH=0 mt"},
+        {9, 4, -1, -1, "begin 0 1 100 200 1 1 300 400 end => MX=100 MY=200 mt MX=300 MY=400 mt; begin 0 0 100 200 1 0 300 400 begin"
+                       " => MX=100 MY=200 mt MX=300 MY=400 mt | mt; end => "},
+        {0, 4, -1, -1, "begin 0 1 100 200 end => MX=100 MY=200 mt; begin 0 0 100 200 end => MX=100 MY=200 mt | mt"},
+        // The last contact id is kept per device.
+        {9, 2, -1, -1, "0 1 1 1 1 1 2 2 other 0 1 3 3 1 1 2 3 => 0:1,1 | 0:1,1 1:2,2 | 0:1,1 1:2,3"},
+        // Scaled to ResolX and ResolY: 1079 * 2048 / 4095 = 539.7 -> 539, 1919 * 2048 / 4095 -> 959.
+        {9, 2, 1919, 1079, "0 1 4095 2048 1 1 2048 4095 => 0:1919,539 | 0:1919,539 1:959,1079"},
+        // Every contact written as touching is lifted once; a scan still open is written first.
+        {9, 2, -1, -1, "0 1 100 200 2 1 300 400 => 0:100,200 | 0:100,200 2:300,400; release => 0- 2:300,400 | 2-; release => ;"
+                       "0 1 100 200 begin 1 1 300 400 => 0:100,200; release => 0:100,200 1:300,400 | 0- 1:300,400 | 1-"},
     };
     // clang-format on
-    for (int android : {9, 0}) {
-        VersionGuard version(android);
-        TouchRig rig;
-        for (const auto& s : steps) {
-            SCOPED_TRACE(testing::Message() << "android " << android << ": " << s.id << " " << s.state);
-            Send(rig, s.id, s.state, s.x, s.y);
-            EXPECT_EQ(F(std::string(s.frame) + " " + (android == 0 ? s.linux_view : "")), rig.TouchEvents());
-        }
-    }
-}
-
-// A scan that announced its contact count: nothing is written until it ends (or the next
-// begins), then one frame carries every contact, in each protocol: slots, the multi sync
-// protocol of Android 3, and type A (also on plain Linux), which ends a lift with an empty frame.
-TEST(EmitScan, OneFramePerScanInEveryProtocol) {
-    const std::string type_a = "MX=100 MY=200 mt MX=300 MY=400 mt";
-    const struct { int android, type; std::string down, up; } cases[] = {
-        {9, 2, "0:100,200 1:300,400", "0- 1-"},
-        {3, 2, "ID=0 MAJOR=1 MX=100 MY=200 WIDTH=0 mt ID=1 MAJOR=1 MX=300 MY=400 WIDTH=0 mt",
-         "ID=0 MAJOR=0 MX=100 MY=200 WIDTH=0 mt ID=1 MAJOR=0 MX=300 MY=400 WIDTH=0 mt"},
-        {9, 4, type_a, type_a + " | mt"}, {0, 4, type_a, type_a + " | mt"},
-    };
     for (const auto& c : cases) {
-        SCOPED_TRACE(testing::Message() << "android " << c.android << " type " << c.type);
+        SCOPED_TRACE(c.steps);
         VersionGuard version(c.android);
-        TouchRig rig;
-        rig.dev->Param.EventType = static_cast<uint8_t>(c.type);
-        for (int touching : {1, 0}) {
-            BeginTouchScan(rig.dev.get());
-            Send(rig, 0, touching, 100, 200);
-            Send(rig, 1, touching, 300, 400);  // a new contact would write at once outside a scan
-            EXPECT_TRUE(rig.TouchEvents().empty());
-            if (touching) EndTouchScan(rig.dev.get());
-            if (!touching) BeginTouchScan(rig.dev.get());  // the next scan begins: the open one is written
-            EXPECT_EQ(F(touching ? c.down : c.up), rig.TouchEvents());
+        TouchRig rig, other;
+        rig.dev->Param.EventType = static_cast<int8_t>(c.type);
+        rig.dev->Param.ResolX = c.resol_x, rig.dev->Param.ResolY = c.resol_y;
+        std::istringstream steps(c.steps);
+        for (std::string step; std::getline(steps, step, ';');) {
+            SCOPED_TRACE(step);
+            std::istringstream ops(step.substr(0, step.find("=>")));
+            for (std::string op; ops >> op;) {
+                if (op == "begin" || op == "end" || op == "release") {
+                    (op == "begin" ? BeginTouchScan : op == "end" ? EndTouchScan : ReleaseAllContacts)(rig.dev.get());
+                    continue;
+                }
+                TouchRig& target = op == "other" ? other : rig;
+                TouchPoint p = {};
+                p.ID = op == "other" ? 0 : std::stoi(op);
+                if (op == "other") ops >> p.ID;
+                ops >> p.State >> p.X >> p.Y;
+                DispatchTouchEvent(target.dev.get(), &p);
+            }
+            EXPECT_EQ(F(step.substr(step.find("=>") + 2)), rig.TouchEvents());
         }
-        EndTouchScan(rig.dev.get());  // a scan that took no record writes nothing
-        EXPECT_TRUE(rig.TouchEvents().empty());
     }
 }
 
 // A settings file may claim 255 contacts: contact numbers from 20 on are never used as an
-// index into the 20-entry tables, by any emitter; the last contact id is kept per device;
-// positions are scaled to ResolX and ResolY.
-TEST(EmitFrameRule, ContactNumbersTablesAndScaling) {
+// index into the 20-entry tables, by any emitter.
+TEST(EmitTouch, ContactNumbersBeyondTheTablesAreDropped) {
     VersionGuard version(9);
-    TouchRig rig, other;
+    TouchRig rig;
     rig.dev->Param.SupportPoints = 255;
     for (int id : {20, 21, 100, 255, -1}) {
         TouchPoint p = Point(id, 1, 0, 0);
@@ -92,16 +88,6 @@ TEST(EmitFrameRule, ContactNumbersTablesAndScaling) {
             emit(rig.dev.get(), &p);
     }
     EXPECT_TRUE(rig.TouchEvents().empty() && rig.PenEvents().empty());
-    Send(rig, 0, 1, 1, 1);
-    Send(rig, 19, 1, 5, 6);
-    Send(other, 0, 1, 3, 3);  // another device's record must not end this one's scan
-    Send(rig, 19, 1, 5, 7);   // 19 is not above 19: a frame
-    EXPECT_EQ(F("0:1,1 | 0:1,1 19:5,6 | 0:1,1 19:5,7"), rig.TouchEvents());
-    rig.dev->Param.ResolX = 1919;
-    rig.dev->Param.ResolY = 1079;
-    Send(rig, 0, 1, 4095, 2048);  // 1079 * 2048 / 4095 = 539.7 -> 539
-    Send(rig, 1, 1, 2048, 4095);  // 1919 * 2048 / 4095 = 959.7 -> 959
-    EXPECT_EQ(F("0:1919,539 19:5,7 | 0:1919,539 1:959,1079 19:5,7"), rig.TouchEvents());
 }
 
 // Pen and eraser samples in turn at (1000, 2000) tilted (-30, 40): the pen tool is lifted
@@ -139,24 +125,4 @@ TEST(EmitPen, PenAndEraserSamples) {
         EXPECT_EQ(F(s.pen), rig.PenEvents());
         EXPECT_EQ(F(s.touch), rig.TouchEvents());
     }
-}
-
-// Every contact written as touching is lifted, once; a device removed in the middle of a
-// scan first gets the contact held in it written.
-TEST(EmitRelease, ReleaseAllContactsLiftsEveryTouchingContact) {
-    VersionGuard version(9);
-    TouchRig rig;
-    Send(rig, 0, 1, 100, 200);
-    Send(rig, 2, 1, 300, 400);
-    (void)rig.TouchEvents();
-    ReleaseAllContacts(rig.dev.get());
-    EXPECT_EQ(F("0- 2:300,400 | 2-"), rig.TouchEvents());
-    ReleaseAllContacts(rig.dev.get());
-    EXPECT_TRUE(rig.TouchEvents().empty());
-    Send(rig, 0, 1, 100, 200);
-    (void)rig.TouchEvents();
-    BeginTouchScan(rig.dev.get());
-    Send(rig, 1, 1, 300, 400);
-    ReleaseAllContacts(rig.dev.get());
-    EXPECT_EQ(F("0:100,200 1:300,400 | 0- 1:300,400 | 1-"), rig.TouchEvents());
 }
