@@ -22,7 +22,8 @@ namespace {
 
 constexpr size_t kLong = sizeof(unsigned long);
 constexpr size_t kEventSize = 2 * kLong + 8;
-static_assert(sizeof(struct input_event) == kEventSize && sizeof(struct uinput_user_dev) == 1116, "kernel records");
+static_assert(sizeof(struct input_event) == kEventSize && sizeof(struct uinput_user_dev) == 1116,
+              "kernel records");
 #if !defined(__ANDROID__)
 // stat() of the data files and directory listings must not fail with EOVERFLOW on 32-bit
 // targets (large files, 64-bit inode numbers): the build asks for 64-bit offsets.
@@ -46,7 +47,8 @@ TEST(KernelRecordLayout, InputEventBytesAtTheKernelOffsets) {
     TouchRig rig;
     const int64_t before = time(nullptr);
     StampEventTime(rig.dev.get());
-    for (const Ev& c : cases) WriteInputEvent(rig.dev.get(), rig.dev->UinputTouchFd.get(), c.type, c.code, c.value);
+    for (const Ev& c : cases)
+        WriteInputEvent(rig.dev.get(), rig.dev->UinputTouchFd.get(), c.type, c.code, c.value);
     const int64_t after = time(nullptr);
     uint8_t buffer[16 * kEventSize];
     const ssize_t n = recv(rig.TouchFd(), buffer, sizeof(buffer), MSG_DONTWAIT);
@@ -55,9 +57,11 @@ TEST(KernelRecordLayout, InputEventBytesAtTheKernelOffsets) {
         SCOPED_TRACE(i);
         const uint8_t* r = buffer + i * kEventSize;
         const uint8_t* tail = r + 2 * kLong;
-        EXPECT_EQ(cases[i], (Ev{static_cast<uint16_t>(Le(tail, 2)), static_cast<uint16_t>(Le(tail + 2, 2)),
-                                static_cast<int32_t>(Le(tail + 4, 4))}));
-        EXPECT_TRUE(Le(r, kLong) >= before && Le(r, kLong) <= after && Le(r + kLong, kLong) < 1000000);
+        const Ev got = {static_cast<uint16_t>(Le(tail, 2)), static_cast<uint16_t>(Le(tail + 2, 2)),
+                        static_cast<int32_t>(Le(tail + 4, 4))};
+        EXPECT_EQ(cases[i], got);
+        EXPECT_TRUE(Le(r, kLong) >= before && Le(r, kLong) <= after &&
+                    Le(r + kLong, kLong) < 1000000);
         EXPECT_EQ(0, memcmp(buffer, r, 2 * kLong)) << "one stamp per call";
     }
 }
@@ -67,12 +71,14 @@ TEST(KernelRecordLayout, InputEventBytesAtTheKernelOffsets) {
 // nothing counts as created). Axes "name=max" or "name=min:max" (names as in touch/rows.h);
 // every other axis all 0.
 TEST(KernelRecordLayout, UinputUserDevPerProtocolAndVersion) {
-    const std::map<std::string, int> names = {
-        {"MX", ABS_MT_POSITION_X}, {"MY", ABS_MT_POSITION_Y}, {"TOOL", ABS_MT_TOOL_TYPE}, {"SLOT", ABS_MT_SLOT},
-        {"ID", ABS_MT_TRACKING_ID}, {"MAJOR", ABS_MT_TOUCH_MAJOR}, {"WIDTH", ABS_MT_WIDTH_MAJOR}, {"X", ABS_X},
-        {"Y", ABS_Y}, {"P", ABS_PRESSURE}, {"TX", ABS_TILT_X}, {"TY", ABS_TILT_Y}};
-    const std::string mt = "TOOL=1 SLOT=20 ID=20", old = "TOOL=1 ID=20 MAJOR=1 WIDTH=1", tilt = " TX=-6000:6000 TY=-6000:6000";
     // clang-format off
+    const std::map<std::string, int> names = {
+        {"MX", ABS_MT_POSITION_X}, {"MY", ABS_MT_POSITION_Y}, {"TOOL", ABS_MT_TOOL_TYPE},
+        {"SLOT", ABS_MT_SLOT}, {"ID", ABS_MT_TRACKING_ID}, {"MAJOR", ABS_MT_TOUCH_MAJOR},
+        {"WIDTH", ABS_MT_WIDTH_MAJOR}, {"X", ABS_X}, {"Y", ABS_Y}, {"P", ABS_PRESSURE},
+        {"TX", ABS_TILT_X}, {"TY", ABS_TILT_Y}};
+    const std::string mt = "TOOL=1 SLOT=20 ID=20", old = "TOOL=1 ID=20 MAJOR=1 WIDTH=1";
+    const std::string tilt = " TX=-6000:6000 TY=-6000:6000";
     const struct { bool pen; int android, kernel_major, kernel_minor, type, resol_x, resol_y; std::string axes; } cases[] = {
         // Android 4+, slot protocol; Android 2 and 3: no slot, the touch major that marks a lift.
         {false, 9, 4, 19, 2, -1, -1, "MX=4095 MY=4095 " + mt}, {false, 2, 4, 19, 1, 1919, 1079, "MX=1919 MY=1079 " + old},
@@ -89,13 +95,13 @@ TEST(KernelRecordLayout, UinputUserDevPerProtocolAndVersion) {
     testutil::TempDir dir;
     const std::string path = dir.File("uinput");
     for (const auto& c : cases) {
-        SCOPED_TRACE(testing::Message() << (c.pen ? "pen" : "touch") << " android " << c.android << " kernel "
-                                        << c.kernel_major << "." << c.kernel_minor << " type " << c.type);
+        SCOPED_TRACE(c.axes);
         VersionGuard version(c.android, c.kernel_major, c.kernel_minor);
         TouchRig rig;
         rig.dev->Param.EventType = static_cast<int8_t>(c.type);
         rig.dev->Param.ResolX = c.resol_x, rig.dev->Param.ResolY = c.resol_y;
-        (c.pen ? rig.dev->UinputPenFd : rig.dev->UinputTouchFd) = UniqueFd(OpenCloexec(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600));
+        (c.pen ? rig.dev->UinputPenFd : rig.dev->UinputTouchFd) =
+            UniqueFd(OpenCloexec(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600));
         EXPECT_EQ(-1, c.pen ? SetUpPenDevice(rig.dev.get()) : SetUpTouchDevice(rig.dev.get()));
         EXPECT_FALSE(rig.dev->bTouchDeviceCreated || rig.dev->bPenDeviceCreated);
         const std::string text = testutil::ReadFile(path);
@@ -103,19 +109,24 @@ TEST(KernelRecordLayout, UinputUserDevPerProtocolAndVersion) {
         const uint8_t* r = reinterpret_cast<const uint8_t*>(text.data());
         const std::string name = c.pen ? "MorvelTouch_VirtualPen" : "MorvelTouch_VirtualDevice";
         EXPECT_EQ(name + std::string(80 - name.size(), '\0'), text.substr(0, 80));
-        EXPECT_EQ((std::vector<int64_t>{BUS_VIRTUAL, 0x3C7A, c.pen ? 0x30 : 0x20, 1, 0}),
-                  (std::vector<int64_t>{Le(r + 80, 2), Le(r + 82, 2), Le(r + 84, 2), Le(r + 86, 2), Le(r + 88, 4)}));
+        const std::vector<int64_t> id = {Le(r + 80, 2), Le(r + 82, 2), Le(r + 84, 2),
+                                         Le(r + 86, 2)};
+        EXPECT_EQ((std::vector<int64_t>{BUS_VIRTUAL, 0x3C7A, c.pen ? 0x30 : 0x20, 1}), id);
+        EXPECT_EQ(0, Le(r + 88, 4)) << "ff_effects_max";
         std::map<int, std::vector<int64_t>> want;  // axis -> absmax, absmin, absfuzz, absflat
         std::istringstream in(c.axes);
         for (std::string axis; in >> axis;) {
             const size_t eq = axis.find('='), colon = axis.find(':');
-            const int max = std::stoi(axis.substr(colon == std::string::npos ? eq + 1 : colon + 1));
-            want[names.at(axis.substr(0, eq))] = {max, colon == std::string::npos ? 0 : std::stoi(axis.substr(eq + 1)), 0, 0};
+            const bool min = colon != std::string::npos;
+            const int max = std::stoi(axis.substr(min ? colon + 1 : eq + 1));
+            want[names.at(axis.substr(0, eq))] = {max, min ? std::stoi(axis.substr(eq + 1)) : 0, 0,
+                                                  0};
         }
         for (int axis = 0; axis < ABS_CNT; ++axis) {
             const uint8_t* a = r + 92 + 4 * axis;
-            EXPECT_EQ(want.count(axis) ? want[axis] : std::vector<int64_t>(4, 0),
-                      (std::vector<int64_t>{Le(a, 4), Le(a + 256, 4), Le(a + 512, 4), Le(a + 768, 4)})) << "axis " << axis;
+            const std::vector<int64_t> got = {Le(a, 4), Le(a + 256, 4), Le(a + 512, 4),
+                                              Le(a + 768, 4)};
+            EXPECT_EQ(want.count(axis) ? want[axis] : std::vector<int64_t>(4, 0), got) << axis;
         }
     }
 }

@@ -61,7 +61,9 @@ TEST(EmitTouch, StepsToFrames) {
             std::istringstream ops(step.substr(0, step.find("=>")));
             for (std::string op; ops >> op;) {
                 if (op == "begin" || op == "end" || op == "release") {
-                    (op == "begin" ? BeginTouchScan : op == "end" ? EndTouchScan : ReleaseAllContacts)(rig.dev.get());
+                    (op == "begin" ? BeginTouchScan
+                     : op == "end" ? EndTouchScan
+                                   : ReleaseAllContacts)(rig.dev.get());
                     continue;
                 }
                 TouchRig& target = op == "other" ? other : rig;
@@ -84,7 +86,8 @@ TEST(EmitTouch, ContactNumbersBeyondTheTablesAreDropped) {
     rig.dev->Param.SupportPoints = 255;
     for (int id : {20, 21, 100, 255, -1}) {
         TouchPoint p = Point(id, 1, 0, 0);
-        for (auto emit : {EmitSlotEvent, EmitTypeAEvent, EmitAndroidMultiSyncEvent, EmitPenEvent, EmitEraserEvent})
+        for (auto emit : {EmitSlotEvent, EmitTypeAEvent, EmitAndroidMultiSyncEvent, EmitPenEvent,
+                          EmitEraserEvent})
             emit(rig.dev.get(), &p);
     }
     EXPECT_TRUE(rig.TouchEvents().empty() && rig.PenEvents().empty());
@@ -110,7 +113,8 @@ TEST(EmitPen, PenAndEraserSamples) {
     // clang-format on
     TouchRig rig;
     for (const auto& s : steps) {
-        SCOPED_TRACE(testing::Message() << "android " << s.android << " type " << s.type << ": " << s.set);
+        SCOPED_TRACE(testing::Message()
+                     << "android " << s.android << " type " << s.type << ": " << s.set);
         VersionGuard version(s.android);
         rig.dev->Param.EventType = static_cast<int8_t>(s.type);
         TouchPoint p = Point(0, 0, 1000, 2000);

@@ -16,7 +16,8 @@ using namespace touchtest;
 // Packets fed in turn: every one but the last returns 0 (merge in progress); the last gives
 // the result, the start of the reply buffer (CC: untouched) and whether a merge stays open.
 TEST(MergeReply, Sequences) {
-    const Bytes E = H("03 04 45 0A D0 D1"), long_reply = Pad(H("03 3E 45"), 64, 0x5A);  // 'E': a reply of 13 bytes
+    const Bytes E = H("03 04 45 0A D0 D1");  // 'E': a reply of 13 bytes
+    const Bytes long_reply = Pad(H("03 3E 45"), 64, 0x5A);
     // 'E' with n = 125: exactly 128 bytes in 41 3-byte fragments; 121 1-byte ones then a
     // 3-byte one that would end at 129.
     std::vector<Bytes> exact = {H("03 04 45 7D 01 02")}, past = exact;
@@ -65,7 +66,8 @@ TEST(MergeReply, Sequences) {
         rig.dev->bPCAP = c.pcap;
         for (size_t i = 0; i < c.packets.size(); ++i) {
             const int n = static_cast<int>(c.packets[i].size());
-            EXPECT_EQ(i + 1 < c.packets.size() ? 0 : c.result, MergeCommandPacket(rig.dev.get(), c.packets[i].data(), n));
+            EXPECT_EQ(i + 1 < c.packets.size() ? 0 : c.result,
+                      MergeCommandPacket(rig.dev.get(), c.packets[i].data(), n));
         }
         EXPECT_EQ(c.reply, Bytes(rig.dev->CmdReplyBuf, rig.dev->CmdReplyBuf + c.reply.size()));
         EXPECT_EQ(c.merging, rig.dev->bMerging == 1);
@@ -81,19 +83,23 @@ TEST(ParseCmdReply, RoutingToHooksAndTool) {
     UniqueFd tool;
     MakeEventPair(&rig.dev->m_fdPipeOut, &tool);
     rig.dev->SigHookCmd = 0x99;
+    // clang-format off
     const struct { uint8_t hook; uint16_t sub; Bytes reply; bool hooked; } steps[] = {
         {0x99, 0x02, H("03 03 41 01 02"), false}, {0x41, 0x02, H("03 03 41 01 02"), false},
         {0x41, 0x02, H("03 03 41 02 02"), true},  {0x41, kAnySubCmd, H("0A 03 41 7E 00"), true},
         {0x45, kAnySubCmd, H("03 04 45 0A 01 02"), false},  // the first fragment of a merge
     };
+    // clang-format on
     for (const auto& s : steps) {
         SCOPED_TRACE(testing::PrintToString(s.reply));
-        rig.dev->SelfHookCmd = s.hook, rig.dev->SelfHookSubCmd = s.sub, rig.dev->bSelfHookReplied = 0;
+        rig.dev->SelfHookCmd = s.hook, rig.dev->SelfHookSubCmd = s.sub;
+        rig.dev->bSelfHookReplied = 0;
         ParseCmdPacket(rig.dev.get(), s.reply.data(), static_cast<int>(s.reply.size()));
         EXPECT_EQ(s.hooked, rig.dev->bSelfHookReplied.load() == 1);
         uint8_t buffer[256];
-        const ssize_t n = std::max<ssize_t>(0, recv(tool.get(), buffer, sizeof(buffer), MSG_DONTWAIT));
-        EXPECT_EQ(s.hooked || s.hook == 0x45 ? Bytes{} : s.reply, Bytes(buffer, buffer + n));
+        const ssize_t n = recv(tool.get(), buffer, sizeof(buffer), MSG_DONTWAIT);
+        EXPECT_EQ(s.hooked || s.hook == 0x45 ? Bytes{} : s.reply,
+                  Bytes(buffer, buffer + std::max<ssize_t>(n, 0)));
     }
 }
 
@@ -136,7 +142,8 @@ TEST(VKeyIni, KeysAndValues) {
         TouchRig rig;
         ParseVKEYini(rig.dev.get(), c.key, "HOME");  // an earlier line of the same key
         ParseVKEYini(rig.dev.get(), c.key, c.value);
-        for (int i = 0; i < kVKeyCount; ++i) EXPECT_EQ(i == c.index ? c.code : -1, rig.dev->VKeyCode[i]) << i;
+        for (int i = 0; i < kVKeyCount; ++i)
+            EXPECT_EQ(i == c.index ? c.code : -1, rig.dev->VKeyCode[i]) << i;
     }
 }
 
@@ -154,7 +161,8 @@ TEST(VKeyReport, ReportSequences) {
         {22, 1, true, "1:5 K139=1 0:5 K139=0"}, {0, 1, true, "1:5 ."}, {22, 1, false, "1:5 ."},
     };
     // clang-format on
-    const int codes[kVKeyCount] = {KEY_SEARCH, KEY_HOME, KEY_BACK, -1, KEY_MENU, KEY_MENU, -1, -1, -1, KEY_BACK};
+    const int codes[kVKeyCount] = {KEY_SEARCH, KEY_HOME, KEY_BACK, -1, KEY_MENU,
+                                   KEY_MENU,   -1,       -1,       -1, KEY_BACK};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.steps);
         TouchRig rig;
@@ -166,7 +174,8 @@ TEST(VKeyReport, ReportSequences) {
             SCOPED_TRACE(report);
             // Common form: byte 4 bit 0 state, byte 5 index; series 22: bytes 3 and 4.
             const std::string fields = "0" + report.substr(0, 1) + " " + report.substr(2);
-            const Bytes packet = H(c.form22 ? "03 04 2F " + fields + " 00" : "03 04 36 2F " + fields);
+            const Bytes packet =
+                H(c.form22 ? "03 04 2F " + fields + " 00" : "03 04 36 2F " + fields);
             ParseCmdPacket(rig.dev.get(), packet.data(), 6);
             EXPECT_EQ(F(want == "." ? "" : want), rig.TouchEvents());
         }

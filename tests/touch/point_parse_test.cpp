@@ -14,14 +14,17 @@ using namespace touchtest;
 
 namespace {
 
-void Parse(TouchRig& rig, const Bytes& b) { ParsePointPacket(rig.dev.get(), b.data(), static_cast<int>(b.size())); }
+void Parse(TouchRig& rig, const Bytes& b) {
+    ParsePointPacket(rig.dev.get(), b.data(), static_cast<int>(b.size()));
+}
 
 // n 10-byte slots of a 0x06 packet: state, id from first on, X and Y 10 * id, 4 unused bytes.
 Bytes Slots(int state, int first, int n) {
     Bytes b;
     for (int id = first; id < first + n; ++id) {
         const auto c = static_cast<uint8_t>(10 * id), h = static_cast<uint8_t>(10 * id >> 8);
-        b.insert(b.end(), {static_cast<uint8_t>(state), static_cast<uint8_t>(id), c, h, c, h, 0xEE, 0xEE, 0xEE, 0xEE});
+        b.insert(b.end(), {static_cast<uint8_t>(state), static_cast<uint8_t>(id), c, h, c, h, 0xEE,
+                           0xEE, 0xEE, 0xEE});
     }
     return b;
 }
@@ -32,7 +35,9 @@ Bytes operator+(Bytes a, const Bytes& b) {
 }
 
 // A 0x06 packet announcing count contacts.
-Bytes Frame06(int count, const Bytes& slots) { return Bytes{0x06, static_cast<uint8_t>(count)} + slots; }
+Bytes Frame06(int count, const Bytes& slots) {
+    return Bytes{0x06, static_cast<uint8_t>(count)} + slots;
+}
 
 void Handle(TouchRig& rig, int id, int state, int x, int y, int z = 0) {
     TouchPoint p = {};
@@ -97,8 +102,10 @@ TEST(PointParse, ReportsToEvents) {
         TouchRig rig(c.iface);
         CDeviceObject& d = *rig.dev;
         d.Series = c.series;
-        d.MouseResShift = d.DigitizerResShift = d.MTouchResShift = d.ParallelResShift = static_cast<int8_t>(c.shift);
-        d.MouseLogicalMax = d.DigitizerLogicalMax = d.MTouchLogicalMax = d.ParallelLogicalMax = c.max;
+        d.MouseResShift = d.DigitizerResShift = d.MTouchResShift = d.ParallelResShift =
+            static_cast<int8_t>(c.shift);
+        d.MouseLogicalMax = d.DigitizerLogicalMax = d.MTouchLogicalMax = d.ParallelLogicalMax =
+            c.max;
         for (const Bytes& packet : c.packets) Parse(rig, packet);
         EXPECT_EQ(F(c.touch), rig.TouchEvents());
         EXPECT_EQ(F(c.pen), rig.PenEvents());
@@ -150,7 +157,8 @@ TEST(PointParseFrame, LostAndOverCountedPacketsLeaveNoContactDown) {
         std::map<int, int> tracking;  // slot -> tracking id, as a reader of the node keeps it
         int slot = 0, frames = 0;
         std::vector<Step> steps = c.steps;
-        steps.insert(steps.end(), {{Frame06(1, Slots(1, 3, 1)), "3"}, {Frame06(1, Slots(0, 3, 1)), ""}});
+        steps.insert(steps.end(),
+                     {{Frame06(1, Slots(1, 3, 1)), "3"}, {Frame06(1, Slots(0, 3, 1)), ""}});
         for (size_t i = 0; i < steps.size(); ++i) {
             SCOPED_TRACE(i);
             if (steps[i].packet.empty()) EndMultiContactFrame(rig.dev.get());
@@ -162,7 +170,8 @@ TEST(PointParseFrame, LostAndOverCountedPacketsLeaveNoContactDown) {
                 if (e.type == EV_ABS && e.code == ABS_MT_SLOT) slot = e.value;
                 if (e.type == EV_ABS && e.code == ABS_MT_TRACKING_ID) tracking[slot] = e.value;
             }
-            for (const auto& t : tracking) down += t.second == -1 ? "" : " " + std::to_string(t.first);
+            for (const auto& t : tracking)
+                down += t.second == -1 ? "" : " " + std::to_string(t.first);
             if (std::string(steps[i].down) == "held") {
                 EXPECT_TRUE(events.empty() && MultiContactFrameOpen(rig.dev.get()));
             } else {
@@ -216,7 +225,9 @@ TEST(ContactPipeline, Transforms) {
         std::istringstream in(c.set);
         for (std::string key; in >> key;) {
             if (key == "edge") in >> p.EdgeLeft >> p.EdgeRight >> p.EdgeTop >> p.EdgeBottom;
-            if (key == "rect") in >> p.CustomRectLeft >> p.CustomRectRight >> p.CustomRectTop >> p.CustomRectBottom;
+            if (key == "rect")
+                in >> p.CustomRectLeft >> p.CustomRectRight >> p.CustomRectTop >>
+                    p.CustomRectBottom;
             int split = 0;
             if (key == "split" && in >> split) p.SplitRectMode = static_cast<uint8_t>(split);
             if (key == "dir") in >> p.Direction;
@@ -224,7 +235,8 @@ TEST(ContactPipeline, Transforms) {
             p.EdgeCompensate |= key == "edge";
         }
         Handle(rig, 3, 1, c.x, c.y);
-        EXPECT_EQ(F("3:" + std::to_string(c.out_x) + "," + std::to_string(c.out_y)), rig.TouchEvents());
+        EXPECT_EQ(F("3:" + std::to_string(c.out_x) + "," + std::to_string(c.out_y)),
+                  rig.TouchEvents());
     }
 }
 

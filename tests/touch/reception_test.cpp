@@ -24,7 +24,9 @@ using namespace touchtest;
 namespace {
 
 volatile sig_atomic_t g_usr2_count = 0;
-void CountUsr2(int) { g_usr2_count = g_usr2_count + 1; }
+void CountUsr2(int) {
+    g_usr2_count = g_usr2_count + 1;
+}
 
 // One reception step on a port whose controller has gone, in a child with its own process
 // group (the step signals the whole group); make, if given, first fills a private /dev (an
@@ -35,7 +37,8 @@ int RunEmptyReadInChild(const std::string& port, int removed, const std::functio
     const pid_t child = fork();
     if (child == 0) {
         setpgid(0, 0);
-        if (make && !(unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+        if (make && !(unshare(CLONE_NEWNS) == 0 &&
+                      mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
                       mount("tmpfs", "/dev", "tmpfs", 0, "mode=0755") == 0 && make()))
             _exit(32);
         struct sigaction action = {};
@@ -47,14 +50,16 @@ int RunEmptyReadInChild(const std::string& port, int removed, const std::functio
         MakeEventPair(&rig.dev->m_Port_fd, &controller);
         controller.reset();  // the controller goes away: the read returns 0
         rig.dev->bThreadRunning = 1;
-        int code = (DevReceiveStep(rig.dev.get()) != -1) | (rig.dev->bThreadRunning.load() != 0) << 1;
-        code |= !RxThreadStopRequested() << 2 | (g_usr2_count != 1) << 3;
+        int code = DevReceiveStep(rig.dev.get()) != -1;
+        code |= (rig.dev->bThreadRunning != 0) << 1 | !RxThreadStopRequested() << 2;
+        code |= (g_usr2_count != 1) << 3;
         struct stat st;
         if (removed >= 0 && (lstat(port.c_str(), &st) != 0) != (removed == 1)) code |= 16;
         _exit(code);
     }
     int status = 0;
-    return child > 0 && waitpid(child, &status, 0) == child && WIFEXITED(status) ? WEXITSTATUS(status) : 64;
+    const bool exited = child > 0 && waitpid(child, &status, 0) == child && WIFEXITED(status);
+    return exited ? WEXITSTATUS(status) : 64;
 }
 
 }  // namespace
@@ -70,7 +75,8 @@ TEST(ReceiveStep, ReadsOneReportAndTreatsNothingReadyAsNoData) {
     EXPECT_EQ(0, DevReceiveStep(rig.dev.get()));
     EXPECT_EQ(1, rig.dev->bThreadRunning.load());
     for (const Bytes& datagram : {Pad(H("00 01 05 34 12 78 06"), 65), Pad(H("01 04"), 200, 0xEE)}) {
-        ASSERT_EQ(static_cast<ssize_t>(datagram.size()), send(controller.get(), datagram.data(), datagram.size(), 0));
+        ASSERT_EQ(static_cast<ssize_t>(datagram.size()),
+                  send(controller.get(), datagram.data(), datagram.size(), 0));
         EXPECT_EQ(0, DevReceiveStep(rig.dev.get()));
     }
     EXPECT_EQ(F("1:4660,1656 | 1-"), rig.TouchEvents());
@@ -83,20 +89,24 @@ TEST(ReceiveStep, EmptyReadIsAnUnplugAndRemovesOnlyADeviceNodeUnderDev) {
     testutil::TempDir dir;
     const std::string node = dir.File("hidraw7"), victim = dir.File("victim");
     ASSERT_TRUE(testutil::WriteFile(node, "") && testutil::WriteFile(victim, ""));
-    for (const std::string& path : {node, node + " " + victim, node + ";rm${IFS}" + victim, node + "|rm " + victim,
-                                    node + "$(rm " + victim + ")"}) {
+    for (const std::string& path : {node, node + " " + victim, node + ";rm${IFS}" + victim,
+                                    node + "|rm " + victim, node + "$(rm " + victim + ")"}) {
         EXPECT_EQ(0, RunEmptyReadInChild(path, -1, nullptr)) << path;
-        EXPECT_TRUE(testutil::FileExists(victim) && testutil::FileExists(node)) << "removed through [" << path << "]";
+        EXPECT_TRUE(testutil::FileExists(victim) && testutil::FileExists(node))
+            << "removed through [" << path << "]";
     }
     if (geteuid() != 0) GTEST_SKIP() << "a private /dev needs root";
-    const auto mknode = [](const char* path) { return mknod(path, S_IFCHR | 0600, makedev(1, 3)) == 0; };
+    const auto mknode = [](const char* path) { return mknod(path, S_IFCHR, makedev(1, 3)) == 0; };
+    // clang-format off
     const struct { const char* port; int removed; std::function<bool()> make; } cases[] = {
         {"/dev/hidraw7", 1, [&] { return mknode("/dev/hidraw7"); }},
         {"/dev/ttyTV0", 0, [&] { return mknode("/dev/pts0") && symlink("/dev/pts0", "/dev/ttyTV0") == 0; }},
         {"/dev/ttyS5", 0, [] { return testutil::WriteFile("/dev/ttyS5", "keep"); }},
         {"/dev/x/../hidraw7", 0, [&] { return mkdir("/dev/x", 0755) == 0 && mknode("/dev/hidraw7"); }},
     };
-    for (const auto& c : cases) EXPECT_EQ(0, RunEmptyReadInChild(c.port, c.removed, c.make)) << c.port;
+    // clang-format on
+    for (const auto& c : cases)
+        EXPECT_EQ(0, RunEmptyReadInChild(c.port, c.removed, c.make)) << c.port;
 }
 
 // Which consumer the bytes of a read go to. Serial and PS/2 streams are fed in two reads cut
@@ -149,23 +159,28 @@ TEST(PortBytes, PointsAndRepliesWhateverTheReadBoundaries) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
         const size_t n = c.stream.size();
-        for (size_t cut = (c.iface == DEV_USB ? n : 0); cut <= (c.iface == DEV_USB ? n : n + 1); ++cut) {
+        const bool usb = c.iface == DEV_USB;
+        for (size_t cut = usb ? n : 0; cut <= (usb ? n : n + 1); ++cut) {
             SCOPED_TRACE(cut > n ? "one byte per read" : std::to_string(cut));
             TouchRig rig(c.iface);
             rig.dev->BaudRate = c.baud;
-            rig.dev->SelfHookCmd = 0x55, rig.dev->SelfHookSubCmd = kAnySubCmd, rig.dev->SigHookCmd = 0x99;
+            int raw = 0, hook = 0x55;
             std::istringstream in(c.set);
             for (std::string key; in >> key;) {
-                int value = 0;
-                if (key == "raw" && in >> value) rig.dev->SendRawPoints = static_cast<uint8_t>(value);
-                if (key == "hook" && in >> std::hex >> value) rig.dev->SelfHookCmd = static_cast<uint8_t>(value);
+                if (key == "raw") in >> raw;
+                if (key == "hook") in >> std::hex >> hook;
                 rig.settings.SkipFirstByte |= key == "skip";
                 rig.dev->bPointsToTool |= key == "tool";
             }
-            std::vector<std::pair<size_t, size_t>> reads = {{0, cut}, {cut, n - cut}};  // offset, length
+            rig.dev->SendRawPoints = static_cast<uint8_t>(raw);
+            rig.dev->SelfHookCmd = static_cast<uint8_t>(hook), rig.dev->SigHookCmd = 0x99;
+            rig.dev->SelfHookSubCmd = kAnySubCmd;
+            // Reads as offset and length: two reads cut at cut, or one byte per read.
+            std::vector<std::pair<size_t, size_t>> reads = {{0, cut}, {cut, n - cut}};
             if (cut > n) reads.clear();
             for (size_t i = 0; cut > n && i < n; ++i) reads.push_back({i, 1});
-            for (const auto& r : reads) DispatchPortBytes(rig.dev.get(), c.stream.data() + r.first, static_cast<int>(r.second));
+            for (const auto& r : reads)
+                DispatchPortBytes(rig.dev.get(), &c.stream[0] + r.first, r.second);
             EXPECT_EQ(F(c.touch), rig.TouchEvents());
             EXPECT_EQ(!c.reply.empty(), rig.dev->bSelfHookReplied.load() == 1);
             EXPECT_EQ(c.reply, Bytes(rig.dev->CmdReplyBuf, rig.dev->CmdReplyBuf + c.reply.size()));

@@ -28,12 +28,15 @@ inline Bytes Pad(Bytes bytes, size_t n, uint8_t fill = 0) {
 }
 
 inline std::vector<Ev> F(const std::string& text) {
+    // clang-format off
     static const std::map<std::string, Ev> names = {
-        {"X", Abs(ABS_X, 0)}, {"Y", Abs(ABS_Y, 0)}, {"P", Abs(ABS_PRESSURE, 0)}, {"TX", Abs(ABS_TILT_X, 0)},
-        {"TY", Abs(ABS_TILT_Y, 0)}, {"MX", Abs(ABS_MT_POSITION_X, 0)}, {"MY", Abs(ABS_MT_POSITION_Y, 0)},
-        {"ID", Abs(ABS_MT_TRACKING_ID, 0)}, {"MAJOR", Abs(ABS_MT_TOUCH_MAJOR, 0)},
-        {"WIDTH", Abs(ABS_MT_WIDTH_MAJOR, 0)}, {"PEN", Key(BTN_TOOL_PEN, 0)}, {"RUBBER", Key(BTN_TOOL_RUBBER, 0)},
+        {"X", Abs(ABS_X, 0)}, {"Y", Abs(ABS_Y, 0)}, {"P", Abs(ABS_PRESSURE, 0)},
+        {"TX", Abs(ABS_TILT_X, 0)}, {"TY", Abs(ABS_TILT_Y, 0)}, {"MX", Abs(ABS_MT_POSITION_X, 0)},
+        {"MY", Abs(ABS_MT_POSITION_Y, 0)}, {"ID", Abs(ABS_MT_TRACKING_ID, 0)},
+        {"MAJOR", Abs(ABS_MT_TOUCH_MAJOR, 0)}, {"WIDTH", Abs(ABS_MT_WIDTH_MAJOR, 0)},
+        {"PEN", Key(BTN_TOOL_PEN, 0)}, {"RUBBER", Key(BTN_TOOL_RUBBER, 0)},
         {"STYLUS", Key(BTN_STYLUS, 0)}, {"TOUCH", Key(BTN_TOUCH, 0)}};
+    // clang-format on
     std::vector<Ev> out;
     std::istringstream in(text);
     for (std::string t; in >> t;) {
@@ -42,7 +45,8 @@ inline std::vector<Ev> F(const std::string& text) {
         if (t == "|" || t == "mt") {
             out.push_back(t == "mt" ? MtSyn() : Syn());
         } else if (name != t) {  // NAME=value, or Kcode=value for a key code
-            Ev e = isdigit(name[1]) ? Key(static_cast<uint16_t>(std::stoi(name.substr(1))), 0) : names.at(name);
+            Ev e = isdigit(name[1]) ? Key(static_cast<uint16_t>(std::stoi(name.substr(1))), 0)
+                                    : names.at(name);
             e.value = std::stoi(t.substr(name.size() + 1));
             out.push_back(e);
         } else if (t.back() == '-') {
