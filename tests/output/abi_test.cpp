@@ -78,17 +78,18 @@ TEST(KernelRecordLayout, UinputUserDevPerProtocolAndVersion) {
         {"WIDTH", ABS_MT_WIDTH_MAJOR}, {"X", ABS_X}, {"Y", ABS_Y}, {"P", ABS_PRESSURE},
         {"TX", ABS_TILT_X}, {"TY", ABS_TILT_Y}};
     const std::string mt = "TOOL=1 SLOT=20 ID=20", old = "TOOL=1 ID=20 MAJOR=1 WIDTH=1";
-    const std::string tilt = " TX=-6000:6000 TY=-6000:6000";
+    const std::string pen = "X=4095 Y=4095 TOOL=1 P=1023", tilt = " TX=-6000:6000 TY=-6000:6000";
     const struct { bool pen; int android, kernel_major, kernel_minor, type, resol_x, resol_y; std::string axes; } cases[] = {
         // Android 4+, slot protocol; Android 2 and 3: no slot, the touch major that marks a lift.
         {false, 9, 4, 19, 2, -1, -1, "MX=4095 MY=4095 " + mt}, {false, 2, 4, 19, 1, 1919, 1079, "MX=1919 MY=1079 " + old},
         {false, 3, 4, 19, 2, -1, -1, "MX=4095 MY=4095 " + old}, {false, 9, 4, 19, 4, -1, 799, "MX=4095 MY=799 TOOL=1"},
         // Plain Linux: slots, and ABS_X/ABS_Y of the single-touch view in the output range.
-        {false, 0, 4, 19, 1, 1919, -1, "MX=1919 MY=4095 X=1919 Y=4095 " + mt}, {false, 0, 4, 19, 4, -1, -1, "MX=4095 MY=4095 TOOL=1"},
+        {false, 0, 4, 19, 1, 1919, -1, "MX=1919 MY=4095 X=1919 Y=4095 " + mt},
+        {false, 0, 4, 19, 4, -1, -1, "MX=4095 MY=4095 TOOL=1"},
         // Pen: tilt from kernel 3.2 on (major above 2, minor above 1), or with no Android found;
         // positions in the output range.
-        {true, 9, 3, 2, 2, -1, -1, "X=4095 Y=4095 TOOL=1 P=1023" + tilt}, {true, 9, 4, 1, 2, -1, -1, "X=4095 Y=4095 TOOL=1 P=1023"},
-        {true, 9, 2, 6, 2, -1, -1, "X=4095 Y=4095 TOOL=1 P=1023"}, {true, 0, 2, 6, 2, -1, -1, "X=4095 Y=4095 TOOL=1 P=1023" + tilt},
+        {true, 9, 3, 2, 2, -1, -1, pen + tilt}, {true, 9, 4, 1, 2, -1, -1, pen}, {true, 9, 2, 6, 2, -1, -1, pen},
+        {true, 0, 2, 6, 2, -1, -1, pen + tilt},
         {true, 9, 4, 19, 2, 1919, 1079, "X=1919 Y=1079 TOOL=1 P=1023" + tilt},
     };
     // clang-format on

@@ -47,14 +47,16 @@ TEST(MergeReply, Sequences) {
         {"serial report too short", {H("81 0F 7F 05")}, -1, H("CC CC"), false},
         // Every rule that resets a merge in progress, and the one that leaves it alone.
         {"unknown header: merge untouched", {E, H("55 04 00 01 02 03")}, -1, {}, true},
-        {"serial reply resets", {E, H("0A 02 41 42")}, 4, {}, false}, {"serial report resets", {E, H("81 01 02 03 04")}, 64, {}, false},
+        {"serial reply resets", {E, H("0A 02 41 42")}, 4, {}, false},
+        {"serial report resets", {E, H("81 01 02 03 04")}, 64, {}, false},
         {"L above 4 resets", {E, H("03 05 00 01 02 03 04")}, 7, {}, false},
         {"unexpected command resets", {E, H("03 04 31 01 02 03")}, -1, {}, false},
         {"fragment without data resets", {E, H("03 00 00")}, -1, {}, false},
         {"fragment shorter than its L resets", {E, H("03 04 00 01")}, -1, {}, false},
         {"the capacitive family never merges", {E}, 6, E, false, true},
         // Replies announcing more than the 128-byte buffer are refused.
-        {"n = 126", {H("03 04 45 7E 01 02")}, -1, {}, false}, {"whole packet above 128 bytes", {Bytes(200, 0x0A)}, -1, {}, false},
+        {"n = 126", {H("03 04 45 7E 01 02")}, -1, {}, false},
+        {"whole packet above 128 bytes", {Bytes(200, 0x0A)}, -1, {}, false},
         {"a reply of exactly 128 bytes", exact, 128, H("03 7E 45 01 02 00 AB CD"), false},
         {"a fragment past the 128 bytes", past, -1, {}, false},
     };
