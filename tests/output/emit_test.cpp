@@ -84,7 +84,7 @@ TEST(EmitTouch, StepsToFrames) {
 }
 
 // A settings file may claim 255 contacts: contact numbers from 20 on are never used as an
-// index into the 20-entry tables, by any emitter.
+// index into the 20-entry tables, by any emitter, and a frame ends at the tables' end.
 TEST(EmitTouch, ContactNumbersBeyondTheTablesAreDropped) {
     VersionGuard version(9);
     TouchRig rig;
@@ -96,6 +96,9 @@ TEST(EmitTouch, ContactNumbersBeyondTheTablesAreDropped) {
             emit(rig.dev.get(), &p);
     }
     EXPECT_TRUE(rig.TouchEvents().empty() && rig.PenEvents().empty());
+    TouchPoint last = Point(19, 1, 5, 6);  // the tables' last entry, alone in the frame
+    DispatchTouchEvent(rig.dev.get(), &last);
+    EXPECT_EQ(F("19:5,6"), rig.TouchEvents());
 }
 
 // Pen and eraser samples in turn at (1000, 2000) tilted (-30, 40): the pen tool is lifted
