@@ -102,9 +102,9 @@ TEST(EmitTouch, ContactNumbersBeyondTheTablesAreDropped) {
 }
 
 // Pen and eraser samples in turn at (1000, 2000) tilted (-30, 40): the pen tool is lifted
-// before the rubber comes in and back; an eraser whose switch is released while pressing gets
-// no BTN_TOUCH 0. On Android 2 and 3 the multi sync protocol makes a pen sample a touch
-// contact; type A sends pen and eraser samples to the pen device whatever the version.
+// before the rubber comes in and back; an eraser whose switch is released gets BTN_TOUCH 0
+// only once its pressure is 0. On Android 2 and 3 the multi sync protocol makes a pen sample a
+// touch contact; type A sends pen and eraser samples to the pen device whatever the version.
 TEST(EmitPen, PenAndEraserSamples) {
     const std::string at = " X=1000 Y=2000 ", tilt = " TX=-30 TY=40";
     // clang-format off
@@ -114,6 +114,7 @@ TEST(EmitPen, PenAndEraserSamples) {
         {9, 2, "pen", 0, "RUBBER=0 TOUCH=0 | PEN=0 STYLUS=0" + at + "TOUCH=0 P=0" + tilt, ""},
         {9, 2, "eraser switch", 300, "RUBBER=1" + at + "TOUCH=1 P=300" + tilt, ""},
         {9, 2, "eraser", 7, at + "P=7" + tilt + " | RUBBER=0", ""},
+        {9, 2, "eraser", 0, at + "TOUCH=0 P=0" + tilt + " | RUBBER=0", ""},
         {2, 2, "pen state inrange tip", 9, "", "ID=0 MAJOR=1 MX=1000 MY=2000 WIDTH=0 mt"},
         {2, 4, "pen state inrange tip", 9, "PEN=1 STYLUS=0" + at + "TOUCH=1 P=9" + tilt, ""},
         {2, 4, "eraser switch", 9, "RUBBER=1" + at + "TOUCH=1 P=9" + tilt, ""},

@@ -87,6 +87,8 @@ TEST(PointParse, ReportsToEvents) {
          "X=10 Y=20 P=5 TX=0 TY=0 | RUBBER=0"},
         {"truncated reports: dropped whole", U, 0, 1, 0, {H("01 05 10 00 20"), H("03"), H("04 05 10"),
          H("02 05 10 00 20"), H("81 0F 7F 00"), H("06"), H("17")}, ""},
+        {"truncated pen", U, 22, 1, 0, {H("02 21 0A 00 14 00 05 00 00 00 00")}, "", ""},
+        {"truncated series 11", U, 11, 1, 0, {H("04 01 00 00 03 00 08 00")}, ""},
         // Serial reports: 7-bit bytes, Y mirrored; the sixth byte of 0xA1 is a contact letter.
         {"RS232 corner", R, 0, 1, 0, {H("81 0F 7F 00 00")}, "0:4094,4094"},
         {"RS232 high bits ignored", R, 0, 1, 0, {H("81 F1 80 72 81")}, "0:256,3580"},
