@@ -36,6 +36,7 @@ TEST(MergeReply, Sequences) {
         {"'E' with n = 10 in four reads", {H("03 04 45 0A A0 A1 FF FF"), H("03 04 00 B0 B1 B2 EE"), H("03 04 00 B3 B4 B5"),
          H("03 04 00 B6 B7 B8")}, 13, H("03 0B 45 A0 A1 B0 B1 B2 B3 B4 B5 B6 B7"), false},
         {"'D': complete at once", {H("03 04 44 02 11 22")}, 5, H("03 03 44 11 22"), false},
+        {"'F': complete at once", {H("03 04 46 02 11 22")}, 5, H("03 03 46 11 22"), false},
         {"first fragment with L 2: L + 1 header bytes", {H("03 02 45 0A 11 22")}, 0, H("03 0B 45 CC CC"), true},
         {"continuation alone: whole", {H("03 04 00 01 02 03")}, 6, H("03 04 00 01 02 03"), false},
         {"another command: whole", {H("03 02 55 01")}, 4, H("03 02 55 01"), false},
