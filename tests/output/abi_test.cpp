@@ -1,26 +1,15 @@
-// The records the daemon hands to the kernel (the input events and the uinput_user_dev
-// record of each virtual device: names, ids, axis ranges per protocol, Android and kernel
-// version), checked byte by byte at the offsets the kernel reads them from, so that a
-// 32-bit build (4-byte long and time_t) proves the same layout as a 64-bit one. Nothing here decodes through the structures the
-// code under test uses: every field is read from raw bytes, little-endian.
-//
-// struct input_event: two kernel longs (seconds, microseconds), then type u16, code u16,
-// value s32: 16 bytes on 32-bit targets, 24 on 64-bit ones.
-// struct uinput_user_dev: name[80] at 0, id (bustype, vendor, product, version: u16 each)
-// at 80, ff_effects_max u32 at 88, absmax[64] at 92, absmin at 348, absfuzz at 604,
-// absflat at 860: 1116 bytes.
+// The records the daemon hands to the kernel, read byte by byte (little-endian) at the
+// offsets the kernel reads them from, never through the structures the code uses, so a 32-bit
+// build (4-byte long and time_t) proves the same layout as a 64-bit one.
+// input_event: two kernel longs (seconds, microseconds), type u16, code u16, value s32.
+// uinput_user_dev: name[80], id (bustype, vendor, product, version: u16 each) at 80,
+// ff_effects_max u32 at 88, absmax[64] at 92, absmin at 348, absfuzz at 604, absflat at 860.
 #include <gtest/gtest.h>
-#include <linux/input.h>
 #include <linux/uinput.h>
-#include <stddef.h>
-#include <stdlib.h>
-#include <sys/socket.h>
-#include <sys/types.h>
 #include <time.h>
-#include <unistd.h>
 
-#include <string>
-#include <vector>
+#include <map>
+#include <sstream>
 
 #include "output/emit.h"
 #include "output/uinput_device.h"
@@ -31,196 +20,114 @@ using namespace touchtest;
 
 namespace {
 
-constexpr size_t kKernelLong = sizeof(unsigned long);
-constexpr size_t kEventSize = 2 * kKernelLong + 8;
-constexpr size_t kUinputDevSize = 1116;
-constexpr size_t kIdOffset = 80;
-constexpr size_t kAbsMaxOffset = 92;
-constexpr size_t kAbsMinOffset = kAbsMaxOffset + 4 * ABS_CNT;
-constexpr size_t kAbsFuzzOffset = kAbsMinOffset + 4 * ABS_CNT;
-constexpr size_t kAbsFlatOffset = kAbsFuzzOffset + 4 * ABS_CNT;
-
-static_assert(ABS_CNT == 64, "uinput_user_dev carries 64 axes");
-static_assert(sizeof(struct input_event) == kEventSize, "input_event as the kernel reads it");
-static_assert(offsetof(struct input_event, type) == 2 * kKernelLong, "type after the time");
-static_assert(sizeof(struct uinput_user_dev) == kUinputDevSize, "uinput_user_dev size");
-static_assert(kAbsFlatOffset + 4 * ABS_CNT == kUinputDevSize, "uinput_user_dev offsets");
+constexpr size_t kLong = sizeof(unsigned long);
+constexpr size_t kEventSize = 2 * kLong + 8;
+static_assert(sizeof(struct input_event) == kEventSize && sizeof(struct uinput_user_dev) == 1116,
+              "kernel records");
 #if !defined(__ANDROID__)
 // stat() of the data files and directory listings must not fail with EOVERFLOW on 32-bit
 // targets (large files, 64-bit inode numbers): the build asks for 64-bit offsets.
 static_assert(sizeof(off_t) == 8 && sizeof(ino_t) == 8, "64-bit file offsets and inodes");
 #endif
 
-uint64_t Le(const uint8_t* p, size_t width) {
+int64_t Le(const uint8_t* p, size_t width) {
     uint64_t v = 0;
     for (size_t i = 0; i < width; ++i) v |= static_cast<uint64_t>(p[i]) << (8 * i);
-    return v;
-}
-int32_t LeS32(const uint8_t* p) {
-    return static_cast<int32_t>(static_cast<uint32_t>(Le(p, 4)));
-}
-
-struct RawEvent {
-    uint64_t sec;
-    uint64_t usec;
-    Ev ev;
-};
-
-// Every record queued on fd; each message must be whole kernel-sized records.
-std::vector<RawEvent> DrainRaw(int fd) {
-    std::vector<RawEvent> out;
-    for (;;) {
-        uint8_t buffer[64 * kEventSize];
-        const ssize_t n = recv(fd, buffer, sizeof(buffer), MSG_DONTWAIT);
-        if (n <= 0) break;
-        EXPECT_EQ(0u, static_cast<size_t>(n) % kEventSize) << "whole records per write";
-        for (size_t at = 0; at + kEventSize <= static_cast<size_t>(n); at += kEventSize) {
-            const uint8_t* record = buffer + at;
-            const uint8_t* tail = record + 2 * kKernelLong;
-            out.push_back(RawEvent{Le(record, kKernelLong), Le(record + kKernelLong, kKernelLong),
-                                   Ev{static_cast<uint16_t>(Le(tail, 2)),
-                                      static_cast<uint16_t>(Le(tail + 2, 2)), LeS32(tail + 4)}});
-        }
-    }
-    return out;
-}
-
-// The record a device set-up wrote to a regular file standing in for the uinput node (the
-// ioctls fail on it after the record is written, so nothing counts as created).
-std::vector<uint8_t> CreatedRecord(TouchRig& rig, bool pen) {
-    testutil::TempDir dir;
-    const std::string path = dir.File("uinput");
-    UniqueFd file(OpenCloexec(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600));
-    (pen ? rig.dev->UinputPenFd : rig.dev->UinputTouchFd) = std::move(file);
-    EXPECT_EQ(-1, pen ? SetUpPenDevice(rig.dev.get()) : SetUpTouchDevice(rig.dev.get()));
-    EXPECT_FALSE(rig.dev->bTouchDeviceCreated || rig.dev->bPenDeviceCreated);
-    std::vector<uint8_t> bytes(2 * kUinputDevSize, 0);
-    UniqueFd fd(OpenCloexec(path.c_str(), O_RDONLY));
-    const ssize_t n = fd.valid() ? ReadRetry(fd.get(), bytes.data(), bytes.size()) : -1;
-    bytes.resize(n > 0 ? static_cast<size_t>(n) : 0);
-    return bytes;
-}
-
-int32_t AbsField(const std::vector<uint8_t>& record, size_t table, int axis) {
-    return LeS32(record.data() + table + 4 * static_cast<size_t>(axis));
+    return width == 4 ? static_cast<int32_t>(v) : static_cast<int64_t>(v);
 }
 
 }  // namespace
 
+// Events of one emitter call: whole records per write, each with the same stamp (seconds
+// between before and after, microseconds below 10^6) and its type, code and signed value.
 TEST(KernelRecordLayout, InputEventBytesAtTheKernelOffsets) {
-    struct Case {
-        uint16_t type;
-        uint16_t code;
-        int32_t value;
-    };
-    const Case cases[] = {
-        {EV_ABS, ABS_MT_POSITION_X, 4095},
-        {EV_ABS, ABS_MT_TRACKING_ID, -1},  // sign kept through the 32-bit value field
-        {EV_ABS, ABS_TILT_Y, -59535},
-        {EV_KEY, BTN_TOOL_RUBBER, 1},
-        {EV_MSC, MSC_SCAN, 0x7FFFFFFF},
-        {EV_SYN, SYN_REPORT, 0},
-    };
+    const Ev cases[] = {{EV_ABS, ABS_MT_POSITION_X, 4095}, {EV_ABS, ABS_MT_TRACKING_ID, -1},
+                        {EV_ABS, ABS_TILT_Y, -59535},      {EV_KEY, BTN_TOOL_RUBBER, 1},
+                        {EV_MSC, MSC_SCAN, 0x7FFFFFFF},    {EV_SYN, SYN_REPORT, 0}};
     TouchRig rig;
-    const time_t before = time(nullptr);
+    const int64_t before = time(nullptr);
     StampEventTime(rig.dev.get());
-    for (const Case& c : cases)
+    for (const Ev& c : cases)
         WriteInputEvent(rig.dev.get(), rig.dev->UinputTouchFd.get(), c.type, c.code, c.value);
-    const time_t after = time(nullptr);
-
-    const std::vector<RawEvent> raw = DrainRaw(rig.TouchFd());
-    ASSERT_EQ(sizeof(cases) / sizeof(cases[0]), raw.size());
-    for (size_t i = 0; i < raw.size(); ++i) {
+    const int64_t after = time(nullptr);
+    uint8_t buffer[16 * kEventSize];
+    const ssize_t n = recv(rig.TouchFd(), buffer, sizeof(buffer), MSG_DONTWAIT);
+    ASSERT_EQ(static_cast<ssize_t>(sizeof(cases) / sizeof(cases[0]) * kEventSize), n);
+    for (size_t i = 0; i < sizeof(cases) / sizeof(cases[0]); ++i) {
         SCOPED_TRACE(i);
-        EXPECT_EQ((Ev{cases[i].type, cases[i].code, cases[i].value}), raw[i].ev);
-        // The stamp of one emitter call, seconds then microseconds, each a kernel long.
-        EXPECT_GE(raw[i].sec, static_cast<uint64_t>(before));
-        EXPECT_LE(raw[i].sec, static_cast<uint64_t>(after));
-        EXPECT_LT(raw[i].usec, 1000000u);
-        EXPECT_EQ(raw[0].sec, raw[i].sec);
-        EXPECT_EQ(raw[0].usec, raw[i].usec);
+        const uint8_t* r = buffer + i * kEventSize;
+        const uint8_t* tail = r + 2 * kLong;
+        const Ev got = {static_cast<uint16_t>(Le(tail, 2)), static_cast<uint16_t>(Le(tail + 2, 2)),
+                        static_cast<int32_t>(Le(tail + 4, 4))};
+        EXPECT_EQ(cases[i], got);
+        EXPECT_TRUE(Le(r, kLong) >= before && Le(r, kLong) <= after &&
+                    Le(r + kLong, kLong) < 1000000);
+        EXPECT_EQ(0, memcmp(buffer, r, 2 * kLong)) << "one stamp per call";
     }
 }
 
-// The touch record per protocol and Android version, and the pen record's tilt condition.
+// The touch record per protocol and Android version, and the pen record's tilt condition,
+// written to a regular file standing in for the uinput node (the ioctls then fail, so
+// nothing counts as created). Axes "name=max" or "name=min:max" (names as in touch/rows.h);
+// every other axis all 0.
 TEST(KernelRecordLayout, UinputUserDevPerProtocolAndVersion) {
-    struct AxisWant {
-        int axis;
-        int min;
-        int max;
-    };
-    struct Case {
-        bool pen;
-        int android;
-        int kernel_major;
-        int kernel_minor;
-        int event_type;
-        int resol_x;
-        int resol_y;
-        std::vector<AxisWant> axes;
-    };
-    const AxisWant x_full = {ABS_MT_POSITION_X, 0, 4095};
-    const AxisWant y_full = {ABS_MT_POSITION_Y, 0, 4095};
-    const AxisWant tool = {ABS_MT_TOOL_TYPE, 0, 1};
-    const AxisWant slot = {ABS_MT_SLOT, 0, 20};
-    const AxisWant tracking = {ABS_MT_TRACKING_ID, 0, 20};
-    const AxisWant major = {ABS_MT_TOUCH_MAJOR, 0, 1};
-    const AxisWant width = {ABS_MT_WIDTH_MAJOR, 0, 1};
-    const AxisWant pressure = {ABS_PRESSURE, 0, 1023};
-    const AxisWant tilt_x = {ABS_TILT_X, -6000, 6000};
-    const AxisWant tilt_y = {ABS_TILT_Y, -6000, 6000};
-    const AxisWant abs_x = {ABS_X, 0, 4095};
-    const AxisWant abs_y = {ABS_Y, 0, 4095};
     // clang-format off
-    const Case cases[] = {
-        // Android 4+, slot protocol: slot and tracking id 0-20.
-        {false, 9, 4, 19, 2, -1, -1, {x_full, y_full, tool, slot, tracking}},
-        // Android 2 and 3: tracking id but no slot; the touch major that marks a lift.
-        {false, 2, 4, 19, 1, 1919, 1079, {{ABS_MT_POSITION_X, 0, 1919}, {ABS_MT_POSITION_Y, 0, 1079}, tool, tracking, major, width}},
-        {false, 3, 4, 19, 2, -1, -1, {x_full, y_full, tool, tracking, major, width}},
-        // Type A: neither.
-        {false, 9, 4, 19, 4, -1, 799, {x_full, {ABS_MT_POSITION_Y, 0, 799}, tool}},
+    const std::map<std::string, int> names = {
+        {"MX", ABS_MT_POSITION_X}, {"MY", ABS_MT_POSITION_Y}, {"TOOL", ABS_MT_TOOL_TYPE},
+        {"SLOT", ABS_MT_SLOT}, {"ID", ABS_MT_TRACKING_ID}, {"MAJOR", ABS_MT_TOUCH_MAJOR},
+        {"WIDTH", ABS_MT_WIDTH_MAJOR}, {"X", ABS_X}, {"Y", ABS_Y}, {"P", ABS_PRESSURE},
+        {"TX", ABS_TILT_X}, {"TY", ABS_TILT_Y}};
+    const std::string mt = "TOOL=1 SLOT=20 ID=20", old = "TOOL=1 ID=20 MAJOR=1 WIDTH=1";
+    const std::string pen = "X=4095 Y=4095 TOOL=1 P=1023", tilt = " TX=-6000:6000 TY=-6000:6000";
+    const struct { bool pen; int android, kernel_major, kernel_minor, type, resol_x, resol_y; std::string axes; } cases[] = {
+        // Android 4+, slot protocol; Android 2 and 3: no slot, the touch major that marks a lift.
+        {false, 9, 4, 19, 2, -1, -1, "MX=4095 MY=4095 " + mt}, {false, 2, 4, 19, 1, 1919, 1079, "MX=1919 MY=1079 " + old},
+        {false, 3, 4, 19, 2, -1, -1, "MX=4095 MY=4095 " + old}, {false, 9, 4, 19, 4, -1, 799, "MX=4095 MY=799 TOOL=1"},
         // Plain Linux: slots, and ABS_X/ABS_Y of the single-touch view in the output range.
-        {false, 0, 4, 19, 1, 1919, -1, {{ABS_MT_POSITION_X, 0, 1919}, y_full, tool, slot, tracking, {ABS_X, 0, 1919}, abs_y}},
-        {false, 0, 4, 19, 4, -1, -1, {x_full, y_full, tool}},
-        // Pen: tilt from kernel 3.2 on (major above 2, minor above 1), or with no Android found.
-        {true, 9, 3, 2, 2, -1, -1, {abs_x, abs_y, tool, pressure, tilt_x, tilt_y}},
-        {true, 9, 4, 1, 2, -1, -1, {abs_x, abs_y, tool, pressure}},
-        {true, 9, 2, 6, 2, -1, -1, {abs_x, abs_y, tool, pressure}},
-        {true, 0, 2, 6, 2, -1, -1, {abs_x, abs_y, tool, pressure, tilt_x, tilt_y}},
-        // Pen positions are scaled to ResolX/ResolY.
-        {true, 9, 4, 19, 2, 1919, 1079, {{ABS_X, 0, 1919}, {ABS_Y, 0, 1079}, tool, pressure, tilt_x, tilt_y}},
+        {false, 0, 4, 19, 1, 1919, -1, "MX=1919 MY=4095 X=1919 Y=4095 " + mt},
+        {false, 0, 4, 19, 4, -1, -1, "MX=4095 MY=4095 TOOL=1"},
+        // Pen: tilt from kernel 3.2 on (major above 2, minor above 1), or with no Android found;
+        // positions in the output range.
+        {true, 9, 3, 2, 2, -1, -1, pen + tilt}, {true, 9, 4, 1, 2, -1, -1, pen}, {true, 9, 2, 6, 2, -1, -1, pen},
+        {true, 0, 2, 6, 2, -1, -1, pen + tilt},
+        {true, 9, 4, 19, 2, 1919, 1079, "X=1919 Y=1079 TOOL=1 P=1023" + tilt},
     };
     // clang-format on
-    for (const Case& c : cases) {
-        SCOPED_TRACE(testing::Message() << (c.pen ? "pen" : "touch") << " android " << c.android
-                                        << " kernel " << c.kernel_major << "." << c.kernel_minor
-                                        << " type " << c.event_type);
+    testutil::TempDir dir;
+    const std::string path = dir.File("uinput");
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.axes);
         VersionGuard version(c.android, c.kernel_major, c.kernel_minor);
         TouchRig rig;
-        rig.dev->Param.EventType = static_cast<int8_t>(c.event_type);
-        rig.dev->Param.ResolX = c.resol_x;
-        rig.dev->Param.ResolY = c.resol_y;
-        const std::vector<uint8_t> record = CreatedRecord(rig, c.pen);
-        ASSERT_EQ(kUinputDevSize, record.size()) << "exactly one record written";
-        // Name: NUL-terminated at offset 0, zero-filled to 80 bytes.
+        rig.dev->Param.EventType = static_cast<int8_t>(c.type);
+        rig.dev->Param.ResolX = c.resol_x, rig.dev->Param.ResolY = c.resol_y;
+        (c.pen ? rig.dev->UinputPenFd : rig.dev->UinputTouchFd) =
+            UniqueFd(OpenCloexec(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600));
+        EXPECT_EQ(-1, c.pen ? SetUpPenDevice(rig.dev.get()) : SetUpTouchDevice(rig.dev.get()));
+        EXPECT_FALSE(rig.dev->bTouchDeviceCreated || rig.dev->bPenDeviceCreated);
+        const std::string text = testutil::ReadFile(path);
+        ASSERT_EQ(1116u, text.size()) << "exactly one record written";
+        const uint8_t* r = reinterpret_cast<const uint8_t*>(text.data());
         const std::string name = c.pen ? "MorvelTouch_VirtualPen" : "MorvelTouch_VirtualDevice";
-        EXPECT_EQ(name, std::string(record.begin(), record.begin() + static_cast<long>(name.size())));
-        for (size_t i = name.size(); i < kIdOffset; ++i) ASSERT_EQ(0, record[i]) << "name byte " << i;
-        EXPECT_EQ(static_cast<uint64_t>(BUS_VIRTUAL), Le(&record[kIdOffset], 2));
-        EXPECT_EQ(0x3C7Au, Le(&record[kIdOffset + 2], 2));
-        EXPECT_EQ(c.pen ? 0x0030u : 0x0020u, Le(&record[kIdOffset + 4], 2));
-        EXPECT_EQ(1u, Le(&record[kIdOffset + 6], 2));
-        EXPECT_EQ(0u, Le(&record[88], 4)) << "ff_effects_max";
+        EXPECT_EQ(name + std::string(80 - name.size(), '\0'), text.substr(0, 80));
+        const std::vector<int64_t> id = {Le(r + 80, 2), Le(r + 82, 2), Le(r + 84, 2),
+                                         Le(r + 86, 2)};
+        EXPECT_EQ((std::vector<int64_t>{BUS_VIRTUAL, 0x3C7A, c.pen ? 0x30 : 0x20, 1}), id);
+        EXPECT_EQ(0, Le(r + 88, 4)) << "ff_effects_max";
+        std::map<int, std::vector<int64_t>> want;  // axis -> absmax, absmin, absfuzz, absflat
+        std::istringstream in(c.axes);
+        for (std::string axis; in >> axis;) {
+            const size_t eq = axis.find('='), colon = axis.find(':');
+            const bool min = colon != std::string::npos;
+            const int max = std::stoi(axis.substr(min ? colon + 1 : eq + 1));
+            want[names.at(axis.substr(0, eq))] = {max, min ? std::stoi(axis.substr(eq + 1)) : 0, 0,
+                                                  0};
+        }
         for (int axis = 0; axis < ABS_CNT; ++axis) {
-            AxisWant want = {axis, 0, 0};
-            for (const AxisWant& a : c.axes) {
-                if (a.axis == axis) want = a;
-            }
-            EXPECT_EQ(want.max, AbsField(record, kAbsMaxOffset, axis)) << "absmax " << axis;
-            EXPECT_EQ(want.min, AbsField(record, kAbsMinOffset, axis)) << "absmin " << axis;
-            EXPECT_EQ(0, AbsField(record, kAbsFuzzOffset, axis)) << "absfuzz " << axis;
-            EXPECT_EQ(0, AbsField(record, kAbsFlatOffset, axis)) << "absflat " << axis;
+            const uint8_t* a = r + 92 + 4 * axis;
+            const std::vector<int64_t> got = {Le(a, 4), Le(a + 256, 4), Le(a + 512, 4),
+                                              Le(a + 768, 4)};
+            EXPECT_EQ(want.count(axis) ? want[axis] : std::vector<int64_t>(4, 0), got) << axis;
         }
     }
 }

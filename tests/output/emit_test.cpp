@@ -1,346 +1,141 @@
 // Event emission: the frame rule of each touch protocol, pen and eraser samples, scaling to
-// the output range and the release of every contact. The descriptors are datagram
-// socketpairs; the expected event lists are written by hand from the protocol rules.
+// the output range and the release of every contact, read from datagram socketpairs.
+// Expected events are written as in the touch tests (touch/rows.h).
 #include "output/emit.h"
 
 #include <gtest/gtest.h>
 
-#include "support/touch_test_util.h"
+#include "touch/rows.h"
 
 using namespace touchtest;
 
 namespace {
 
-void Send(TouchRig& rig, int id, int state, int x, int y) {
+TouchPoint Point(int id, int state, int x, int y) {
     TouchPoint p = {};
-    p.ID = id;
-    p.State = state;
-    p.X = x;
-    p.Y = y;
-    DispatchTouchEvent(rig.dev.get(), &p);
+    p.ID = id, p.State = state, p.X = x, p.Y = y;
+    return p;
 }
 
 }  // namespace
 
-// Two fingers down, moving and lifted one after the other, slot protocol: Android 4+, and
-// plain Linux (no Android found), where each frame also carries the single-touch view of
-// the lowest-numbered touching contact (BTN_TOUCH, ABS_X, ABS_Y) that libinput needs.
-TEST(EmitFrameRule, SlotProtocolWritesOneFramePerScanAndEachLiftOnce) {
-    for (int android : {9, 0}) {
-        SCOPED_TRACE(testing::Message() << "android " << android);
-        VersionGuard version(android);
-        TouchRig rig;
-        // Ends an expected frame; first_x -1: no contact touches any more.
-        auto end_frame = [android](std::vector<Ev>* want, int first_x, int first_y) {
-            if (android == 0 && first_x < 0) want->push_back(Key(BTN_TOUCH, 0));
-            if (android == 0 && first_x >= 0) {
-                want->insert(want->end(),
-                             {Key(BTN_TOUCH, 1), Abs(ABS_X, first_x), Abs(ABS_Y, first_y)});
-            }
-            want->push_back(Syn());
-        };
-
-        Send(rig, 0, 1, 100, 200);  // new contact: frame at once
-        std::vector<Ev> want;
-        AddSlotDown(&want, 0, 100, 200);
-        end_frame(&want, 100, 200);
-        EXPECT_EQ(want, rig.TouchEvents());
-
-        Send(rig, 1, 1, 300, 400);  // second contact: state change, frame with both
-        want.clear();
-        AddSlotDown(&want, 0, 100, 200);
-        AddSlotDown(&want, 1, 300, 400);
-        end_frame(&want, 100, 200);
-        EXPECT_EQ(want, rig.TouchEvents());
-
-        Send(rig, 0, 1, 110, 210);  // next scan begins (0 is not above 1): frame
-        want.clear();
-        AddSlotDown(&want, 0, 110, 210);
-        AddSlotDown(&want, 1, 300, 400);
-        end_frame(&want, 110, 210);
-        EXPECT_EQ(want, rig.TouchEvents());
-
-        Send(rig, 1, 1, 310, 410);  // rising within the scan, unchanged: nothing yet
-        EXPECT_TRUE(rig.TouchEvents().empty());
-
-        Send(rig, 0, 0, 110, 210);  // lift of 0: written once; the pointer follows 1
-        want.clear();
-        AddSlotUp(&want, 0);
-        AddSlotDown(&want, 1, 310, 410);
-        end_frame(&want, 310, 410);
-        EXPECT_EQ(want, rig.TouchEvents());
-
-        Send(rig, 1, 1, 320, 420);  // 1 above 0, unchanged: waits
-        EXPECT_TRUE(rig.TouchEvents().empty());
-        Send(rig, 1, 0, 320, 420);  // lift of 1: slot 0 no longer appears
-        want.clear();
-        AddSlotUp(&want, 1);
-        end_frame(&want, -1, -1);
-        EXPECT_EQ(want, rig.TouchEvents());
-    }
-}
-
-// A scan that announced its contact count: nothing is written until it ends, then one frame
-// carries every contact at its new position, in each protocol.
-TEST(EmitScan, OneFramePerScanInEveryProtocol) {
-    auto multi_sync = [](std::vector<Ev>* out, int id, int touching, int x, int y) {
-        out->insert(out->end(), {Abs(ABS_MT_TRACKING_ID, id), Abs(ABS_MT_TOUCH_MAJOR, touching),
-                                 Abs(ABS_MT_POSITION_X, x), Abs(ABS_MT_POSITION_Y, y),
-                                 Abs(ABS_MT_WIDTH_MAJOR, 0), MtSyn()});
+// The touch emitters driven step by step, each step "ops => events" (the events written by
+// then, "" none). Ops: "id state x y" a contact record; "other id state x y" one on a second
+// device; "begin" and "end" a scan that announced its contact count; "release" every contact.
+// A contact record is written at once when it is new or changed state, or when its id is not
+// above the last one (a new scan); a lift is written once. Plain Linux (Android 0) adds the
+// single-touch view of the lowest touching contact that libinput needs. In a scan, nothing is
+// written until it ends (or the next begins); type A ends a lift with an empty frame.
+TEST(EmitTouch, StepsToFrames) {
+    // clang-format off
+    const struct { int android, type, resol_x, resol_y; const char* steps; } cases[] = {
+        {9, 2, -1, -1, "0 1 100 200 => 0:100,200; 1 1 300 400 => 0:100,200 1:300,400;"
+                       "0 1 110 210 => 0:110,210 1:300,400; 1 1 310 410 => ; 0 0 110 210 => 0- 1:310,410;"
+                       "1 1 320 420 => ; 1 0 320 420 => 1-"},
+        {0, 2, -1, -1, "0 1 100 200 => 0:100,200 TOUCH=1 X=100 Y=200;"
+                       "1 1 300 400 => 0:100,200 1:300,400 TOUCH=1 X=100 Y=200;"
+                       "0 0 100 200 => 0- 1:300,400 TOUCH=1 X=300 Y=400; 1 0 300 400 => 1- TOUCH=0"},
+        {9, 2, -1, -1, "begin 0 1 100 200 1 1 300 400 => ; end => 0:100,200 1:300,400;"
+                       "begin 0 0 100 200 1 0 300 400 => ; begin => 0- 1-; end => "},
+        {3, 2, -1, -1, "begin 0 1 100 200 1 1 300 400 end"
+                       " => ID=0 MAJOR=1 MX=100 MY=200 WIDTH=0 mt ID=1 MAJOR=1 MX=300 MY=400 WIDTH=0 mt;"
+                       "begin 0 0 100 200 1 0 300 400 begin"
+                       " => ID=0 MAJOR=0 MX=100 MY=200 WIDTH=0 mt ID=1 MAJOR=0 MX=300 MY=400 WIDTH=0 mt"},
+        {9, 4, -1, -1, "begin 0 1 100 200 1 1 300 400 end => MX=100 MY=200 mt MX=300 MY=400 mt;"
+                       "begin 0 0 100 200 1 0 300 400 begin => MX=100 MY=200 mt MX=300 MY=400 mt | mt; end => "},
+        {0, 4, -1, -1, "begin 0 1 100 200 end => MX=100 MY=200 mt; begin 0 0 100 200 end => MX=100 MY=200 mt | mt"},
+        // The last contact id is kept per device.
+        {9, 2, -1, -1, "0 1 1 1 1 1 2 2 other 0 1 3 3 1 1 2 3 => 0:1,1 | 0:1,1 1:2,2 | 0:1,1 1:2,3"},
+        // Scaled to ResolX and ResolY: 1079 * 2048 / 4095 = 539.7 -> 539, 1919 * 2048 / 4095 -> 959.
+        {9, 2, 1919, 1079, "0 1 4095 2048 1 1 2048 4095 => 0:1919,539 | 0:1919,539 1:959,1079"},
+        // Every contact written as touching is lifted once; a scan still open is written first.
+        {9, 2, -1, -1, "0 1 100 200 2 1 300 400 => 0:100,200 | 0:100,200 2:300,400;"
+                       "release => 0- 2:300,400 | 2-; release => ; 0 1 100 200 begin 1 1 300 400 => 0:100,200;"
+                       "release => 0:100,200 1:300,400 | 0- 1:300,400 | 1-"},
     };
-    auto type_a = [](std::vector<Ev>* out, int x, int y) {
-        out->insert(out->end(), {Abs(ABS_MT_POSITION_X, x), Abs(ABS_MT_POSITION_Y, y), MtSyn()});
-    };
-    struct Case {
-        const char* what;
-        int android;
-        int event_type;
-        std::vector<Ev> down;  // 0 and 1 come down in one scan
-        std::vector<Ev> up;    // both lift in the next
-    };
-    std::vector<Case> cases(4);
-    cases[0] = {"slot", 9, 2, {}, {}};
-    AddSlotDown(&cases[0].down, 0, 100, 200);
-    AddSlotDown(&cases[0].down, 1, 300, 400);
-    AddSlotUp(&cases[0].up, 0);
-    AddSlotUp(&cases[0].up, 1);
-    // Android 3 still uses the multi sync protocol (Android 4 does not).
-    cases[1] = {"Android 3 multi sync", 3, 2, {}, {}};
-    multi_sync(&cases[1].down, 0, 1, 100, 200);
-    multi_sync(&cases[1].down, 1, 1, 300, 400);
-    multi_sync(&cases[1].up, 0, 0, 100, 200);
-    multi_sync(&cases[1].up, 1, 0, 300, 400);
-    // Type A is kept on plain Linux too: a settings file that asks for it gets it.
-    cases[2] = {"type A", 9, 4, {}, {}};
-    cases[3] = {"type A, plain Linux", 0, 4, {}, {}};
-    for (int i : {2, 3}) {
-        type_a(&cases[i].down, 100, 200);
-        type_a(&cases[i].down, 300, 400);
-        type_a(&cases[i].up, 100, 200);
-        type_a(&cases[i].up, 300, 400);
-    }
-    for (Case& c : cases) {
-        c.down.push_back(Syn());
-        c.up.push_back(Syn());
-    }
-    for (int i : {2, 3}) cases[i].up.insert(cases[i].up.end(), {MtSyn(), Syn()});  // empty frame
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
+    // clang-format on
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.steps);
         VersionGuard version(c.android);
-        TouchRig rig;
-        rig.dev->Param.EventType = static_cast<uint8_t>(c.event_type);
-        BeginTouchScan(rig.dev.get());
-        Send(rig, 0, 1, 100, 200);
-        Send(rig, 1, 1, 300, 400);  // a new contact would write at once outside a scan
-        EXPECT_TRUE(rig.TouchEvents().empty());
-        EndTouchScan(rig.dev.get());
-        EXPECT_EQ(c.down, rig.TouchEvents());
-        BeginTouchScan(rig.dev.get());
-        Send(rig, 0, 0, 100, 200);
-        Send(rig, 1, 0, 300, 400);
-        EXPECT_TRUE(rig.TouchEvents().empty());
-        BeginTouchScan(rig.dev.get());  // the next scan begins: the open one is written
-        EXPECT_EQ(c.up, rig.TouchEvents());
-        EndTouchScan(rig.dev.get());  // a scan that took no record writes nothing
-        EXPECT_TRUE(rig.TouchEvents().empty());
+        TouchRig rig, other;
+        rig.dev->Param.EventType = static_cast<int8_t>(c.type);
+        rig.dev->Param.ResolX = c.resol_x, rig.dev->Param.ResolY = c.resol_y;
+        std::istringstream steps(c.steps);
+        for (std::string step; std::getline(steps, step, ';');) {
+            SCOPED_TRACE(step);
+            std::istringstream ops(step.substr(0, step.find("=>")));
+            for (std::string op; ops >> op;) {
+                if (op == "begin" || op == "end" || op == "release") {
+                    (op == "begin" ? BeginTouchScan
+                     : op == "end" ? EndTouchScan
+                                   : ReleaseAllContacts)(rig.dev.get());
+                    continue;
+                }
+                TouchRig& target = op == "other" ? other : rig;
+                TouchPoint p = {};
+                p.ID = op == "other" ? 0 : std::stoi(op);
+                if (op == "other") ops >> p.ID;
+                ops >> p.State >> p.X >> p.Y;
+                DispatchTouchEvent(target.dev.get(), &p);
+            }
+            EXPECT_EQ(F(step.substr(step.find("=>") + 2)), rig.TouchEvents());
+        }
     }
 }
 
-// A settings file may claim 255 contacts; the 20-entry tables still bound the frame and
-// contact numbers from 20 on are never used as an index, by any emitter.
-TEST(EmitFrameRule, ContactNumbersBeyondTheTablesAreDropped) {
+// A settings file may claim 255 contacts: contact numbers from 20 on are never used as an
+// index into the 20-entry tables, by any emitter, and a frame ends at the tables' end.
+TEST(EmitTouch, ContactNumbersBeyondTheTablesAreDropped) {
     VersionGuard version(9);
     TouchRig rig;
     rig.dev->Param.SupportPoints = 255;
-    Send(rig, 19, 1, 5, 6);
-    std::vector<Ev> want;
-    AddSlotDown(&want, 19, 5, 6);
-    want.push_back(Syn());
-    EXPECT_EQ(want, rig.TouchEvents());
     for (int id : {20, 21, 100, 255, -1}) {
-        TouchPoint p = {};
-        p.ID = id;
-        p.State = 1;
-        EmitSlotEvent(rig.dev.get(), &p);
-        EmitTypeAEvent(rig.dev.get(), &p);
-        EmitAndroidMultiSyncEvent(rig.dev.get(), &p);
-        EmitPenEvent(rig.dev.get(), &p);
-        EmitEraserEvent(rig.dev.get(), &p);
+        TouchPoint p = Point(id, 1, 0, 0);
+        for (auto emit : {EmitSlotEvent, EmitTypeAEvent, EmitAndroidMultiSyncEvent, EmitPenEvent,
+                          EmitEraserEvent})
+            emit(rig.dev.get(), &p);
     }
-    EXPECT_TRUE(rig.TouchEvents().empty());
-    EXPECT_TRUE(rig.PenEvents().empty());
+    EXPECT_TRUE(rig.TouchEvents().empty() && rig.PenEvents().empty());
+    TouchPoint last = Point(19, 1, 5, 6);  // the tables' last entry, alone in the frame
+    DispatchTouchEvent(rig.dev.get(), &last);
+    EXPECT_EQ(F("19:5,6"), rig.TouchEvents());
 }
 
-TEST(EmitFrameRule, LastContactIdIsPerDevice) {
-    VersionGuard version(9);
-    TouchRig first;
-    TouchRig second;
-    Send(first, 0, 1, 1, 1);
-    Send(first, 1, 1, 2, 2);
-    (void)first.TouchEvents();
-    Send(second, 0, 1, 3, 3);  // another device's record must not end the first one's scan
-    (void)second.TouchEvents();
-    Send(first, 1, 1, 2, 3);  // 1 is not above 1: frame
-    EXPECT_FALSE(first.TouchEvents().empty());
-}
-
-TEST(EmitScaling, OutputRangeFromResolXAndResolY) {
-    VersionGuard version(9);
-    TouchRig rig;
-    rig.dev->Param.ResolX = 1919;
-    rig.dev->Param.ResolY = 1079;
-    Send(rig, 0, 1, 4095, 2048);
-    Send(rig, 1, 1, 2048, 4095);
-    std::vector<Ev> want;
-    AddSlotDown(&want, 0, 1919, 539);  // 1079 * 2048 / 4095 = 539.7 -> 539
-    want.push_back(Syn());
-    AddSlotDown(&want, 0, 1919, 539);
-    AddSlotDown(&want, 1, 959, 1079);  // 1919 * 2048 / 4095 = 959.7 -> 959
-    want.push_back(Syn());
-    EXPECT_EQ(want, rig.TouchEvents());
-}
-
-TEST(EmitPen, PenSampleAndToolChange) {
-    VersionGuard version(9);
-    TouchRig rig;
-    TouchPoint pen = {};
-    pen.bPen = pen.State = pen.inrange = pen.tip = pen.barrel = 1;
-    pen.X = 1000;
-    pen.Y = 2000;
-    pen.Z = 500;
-    pen.tilt_x = -30;
-    pen.tilt_y = 40;
-    DispatchTouchEvent(rig.dev.get(), &pen);
-    std::vector<Ev> want = {Key(BTN_TOOL_PEN, 1), Key(BTN_STYLUS, 1),  Abs(ABS_X, 1000),
-                            Abs(ABS_Y, 2000),     Key(BTN_TOUCH, 1),   Abs(ABS_PRESSURE, 500),
-                            Abs(ABS_TILT_X, -30), Abs(ABS_TILT_Y, 40), Syn()};
-    EXPECT_EQ(want, rig.PenEvents());
-    EXPECT_TRUE(rig.TouchEvents().empty());
-
-    // Inverted: the pen tool is lifted first, then the rubber comes in.
-    pen.invert = 1;
-    pen.barrel = 0;
-    EmitPenEvent(rig.dev.get(), &pen);
-    want = {Key(BTN_TOOL_PEN, 0),    Key(BTN_TOUCH, 0),   Syn(),
-            Key(BTN_TOOL_RUBBER, 1), Key(BTN_STYLUS, 0),  Abs(ABS_X, 1000),
-            Abs(ABS_Y, 2000),        Key(BTN_TOUCH, 1),   Abs(ABS_PRESSURE, 500),
-            Abs(ABS_TILT_X, -30),    Abs(ABS_TILT_Y, 40), Syn()};
-    EXPECT_EQ(want, rig.PenEvents());
-
-    // Back to the pen, out of range: rubber lifted, pen tool reports in-range 0.
-    pen.invert = pen.inrange = pen.tip = pen.State = pen.Z = 0;
-    EmitPenEvent(rig.dev.get(), &pen);
-    want = {Key(BTN_TOOL_RUBBER, 0), Key(BTN_TOUCH, 0),   Syn(),
-            Key(BTN_TOOL_PEN, 0),    Key(BTN_STYLUS, 0),  Abs(ABS_X, 1000),
-            Abs(ABS_Y, 2000),        Key(BTN_TOUCH, 0),   Abs(ABS_PRESSURE, 0),
-            Abs(ABS_TILT_X, -30),    Abs(ABS_TILT_Y, 40), Syn()};
-    EXPECT_EQ(want, rig.PenEvents());
-}
-
-TEST(EmitPen, EraserSamples) {
-    VersionGuard version(9);
-    TouchRig rig;
-    TouchPoint eraser = {};
-    eraser.bEraser = eraser.eraser = 1;
-    eraser.X = 10;
-    eraser.Y = 20;
-    eraser.Z = 300;
-    DispatchTouchEvent(rig.dev.get(), &eraser);
-    std::vector<Ev> want = {
-        Key(BTN_TOOL_RUBBER, 1), Abs(ABS_X, 10),     Abs(ABS_Y, 20),     Key(BTN_TOUCH, 1),
-        Abs(ABS_PRESSURE, 300),  Abs(ABS_TILT_X, 0), Abs(ABS_TILT_Y, 0), Syn()};
-    EXPECT_EQ(want, rig.PenEvents());
-
-    eraser.eraser = 0;  // switch released while pressing: no BTN_TOUCH 0 yet
-    eraser.Z = 7;
-    DispatchTouchEvent(rig.dev.get(), &eraser);
-    want = {Abs(ABS_X, 10),     Abs(ABS_Y, 20), Abs(ABS_PRESSURE, 7),    Abs(ABS_TILT_X, 0),
-            Abs(ABS_TILT_Y, 0), Syn(),          Key(BTN_TOOL_RUBBER, 0), Syn()};
-    EXPECT_EQ(want, rig.PenEvents());
-
-    eraser.Z = 0;
-    DispatchTouchEvent(rig.dev.get(), &eraser);
-    want = {Abs(ABS_X, 10),
-            Abs(ABS_Y, 20),
-            Key(BTN_TOUCH, 0),
-            Abs(ABS_PRESSURE, 0),
-            Abs(ABS_TILT_X, 0),
-            Abs(ABS_TILT_Y, 0),
-            Syn(),
-            Key(BTN_TOOL_RUBBER, 0),
-            Syn()};
-    EXPECT_EQ(want, rig.PenEvents());
-    EXPECT_TRUE(rig.TouchEvents().empty());
-}
-
-// Which device a pen or eraser sample reaches: on Android 2 and 3 the multi sync protocol
-// makes it a touch contact; type A sends it to the pen device whatever the Android version.
-TEST(EmitPen, RoutingByProtocol) {
-    struct Case {
-        const char* name;
-        int android;
-        int event_type;
-        bool eraser;
-        std::vector<Ev> touch;  // first event on each device, or nothing
-        std::vector<Ev> pen;
-    } cases[] = {
-        {"pen, Android 2 multi sync", 2, 2, false, {Abs(ABS_MT_TRACKING_ID, 0)}, {}},
-        {"pen, Android 2 type A", 2, 4, false, {}, {Key(BTN_TOOL_PEN, 1)}},
-        {"eraser, Android 2 type A", 2, 4, true, {}, {Key(BTN_TOOL_RUBBER, 1)}},
+// Pen and eraser samples in turn at (1000, 2000) tilted (-30, 40): the pen tool is lifted
+// before the rubber comes in and back; an eraser whose switch is released gets BTN_TOUCH 0
+// only once its pressure is 0. On Android 2 and 3 the multi sync protocol makes a pen sample a
+// touch contact; type A sends pen and eraser samples to the pen device whatever the version.
+TEST(EmitPen, PenAndEraserSamples) {
+    const std::string at = " X=1000 Y=2000 ", tilt = " TX=-30 TY=40";
+    // clang-format off
+    const struct { int android, type; const char* set; int z; std::string pen, touch; } steps[] = {
+        {9, 2, "pen state inrange tip barrel", 500, "PEN=1 STYLUS=1" + at + "TOUCH=1 P=500" + tilt, ""},
+        {9, 2, "pen state inrange tip invert", 500, "PEN=0 TOUCH=0 | RUBBER=1 STYLUS=0" + at + "TOUCH=1 P=500" + tilt, ""},
+        {9, 2, "pen", 0, "RUBBER=0 TOUCH=0 | PEN=0 STYLUS=0" + at + "TOUCH=0 P=0" + tilt, ""},
+        {9, 2, "eraser switch", 300, "RUBBER=1" + at + "TOUCH=1 P=300" + tilt, ""},
+        {9, 2, "eraser", 7, at + "P=7" + tilt + " | RUBBER=0", ""},
+        {9, 2, "eraser", 0, at + "TOUCH=0 P=0" + tilt + " | RUBBER=0", ""},
+        {2, 2, "pen state inrange tip", 9, "", "ID=0 MAJOR=1 MX=1000 MY=2000 WIDTH=0 mt"},
+        {2, 4, "pen state inrange tip", 9, "PEN=1 STYLUS=0" + at + "TOUCH=1 P=9" + tilt, ""},
+        {2, 4, "eraser switch", 9, "RUBBER=1" + at + "TOUCH=1 P=9" + tilt, ""},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        VersionGuard version(c.android);
-        TouchRig rig;
-        rig.dev->Param.EventType = static_cast<int8_t>(c.event_type);
-        TouchPoint p = {};
-        p.bPen = !c.eraser;
-        p.bEraser = p.eraser = c.eraser;
-        p.inrange = p.tip = p.State = 1;
-        DispatchTouchEvent(rig.dev.get(), &p);
-        std::vector<Ev> touch = rig.TouchEvents();
-        std::vector<Ev> pen = rig.PenEvents();
-        if (touch.size() > 1) touch.resize(1);
-        if (pen.size() > 1) pen.resize(1);
-        EXPECT_EQ(c.touch, touch);
-        EXPECT_EQ(c.pen, pen);
-    }
-}
-
-TEST(EmitRelease, ReleaseAllContactsLiftsEveryTouchingContact) {
-    VersionGuard version(9);
+    // clang-format on
     TouchRig rig;
-    Send(rig, 0, 1, 100, 200);
-    Send(rig, 2, 1, 300, 400);
-    (void)rig.TouchEvents();
-
-    ReleaseAllContacts(rig.dev.get());
-    std::vector<Ev> want;
-    AddSlotUp(&want, 0);  // record for 0: lift, 2 still down
-    AddSlotDown(&want, 2, 300, 400);
-    want.push_back(Syn());
-    AddSlotUp(&want, 2);  // record for 2: lift
-    want.push_back(Syn());
-    EXPECT_EQ(want, rig.TouchEvents());
-
-    ReleaseAllContacts(rig.dev.get());  // nothing is touching any more
-    EXPECT_TRUE(rig.TouchEvents().empty());
-
-    // A device removed in the middle of a scan: the contact held in it is written, then
-    // lifted with the others.
-    Send(rig, 0, 1, 100, 200);
-    (void)rig.TouchEvents();
-    BeginTouchScan(rig.dev.get());
-    Send(rig, 1, 1, 300, 400);
-    ReleaseAllContacts(rig.dev.get());
-    want.clear();
-    AddSlotDown(&want, 0, 100, 200);
-    AddSlotDown(&want, 1, 300, 400);
-    want.push_back(Syn());
-    AddSlotUp(&want, 0);
-    AddSlotDown(&want, 1, 300, 400);
-    want.push_back(Syn());
-    AddSlotUp(&want, 1);
-    want.push_back(Syn());
-    EXPECT_EQ(want, rig.TouchEvents());
+    for (const auto& s : steps) {
+        SCOPED_TRACE(testing::Message()
+                     << "android " << s.android << " type " << s.type << ": " << s.set);
+        VersionGuard version(s.android);
+        rig.dev->Param.EventType = static_cast<int8_t>(s.type);
+        TouchPoint p = Point(0, 0, 1000, 2000);
+        p.Z = s.z, p.tilt_x = -30, p.tilt_y = 40;
+        std::istringstream in(s.set);
+        for (std::string flag; in >> flag;) {
+            p.bPen |= flag == "pen", p.State |= flag == "state", p.inrange |= flag == "inrange";
+            p.tip |= flag == "tip", p.barrel |= flag == "barrel", p.invert |= flag == "invert";
+            p.bEraser |= flag == "eraser" || flag == "switch", p.eraser |= flag == "switch";
+        }
+        DispatchTouchEvent(rig.dev.get(), &p);
+        EXPECT_EQ(F(s.pen), rig.PenEvents());
+        EXPECT_EQ(F(s.touch), rig.TouchEvents());
+    }
 }
