@@ -176,7 +176,8 @@ TEST_F(BlockingChannel, CommandFromAnotherThread) {
 }
 
 // Replies each command takes: text limits (length byte, a 0 byte, 63 characters), a reply
-// for another command, and the report format polled on the device's own thread.
+// for another command or address, the right-click format bytes (the long press a user
+// turns off), and the report format polled on the device's own thread.
 TEST_F(CommandTest, RepliesEachCommandAccepts) {
     using Call = std::function<int(CDeviceObject*, std::string*)>;
     const auto text = [](int (*get)(CDeviceObject*, char*)) -> Call {
@@ -191,6 +192,22 @@ TEST_F(CommandTest, RepliesEachCommandAccepts) {
         const int ret = SetFormat(dev, 1);
         return MarkRxThreadOf(nullptr), ret;
     };
+    const auto ee = [](uint8_t address) -> Call {
+        return [address](CDeviceObject* dev, std::string* out) {
+            uint16_t value = 0xBEEF;
+            const int ret = GetEEData(dev, address, &value);
+            return *out = std::to_string(value), ret;
+        };
+    };
+    const Call rclk = [](CDeviceObject* dev, std::string* out) {
+        uint8_t id = 0, on = 0, count = 0;
+        const int ret = GetRCLKFormat(dev, &id, &on, &count);
+        return *out = std::to_string(id) + " " + std::to_string(on) + " " + std::to_string(count), ret;
+    };
+    const auto rclk_off = [](int32_t series) -> Call {
+        return [series](CDeviceObject* d, std::string*) { d->Series = series; return DisableRCLKFunction(d), 0; };
+    };
+    const Bytes fmt = Hex("030433 078132"), done = Hex("030433");
     std::vector<Bytes> long_text = {Hex("030444 64 5656")};  // 100 'V' in fragments
     for (int left = 98; left > 0; left -= 3) long_text.push_back(Hex(left >= 3 ? "030400 565656" : "030300 5656"));
     struct Case { const char* name; bool usb; Script script; Call call; int result;
@@ -200,6 +217,13 @@ TEST_F(CommandTest, RepliesEachCommandAccepts) {
         {"stops at 0", true, {{0x46, {Hex("030746 504300 58595a")}}}, text(GetTypeName), 0, "PC", "46", nullptr},
         {"length byte 1: text untouched", false, {{0x44, {Hex("0a0144")}}}, text(GetFWVersion), 0, "keep", "44", "0a0144"},
         {"other command", false, {{0x45, {Hex("0a0246 51")}}}, text(GetModelName), -1, "keep", "45 45 45", nullptr},
+        {"EEPROM word", false, {{0x43, {Hex("0a0443 392301")}}}, ee(0x39), 0, "291", "43", "0a0243 39"},
+        {"EEPROM other address", false, {{0x43, {Hex("0a0443 392301")}}}, ee(0x10), -1, "48879", "43", nullptr},
+        {"right-click get", true, {{0x35, {fmt}}}, rclk, 0, "1 1 50", "35", "030435 07ff00"},
+        {"right-click length byte not 4", true, {{0x35, {Hex("030233 078132")}}}, rclk, -1, "0 0 0", "35", nullptr},
+        {"right-click off after a query", true, {{0x35, {fmt}}, {0x34, {done}}}, rclk_off(0), 0, "", "35 34", "030434 070132"},
+        {"right-click off, series 2: EEPROM word 0x39", true, {{0x43, {Hex("030443 392301")}}, {0x34, {done}}},
+         rclk_off(SERIES_LOMBAR), 0, "", "43 34", "030434 070300"},
         {"format on its own thread", true, {{0x34, {Hex("030233 01")}}}, own_thread, 0, "", "34", "030234 010000"},
         {"format on its own thread, silent", true, {}, own_thread, -1, "", "34 34 34", nullptr},
     };
