@@ -37,14 +37,9 @@ namespace {
 using Script = std::map<uint8_t, std::vector<Bytes>>;  // command byte -> reply packets
 using Responder = std::function<std::vector<TimedReply>(const Bytes&)>;
 using testutil::NowMs;
+using testutil::Hex;
 using testutil::Pty;
 
-// "0a 0141" -> {0x0A, 0x01, 0x41}: spaces between byte pairs are skipped.
-Bytes Hex(const char* hex) {
-    Bytes out;
-    for (unsigned b; sscanf(hex, "%2x", &b) == 1; hex += 2 + (hex[2] == ' ')) out.push_back(b);
-    return out;
-}
 
 // The command byte (byte 2) of each packet the controller received.
 Bytes Commands(const FakeController& controller) {

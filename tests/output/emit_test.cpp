@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "touch/rows.h"
+#include "support/touch_test_util.h"
 
 using namespace touchtest;
 

@@ -1,5 +1,6 @@
 #include "support/test_util.h"
 
+#include <ctype.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <ftw.h>
@@ -82,21 +83,7 @@ int LogCapture::Count(const std::string& text) const {
     return n;
 }
 
-int LogCapture::Find(const std::string& text) const {
-    const std::vector<LogLine> all = lines();
-    for (size_t i = 0; i < all.size(); ++i) {
-        if (all[i].message.find(text) != std::string::npos) return static_cast<int>(i);
-    }
-    return -1;
-}
 
-int LogCapture::FindLast(const std::string& text) const {
-    const std::vector<LogLine> all = lines();
-    for (size_t i = all.size(); i-- > 0;) {
-        if (all[i].message.find(text) != std::string::npos) return static_cast<int>(i);
-    }
-    return -1;
-}
 
 std::string LogCapture::Text() const {
     std::string text;
@@ -205,6 +192,18 @@ ChildResult RunInChild(const std::function<void()>& body) {
     result.exited = WIFEXITED(status);
     result.status = result.exited ? WEXITSTATUS(status) : WTERMSIG(status);
     return result;
+}
+
+std::vector<uint8_t> Hex(const std::string& text) {
+    std::string digits;
+    for (char c : text) {
+        if (!isspace(static_cast<unsigned char>(c))) digits += c;
+    }
+    std::vector<uint8_t> out;
+    for (size_t i = 0; i + 1 < digits.size(); i += 2) {
+        out.push_back(static_cast<uint8_t>(strtoul(digits.substr(i, 2).c_str(), nullptr, 16)));
+    }
+    return out;
 }
 
 bool WriteFile(const std::string& path, const std::string& bytes) {

@@ -58,9 +58,6 @@ class LogCapture {
     // Number of captured messages containing text.
     int Count(const std::string& text) const;
     bool Contains(const std::string& text) const { return Count(text) > 0; }
-    // Index of the first / last captured message containing text, -1 when there is none.
-    int Find(const std::string& text) const;
-    int FindLast(const std::string& text) const;
     // Every captured message, one per line (for a failure message).
     std::string Text() const;
     void Clear();
@@ -110,6 +107,9 @@ struct ChildResult {
 // child ends with status kReturned.
 constexpr int kReturned = 42;
 ChildResult RunInChild(const std::function<void()>& body);
+
+// "0a 0441" -> {0x0A, 0x04, 0x41}: pairs of hex digits, white space anywhere skipped.
+std::vector<uint8_t> Hex(const std::string& text);
 
 // Writes bytes to path (created or truncated). Returns true on success.
 bool WriteFile(const std::string& path, const std::string& bytes);

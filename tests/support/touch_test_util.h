@@ -12,7 +12,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <ctype.h>
+
+#include <map>
 #include <memory>
+#include <sstream>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -22,8 +26,12 @@
 #include "core/unique_fd.h"
 #include "device/device_object.h"
 #include "log/debug_log.h"
+#include "support/test_util.h"
 
 namespace touchtest {
+
+using testutil::Hex;
+using Bytes = std::vector<uint8_t>;
 
 struct Ev {
     uint16_t type;
@@ -39,7 +47,6 @@ inline std::ostream& operator<<(std::ostream& out, const Ev& e) {
     return out << "{" << e.type << "," << e.code << "," << e.value << "}";
 }
 
-// Shorthands for expected-event lists written by hand.
 inline Ev Abs(uint16_t code, int32_t value) {
     return Ev{EV_ABS, code, value};
 }
@@ -151,5 +158,47 @@ class TouchRig {
     UniqueFd touch_;
     UniqueFd pen_;
 };
+
+inline Bytes Pad(Bytes bytes, size_t n, uint8_t fill = 0) {
+    bytes.resize(n, fill);
+    return bytes;
+}
+
+// Events as the tests write them: "id:x,y" a touching slot, "id-" a lifted slot,
+// NAME=value one event (names below; Kcode=value a key), "mt" SYN_MT_REPORT, '|' SYN_REPORT,
+// and one SYN_REPORT ending any text that is not empty.
+inline std::vector<Ev> F(const std::string& text) {
+    // clang-format off
+    static const std::map<std::string, Ev> names = {
+        {"X", Abs(ABS_X, 0)}, {"Y", Abs(ABS_Y, 0)}, {"P", Abs(ABS_PRESSURE, 0)},
+        {"TX", Abs(ABS_TILT_X, 0)}, {"TY", Abs(ABS_TILT_Y, 0)}, {"MX", Abs(ABS_MT_POSITION_X, 0)},
+        {"MY", Abs(ABS_MT_POSITION_Y, 0)}, {"ID", Abs(ABS_MT_TRACKING_ID, 0)},
+        {"MAJOR", Abs(ABS_MT_TOUCH_MAJOR, 0)}, {"WIDTH", Abs(ABS_MT_WIDTH_MAJOR, 0)},
+        {"PEN", Key(BTN_TOOL_PEN, 0)}, {"RUBBER", Key(BTN_TOOL_RUBBER, 0)},
+        {"STYLUS", Key(BTN_STYLUS, 0)}, {"TOUCH", Key(BTN_TOUCH, 0)}};
+    // clang-format on
+    std::vector<Ev> out;
+    std::istringstream in(text);
+    for (std::string t; in >> t;) {
+        const std::string name = t.substr(0, t.find('='));
+        int id, x, y;
+        if (t == "|" || t == "mt") {
+            out.push_back(t == "mt" ? MtSyn() : Syn());
+        } else if (name != t) {  // NAME=value, or Kcode=value for a key code
+            Ev e = isdigit(name[1]) ? Key(static_cast<uint16_t>(std::stoi(name.substr(1))), 0)
+                                    : names.at(name);
+            e.value = std::stoi(t.substr(name.size() + 1));
+            out.push_back(e);
+        } else if (t.back() == '-') {
+            AddSlotUp(&out, std::stoi(t));
+        } else if (sscanf(t.c_str(), "%d:%d,%d", &id, &x, &y) == 3) {
+            AddSlotDown(&out, id, x, y);
+        } else {
+            ADD_FAILURE() << "bad event token " << t;
+        }
+    }
+    if (!out.empty()) out.push_back(Syn());
+    return out;
+}
 
 }  // namespace touchtest

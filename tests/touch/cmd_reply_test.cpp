@@ -8,7 +8,7 @@
 #include <thread>
 
 #include "device/cmd_channel.h"
-#include "rows.h"
+#include "support/touch_test_util.h"
 #include "touch/vkey.h"
 
 using namespace touchtest;
@@ -16,14 +16,14 @@ using namespace touchtest;
 // Packets fed in turn: every one but the last returns 0 (merge in progress); the last gives
 // the result, the start of the reply buffer (CC: untouched) and whether a merge stays open.
 TEST(MergeReply, Sequences) {
-    const Bytes E = H("03 04 45 0A D0 D1");  // 'E': a reply of 13 bytes
-    const Bytes long_reply = Pad(H("03 3E 45"), 64, 0x5A);
+    const Bytes E = Hex("03 04 45 0A D0 D1");  // 'E': a reply of 13 bytes
+    const Bytes long_reply = Pad(Hex("03 3E 45"), 64, 0x5A);
     // 'E' with n = 125: exactly 128 bytes in 41 3-byte fragments; 121 1-byte ones then a
     // 3-byte one that would end at 129.
-    std::vector<Bytes> exact = {H("03 04 45 7D 01 02")}, past = exact;
-    exact.insert(exact.end(), 41, H("03 04 00 00 AB CD"));
-    past.insert(past.end(), 121, H("03 02 00 44"));
-    past.push_back(H("03 04 00 91 92 93"));
+    std::vector<Bytes> exact = {Hex("03 04 45 7D 01 02")}, past = exact;
+    exact.insert(exact.end(), 41, Hex("03 04 00 00 AB CD"));
+    past.insert(past.end(), 121, Hex("03 02 00 44"));
+    past.push_back(Hex("03 04 00 91 92 93"));
     struct Case {
         const char* what;
         std::vector<Bytes> packets;
@@ -33,32 +33,32 @@ TEST(MergeReply, Sequences) {
     };
     // clang-format off
     const Case cases[] = {
-        {"'E' with n = 10 in four reads", {H("03 04 45 0A A0 A1 FF FF"), H("03 04 00 B0 B1 B2 EE"), H("03 04 00 B3 B4 B5"),
-         H("03 04 00 B6 B7 B8")}, 13, H("03 0B 45 A0 A1 B0 B1 B2 B3 B4 B5 B6 B7"), false},
-        {"'D': complete at once", {H("03 04 44 02 11 22")}, 5, H("03 03 44 11 22"), false},
-        {"'F': complete at once", {H("03 04 46 02 11 22")}, 5, H("03 03 46 11 22"), false},
-        {"first fragment with L 2: L + 1 header bytes", {H("03 02 45 0A 11 22")}, 0, H("03 0B 45 CC CC"), true},
-        {"continuation alone: whole", {H("03 04 00 01 02 03")}, 6, H("03 04 00 01 02 03"), false},
-        {"another command: whole", {H("03 02 55 01")}, 4, H("03 02 55 01"), false},
+        {"'E' with n = 10 in four reads", {Hex("03 04 45 0A A0 A1 FF FF"), Hex("03 04 00 B0 B1 B2 EE"), Hex("03 04 00 B3 B4 B5"),
+         Hex("03 04 00 B6 B7 B8")}, 13, Hex("03 0B 45 A0 A1 B0 B1 B2 B3 B4 B5 B6 B7"), false},
+        {"'D': complete at once", {Hex("03 04 44 02 11 22")}, 5, Hex("03 03 44 11 22"), false},
+        {"'F': complete at once", {Hex("03 04 46 02 11 22")}, 5, Hex("03 03 46 11 22"), false},
+        {"first fragment with L 2: L + 1 header bytes", {Hex("03 02 45 0A 11 22")}, 0, Hex("03 0B 45 CC CC"), true},
+        {"continuation alone: whole", {Hex("03 04 00 01 02 03")}, 6, Hex("03 04 00 01 02 03"), false},
+        {"another command: whole", {Hex("03 02 55 01")}, 4, Hex("03 02 55 01"), false},
         {"L above 4: whole", {long_reply}, 64, long_reply, false},
-        {"serial reply: whole", {H("0A 03 41 42 43")}, 5, H("0A 03 41 42 43"), false},
+        {"serial reply: whole", {Hex("0A 03 41 42 43")}, 5, Hex("0A 03 41 42 43"), false},
         // Serial reports in the tool's form: 64 bytes, Y doubled, byte 1 = id + 2.
-        {"serial report 0x81", {H("81 0F 7F 05 90")}, 64, H("0A 83 FE 0F 20 05 00 00"), false},
-        {"serial report 0x80", {H("80 00 00 00 00")}, 64, H("0A 82"), false},
-        {"serial report too short", {H("81 0F 7F 05")}, -1, H("CC CC"), false},
+        {"serial report 0x81", {Hex("81 0F 7F 05 90")}, 64, Hex("0A 83 FE 0F 20 05 00 00"), false},
+        {"serial report 0x80", {Hex("80 00 00 00 00")}, 64, Hex("0A 82"), false},
+        {"serial report too short", {Hex("81 0F 7F 05")}, -1, Hex("CC CC"), false},
         // Every rule that resets a merge in progress, and the one that leaves it alone.
-        {"unknown header: merge untouched", {E, H("55 04 00 01 02 03")}, -1, {}, true},
-        {"serial reply resets", {E, H("0A 02 41 42")}, 4, {}, false},
-        {"serial report resets", {E, H("81 01 02 03 04")}, 64, {}, false},
-        {"L above 4 resets", {E, H("03 05 00 01 02 03 04")}, 7, {}, false},
-        {"unexpected command resets", {E, H("03 04 31 01 02 03")}, -1, {}, false},
-        {"fragment without data resets", {E, H("03 00 00")}, -1, {}, false},
-        {"fragment shorter than its L resets", {E, H("03 04 00 01")}, -1, {}, false},
+        {"unknown header: merge untouched", {E, Hex("55 04 00 01 02 03")}, -1, {}, true},
+        {"serial reply resets", {E, Hex("0A 02 41 42")}, 4, {}, false},
+        {"serial report resets", {E, Hex("81 01 02 03 04")}, 64, {}, false},
+        {"L above 4 resets", {E, Hex("03 05 00 01 02 03 04")}, 7, {}, false},
+        {"unexpected command resets", {E, Hex("03 04 31 01 02 03")}, -1, {}, false},
+        {"fragment without data resets", {E, Hex("03 00 00")}, -1, {}, false},
+        {"fragment shorter than its L resets", {E, Hex("03 04 00 01")}, -1, {}, false},
         {"the capacitive family never merges", {E}, 6, E, false, true},
         // Replies announcing more than the 128-byte buffer are refused.
-        {"n = 126", {H("03 04 45 7E 01 02")}, -1, {}, false},
+        {"n = 126", {Hex("03 04 45 7E 01 02")}, -1, {}, false},
         {"whole packet above 128 bytes", {Bytes(200, 0x0A)}, -1, {}, false},
-        {"a reply of exactly 128 bytes", exact, 128, H("03 7E 45 01 02 00 AB CD"), false},
+        {"a reply of exactly 128 bytes", exact, 128, Hex("03 7E 45 01 02 00 AB CD"), false},
         {"a fragment past the 128 bytes", past, -1, {}, false},
     };
     // clang-format on
@@ -88,9 +88,9 @@ TEST(ParseCmdReply, RoutingToHooksAndTool) {
     rig.dev->SigHookCmd = 0x99;
     // clang-format off
     const struct { uint8_t hook; uint16_t sub; Bytes reply; bool hooked; } steps[] = {
-        {0x99, 0x02, H("03 03 41 01 02"), false}, {0x41, 0x02, H("03 03 41 01 02"), false},
-        {0x41, 0x02, H("03 03 41 02 02"), true},  {0x41, kAnySubCmd, H("0A 03 41 7E 00"), true},
-        {0x45, kAnySubCmd, H("03 04 45 0A 01 02"), false},  // the first fragment of a merge
+        {0x99, 0x02, Hex("03 03 41 01 02"), false}, {0x41, 0x02, Hex("03 03 41 01 02"), false},
+        {0x41, 0x02, Hex("03 03 41 02 02"), true},  {0x41, kAnySubCmd, Hex("0A 03 41 7E 00"), true},
+        {0x45, kAnySubCmd, Hex("03 04 45 0A 01 02"), false},  // the first fragment of a merge
     };
     // clang-format on
     for (const auto& s : steps) {
@@ -119,7 +119,7 @@ TEST(ParseCmdReply, SignalHookWinsOverSelfHook) {
         waiters = rig.dev->WaiterCount;
         pthread_mutex_unlock(&rig.dev->CmdMutex);
     }
-    const Bytes reply = H("03 03 41 01 5A");
+    const Bytes reply = Hex("03 03 41 01 5A");
     ParseCmdPacket(rig.dev.get(), reply.data(), static_cast<int>(reply.size()));
     sender.join();
     EXPECT_EQ(0, wait_result);
@@ -176,9 +176,10 @@ TEST(VKeyReport, ReportSequences) {
         for (std::string report, want; in >> report >> want;) {
             SCOPED_TRACE(report);
             // Common form: byte 4 bit 0 state, byte 5 index; series 22: bytes 3 and 4.
-            const std::string fields = "0" + report.substr(0, 1) + " " + report.substr(2);
+            const std::string index = report.substr(2), fields = "0" + report.substr(0, 1) +
+                                                               (index.size() < 2 ? " 0" : " ") + index;
             const Bytes packet =
-                H(c.form22 ? "03 04 2F " + fields + " 00" : "03 04 36 2F " + fields);
+                Hex(c.form22 ? "03 04 2F " + fields + " 00" : "03 04 36 2F " + fields);
             ParseCmdPacket(rig.dev.get(), packet.data(), 6);
             EXPECT_EQ(F(want == "." ? "" : want), rig.TouchEvents());
         }

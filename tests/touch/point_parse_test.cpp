@@ -6,7 +6,7 @@
 
 #include <map>
 
-#include "rows.h"
+#include "support/touch_test_util.h"
 #include "touch/contact.h"
 
 using namespace touchtest;
@@ -63,39 +63,39 @@ TEST(PointParse, ReportsToEvents) {
     const uint8_t U = DEV_USB, R = DEV_RS232, P = DEV_PS2;
     // clang-format off
     const Case cases[] = {
-        {"0x01 shift 3: 2", U, 0, 3, 0, {H("01 05 00 0F 00 08")}, "1:960,512"},
-        {"0x01 id in bits 2-6", U, 0, 1, 0, {H("01 1D 01 00 02 00")}, "7:1,2"},
-        {"0x01 id 10 of SupportPoints 10: dropped", U, 0, 1, 0, {H("01 29 01 00 02 00")}, ""},
-        {"0x02 series 21 shift 2", U, 21, 2, 0, {H("02 05 00 0F 00 08")}, "1:1920,1024"},
-        {"0x04 series 8: none", U, 8, 3, 0, {H("04 05 00 0F 00 08")}, "1:3840,2048"},
-        {"0x04 series 9: itself", U, 9, 2, 0, {H("04 05 00 0F 00 08")}, "1:960,512"},
-        {"shift -1, no maximum: none", U, 0, -1, 0, {H("01 05 00 0F 00 08")}, "1:3840,2048"},
-        {"0x01 max 2047 scaled to 4095", U, 0, 0, 2047, {H("01 05 FF 07 E8 03")}, "1:4095,2000"},
-        {"0x01 above the maximum", U, 0, 0, 2047, {H("01 05 FF FF 00 08")}, "1:4095,4095"},
-        {"0x06 shift 3", U, 0, 3, 0, {H("06 01 01 02 A0 0F D0 07 EE EE EE EE")}, "2:1000,500"},
-        {"0x17: 14-byte slots", U, 0, 3, 0, {H("17 02 01 04 10 00 99 99 20 00 09 09 09 09 09 09 "
+        {"0x01 shift 3: 2", U, 0, 3, 0, {Hex("01 05 00 0F 00 08")}, "1:960,512"},
+        {"0x01 id in bits 2-6", U, 0, 1, 0, {Hex("01 1D 01 00 02 00")}, "7:1,2"},
+        {"0x01 id 10 of SupportPoints 10: dropped", U, 0, 1, 0, {Hex("01 29 01 00 02 00")}, ""},
+        {"0x02 series 21 shift 2", U, 21, 2, 0, {Hex("02 05 00 0F 00 08")}, "1:1920,1024"},
+        {"0x04 series 8: none", U, 8, 3, 0, {Hex("04 05 00 0F 00 08")}, "1:3840,2048"},
+        {"0x04 series 9: itself", U, 9, 2, 0, {Hex("04 05 00 0F 00 08")}, "1:960,512"},
+        {"shift -1, no maximum: none", U, 0, -1, 0, {Hex("01 05 00 0F 00 08")}, "1:3840,2048"},
+        {"0x01 max 2047 scaled to 4095", U, 0, 0, 2047, {Hex("01 05 FF 07 E8 03")}, "1:4095,2000"},
+        {"0x01 above the maximum", U, 0, 0, 2047, {Hex("01 05 FF FF 00 08")}, "1:4095,4095"},
+        {"0x06 shift 3", U, 0, 3, 0, {Hex("06 01 01 02 A0 0F D0 07 EE EE EE EE")}, "2:1000,500"},
+        {"0x17: 14-byte slots", U, 0, 3, 0, {Hex("17 02 01 04 10 00 99 99 20 00 09 09 09 09 09 09 "
                                               "01 08 30 00 99 99 40 00 09 09 09 09 09 09")}, "4:16,32 8:48,64"},
-        {"state bit clear: lift", U, 0, 1, 0, {H("01 05 10 00 20 00"), H("01 04 10 00 20 00")}, "1:16,32 | 1-"},
+        {"state bit clear: lift", U, 0, 1, 0, {Hex("01 05 10 00 20 00"), Hex("01 04 10 00 20 00")}, "1:16,32 | 1-"},
         {"ids without a layout", U, 0, 1, 0, {ignored(0), ignored(5), ignored(7), ignored(0x16), ignored(0x18),
                                              ignored(0x7F)}, ""},
-        {"series 11 two contacts", U, 11, 2, 0, {H(s11 + " 02")}, "3:1024,512 | 3:1024,512 5:256,128"},
-        {"series 11 one contact", U, 11, 1, 0, {H(s11 + " 01")}, "3:2048,1024"},
+        {"series 11 two contacts", U, 11, 2, 0, {Hex(s11 + " 02")}, "3:1024,512 | 3:1024,512 5:256,128"},
+        {"series 11 one contact", U, 11, 1, 0, {Hex(s11 + " 01")}, "3:2048,1024"},
         // Pen: tip, barrel, in range; tilt 6000 stays, 6001 becomes 6001 - 65536.
-        {"pen sample", U, 22, 3, 0, {H("02 23 E8 03 D0 07 00 02 70 17 71 17")}, "",
+        {"pen sample", U, 22, 3, 0, {Hex("02 23 E8 03 D0 07 00 02 70 17 71 17")}, "",
          "PEN=1 STYLUS=1 X=1000 Y=2000 TOUCH=1 P=512 TX=6000 TY=-59535"},
-        {"pen invert: eraser", U, 23, 1, 0, {H("02 25 0A 00 14 00 05 00 00 00 00 00")}, "",
+        {"pen invert: eraser", U, 23, 1, 0, {Hex("02 25 0A 00 14 00 05 00 00 00 00 00")}, "",
          "X=10 Y=20 P=5 TX=0 TY=0 | RUBBER=0"},
-        {"truncated reports: dropped whole", U, 0, 1, 0, {H("01 05 10 00 20"), H("03"), H("04 05 10"),
-         H("02 05 10 00 20"), H("81 0F 7F 00"), H("06"), H("17")}, ""},
-        {"truncated pen", U, 22, 1, 0, {H("02 21 0A 00 14 00 05 00 00 00 00")}, "", ""},
-        {"truncated series 11", U, 11, 1, 0, {H("04 01 00 00 03 00 08 00")}, ""},
+        {"truncated reports: dropped whole", U, 0, 1, 0, {Hex("01 05 10 00 20"), Hex("03"), Hex("04 05 10"),
+         Hex("02 05 10 00 20"), Hex("81 0F 7F 00"), Hex("06"), Hex("17")}, ""},
+        {"truncated pen", U, 22, 1, 0, {Hex("02 21 0A 00 14 00 05 00 00 00 00")}, "", ""},
+        {"truncated series 11", U, 11, 1, 0, {Hex("04 01 00 00 03 00 08 00")}, ""},
         // Serial reports: 7-bit bytes, Y mirrored; the sixth byte of 0xA1 is a contact letter.
-        {"RS232 corner", R, 0, 1, 0, {H("81 0F 7F 00 00")}, "0:4094,4094"},
-        {"RS232 high bits ignored", R, 0, 1, 0, {H("81 F1 80 72 81")}, "0:256,3580"},
-        {"RS232 contact letter C", R, 0, 1, 0, {H("A1 00 10 00 20 43")}, "2:32,4030"},
-        {"RS232 letter below 'A'", R, 0, 1, 0, {H("A1 00 10 00 20 40")}, ""},
-        {"PS/2 reads no letter", P, 0, 1, 0, {H("A1 00 10 00 20 43")}, "0:32,4030"},
-        {"USB 0x81: no mirror", U, 0, 1, 0, {H("81 00 10 00 20")}, "0:32,64"},
+        {"RS232 corner", R, 0, 1, 0, {Hex("81 0F 7F 00 00")}, "0:4094,4094"},
+        {"RS232 high bits ignored", R, 0, 1, 0, {Hex("81 F1 80 72 81")}, "0:256,3580"},
+        {"RS232 contact letter C", R, 0, 1, 0, {Hex("A1 00 10 00 20 43")}, "2:32,4030"},
+        {"RS232 letter below 'A'", R, 0, 1, 0, {Hex("A1 00 10 00 20 40")}, ""},
+        {"PS/2 reads no letter", P, 0, 1, 0, {Hex("A1 00 10 00 20 43")}, "0:32,4030"},
+        {"USB 0x81: no mirror", U, 0, 1, 0, {Hex("81 00 10 00 20")}, "0:32,64"},
     };
     // clang-format on
     for (const Case& c : cases) {

@@ -16,7 +16,7 @@
 #include <functional>
 
 #include "device/cmd_channel.h"
-#include "rows.h"
+#include "support/touch_test_util.h"
 #include "support/test_util.h"
 
 using namespace touchtest;
@@ -74,7 +74,7 @@ TEST(ReceiveStep, ReadsOneReportAndTreatsNothingReadyAsNoData) {
     rig.dev->bThreadRunning = 1;
     EXPECT_EQ(0, DevReceiveStep(rig.dev.get()));
     EXPECT_EQ(1, rig.dev->bThreadRunning.load());
-    for (const Bytes& datagram : {Pad(H("00 01 05 34 12 78 06"), 65), Pad(H("01 04"), 200, 0xEE)}) {
+    for (const Bytes& datagram : {Pad(Hex("00 01 05 34 12 78 06"), 65), Pad(Hex("01 04"), 200, 0xEE)}) {
         ASSERT_EQ(static_cast<ssize_t>(datagram.size()),
                   send(controller.get(), datagram.data(), datagram.size(), 0));
         EXPECT_EQ(0, DevReceiveStep(rig.dev.get()));
@@ -123,17 +123,17 @@ TEST(PortBytes, PointsAndRepliesWhateverTheReadBoundaries) {
         const char *set, *touch;
         Bytes stream, reply;
     };
-    Bytes longest = H("0A FF 55");  // length byte 0xFF: 64 bytes, not 0xFF + 2 wrapped
+    Bytes longest = Hex("0A FF 55");  // length byte 0xFF: 64 bytes, not 0xFF + 2 wrapped
     for (int i = 3; i < 64; ++i) longest.push_back(static_cast<uint8_t>(i));
-    const Bytes reply = H("03 02 55 01"), serial = H("0A 02 55 01"), point = H("03 81 10 00 20 00");
-    const Bytes report = H("01 01 10 00 20 00"), points = H("A1 00 10 00 20 81 0F 7F 00 00");
+    const Bytes reply = Hex("03 02 55 01"), serial = Hex("0A 02 55 01"), point = Hex("03 81 10 00 20 00");
+    const Bytes report = Hex("01 01 10 00 20 00"), points = Hex("A1 00 10 00 20 81 0F 7F 00 00");
     const uint8_t U = DEV_USB, R = DEV_RS232, P = DEV_PS2;
     // clang-format off
     const Case cases[] = {
         {"0x03 reply", U, 0, "", "", reply, reply}, {"0x0A reply", U, 0, "", "", serial, serial},
-        {"leading 0x00 dropped", U, 0, "", "", H("00 03 02 55 01"), reply},
-        {"SkipFirstByte drops any first byte", U, 0, "skip", "", H("7E 03 02 55 01"), reply},
-        {"without it the same read is no reply", U, 0, "", "", H("7E 03 02 55 01"), {}},
+        {"leading 0x00 dropped", U, 0, "", "", Hex("00 03 02 55 01"), reply},
+        {"SkipFirstByte drops any first byte", U, 0, "skip", "", Hex("7E 03 02 55 01"), reply},
+        {"without it the same read is no reply", U, 0, "", "", Hex("7E 03 02 55 01"), {}},
         {"point report", U, 0, "", "0:16,32", report, {}},
         {"raw points: 0x03 with byte 1 from 0x80 is a point", U, 0, "raw 1", "0:16,32", point, {}},
         {"raw points: 0x03 with byte 1 below 0x80 is a reply", U, 0, "raw 1", "", reply, reply},
@@ -143,17 +143,17 @@ TEST(PortBytes, PointsAndRepliesWhateverTheReadBoundaries) {
         {"raw points 2 drops replies", U, 0, "raw 2", "", serial, {}},
         {"raw points 2 drops points", U, 0, "raw 2", "", report, {}},
         {"noise, point, reply, point", R, 9600, "", "0:4094,4094 | 0-",
-         H("33 00 81 0F 7F 00 00 0A 03 55 01 02 80 00 10 00 20"), H("0A 03 55 01 02")},
+         Hex("33 00 81 0F 7F 00 00 0A 03 55 01 02 80 00 10 00 20"), Hex("0A 03 55 01 02")},
         {"PS/2 acknowledge bytes vanish everywhere", P, 9600, "", "0:4094,4094",
-         H("FA 81 FA 0F 7F FA 00 00 FA 0A FA 03 55 FA 01 02 FA"), H("0A 03 55 01 02")},
+         Hex("FA 81 FA 0F 7F FA 00 00 FA 0A FA 03 55 FA 01 02 FA"), Hex("0A 03 55 01 02")},
         {"RS232 at 9600: 5-byte points", R, 9600, "", "0:32,4030 | 0:4094,4094", points, {}},
         {"PS/2 at 115200: 5-byte points", P, 115200, "", "0:32,4030 | 0:4094,4094", points, {}},
-        {"RS232 at 115200: 6-byte points", R, 115200, "", "1:32,4030", H("A1 00 10 00 20 42"), {}},
-        {"RS232 at an unknown speed: 6-byte points", R, 0, "", "1:32,4030", H("A1 00 10 00 20 42"), {}},
+        {"RS232 at 115200: 6-byte points", R, 115200, "", "1:32,4030", Hex("A1 00 10 00 20 42"), {}},
+        {"RS232 at an unknown speed: 6-byte points", R, 0, "", "1:32,4030", Hex("A1 00 10 00 20 42"), {}},
         {"length byte 0xFF", R, 9600, "", "", longest, longest},
-        {"length byte 0: two bytes", R, 9600, "", "", H("0A 00 0A 02 55 09"), H("0A 02 55 09")},
-        {"reports to the tool: 64-byte replies", R, 9600, "tool hook FE", "", H("81 0F 7F 05 10"), H("0A 83 FE 0F 20 05")},
-        {"unknown interface: dropped", DEV_UNKNOWN, 9600, "", "", H("81 0F 7F 00 00 0A 02 55 09"), {}},
+        {"length byte 0: two bytes", R, 9600, "", "", Hex("0A 00 0A 02 55 09"), Hex("0A 02 55 09")},
+        {"reports to the tool: 64-byte replies", R, 9600, "tool hook FE", "", Hex("81 0F 7F 05 10"), Hex("0A 83 FE 0F 20 05")},
+        {"unknown interface: dropped", DEV_UNKNOWN, 9600, "", "", Hex("81 0F 7F 00 00 0A 02 55 09"), {}},
     };
     // clang-format on
     for (const Case& c : cases) {
