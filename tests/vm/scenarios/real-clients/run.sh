@@ -1,34 +1,19 @@
-# Real clients of the daemon's devices: libinput through udev, and a replay of a recorded
-# session; each line of cases is one case (play_case in /bed/lib.sh), which starts its own
-# daemons and controllers.
+# Real clients of the daemon's devices: libinput through udev, and a field log replayed.
 . /bed/lib.sh
 
-# The daemon's devices read by the desktop's own client: systemd-udevd with
-# Debian's input rules and hwdb classifies them, libinput (debug-events, on
-# the two nodes) reads two fingers, a far-corner tap and a pen stroke. One
-# boot plays every mode of the table: plain Linux (no getprop anywhere on
-# the PATH), Android 2.3 and Android 9 (a getprop stand-in answering the
-# release). Per mode (<mode>.txt): the udev properties and the evdev
-# description of both devices, the events an evdev reader of the touch
-# device gets (protocol check on) and libinput's events without times.
-# On Android 2.3 the multi sync stream is what is compared: a lifted contact
-# is the frame entry with ABS_MT_TOUCH_MAJOR 0, which Android's reader drops;
-# libinput reads the device through mtdev, which takes a contact as lifted
-# only when a frame leaves it out, so its record of that mode is kept apart
-# (android2.3.libinput) for reading, not compared. Then the
-# Linux install of the README: the udev rule from platform/linux and the
-# unit's start and stop commands; libinput's device list shows the kernel's
-# own hid-multitouch node of the controller only while the unit's marker
-# file is absent, and exactly one touch and one tablet device while it is
-# there, also after the controller is unplugged and plugged again; the
-# screen's size given to udev's hwdb reaches libinput.
+# udevd with Debian's rules and hwdb, libinput reading two fingers, a far-corner tap and a pen
+# stroke, on plain Linux (no getprop), Android 2.3 and 9: per mode (<mode>.txt) udev's
+# properties, the evdev description, the touch events (protocol check on) and libinput's
+# events. On 2.3 libinput (through mtdev) takes the multi-sync stream's lifts late, so its
+# record there is kept apart, not compared. Then the README's Linux install: libinput sees
+# the controller's own hid-multitouch node only without the unit's marker, one touch and one
+# tablet device with it (also after a re-plug), and the hwdb's screen size.
 libinput_modes() {
     # mode        release (- : no getprop at all)
     MODES="linux -
     android2.3 2.3
     android9 9"
 
-    # Prints the event node name (eventN) of the input device named $1.
     event_of() {
         grep -l "^$1\$" /sys/class/input/event*/device/name 2>/dev/null | sed 's|^/sys/class/input/\(event[0-9]*\)/.*|\1|'
     }
@@ -39,9 +24,7 @@ libinput_modes() {
     udevadm trigger --action=add && udevadm settle
     pidof systemd-udevd > /dev/null && step "systemd-udevd runs"
 
-    # start_controller MODE RELEASE: plugs the controller, starts the daemon (with
-    # a getprop answering RELEASE first on its PATH, or with no getprop at all)
-    # and waits for its set-up and both virtual devices.
+    # start_controller MODE RELEASE ('-': no getprop at all): controller, daemon, set-up.
     start_controller() {
         rm -f /data/Tavrine_* /data/TouchPID /tmp/sim.ready /tmp/bed.sim.ctl
         printf '[TavrineA.ini]\nDebugEnableBits 3\nShowDebugPosition 0\nDeviceNums 1\nScanInterface 1\n[String]\nSerialPath default\n\n[Device_No.0]\nResolX 1919\nResolY 1079\n[EndOfDevice]\n[EndOfFile]' \
@@ -133,18 +116,13 @@ libinput_modes() {
         stop_controller
     done
 
-    # The README's Linux install: the rule where `cmake --install` puts it, the
-    # daemon started as the unit starts it, then the unit's own commands.
+    # The rule where `cmake --install` puts it, the daemon as the unit starts it.
     mkdir -p /usr/lib/udev/rules.d
     cp /bed/platform/linux/70-tavrine.rules /usr/lib/udev/rules.d/
     udevadm control --reload
     unit=/bed/platform/linux/tavrined.service.in
-    # unit_commands KEY: the unit's KEY= command lines, without their prefix characters.
-    unit_commands() {
-        sed -n "s/^$1=[-+!@:]*//p" "$unit"
-    }
-    run_unit() {
-        unit_commands "$1" | while read -r cmd; do
+    run_unit() {  # the unit's $1= command lines, without their prefix characters
+        sed -n "s/^$1=[-+!@:]*//p" "$unit" | while read -r cmd; do
             sh -c "$cmd" || step "unit $1 failed: $cmd"
         done
         udevadm settle
@@ -175,8 +153,7 @@ libinput_modes() {
         udevadm settle
         echo "# the controller unplugged and plugged again"
         libinput_screens
-        # The screen's real size given to udev's hwdb as the README says (480 x 270 mm with
-        # ResolX 1919 and ResolY 1079: 4 units per millimetre on both axes), daemon restarted.
+        # 480 x 270 mm in the hwdb as the README says: 4 units/mm with ResolX 1919, ResolY 1079.
         mkdir -p /etc/udev/hwdb.d
         sed 's/=::[0-9]*$/=::4/' /bed/platform/linux/61-tavrine-screen.hwdb > /etc/udev/hwdb.d/61-tavrine-screen.hwdb
         systemd-hwdb update && udevadm control --reload
@@ -193,7 +170,6 @@ libinput_modes() {
         libinput_screens
     } > "$OUT/install.screens"
     stop_controller
-    # The guest as it was for the scenarios after this one: no udev, no install.
     kill "$(pidof systemd-udevd)" 2>/dev/null
     sleep 0.2
     umount /run
@@ -201,23 +177,15 @@ libinput_modes() {
     systemd-hwdb update
 }
 
-# Field-log replay, one case per port kind: a session is recorded in the daemon's debug log
-# (every category on), then played back with tavrine-sim --from-log into a fresh daemon.
-# Both runs' evdev traces must be the same event for event (times aside), set-up must reach
-# the same outcome, and the tool's command must get the same answer from the replay.
-#
-# Case table: name, ScanInterface, SerialPath, session script, recorded devices, tool command.
+# A USB and an RS232 session recorded in the daemon's log, replayed by tavrine-sim --from-log
+# into a fresh daemon: the same events (times aside), set-up outcome, report spacing and tool
+# answer. Table: name, ScanInterface, SerialPath, script, recorded devices, tool command.
 replay_log() {
     CASES='usb 1 default usb.scn MorvelTouch_VirtualDevice,MorvelTouch_VirtualPen --usb raw 03 01 41
     rs232 2 /dev/ttyTAV0 rs232.scn MorvelTouch_VirtualDevice --serial raw 0a 01 41'
 
-    # The daemon registers ABS_MT_SLOT only on an Android release above 3; the guest has no
-    # getprop, so one answering "9" goes first on its PATH.
-    mkdir -p /tmp/replaybin
-    printf '#!/bin/sh\necho 9\n' > /tmp/replaybin/getprop
-    chmod 755 /tmp/replaybin/getprop
-
-    # Starts one recorder per device named in $2 (comma-separated) into $OUT/$1-<device>.trace.
+    case_settings android=9  # slots need an Android release above 3
+    # One recorder per device of $2 (comma-separated) into $OUT/$1-<device>.trace.
     start_recorders() {
         RECORDERS=""
         for dev in $(echo "$2" | tr ',' ' '); do
@@ -230,14 +198,11 @@ replay_log() {
         for pid in $RECORDERS; do stop_pid "$pid"; done
     }
 
-    # Starts the daemon with every log category on, for case $1 (ScanInterface $2, SerialPath $3).
-    start_daemon() {
+    start_replay_daemon() {  # NAME SCAN SERIALPATH, every log category on
         write_settings "$2" "$3"
         sed -i 's/^DebugEnableBits 1$/DebugEnableBits 7fffff/' /data/TavrineA.ini
-        PATH=/tmp/replaybin:$PATH TavrineD -f > "$OUT/$1-start.out" 2>&1
+        PATH=/tmp/bin:$PATH TavrineD -f > "$OUT/$1-start.out" 2>&1
     }
-
-    # Ends a run: the daemon and the simulator are stopped and /data is emptied.
     end_run() {
         TavrineD -k > /dev/null 2>&1
         wait_until '[ "$(daemon_count)" = 0 ]' 50
@@ -245,21 +210,19 @@ replay_log() {
         rm -rf /data/*
     }
 
-    # Prints the times in ms of the reports (reads that are no replies) in daemon log $1.
+    # Times in ms of the reports (no replies) read in daemon log $1 and sent in sim log $1.
     read_times() {
         grep 'Read from device' "$1" | grep -v 'byte: \[0[3A]\]' |
             sed 's/^\[\([0-9]*\):\([0-9]*\):\([0-9]*\):\([0-9]*\)\].*/\1 \2 \3 \4/' |
             awk '{ print (($1 * 60 + $2) * 60 + $3) * 1000 + $4 }'
     }
 
-    # Prints the times in ms of the reports sent in simulator log $1 (tx lines but replies).
     sent_times() {
         awk '$2 == "tx" && $3 != "03" && $3 != "0a" { printf "%d\n", $1 * 1000 }' "$1"
     }
 
-    # True when the replay (simulator log $2) sent the reports at the offsets from the first
-    # one at which the recorded daemon read them (daemon log $1), each within $3 ms (the guest's
-    # one CPU delays a send now and then). The largest difference is printed.
+    # True when the replay (sim log $2) sent each report at the offset the recorded daemon
+    # (log $1) read it, within $3 ms (the guest's one CPU delays a send now and then).
     spacing_kept() {
         read_times "$1" > /tmp/times.rec
         sent_times "$2" > /tmp/times.rep
@@ -271,17 +234,15 @@ replay_log() {
             END { print "largest difference of offsets: " max + 0 " ms"; exit max > tol }'
     }
 
-    # Prints set-up's outcome from log $1: identification, series and event protocol.
     setup_outcome() {
         grep -E "Type:.*Model|AllocateSeries|EventType =" "$1" | sed 's/^\[[^]]*\]-: [^ ]* //'
     }
 
     echo "$CASES" | while read -r name scan path script devices tool; do
-        # The recorded session.
         start_sim "$script"
         mv "$OUT/sim.log" "$OUT/$name-sim.log"
         start_recorders "$name" "$devices"
-        start_daemon "$name" "$scan" "$path"
+        start_replay_daemon "$name" "$scan" "$path"
         wait_setup 400 || step "$name: recorded session: set-up not done"
         tavrinectl $tool > "$OUT/$name-tool.txt" 2>&1
         wait_until 'grep -q "note session done" "$OUT/$name-sim.log"' 300 ||
@@ -291,14 +252,13 @@ replay_log() {
         cp "$(daemon_log)" "$OUT/$name.log"
         end_run
 
-        # The replay into a fresh daemon.
         rm -f /tmp/replay.ready
         tavrine-sim --from-log "$OUT/$name.log" --log "$OUT/$name-replay-sim.log" \
             --ready /tmp/replay.ready 2> "$OUT/$name-replay.txt" &
         SIM_PID=$!
         wait_until '[ -e /tmp/replay.ready ]' 50
         start_recorders "$name-replay" "$devices"
-        start_daemon "$name-replay" "$scan" "$path"
+        start_replay_daemon "$name-replay" "$scan" "$path"
         wait_setup 400 || step "$name: replay: set-up not done"
         wait_until 'grep -q "note replay done" "$OUT/$name-replay-sim.log"' 300 ||
             step "$name: replay: not played to its end"
@@ -308,7 +268,6 @@ replay_log() {
         cp "$(daemon_log)" "$OUT/$name-replay.log"
         end_run
 
-        # The comparisons.
         setup_outcome "$OUT/$name.log" > /tmp/outcome.rec
         setup_outcome "$OUT/$name-replay.log" > /tmp/outcome.rep
         cmp -s /tmp/outcome.rec /tmp/outcome.rep && step "$name: set-up outcome the same:" ||
