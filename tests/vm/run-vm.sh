@@ -1,17 +1,8 @@
 #!/bin/sh
-# Boots a stock Debian kernel under qemu with the project's static programs
-# (installed into a staging prefix by cmake --install) and runs end-to-end
-# scenarios inside it. See tests/vm/README.md.
-#
-#   tests/vm/run-vm.sh [--out DIR] [--timeout SECS] [--daemon PATH] [--jobs N] [--list]
-#                      [SCENARIO...]
-#
-# Without scenario names every folder in tests/vm/scenarios runs, except
-# those with a file named 'manual' (long soaks); the benchmarks (bench/vm)
-# and the demo (scripts/demo) run only by name. The
-# scenarios are dealt out to N VMs booted side by side (default: 2 when the
-# machine has 2 cores or more, else 1); each VM runs its share in one boot.
-# Exit status: 0 all passed, 1 a scenario failed, 2 the bed could not run.
+# Boots a stock Debian kernel under qemu with the project's static programs and runs the
+# scenarios of tests/vm/scenarios (bench/vm and scripts/demo ones only by name), dealt out to
+# N VMs side by side. See tests/vm/README.md.
+#   tests/vm/run-vm.sh [--out DIR] [--daemon PATH] [--jobs N] [--list] [SCENARIO...]
 set -u
 
 REPO=$(cd "$(dirname "$0")/../.." && pwd)
@@ -19,7 +10,6 @@ BED=$REPO/tests/vm
 BUILD=${TAVRINE_VM_BUILD:-$BED/.build}
 CACHE=${TAVRINE_CACHE:-$HOME/.cache/tavrine}
 KROOT=$CACHE/kernel/root
-VM_TIMEOUT=""
 JOBS=""
 DAEMON_BIN=""
 DAEMON_WHY=""
@@ -30,12 +20,8 @@ die() {
     exit 2
 }
 
-# Folders that hold scenarios: the tests, the benchmarks (bench/vm: they run only by name)
-# and the demo's gesture (scripts/demo). In the guest all of them sit side by side under
-# /bed/scenarios, so one scenario may use another's files.
+# In the guest all roots sit side by side under /bed/scenarios: scenarios share files.
 SCENARIO_ROOTS="$BED/scenarios $REPO/bench/vm $REPO/scripts/demo"
-
-# Prints the folder of scenario $1; false when no root holds it.
 scenario_dir() {
     for root in $SCENARIO_ROOTS; do
         [ -f "$root/$1/run.sh" ] && { echo "$root/$1"; return 0; }
@@ -50,7 +36,7 @@ scenario_dir() {
 
 all_scenarios() {
     for d in "$BED"/scenarios/*/; do
-        [ -f "$d/run.sh" ] && [ ! -f "$d/manual" ] && basename "$d"
+        [ -f "$d/run.sh" ] && basename "$d"
     done
 }
 
@@ -58,21 +44,17 @@ SCENARIOS=""
 while [ $# -gt 0 ]; do
     case "$1" in
     --out) OUT=$2; shift 2 ;;
-    --timeout) VM_TIMEOUT=$2; shift 2 ;;
     --jobs) JOBS=$2; shift 2 ;;
     --daemon) DAEMON_BIN=$(cd "$(dirname "$2")" && pwd)/$(basename "$2"); shift 2 ;;
     --list) all_scenarios; exit 0 ;;
-    -h | --help) sed -n '2,14p' "$0"; exit 0 ;;
+    -h | --help) sed -n '5p' "$0"; exit 0 ;;
     -*) die "unknown option $1" ;;
     *) scenario_dir "$1" > /dev/null || die "no scenario $1 (in tests/vm/scenarios, bench/vm or scripts/demo)"
        SCENARIOS="$SCENARIOS $1"; shift ;;
     esac
 done
 [ -n "$SCENARIOS" ] || SCENARIOS=$(all_scenarios | tr '\n' ' ')
-if [ -z "$JOBS" ]; then
-    JOBS=1
-    [ "$(nproc)" -ge 2 ] && JOBS=2
-fi
+[ -n "$JOBS" ] || JOBS=$(( $(nproc) >= 2 ? 2 : 1 ))
 case "$JOBS" in '' | *[!0-9]* | 0) die "--jobs needs a positive number" ;; esac
 
 deps_log=$(mktemp)
@@ -80,8 +62,7 @@ deps_log=$(mktemp)
 rm -f "$deps_log"
 [ -f "$CACHE/kernel/vmlinuz" ] || die "no kernel in $CACHE/kernel (scripts/install-vm-deps.sh)"
 mkdir -p "$BUILD"
-# Each run has folders of its own, so that runs started side by side (by
-# several people in one work tree) do not share their VM files.
+# A folder per run: runs started side by side in one work tree share no VM files.
 [ -n "$OUT" ] || OUT=$BUILD/logs/$(date +%Y%m%d-%H%M%S)-$$
 mkdir -p "$OUT"
 ln -sfn "$OUT" "$BUILD/logs/latest" 2>/dev/null
