@@ -7,12 +7,9 @@ usb_scn() {
       [ -n "$2" ] && echo "phys $2"; [ -n "$3" ] && echo "product 0x$3"; } > "/tmp/$1.scn"
 }
 
-# inifile: no file: the first device generates it whole. DeviceNums 2 with two controllers
-# on different physical addresses: the first claims the empty address of block 0, the second
-# adds block 1 in front of [EndOfFile]. A third start changes nothing. A fourth start adds
-# three controllers whose physical addresses read as words of the file ([EndOfFile],
-# [Device_No.0], [EndOfDevice]; any process can make such a uhid device): all five are
-# served, and the file stays as it was. -r names a serial path that does not exist.
+# inifile: the first device writes the file whole; with DeviceNums 2 a second address adds
+# block 1; a third start changes nothing; three more controllers whose addresses read as the
+# file's words ([EndOfFile], [Device_No.0], [EndOfDevice]) are served and change nothing.
 inifile() {
     usb_scn usb-a usb-sim-a/input0
     usb_scn usb-b usb-sim-b/input0
@@ -24,7 +21,7 @@ inifile() {
         SIM_B=$!
         wait_until '[ -e /tmp/b.ready ]' 50
     }
-    # Set-up ends with the report switch-on (command 0x34) to each controller.
+    # Set-up ends with the report switch-on (0x34) to each controller.
     set_up() { for f in "$@"; do grep -q 'rx 03 02 34' "$f" 2>/dev/null || return 1; done; }
     tasks() {  # kept for a hung daemon: its threads and where they wait
         for t in /proc/$(pid_file_pid)/task/*; do echo "$1 $t $(cut -d' ' -f3 $t/stat) $(cat $t/wchan)"; done >> "$OUT/tasks.txt"
@@ -77,19 +74,10 @@ inifile() {
     stop_all
 }
 
-# newid: kernel HID driver binding through the real sysfs new_id files. "busybox
-# lsusb" lists 3c7a:0001, which is already an input device and gets no new_id
-# line. The DevPID entry 7e57 is written to hid-generic's and hid-multitouch's
-# new_id files; a 3c7a:7e57 device plugged afterwards is then taken by
-# hid-multitouch, which the kernel prefers over hid-generic once it knows the id.
-# The entry 7e5 (three digits, the settings file takes 1 to 4) is written as
-# 07e5, and a 3c7a:07e5 device is taken by hid-multitouch as well.
-# The guest's busybox shell runs "busybox" as its own applet whatever PATH
-# says, so a wrapper on PATH is never reached. The daemon therefore runs in a
-# private mount namespace where /bin/sh (the busybox binary, through its
-# link) is covered by a script: it defines "busybox" as a shell function that
-# answers "lsusb" with the listing and passes everything else to a copy of the
-# real busybox, and it runs the other applets linked to /bin/busybox as before.
+# newid: DevPID 7e57 and 7e5 (written 07e5) go to the real new_id files, so devices with those
+# ids plugged later bind to hid-multitouch; 3c7a:0001, listed by lsusb, gets none. busybox sh
+# runs "busybox" as its own applet, so the daemon runs where /bin/sh is a script whose
+# "busybox lsusb" answers with that listing.
 newid() {
     mkdir -p /tmp/bbreal
     cp /bin/busybox /tmp/bbreal/busybox
@@ -126,8 +114,7 @@ WRAP
             ls /sys/bus/hid/drivers/$drv | grep -q "^0003:3C7A:$ID\." && step "3c7a:$pid bound to $drv"
         done
     done
-    # The daemon goes first: with 3c7a:0001 unplugged it would teach the drivers
-    # that id on its next pass, and the ids would stay for later scenarios.
+    # The daemon first: else it would teach the drivers 3c7a:0001 once unplugged.
     TavrineD -k > /dev/null 2>&1
     for pid in $SIMS; do stop_pid "$pid"; done
     stop_pid "$SIM_PID"

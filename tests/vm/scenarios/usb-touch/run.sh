@@ -1,10 +1,7 @@
-# The USB touch family: each line of cases is one controller, set up by a fresh daemon
-# (see play_case in /bed/lib.sh); the functions below are the case-specific steps.
+# The USB touch path, one case a line of cases.
 . /bed/lib.sh
 
-# Both virtual devices with their names, ids, axes, keys and properties. With ABS_MT_SLOT
-# registered the input core resets the tracking id axis to 0..65535; the pen has no tilt
-# axes (kernel 6.1, Android 9).
+# Both virtual devices: names, ids, axes, keys, properties.
 devices() {
     for dev in MorvelTouch_VirtualDevice MorvelTouch_VirtualPen; do
         tavrine-evrec record --name "$dev" --out /tmp/dev.trace --duration-ms 200
@@ -17,14 +14,13 @@ axes() {
     grep '^A: 3[56] ' "$OUT/touch.trace" | while read -r line; do step "axis $line"; done
 }
 
-# After the hostile reports the daemon runs on; the truncated one never passed the HID core.
 hostile() {
     dmesg | grep -q 'Event data for report 6 was too short' && step "truncated report dropped by the HID core"
     step "daemon still running: $(is_daemon "$(pid_file_pid)" && echo yes), TavrineD processes: $(daemon_count)"
 }
 
-# Unplug with a finger down: the release, then the device goes away; plugged again it is
-# served; 50 more unplug/plug cycles leave the daemon's descriptors and threads as they were.
+# Unplug with a finger down: the release, the device gone, served when plugged again; 50 more
+# cycles leave the daemon's descriptors and threads as they were.
 unplug() {
     local pid before n=0
     setups() { grep -c 'Device\[/dev/hidraw0\] Setup Done' "$(daemon_log)"; }
@@ -54,12 +50,9 @@ unplug() {
     step "TavrineD processes: $(daemon_count), same pid: $([ "$(pid_file_pid)" = "$pid" ] && echo yes)"
 }
 
-# 10 contacts at 1000 reports per second for 10 s (5000 scans of two 0x06 reports), then a
-# lift of all 10. Every contact moves in every scan (contact k at X = 100 + 350k + (f % 50),
-# contact 0 at X = 100 + (f % 3000), scan f), so the input core filters no frame: the reader
-# must see one frame per scan (5001 with the lift) and contact 0's X 5000 times, in order.
-# A simulator behind time sends at most 4 due reports a wake-up, as a controller polled
-# once a millisecond would.
+# 10 contacts at 1000 reports/s for 10 s (5000 scans of two 0x06 reports), all moving every
+# scan (so the input core filters no frame), then lifted: one frame per scan and contact 0's
+# X 5000 times in order. A late simulator sends at most 4 due reports a wake-up.
 SCANS=5000
 load_steps() {
     awk -v scans=$SCANS 'function le(v) { return sprintf("%02x %02x", v % 256, int(v / 256)) }
@@ -77,8 +70,7 @@ load_steps() {
     BEGIN { print "burst 4\nat 4500 note load in 1.5 s"; t = 6000; for (f = 0; f < scans; f++) scan(1, f); scan(0, scans - 1) }'
 }
 
-# The daemon's threads run above the bed's programs (as a touch daemon on a device would),
-# so that a stall of one emulated CPU is not counted as a lost frame.
+# The daemon's threads run above the bed's programs, as a touch daemon's would.
 load() {
     local pid=$(pid_file_pid) task
     for task in /proc/$pid/task/*; do renice -n -10 -p "${task##*/}" > /dev/null; done
@@ -92,14 +84,11 @@ load() {
     cmp -s /tmp/x0.got /tmp/x0.want && step "contact 0 moves: all $SCANS, in order" ||
         step "contact 0 moves: $(wc -l < /tmp/x0.got) of $SCANS or out of order"
     dmesg | grep -q 'Event data for report' && step "kernel dropped reports"
-    # The whole trace and simulator log run to megabytes: only their heads go back.
     for f in touch.trace sim.log touch.events; do head -n 300 "$OUT/$f" > "$OUT/$f.head" && rm -f "$OUT/$f"; done
 }
 
-# Virtual keys (VKEY_0 BACK, VKEY_1 HOME, VKEYReportMod 3): key reports [03 04 36 2F state
-# index] give a key press every third pressed report (later ones are repeats) and a release
-# once the key was reported pressed three times; a shorter tap sends nothing and its count
-# carries over. Key 2 has no code and is ignored.
+# Virtual keys (BACK, HOME, VKEYReportMod 3): a press every third pressed report [03 04 36 2F
+# state index], a release after three; a shorter tap sends nothing; key 2 has no code.
 vkeys() {
     key() { sim_do send 03 04 36 2f "$1" "$2"; sleep 0.05; }
     start_evrec MorvelTouch_VirtualDevice touch.trace --wait-ms 5000 --duration-ms 15000 --count 12 --ready /tmp/vk.ready
