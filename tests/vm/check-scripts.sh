@@ -1,8 +1,6 @@
 #!/bin/sh
-# Host check of the scenarios' simulator scripts, without the VM: every *.scn parses with
-# the installed tavrine-sim, laid out as in the guest (descriptor-file paths such as
-# ../../sim/descriptors/default.hex resolve as they do under /bed/scenarios/<name>/).
-# Prints one line per failing script and "vm-scripts: N passed, N failed".
+# Host check without the VM: every scenario script (a *.steps after pcap4155.scn) parses with
+# the installed tavrine-sim, laid out as in the guest. Ends "vm-scripts: N passed, N failed".
 set -u
 BED=$(cd "$(dirname "$0")" && pwd)
 REPO=$(cd "$BED/../.." && pwd)
@@ -21,7 +19,6 @@ done
 cp -r "$STAGE/share/tavrine-sim/descriptors" "$WORK/bed/sim/descriptors"
 passed=0
 failed=0
-# A family's *.steps files are played after its pcap4155.scn set-up answers.
 for f in "$WORK"/bed/scenarios/*/*.steps; do
     [ -f "$f" ] && cat "${f%/*}/pcap4155.scn" "$f" > "${f%.steps}.steps.scn"
 done

@@ -1,8 +1,6 @@
 #!/bin/sh
-# Runs inside the test VM as busybox init's sysinit action: mounts the
-# kernel file systems, loads the input modules, runs each scenario named in
-# /bed/run-list and prints its files between markers on the console, then
-# powers the VM off. Markers may be preceded by terminal noise on a line.
+# busybox init's sysinit in the VM: mounts, loads the input modules, runs this VM's scenarios
+# (bedrun= on the kernel command line), prints their files between console markers, powers off.
 export PATH=/bed/bin:/bin:/sbin
 export HOME=/tmp
 
@@ -20,15 +18,13 @@ for m in hid uhid hid-generic hid-multitouch uinput evdev serio_raw serport; do
 done
 echo "@@BED-BOOTED $(cut -d' ' -f1 /proc/uptime)"
 
-# Prints one file base64-encoded between markers.
 emit_file() {
     echo "@@BED-FILE $1 $2"
     base64 < "$3"
     echo "@@BED-FILE-END"
 }
 
-# Kills what a scenario left running: daemons, simulators, recorders, udev and
-# libinput's readers (process names are cut at 15 characters).
+# Kills what a scenario left running (process names are cut at 15 characters).
 kill_leftovers() {
     local status name pid
     for status in /proc/[0-9]*/status; do
@@ -42,8 +38,7 @@ kill_leftovers() {
     done
 }
 
-# Puts back what a scenario may have changed in the kernel: the HID drivers
-# are loaded afresh, which forgets product ids added through new_id.
+# Reloads the HID drivers, which forgets product ids added through new_id.
 reset_hid_drivers() {
     local m
     for m in hid_multitouch hid_generic; do
@@ -53,8 +48,7 @@ reset_hid_drivers() {
     grep -q '^hid_multitouch ' /proc/modules || insmod /lib/modules/hid-multitouch.ko
 }
 
-# Runs one scenario, or one case of a family (CASE: its line of the family's cases file),
-# from a clean /data and /tmp and fresh HID drivers; its files go to $2; RC: run.sh's status.
+# run_one DIR OUT LIMIT CASE: one scenario or case from a clean /data, /tmp and HID drivers.
 run_one() {
     local dir=$1 out=$2 limit=$3 f
     rm -rf /data/* /data/.[!.]* /tmp/* /tmp/.[!.]*
@@ -72,9 +66,7 @@ run_one() {
     done
 }
 
-# A family (a folder with a cases file) plays each case in turn, in $out/<case> (its timeout
-# file gives the limit of the whole family, and of each case); its status is that of the
-# first case that failed.
+# A family plays each case in turn into $out/<case>; its status is its first failing case's.
 run_scenario() {
     local name dir out limit start rc rel line
     name=$1
@@ -102,10 +94,7 @@ run_scenario() {
     echo "@@BED-SCENARIO-END $name rc=$rc start=$start end=$(cut -d' ' -f1 /proc/uptime)"
 }
 
-# This VM's share of the scenarios comes on the kernel command line
-# (bedrun=a,b,c); /bed/run-list holds all of them.
 list=$(tr ' ' '\n' < /proc/cmdline | sed -n 's/^bedrun=//p' | tr ',' ' ')
-[ -n "$list" ] || list=$(cat /bed/run-list)
 for name in $list; do
     run_scenario "$name"
 done
