@@ -50,7 +50,8 @@ removal() {
     [ "$check" -ge 14500 ] && [ "$check" -le 30000 ] && step "presence check after 14.5-30 s"
     [ "$removal" -gt "$check" ] && [ "$removal" -le $((check + 5000)) ] && step "removed by the loop-back check"
     log_lines 'Found a RS232 device at port \[/dev/ttyTAV0\]'
-    step "loop-backs at 57600: $(grep -c ' match line [678]$' "$OUT/sim.log")"
+    # removal.scn lines 4-6: the loop-back rules
+    step "loop-backs at 57600: $(grep -c ' match line [456]$' "$OUT/sim.log")"
 }
 
 # The tool's reset command: the controller comes back at 9600, the daemon follows it.
