@@ -144,74 +144,41 @@ unplug_rewrite() {
     same_pid "$pid"
 }
 
-# flood_run SECONDS: a probe controller's touches every 250 ms must reach its device within
-# 20 ms and the daemon's VmRSS grow at most 1024 kB while a second controller sends a valid
-# report 5000 times a second (flood), then random bytes behind the declared ids (garbage).
-# The set-up answers of a PCAP4155 controller, to be read from /tmp.
-pcap_rules() {
-    sed "s#^descriptor-file \.\./#descriptor-file $PWD/../#" ../usb-touch/pcap4155.scn
-}
-rss() { awk '/^VmRSS:/ { print $2 }' "/proc/$1/status"; }
+# flood: a second controller sends a valid report 5000 times a second for 5 s while the probe
+# controller's touches, every 250 ms, must each reach its device within 20 ms; the daemon's
+# VmRSS grows at most 1024 kB.
 hx() { printf '%02x %02x' $(($1 % 256)) $(($1 / 256)); }
-
-flood_load() {  # SECONDS: the valid flood
-    echo "at 0 rate 5000/s for ${1}s send 06 01 01 00 00 08 00 04"
-    echo "after 500 note load ends"
-}
-garbage_load() {  # SECONDS: pseudo-random bytes behind the declared report ids
-    awk -v n=$(($1 * 2000)) 'BEGIN {
-        srand(7); split("01 03 04 05 06 17", id, " ")
-        for (i = 0; i < n; i++) {
-            line = sprintf("at %d send %s", int(i / 2), id[1 + int(rand() * 6)])
-            for (b = 0; b < 12; b++) line = line sprintf(" %02x", int(rand() * 256))
-            print line
-        }
-        print "after 500 note load ends"
-    }'
-}
-
-phase() {  # NAME SECONDS
-    local name=$1 secs=$2 before after i=0 lat
-    # The load starts when the daemon's format command (report 0x05) ends the set-up.
-    { pcap_rules; printf 'phys usb-load/input0\nwait rx 05 02 timeout 30s\nafter 300 clock\n'; ${name}_load "$secs"; } > /tmp/load.scn
-    rm -f /tmp/load.ready
-    tavrine-sim /tmp/load.scn --log "/tmp/load-$name.log" --ready /tmp/load.ready &
-    load_pid=$!
-    wait_until 'grep -q "note load ends\|clock" /tmp/load-'"$name"'.log 2>/dev/null' 300 ||
-        step "$name: load controller not set up"
-    before=$(rss "$pid")
-    # tail, not grep: the load's log grows by thousands of lines a second
-    while ! tail -n 1 "/tmp/load-$name.log" | grep -q "note load ends"; do
-        i=$((i + 1))
-        sim_do send 06 01 01 00 $(hx $((probe_x + i))) $(hx $probe_y)
-        sleep 0.25
-    done
-    sim_do send 06 01 00 00 $(hx $((probe_x + i))) $(hx $probe_y)
-    probe_x=$((probe_x + i + 1))
-    after=$(rss "$pid")
-    stop_pid "$load_pid"
-    removed=$((removed + 1))
-    wait_until '[ "$(grep -c "USB Device \[/dev/hidraw1\] is removed" "$(daemon_log)")" -ge $removed ]' 100 ||
-        step "$name: removal of the load controller not logged"
-    tail -n 3 "/tmp/load-$name.log" > "$OUT/load-$name.tail"
-    echo "$name: load controller sent $(grep -c ' tx ' "/tmp/load-$name.log") reports in ${secs} s; VmRSS $before -> $after kB" >> "$OUT/figures.txt"
-    step "$name: daemon alive: $(is_daemon "$pid" && echo yes)"
-    [ -n "$before" ] && [ -n "$after" ] && [ "$after" -le $((before + 1024)) ] &&
-        step "$name: VmRSS within 1024 kB of its start" || step "$name: VmRSS $before -> $after kB"
-}
-
-flood_run() {
-    local secs=$1
-    # The probe's 'tx' times are taken before the write (latency).
-    { pcap_rules; printf 'phys usb-probe/input0\nstamp before\n'; } > /tmp/probe.scn
+flood() {
+    local before after i=0 lat pid
+    # The set-up answers of a PCAP4155 controller, read from /tmp; the probe's tx times are
+    # taken before the write; the load starts once the format command ends its set-up.
+    sed "s#^descriptor-file \.\./#descriptor-file $PWD/../#" ../usb-touch/pcap4155.scn > /tmp/pcap.scn
+    { cat /tmp/pcap.scn; printf 'phys usb-probe/input0\nstamp before\n'; } > /tmp/probe.scn
+    { cat /tmp/pcap.scn; printf 'phys usb-load/input0\nwait rx 05 02 timeout 30s\nafter 300 clock\n'
+      printf 'at 0 rate 5000/s for 5s send 06 01 01 00 00 08 00 04\nafter 500 note load ends\n'; } > /tmp/load.scn
     touch_start /tmp/probe.scn && step "probe controller set up" || step "probe controller not set up"
     pid=$(pid_file_pid)
     # The simulator shares the guest's one CPU: its catching up is no daemon latency.
     for task in /proc/$pid/task/*; do renice -n -10 -p "${task##*/}" > /dev/null; done
     touch_record probe.trace --check
-    probe_x=100 probe_y=700 removed=0
-    phase flood "$secs"
-    phase garbage "$secs"
+    tavrine-sim /tmp/load.scn --log /tmp/load.log --ready /tmp/load.ready &
+    load_pid=$!
+    wait_until 'grep -q "note load ends\|clock" /tmp/load.log 2>/dev/null' 300 || step "load controller not set up"
+    before=$(awk '/^VmRSS:/ { print $2 }' "/proc/$pid/status")
+    # tail, not grep: the load's log grows by thousands of lines a second
+    while ! tail -n 1 /tmp/load.log | grep -q "note load ends"; do
+        i=$((i + 1))
+        sim_do send 06 01 01 00 $(hx $((100 + i))) $(hx 700)
+        sleep 0.25
+    done
+    sim_do send 06 01 00 00 $(hx $((100 + i))) $(hx 700)
+    after=$(awk '/^VmRSS:/ { print $2 }' "/proc/$pid/status")
+    stop_pid "$load_pid"
+    wait_until 'grep -q "USB Device \[/dev/hidraw1\] is removed" "$(daemon_log)"' 100 || step "removal of the load controller not logged"
+    echo "load controller sent $(grep -c ' tx ' /tmp/load.log) reports in 5 s; VmRSS $before -> $after kB" >> "$OUT/figures.txt"
+    step "flood: daemon alive: $(is_daemon "$pid" && echo yes)"
+    [ -n "$before" ] && [ -n "$after" ] && [ "$after" -le $((before + 1024)) ] &&
+        step "flood: VmRSS within 1024 kB of its start" || step "flood: VmRSS $before -> $after kB"
     sleep 0.3
     stop_pid "$EVREC_PID"
     step "probe protocol check status $?"
