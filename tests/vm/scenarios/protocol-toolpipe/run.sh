@@ -21,20 +21,6 @@ garbage() {
     echo "on 05 $burst"
 }
 
-# Pen reports: hover, tip with barrel button, pressure and tilt, leave, eraser, hover again.
-pen() {
-    start_evrec MorvelTouch_VirtualPen pen.trace --idle-ms 1500 --ready /tmp/pen.ready
-    wait_until '[ -e /tmp/pen.ready ]' 50
-    for r in "20 e8 03 d0 07 00 00 00 00 00 00" "23 f2 03 e4 07 00 02 1e 00 ec ff" "00 f2 03 e4 07 00 00 00 00 00 00" \
-        "2d b8 0b dc 05 00 01 00 00 00 00" "24 b8 0b dc 05 00 00 00 00 00 00" "20 f4 01 58 02 00 00 00 00 00 00"; do
-        sim_do send 02 $r
-        sleep 0.1
-    done
-    wait "$EVREC_PID"
-    step "pen recorder status: $?"
-    grep '^E:' "$OUT/pen.trace" | sed -E 's/^E: [0-9]+\.[0-9]+ //' > "$OUT/pen.events"
-}
-
 # One read (128 bytes at most, $1 s) of the tool's output pipe, as hex.
 read_pipe() {
     timeout "$1" dd if=/data/MorvelPipe_out bs=128 count=1 2>/dev/null | od -An -tx1 -v | tr -s ' \n' '  ' | sed 's/^ //; s/ $//'
@@ -81,16 +67,6 @@ cli_usb() {
     grep -q "^tavrinectl: no daemon" "$OUT/stopped.out" && step "stopped: says no daemon"
     rm -f /data/TouchPID
     ctl no-daemon version
-}
-
-# RS232: points to the tool and back; an unanswered version (1).
-cli_serial() {
-    sim_do note tool points
-    ctl serial-points --timeout 5000 points --count 2
-    wait_until 'received_after "tool points" serial-points.rx; grep -qx "0a 02 34 01" "$OUT/serial-points.rx"' 30
-    sim_do note tool silent
-    ctl serial-silent --timeout 1000 version
-    received_after "tool silent" serial-silent.rx
 }
 
 play_case
