@@ -1,15 +1,6 @@
 # The USB touch path, one case a line of cases.
 . /bed/lib.sh
 
-# Both virtual devices: names, ids, axes, keys, properties.
-devices() {
-    for dev in MorvelTouch_VirtualDevice MorvelTouch_VirtualPen; do
-        tavrine-evrec record --name "$dev" --out /tmp/dev.trace --duration-ms 200
-        grep -v '^[E#]' /tmp/dev.trace >> "$OUT/devices.txt"
-    done
-    step "TavrineD processes: $(daemon_count)"
-}
-
 axes() {
     grep '^A: 3[56] ' "$OUT/touch.trace" | while read -r line; do step "axis $line"; done
 }
@@ -48,43 +39,6 @@ unplug() {
         step "descriptors and threads changed: $before -> $(counts "$pid")"
     step "virtual devices: $(grep -c '^N: Name="MorvelTouch_Virtual' /proc/bus/input/devices)"
     step "TavrineD processes: $(daemon_count), same pid: $([ "$(pid_file_pid)" = "$pid" ] && echo yes)"
-}
-
-# 10 contacts at 1000 reports/s for 10 s (5000 scans of two 0x06 reports), all moving every
-# scan (so the input core filters no frame), then lifted: one frame per scan and contact 0's
-# X 5000 times in order. A late simulator sends at most 4 due reports a wake-up.
-SCANS=5000
-load_steps() {
-    awk -v scans=$SCANS 'function le(v) { return sprintf("%02x %02x", v % 256, int(v / 256)) }
-    function slot(state, k, f,   x) {
-        x = (k == 0) ? 100 + (f % 3000) : 100 + 350 * k + (f % 50)
-        return sprintf(" %02x %02x %s %s 00 00 00 00", state, k, le(x), le(500 + 300 * k))
-    }
-    function scan(state, f,   k, a, b) {
-        a = "06 0a"; b = "06 00"
-        for (k = 0; k < 5; k++) a = a slot(state, k, f)
-        for (k = 5; k < 10; k++) b = b slot(state, k, f)
-        printf "at %d send %s\nat %d send %s\n", t, a, t + 1, b
-        t += 2
-    }
-    BEGIN { print "burst 4\nat 4500 note load in 1.5 s"; t = 6000; for (f = 0; f < scans; f++) scan(1, f); scan(0, scans - 1) }'
-}
-
-# The daemon's threads run above the bed's programs, as a touch daemon's would.
-load() {
-    local pid=$(pid_file_pid) task
-    for task in /proc/$pid/task/*; do renice -n -10 -p "${task##*/}" > /dev/null; done
-    wait_until 'grep -q "note load in" "$OUT/sim.log"' 100 || step "load not started"
-    rec_touch 2000 ""
-    awk 'BEGIN { slot = "0000" } !/^E:/ { next } $4 == "002f" { slot = $5 }
-         $4 == "0035" && slot == "0000" { x0 = $5; sub(/^0+/, "", x0); print x0 }' "$OUT/touch.trace" > /tmp/x0.got
-    awk -v scans=$SCANS 'BEGIN { for (f = 0; f < scans; f++) print 100 + (f % 3000) }' > /tmp/x0.want
-    step "scans sent: $(grep -c ' tx 06 0a' "$OUT/sim.log"), reports sent: $(grep -c ' tx 06 ' "$OUT/sim.log")"
-    step "frames received: $(grep -c '^SYN_REPORT$' "$OUT/touch.events")"
-    cmp -s /tmp/x0.got /tmp/x0.want && step "contact 0 moves: all $SCANS, in order" ||
-        step "contact 0 moves: $(wc -l < /tmp/x0.got) of $SCANS or out of order"
-    dmesg | grep -q 'Event data for report' && step "kernel dropped reports"
-    for f in touch.trace sim.log touch.events; do head -n 300 "$OUT/$f" > "$OUT/$f.head" && rm -f "$OUT/$f"; done
 }
 
 # Virtual keys (BACK, HOME, VKEYReportMod 3): a press every third pressed report [03 04 36 2F
