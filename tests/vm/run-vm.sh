@@ -93,20 +93,12 @@ boot_guests
 # Reports how VM $1 went; false when it never reached its script.
 report_vm() {
     console=$OUT/console-$1.log
-    rc=$(cat "$VMDIR/vm-$1.rc" 2> /dev/null)
     booted=$(tr -d '\r' < "$console" | sed -n 's/.*@@BED-BOOTED \([0-9.]*\).*/\1/p' | head -n 1)
     echo "run-vm: VM $1: boot time ${booted:-?} s to the guest script (guest uptime)"
     tr -d '\r' < "$console" | grep '@@BED-WARN' | sed "s/.*@@BED-WARN/run-vm: VM $1: guest warning:/"
-    problem=""
-    if [ -f "$VMDIR/vm-$1.hung" ]; then
-        problem="its $(cat "$VMDIR/vm-$1.hung"); it was killed"
-    elif [ "$rc" = 124 ] || [ "$rc" = 137 ]; then
-        problem="it hung and was killed at its time limit"
-    elif ! grep -q '@@BED-DONE' "$console"; then
-        problem="it stopped early (status $rc)"
-    fi
-    if [ -n "$problem" ]; then
-        echo "run-vm: VM $1: $problem; last console lines ($console):" >&2
+    if ! grep -q '@@BED-DONE' "$console"; then
+        why=$(cat "$VMDIR/vm-$1.hung" 2>/dev/null || echo "qemu status $(cat "$VMDIR/vm-$1.rc"), 124: its time limit")
+        echo "run-vm: VM $1 stopped early ($why); last console lines ($console):" >&2
         tail -n 30 "$console" | tr -d '\r' >&2
     fi
     [ -n "$booted" ] || { echo "run-vm: VM $1 never reached its script" >&2; return 1; }

@@ -24,20 +24,6 @@ emit_file() {
     echo "@@BED-FILE-END"
 }
 
-# Kills what a scenario left running (process names are cut at 15 characters).
-kill_leftovers() {
-    local status name pid
-    for status in /proc/[0-9]*/status; do
-        name=$(sed -n 's/^Name:[[:space:]]*//p' "$status" 2>/dev/null)
-        case "$name" in
-        TavrineD | tavrine-sim | tavrine-evrec | systemd-udevd | libinput-debug-)
-            pid=${status#/proc/}
-            kill -9 "${pid%/status}" 2>/dev/null
-            ;;
-        esac
-    done
-}
-
 # Reloads the HID drivers, which forgets product ids added through new_id.
 reset_hid_drivers() {
     local m
@@ -58,7 +44,7 @@ run_one() {
     (cd "$dir" && OUT=$out SCENARIO=${dir##*/} CASE=$4 timeout -s KILL "$limit" sh ./run.sh > "$out/run.out" 2>&1)
     RC=$?
     [ "$RC" = 137 ] && echo "killed after $limit s" >> "$out/run.out"
-    kill_leftovers
+    killall -9 TavrineD tavrine-sim tavrine-evrec systemd-udevd libinput-debug-events 2>/dev/null  # leftovers
     sleep 0.2
     dmesg > "$out/dmesg.txt"
     for f in /data/*; do
