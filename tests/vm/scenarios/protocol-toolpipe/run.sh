@@ -12,15 +12,6 @@ setup_within() {
     [ "$ms" -ge "$1" ] && [ "$ms" -le "$2" ] && step "set-up within $1..$2 ms" || step "set-up took $ms ms"
 }
 
-# Garbage answers: random bytes, an 'F' fragment of 255 bytes with 45 continuations (more than
-# a reply buffer), an unknown command byte, a parallel report with a wrong count.
-garbage() {
-    local frags=$(i=0; while [ $i -lt 45 ]; do printf ' ; reply 03 04 00 47 47 47'; i=$((i + 1)); done)
-    local burst="reply garbage 64 ; reply 03 04 46 ff 47 47$frags ; reply 03 3f ff 01 02 03 ; reply 06 ff ff ff 00 10"
-    echo "on 03 $burst"
-    echo "on 05 $burst"
-}
-
 # One read (128 bytes at most, $1 s) of the tool's output pipe, as hex.
 read_pipe() {
     timeout "$1" dd if=/data/MorvelPipe_out bs=128 count=1 2>/dev/null | od -An -tx1 -v | tr -s ' \n' '  ' | sed 's/^ //; s/ $//'
@@ -48,10 +39,6 @@ ctl() {
     cat /tmp/ctl.err >> "$OUT/$tag.out"
 }
 
-received_after() {
-    sed -n "/note $1/,\$p" "$OUT/sim.log" | sed -n 's/^[0-9.]* rx //p' > "$OUT/$2"
-}
-
 # USB: version, model, type, loop-back, an unanswered command (1); no daemon, no PID file (3).
 cli_usb() {
     ctl usb-version --timeout 4000 version
@@ -60,7 +47,7 @@ cli_usb() {
     ctl usb-raw --timeout 4000 raw 03 01 41
     sim_do note tool silent
     ctl usb-silent --usb --timeout 800 raw 03 01 4b
-    received_after "tool silent" usb-silent.rx
+    sed -n '/note tool silent/,$p' "$OUT/sim.log" | sed -n 's/^[0-9.]* rx //p' > "$OUT/usb-silent.rx"
     TavrineD -k > /dev/null 2>&1
     wait_until '[ "$(daemon_count)" = 0 ]' 50
     ctl stopped version
