@@ -73,19 +73,7 @@ mkdir -p "$VMDIR"
 [ -z "$DAEMON_BIN" ] || [ -x "$DAEMON_BIN" ] || die "--daemon $DAEMON_BIN is not an executable"
 STAGE=$VMDIR/stage
 build_programs || die "the simulator or the recorder did not build"
-[ -n "$DAEMON_WHY" ] && echo "run-vm: $DAEMON_WHY" >&2
-
-# Scenarios that need the daemon fail at once when there is none.
-TO_RUN=""
-EARLY_FAIL=""
-for s in $SCENARIOS; do
-    if [ -f "$(scenario_dir "$s")/needs-daemon" ] && [ -z "$DAEMON_BIN" ]; then
-        EARLY_FAIL="$EARLY_FAIL $s"
-    else
-        TO_RUN="$TO_RUN $s"
-    fi
-done
-SCENARIOS=$TO_RUN
+[ -n "$DAEMON_BIN" ] || die "$DAEMON_WHY"
 build_initramfs || die "could not build the initramfs"
 
 boot_guests
@@ -114,10 +102,6 @@ CONSOLES=$(ls "$OUT"/console-*.log)
 split_console
 passed=0
 failed=0
-for s in $EARLY_FAIL; do
-    echo "FAIL $s: needs the daemon: $DAEMON_WHY"
-    failed=$((failed + 1))
-done
 for s in $SCENARIOS; do
     if judge_scenario "$s"; then passed=$((passed + 1)); else failed=$((failed + 1)); fi
 done

@@ -1,5 +1,4 @@
-# Helpers for run.sh inside the VM. OUT: the scenario's (or case's) output folder, sent back
-# to the host; steps.txt in it is the transcript.
+# Helpers for run.sh in the VM; OUT, sent back to the host, holds the transcript steps.txt.
 
 step() { echo "$*" >> "$OUT/steps.txt"; }
 
@@ -34,8 +33,7 @@ wait_until() {
 
 pid_file_pid() { [ -f /data/TouchPID ] && tr -d '\000' < /data/TouchPID | tr -d ' '; }
 
-# start_sim SCRIPT: a simulator in the background (SIM_PID, log $OUT/sim.log), driven by
-# sim_do ACTION (one step action, e.g. "send 06 01 ..."); waits for its port.
+# start_sim SCRIPT: a simulator (SIM_PID, log $OUT/sim.log) that sim_do ACTION drives.
 start_sim() {
     rm -f /tmp/bed.sim.ready /tmp/bed.sim.ctl
     tavrine-sim "$1" --log "$OUT/sim.log" --ready /tmp/bed.sim.ready --control /tmp/bed.sim.ctl &
@@ -89,8 +87,8 @@ contacts_down() {
                print "contacts down at the end: " n }' "$1"
 }
 
-# rec_touch IDLE_MS GO: records the touch device (protocol check on) while shell command GO
-# makes the controller touch; steps the check's status and the contacts left down.
+# rec_touch IDLE_MS GO: records the touch device (protocol check on) while GO runs; steps the
+# check's status and the contacts left down.
 rec_touch() {
     rm -f /tmp/rec.ready
     start_evrec MorvelTouch_VirtualDevice touch.trace --check --wait-ms 5000 --idle-ms "$1" --ready /tmp/rec.ready
@@ -139,18 +137,11 @@ check_log() {
     done
 }
 
-# case_script A[+B...]: /tmp/case.scn joined from the files (a name without .scn or .steps:
-# what that function prints), descriptor paths made absolute.
-case_script() {
-    echo "$1" | tr '+' '\n' | while read -r f; do
-        case "$f" in *.scn | *.steps) cat "$f" ;; *) "$f" ;; esac
-    done |
-        sed "s#^descriptor-file \.\./#descriptor-file $PWD/../#" > /tmp/case.scn
-}
+# case_script A[+B...]: /tmp/case.scn joined from the files, descriptor paths made absolute.
+case_script() { cat $(echo "$1" | tr '+' ' ') | sed "s#^descriptor-file \.\./#descriptor-file $PWD/../#" > /tmp/case.scn; }
 
-# play_case: settings (field 3; kernel=V fakes /proc/version), a simulator per script of
-# field 2 ('-': none and no daemon), the daemon and its set-up, the commands of field 4, the
-# log texts of field 5; what the controller received goes to cmds.txt.
+# play_case: settings (field 3; kernel=V fakes /proc/version), a simulator per script of field
+# 2 ('-': none, no daemon), the daemon, the commands of field 4, the log texts of field 5.
 play_case() {
     local kernel n=0
     kernel=$(case_field 3 | tr ' ' '\n' | sed -n 's/^kernel=//p')

@@ -2,17 +2,10 @@
 . /bed/lib.sh
 
 # Line speeds set on the port of sim log $1 (but 38400, the pty's own).
-speeds() {
-    sed -n 's/^[0-9.]* line \([0-9]*\) .*/\1/p' "$OUT/$1" | grep -v '^38400$' | uniq | head -n 8 | tr '\n' ' '
-}
+speeds() { sed -n 's/^[0-9.]* line \([0-9]*\) .*/\1/p' "$OUT/$1" | grep -v '^38400$' | uniq | head -n 8 | tr '\n' ' '; }
 
-log_lines() {
-    grep -o "$1" "$(daemon_log)" | sort | uniq -c >> "$OUT/steps.txt"
-}
-
-record() {
-    start_evrec MorvelTouch_VirtualDevice touch.trace --wait-ms 20000 --duration-ms 15000 --count "$1"
-}
+log_lines() { grep -o "$1" "$(daemon_log)" | sort | uniq -c >> "$OUT/steps.txt"; }
+record() { start_evrec MorvelTouch_VirtualDevice touch.trace --wait-ms 20000 --duration-ms 15000 --count "$1"; }
 
 recorded() {
     wait_until 'grep -q "note reports sent" "$OUT/sim.log"' 250
