@@ -11,14 +11,12 @@ trap 'rm -rf "$WORK"' EXIT
 STAGE=$WORK/stage
 DAEMON_BIN=none   # the simulator only
 build_programs || { echo "vm-scripts: the simulator did not build"; exit 1; }
-mkdir -p "$WORK/bed/sim"
-mkdir -p "$WORK/bed/scenarios"
+mkdir -p "$WORK/bed/sim" "$WORK/bed/scenarios"
 for dir in "$BED/scenarios" "$REPO/bench/vm" "$REPO/scripts/demo"; do
     [ -d "$dir" ] && cp -r "$dir/." "$WORK/bed/scenarios/"
 done
 cp -r "$STAGE/share/tavrine-sim/descriptors" "$WORK/bed/sim/descriptors"
-passed=0
-failed=0
+passed=0 failed=0
 for f in "$WORK"/bed/scenarios/*/*.steps; do
     [ -f "$f" ] && cat "${f%/*}/pcap4155.scn" "$f" > "${f%.steps}.steps.scn"
 done

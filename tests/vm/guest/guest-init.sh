@@ -18,20 +18,13 @@ for m in hid uhid hid-generic hid-multitouch uinput evdev serio_raw serport; do
 done
 echo "@@BED-BOOTED $(cut -d' ' -f1 /proc/uptime)"
 
-emit_file() {
-    echo "@@BED-FILE $1 $2"
-    base64 < "$3"
-    echo "@@BED-FILE-END"
-}
-
 # Reloads the HID drivers, which forgets product ids added through new_id.
 reset_hid_drivers() {
     local m
     for m in hid_multitouch hid_generic; do
         rmmod "$m" 2> /tmp/rmmod.err || echo "@@BED-WARN rmmod $m before $1: $(cat /tmp/rmmod.err)"
     done
-    grep -q '^hid_generic ' /proc/modules || insmod /lib/modules/hid-generic.ko
-    grep -q '^hid_multitouch ' /proc/modules || insmod /lib/modules/hid-multitouch.ko
+    for m in hid-generic hid-multitouch; do grep -q "^$(echo $m | tr - _) " /proc/modules || insmod "/lib/modules/$m.ko"; done
 }
 
 # run_one DIR OUT LIMIT CASE: one scenario or case from a clean /data, /tmp and HID drivers.
@@ -75,7 +68,7 @@ run_scenario() {
         rc=$RC
     fi
     (cd "$out" && find . -type f | sed 's|^\./||') | while read -r rel; do
-        emit_file "$name" "$rel" "$out/$rel"
+        echo "@@BED-FILE $name $rel"; base64 < "$out/$rel"; echo "@@BED-FILE-END"
     done
     echo "@@BED-SCENARIO-END $name rc=$rc start=$start end=$(cut -d' ' -f1 /proc/uptime)"
 }

@@ -43,14 +43,8 @@ build_programs_locked() {
 build_programs() {
     want_daemon=0
     [ -z "$DAEMON_BIN" ] && want_daemon=1
-    with_build_lock build_programs_locked "$want_daemon" || {
-        cat "$BUILD/build.log" >&2
-        return 1
-    }
-    if [ ! -f "$BUILD/stage.ok-sim" ]; then
-        cat "$BUILD/build.log" >&2
-        return 1
-    fi
+    with_build_lock build_programs_locked "$want_daemon" && [ -f "$BUILD/stage.ok-sim" ] ||
+        { cat "$BUILD/build.log" >&2; return 1; }
     SIM_BIN=$STAGE/bin/tavrine-sim
     EVREC_BIN=$STAGE/bin/tavrine-evrec
     [ "$want_daemon" = 1 ] || return 0

@@ -3,17 +3,11 @@
 
 MODULES="hid uhid hid-generic hid-multitouch uinput evdev serio_raw serport"
 
-# Copies module $1 as plain .ko into $2, decompressing when needed.
+# Copies module $1 as plain .ko into $2 (Debian ships .ko, or .ko.xz from trixie on).
 copy_module() {
-    src=$(find "$KROOT"/lib/modules/*/kernel -name "$1.ko" -o -name "$1.ko.xz" -o -name "$1.ko.zst" -o \
-        -name "$1.ko.gz" | head -n 1)
+    src=$(find "$KROOT"/lib/modules/*/kernel -name "$1.ko" -o -name "$1.ko.xz" | head -n 1)
     [ -n "$src" ] || { echo "run-vm: module $1 not found in the kernel package" >&2; return 1; }
-    case "$src" in
-    *.xz) xz -dc "$src" > "$2/$1.ko" ;;
-    *.zst) zstd -qdc "$src" > "$2/$1.ko" ;;
-    *.gz) gzip -dc "$src" > "$2/$1.ko" ;;
-    *) cp "$src" "$2/$1.ko" ;;
-    esac
+    case "$src" in *.xz) xz -dc "$src" > "$2/$1.ko" ;; *) cp "$src" "$2/$1.ko" ;; esac
 }
 
 build_initramfs() {
