@@ -1,8 +1,6 @@
 #!/bin/sh
-# Host check of the scenarios' simulator scripts, without the VM: every *.scn parses with
-# the installed tavrine-sim, laid out as in the guest (descriptor-file paths such as
-# ../../sim/descriptors/default.hex resolve as they do under /bed/scenarios/<name>/).
-# Prints one line per failing script and "vm-scripts: N passed, N failed".
+# Host check without the VM: every scenario script (a *.steps after pcap4155.scn) parses with
+# the installed tavrine-sim, laid out as in the guest. Ends "vm-scripts: N passed, N failed".
 set -u
 BED=$(cd "$(dirname "$0")" && pwd)
 REPO=$(cd "$BED/../.." && pwd)
@@ -13,15 +11,12 @@ trap 'rm -rf "$WORK"' EXIT
 STAGE=$WORK/stage
 DAEMON_BIN=none   # the simulator only
 build_programs || { echo "vm-scripts: the simulator did not build"; exit 1; }
-mkdir -p "$WORK/bed/sim"
-mkdir -p "$WORK/bed/scenarios"
+mkdir -p "$WORK/bed/sim" "$WORK/bed/scenarios"
 for dir in "$BED/scenarios" "$REPO/bench/vm" "$REPO/scripts/demo"; do
     [ -d "$dir" ] && cp -r "$dir/." "$WORK/bed/scenarios/"
 done
 cp -r "$STAGE/share/tavrine-sim/descriptors" "$WORK/bed/sim/descriptors"
-passed=0
-failed=0
-# A family's *.steps files are played after its pcap4155.scn set-up answers.
+passed=0 failed=0
 for f in "$WORK"/bed/scenarios/*/*.steps; do
     [ -f "$f" ] && cat "${f%/*}/pcap4155.scn" "$f" > "${f%.steps}.steps.scn"
 done

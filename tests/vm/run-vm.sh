@@ -1,17 +1,8 @@
 #!/bin/sh
-# Boots a stock Debian kernel under qemu with the project's static programs
-# (installed into a staging prefix by cmake --install) and runs end-to-end
-# scenarios inside it. See tests/vm/README.md.
-#
-#   tests/vm/run-vm.sh [--out DIR] [--timeout SECS] [--daemon PATH] [--jobs N] [--list]
-#                      [SCENARIO...]
-#
-# Without scenario names every folder in tests/vm/scenarios runs, except
-# those with a file named 'manual' (long soaks); the benchmarks (bench/vm)
-# and the demo (scripts/demo) run only by name. The
-# scenarios are dealt out to N VMs booted side by side (default: 2 when the
-# machine has 2 cores or more, else 1); each VM runs its share in one boot.
-# Exit status: 0 all passed, 1 a scenario failed, 2 the bed could not run.
+# Boots a stock Debian kernel under qemu with the project's static programs and runs the
+# scenarios of tests/vm/scenarios (bench/vm and scripts/demo ones only by name), dealt out to
+# N VMs side by side. See tests/vm/README.md.
+#   tests/vm/run-vm.sh [--out DIR] [--daemon PATH] [--jobs N] [--list] [SCENARIO...]
 set -u
 
 REPO=$(cd "$(dirname "$0")/../.." && pwd)
@@ -19,7 +10,6 @@ BED=$REPO/tests/vm
 BUILD=${TAVRINE_VM_BUILD:-$BED/.build}
 CACHE=${TAVRINE_CACHE:-$HOME/.cache/tavrine}
 KROOT=$CACHE/kernel/root
-VM_TIMEOUT=""
 JOBS=""
 DAEMON_BIN=""
 DAEMON_WHY=""
@@ -30,12 +20,8 @@ die() {
     exit 2
 }
 
-# Folders that hold scenarios: the tests, the benchmarks (bench/vm: they run only by name)
-# and the demo's gesture (scripts/demo). In the guest all of them sit side by side under
-# /bed/scenarios, so one scenario may use another's files.
+# In the guest all roots sit side by side under /bed/scenarios: scenarios share files.
 SCENARIO_ROOTS="$BED/scenarios $REPO/bench/vm $REPO/scripts/demo"
-
-# Prints the folder of scenario $1; false when no root holds it.
 scenario_dir() {
     for root in $SCENARIO_ROOTS; do
         [ -f "$root/$1/run.sh" ] && { echo "$root/$1"; return 0; }
@@ -50,7 +36,7 @@ scenario_dir() {
 
 all_scenarios() {
     for d in "$BED"/scenarios/*/; do
-        [ -f "$d/run.sh" ] && [ ! -f "$d/manual" ] && basename "$d"
+        [ -f "$d/run.sh" ] && basename "$d"
     done
 }
 
@@ -58,21 +44,17 @@ SCENARIOS=""
 while [ $# -gt 0 ]; do
     case "$1" in
     --out) OUT=$2; shift 2 ;;
-    --timeout) VM_TIMEOUT=$2; shift 2 ;;
     --jobs) JOBS=$2; shift 2 ;;
     --daemon) DAEMON_BIN=$(cd "$(dirname "$2")" && pwd)/$(basename "$2"); shift 2 ;;
     --list) all_scenarios; exit 0 ;;
-    -h | --help) sed -n '2,14p' "$0"; exit 0 ;;
+    -h | --help) sed -n '5p' "$0"; exit 0 ;;
     -*) die "unknown option $1" ;;
     *) scenario_dir "$1" > /dev/null || die "no scenario $1 (in tests/vm/scenarios, bench/vm or scripts/demo)"
        SCENARIOS="$SCENARIOS $1"; shift ;;
     esac
 done
 [ -n "$SCENARIOS" ] || SCENARIOS=$(all_scenarios | tr '\n' ' ')
-if [ -z "$JOBS" ]; then
-    JOBS=1
-    [ "$(nproc)" -ge 2 ] && JOBS=2
-fi
+[ -n "$JOBS" ] || JOBS=$(( $(nproc) >= 2 ? 2 : 1 ))
 case "$JOBS" in '' | *[!0-9]* | 0) die "--jobs needs a positive number" ;; esac
 
 deps_log=$(mktemp)
@@ -80,8 +62,7 @@ deps_log=$(mktemp)
 rm -f "$deps_log"
 [ -f "$CACHE/kernel/vmlinuz" ] || die "no kernel in $CACHE/kernel (scripts/install-vm-deps.sh)"
 mkdir -p "$BUILD"
-# Each run has folders of its own, so that runs started side by side (by
-# several people in one work tree) do not share their VM files.
+# A folder per run: runs started side by side in one work tree share no VM files.
 [ -n "$OUT" ] || OUT=$BUILD/logs/$(date +%Y%m%d-%H%M%S)-$$
 mkdir -p "$OUT"
 ln -sfn "$OUT" "$BUILD/logs/latest" 2>/dev/null
@@ -92,19 +73,7 @@ mkdir -p "$VMDIR"
 [ -z "$DAEMON_BIN" ] || [ -x "$DAEMON_BIN" ] || die "--daemon $DAEMON_BIN is not an executable"
 STAGE=$VMDIR/stage
 build_programs || die "the simulator or the recorder did not build"
-[ -n "$DAEMON_WHY" ] && echo "run-vm: $DAEMON_WHY" >&2
-
-# Scenarios that need the daemon fail at once when there is none.
-TO_RUN=""
-EARLY_FAIL=""
-for s in $SCENARIOS; do
-    if [ -f "$(scenario_dir "$s")/needs-daemon" ] && [ -z "$DAEMON_BIN" ]; then
-        EARLY_FAIL="$EARLY_FAIL $s"
-    else
-        TO_RUN="$TO_RUN $s"
-    fi
-done
-SCENARIOS=$TO_RUN
+[ -n "$DAEMON_BIN" ] || die "$DAEMON_WHY"
 build_initramfs || die "could not build the initramfs"
 
 boot_guests
@@ -112,20 +81,12 @@ boot_guests
 # Reports how VM $1 went; false when it never reached its script.
 report_vm() {
     console=$OUT/console-$1.log
-    rc=$(cat "$VMDIR/vm-$1.rc" 2> /dev/null)
     booted=$(tr -d '\r' < "$console" | sed -n 's/.*@@BED-BOOTED \([0-9.]*\).*/\1/p' | head -n 1)
     echo "run-vm: VM $1: boot time ${booted:-?} s to the guest script (guest uptime)"
     tr -d '\r' < "$console" | grep '@@BED-WARN' | sed "s/.*@@BED-WARN/run-vm: VM $1: guest warning:/"
-    problem=""
-    if [ -f "$VMDIR/vm-$1.hung" ]; then
-        problem="its $(cat "$VMDIR/vm-$1.hung"); it was killed"
-    elif [ "$rc" = 124 ] || [ "$rc" = 137 ]; then
-        problem="it hung and was killed at its time limit"
-    elif ! grep -q '@@BED-DONE' "$console"; then
-        problem="it stopped early (status $rc)"
-    fi
-    if [ -n "$problem" ]; then
-        echo "run-vm: VM $1: $problem; last console lines ($console):" >&2
+    if ! grep -q '@@BED-DONE' "$console"; then
+        why=$(cat "$VMDIR/vm-$1.hung" 2>/dev/null || echo "qemu status $(cat "$VMDIR/vm-$1.rc"), 124: its time limit")
+        echo "run-vm: VM $1 stopped early ($why); last console lines ($console):" >&2
         tail -n 30 "$console" | tr -d '\r' >&2
     fi
     [ -n "$booted" ] || { echo "run-vm: VM $1 never reached its script" >&2; return 1; }
@@ -141,10 +102,6 @@ CONSOLES=$(ls "$OUT"/console-*.log)
 split_console
 passed=0
 failed=0
-for s in $EARLY_FAIL; do
-    echo "FAIL $s: needs the daemon: $DAEMON_WHY"
-    failed=$((failed + 1))
-done
 for s in $SCENARIOS; do
     if judge_scenario "$s"; then passed=$((passed + 1)); else failed=$((failed + 1)); fi
 done

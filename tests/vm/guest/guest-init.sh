@@ -1,8 +1,6 @@
 #!/bin/sh
-# Runs inside the test VM as busybox init's sysinit action: mounts the
-# kernel file systems, loads the input modules, runs each scenario named in
-# /bed/run-list and prints its files between markers on the console, then
-# powers the VM off. Markers may be preceded by terminal noise on a line.
+# busybox init's sysinit in the VM: mounts, loads the input modules, runs this VM's scenarios
+# (bedrun= on the kernel command line), prints their files between console markers, powers off.
 export PATH=/bed/bin:/bin:/sbin
 export HOME=/tmp
 
@@ -20,41 +18,16 @@ for m in hid uhid hid-generic hid-multitouch uinput evdev serio_raw serport; do
 done
 echo "@@BED-BOOTED $(cut -d' ' -f1 /proc/uptime)"
 
-# Prints one file base64-encoded between markers.
-emit_file() {
-    echo "@@BED-FILE $1 $2"
-    base64 < "$3"
-    echo "@@BED-FILE-END"
-}
-
-# Kills what a scenario left running: daemons, simulators, recorders, udev and
-# libinput's readers (process names are cut at 15 characters).
-kill_leftovers() {
-    local status name pid
-    for status in /proc/[0-9]*/status; do
-        name=$(sed -n 's/^Name:[[:space:]]*//p' "$status" 2>/dev/null)
-        case "$name" in
-        TavrineD | tavrine-sim | tavrine-evrec | systemd-udevd | libinput-debug-)
-            pid=${status#/proc/}
-            kill -9 "${pid%/status}" 2>/dev/null
-            ;;
-        esac
-    done
-}
-
-# Puts back what a scenario may have changed in the kernel: the HID drivers
-# are loaded afresh, which forgets product ids added through new_id.
+# Reloads the HID drivers, which forgets product ids added through new_id.
 reset_hid_drivers() {
     local m
     for m in hid_multitouch hid_generic; do
         rmmod "$m" 2> /tmp/rmmod.err || echo "@@BED-WARN rmmod $m before $1: $(cat /tmp/rmmod.err)"
     done
-    grep -q '^hid_generic ' /proc/modules || insmod /lib/modules/hid-generic.ko
-    grep -q '^hid_multitouch ' /proc/modules || insmod /lib/modules/hid-multitouch.ko
+    for m in hid-generic hid-multitouch; do grep -q "^$(echo $m | tr - _) " /proc/modules || insmod "/lib/modules/$m.ko"; done
 }
 
-# Runs one scenario, or one case of a family (CASE: its line of the family's cases file),
-# from a clean /data and /tmp and fresh HID drivers; its files go to $2; RC: run.sh's status.
+# run_one DIR OUT LIMIT CASE: one scenario or case from a clean /data, /tmp and HID drivers.
 run_one() {
     local dir=$1 out=$2 limit=$3 f
     rm -rf /data/* /data/.[!.]* /tmp/* /tmp/.[!.]*
@@ -64,7 +37,7 @@ run_one() {
     (cd "$dir" && OUT=$out SCENARIO=${dir##*/} CASE=$4 timeout -s KILL "$limit" sh ./run.sh > "$out/run.out" 2>&1)
     RC=$?
     [ "$RC" = 137 ] && echo "killed after $limit s" >> "$out/run.out"
-    kill_leftovers
+    killall -9 TavrineD tavrine-sim tavrine-evrec systemd-udevd libinput-debug-events 2>/dev/null  # leftovers
     sleep 0.2
     dmesg > "$out/dmesg.txt"
     for f in /data/*; do
@@ -72,9 +45,7 @@ run_one() {
     done
 }
 
-# A family (a folder with a cases file) plays each case in turn, in $out/<case> (its timeout
-# file gives the limit of the whole family, and of each case); its status is that of the
-# first case that failed.
+# A family plays each case in turn into $out/<case>; its status is its first failing case's.
 run_scenario() {
     local name dir out limit start rc rel line
     name=$1
@@ -97,15 +68,12 @@ run_scenario() {
         rc=$RC
     fi
     (cd "$out" && find . -type f | sed 's|^\./||') | while read -r rel; do
-        emit_file "$name" "$rel" "$out/$rel"
+        echo "@@BED-FILE $name $rel"; base64 < "$out/$rel"; echo "@@BED-FILE-END"
     done
     echo "@@BED-SCENARIO-END $name rc=$rc start=$start end=$(cut -d' ' -f1 /proc/uptime)"
 }
 
-# This VM's share of the scenarios comes on the kernel command line
-# (bedrun=a,b,c); /bed/run-list holds all of them.
 list=$(tr ' ' '\n' < /proc/cmdline | sed -n 's/^bedrun=//p' | tr ',' ' ')
-[ -n "$list" ] || list=$(cat /bed/run-list)
 for name in $list; do
     run_scenario "$name"
 done

@@ -1,15 +1,9 @@
-# Builds the bed's programs with the project's own static build and installs them, the way a
-# user installs them, into a staging prefix (sourced by run-vm.sh and check-scripts.sh).
-# Needs: REPO, BUILD. Sets STAGE (a copy of the staging prefix for this run), SIM_BIN and
-# EVREC_BIN; DAEMON_BIN and CTL_BIN (empty when they did not build) unless DAEMON_BIN was
-# given; DAEMON_WHY when the daemon did not build.
-#
-# GCC 12 sees the inlined write(2) of a whole input_event as reading past its first member
-# (-Wstringop-overread, a false positive); here it stays a warning so that the bed tests
-# behaviour. The main build keeps its gate.
+# Builds the programs statically and installs them by component into a staging prefix, copied
+# to STAGE (sourced by run-vm.sh and check-scripts.sh). Sets SIM_BIN, EVREC_BIN, and unless
+# DAEMON_BIN was given DAEMON_BIN and CTL_BIN (empty when they did not build, DAEMON_WHY why).
+# -Wstringop-overread stays a warning: GCC 12 misreads the inlined write of an input_event.
 
-# Runs "$@" while holding the build folder's lock: runs started side by side share the
-# build folder and the staging prefix.
+# Runs "$@" holding the build folder's lock (runs side by side share it).
 with_build_lock() {
     mkdir -p "$BUILD"
     (
@@ -18,8 +12,7 @@ with_build_lock() {
     ) 9> "$BUILD/build.lock"
 }
 
-# Configures $BUILD/daemon; builds and installs component $1 (targets $2...) into
-# $BUILD/stage. Output goes to $BUILD/build.log.
+# build_component COMPONENT TARGET...: into $BUILD/stage, output in $BUILD/build.log.
 build_component() {
     component=$1
     shift
@@ -28,14 +21,13 @@ build_component() {
             >> "$BUILD/build.log" 2>&1
 }
 
-# $1: 1 to build the daemon and tavrinectl too. Leaves $BUILD/stage.ok-* markers.
+# $1: 1 to build the daemon and tavrinectl too; leaves $BUILD/stage.ok-* markers.
 build_programs_locked() {
     : > "$BUILD/build.log"
     rm -f "$BUILD"/stage.ok-*
     cmake -S "$REPO" -B "$BUILD/daemon" -DTAVRINE_STATIC=ON -DTAVRINE_BUILD_TESTS=OFF \
         -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_FLAGS=-Wno-error=stringop-overread \
         >> "$BUILD/build.log" 2>&1 || return 1
-    # The man pages come with each component when pandoc is there.
     man=""
     grep -q '^TAVRINE_PANDOC:FILEPATH=/' "$BUILD/daemon/CMakeCache.txt" && man=man
     build_component sim tavrine-sim tavrine-evrec $man && touch "$BUILD/stage.ok-sim"
@@ -43,7 +35,7 @@ build_programs_locked() {
         build_component daemon TavrineD $man && touch "$BUILD/stage.ok-daemon"
         build_component tool tavrinectl $man && touch "$BUILD/stage.ok-tool"
     fi
-    # This run's own copy: a run started later may install again while this one packs.
+    # A copy of its own: a later run may install again while this one packs.
     rm -rf "$STAGE"
     cp -a "$BUILD/stage" "$STAGE"
 }
@@ -51,14 +43,8 @@ build_programs_locked() {
 build_programs() {
     want_daemon=0
     [ -z "$DAEMON_BIN" ] && want_daemon=1
-    with_build_lock build_programs_locked "$want_daemon" || {
-        cat "$BUILD/build.log" >&2
-        return 1
-    }
-    if [ ! -f "$BUILD/stage.ok-sim" ]; then
-        cat "$BUILD/build.log" >&2
-        return 1
-    fi
+    with_build_lock build_programs_locked "$want_daemon" && [ -f "$BUILD/stage.ok-sim" ] ||
+        { cat "$BUILD/build.log" >&2; return 1; }
     SIM_BIN=$STAGE/bin/tavrine-sim
     EVREC_BIN=$STAGE/bin/tavrine-evrec
     [ "$want_daemon" = 1 ] || return 0

@@ -1,23 +1,13 @@
-# Builds the VM's initramfs (sourced by run-vm.sh).
-# Needs: REPO, BED, VMDIR (this run's own folder), KROOT (unpacked kernel package), CACHE,
-# STAGE (the staging prefix), SIM_BIN, EVREC_BIN, DAEMON_BIN and CTL_BIN (may be empty),
-# SCENARIOS (names). Sets INITRAMFS.
-# TAVRINE_VM_EXTRA (optional): a folder whose tree is copied over the root, for programs
-# that only some scenarios use (scripts/bench.sh puts tslib there).
+# Builds the VM's initramfs into INITRAMFS (sourced by run-vm.sh); TAVRINE_VM_EXTRA, a folder
+# copied over the root, brings programs only some scenarios use (tslib for scripts/bench.sh).
 
 MODULES="hid uhid hid-generic hid-multitouch uinput evdev serio_raw serport"
 
-# Copies module $1 as plain .ko into $2, decompressing when needed.
+# Copies module $1 as plain .ko into $2 (Debian ships .ko, or .ko.xz from trixie on).
 copy_module() {
-    src=$(find "$KROOT"/lib/modules/*/kernel -name "$1.ko" -o -name "$1.ko.xz" -o -name "$1.ko.zst" -o \
-        -name "$1.ko.gz" | head -n 1)
+    src=$(find "$KROOT"/lib/modules/*/kernel -name "$1.ko" -o -name "$1.ko.xz" | head -n 1)
     [ -n "$src" ] || { echo "run-vm: module $1 not found in the kernel package" >&2; return 1; }
-    case "$src" in
-    *.xz) xz -dc "$src" > "$2/$1.ko" ;;
-    *.zst) zstd -qdc "$src" > "$2/$1.ko" ;;
-    *.gz) gzip -dc "$src" > "$2/$1.ko" ;;
-    *) cp "$src" "$2/$1.ko" ;;
-    esac
+    case "$src" in *.xz) xz -dc "$src" > "$2/$1.ko" ;; *) cp "$src" "$2/$1.ko" ;; esac
 }
 
 build_initramfs() {
@@ -40,15 +30,12 @@ build_initramfs() {
     cp "$SIM_BIN" "$EVREC_BIN" "$root/bed/bin/"
     [ -n "$DAEMON_BIN" ] && cp "$DAEMON_BIN" "$root/bed/bin/TavrineD"
     [ -n "${CTL_BIN:-}" ] && cp "$CTL_BIN" "$root/bed/bin/tavrinectl"
-    # The installed sample descriptors, where scenario scripts name them
-    # (descriptor-file ../../sim/descriptors/default.hex from /bed/scenarios/<name>/).
+    # Where scripts name them: ../../sim/descriptors/default.hex from /bed/scenarios/<name>/.
     mkdir -p "$root/bed/sim"
     cp -r "$STAGE/share/tavrine-sim/descriptors" "$root/bed/sim/descriptors"
-    # All of them, side by side: scenarios may share files.
     for dir in $SCENARIO_ROOTS; do
         [ -d "$dir" ] && cp -r "$dir/." "$root/bed/scenarios/"
     done
-    echo "$SCENARIOS" | tr ' ' '\n' | sed '/^$/d' > "$root/bed/run-list"
     if wants_libinput; then
         add_libinput "$root" || return 1
     fi
@@ -60,8 +47,6 @@ build_initramfs() {
     rm -rf "$root"
 }
 
-# True when one of the scenarios to run reads the daemon's devices through udev and
-# libinput (a file named needs-libinput in its folder).
 wants_libinput() {
     for s in $SCENARIOS; do
         [ -f "$(scenario_dir "$s")/needs-libinput" ] && return 0
@@ -73,10 +58,8 @@ LIBINPUT_RULES="50-udev-default 60-evdev 60-input-id 60-persistent-input 65-libw
     70-touchpad 80-libinput-device-groups 90-libinput-fuzz-override"
 LIBINPUT_HWDB="60-evdev 60-input-id 65-libwacom 70-mouse 70-pointingstick 70-touchpad"
 
-# Copies Debian's udev and libinput, unpacked by scripts/install-vm-deps.sh, into root $1 at
-# their usual paths: udevadm (also as systemd-udevd), systemd-hwdb, libinput's debug-events and
-# list-devices, libinput's udev helpers, the input rules, a hwdb compiled from the input
-# hwdb files, libinput's quirks, libwacom's data and every library these programs load.
+# Copies Debian's udev and libinput (unpacked by scripts/install-vm-deps.sh) into root $1:
+# programs, input rules, a compiled hwdb, quirks, libwacom's data and their libraries.
 add_libinput() {
     src=$CACHE/libinput/root
     [ -x "$src/bin/udevadm" ] || { echo "run-vm: no udev/libinput in $src (scripts/install-vm-deps.sh)" >&2; return 1; }
@@ -111,7 +94,6 @@ add_libinput() {
         mkdir -p "$1$(dirname "$dest")"
         cp -L "$lib" "$1$dest"
     done
-    # The project's Linux install files, for the scenarios that install them as the README says.
     mkdir -p "$1/bed/platform"
     cp -r "$REPO/platform/linux" "$1/bed/platform/"
     printf 'root:x:0:0:root:/tmp:/bin/sh\nnobody:x:65534:65534:nobody:/:/bin/false\n' > "$1/etc/passwd"

@@ -1,5 +1,4 @@
-# Splits the VM console into per-scenario files and judges each scenario
-# (sourced by run-vm.sh). Needs: BED, OUT, CONSOLES (the console logs).
+# Splits the consoles into per-scenario files and judges each scenario (sourced by run-vm.sh).
 
 # Writes every file printed between markers to $OUT/<scenario>/<path>.
 split_console() {
@@ -29,15 +28,13 @@ scenario_end_line() {
     cat $CONSOLES | tr -d '\r' | sed -n "s/.*@@BED-SCENARIO-END $1 //p" | head -n 1
 }
 
-# Compares each expected.<name> of scenario $1 with the actual <name>;
-# prints the unified diffs and returns 1 when any differs.
+# Compares each expected.<name> (expected.<case>.<file> in a family) of scenario $1.
 compare_expected() {
     status=0
     for exp in "$(scenario_dir "$1")"/expected.*; do
         [ -f "$exp" ] || continue
         name=${exp##*/expected.}
         actual=$OUT/$1/$name
-        # expected.<case>.<file> of a family: the file of that case's folder.
         [ -d "$OUT/$1/${name%%.*}" ] && actual=$OUT/$1/${name%%.*}/${name#*.}
         [ -f "$actual" ] || : > "$OUT/$1/$name.missing"
         [ -f "$actual" ] || actual=$OUT/$1/$name.missing

@@ -1,9 +1,5 @@
-# Latency of each probe touch: from the simulator's 'tx' of a report 06 (time
-# taken before the write) to the SYN_REPORT of the first frame on the touch
-# device that shows its position (positions are unique within a run).
-#   awk -f latency.awk probe-sim.log probe.trace
-# Prints one latency in microseconds per matched touch, then a last line
-# "sent N received N".
+# awk -f latency.awk SIM_LOG TRACE: per probe touch the us from the simulator's tx of report
+# 06 to the first frame showing its (unique) position, then "sent N received N".
 function hexv(s,   i, v) {
     v = 0; s = tolower(s)
     for (i = 1; i <= length(s); i++) v = v * 16 + index("0123456789abcdef", substr(s, i, 1)) - 1

@@ -1,6 +1,4 @@
-# Faults: each line of cases is one fault the daemon must live through (play_case in
-# /bed/lib.sh); the functions below are the case-specific steps. With script '-' a case
-# plugs its controllers itself.
+# Faults the daemon must live through, one case a line of cases.
 . ../usb-touch/touch-env.sh
 PCAP=../usb-touch/pcap4155.scn
 
@@ -9,9 +7,8 @@ removals() { count 'Device \[/dev/hidraw0\] was removed, existed device amount =
 setups() { count 'Device\[/dev/hidraw0\] Setup Done'; }
 same_pid() { step "TavrineD processes: $(daemon_count), same pid: $([ "$(pid_file_pid)" = "$1" ] && echo yes)"; }
 
-# SIGKILL with a finger down, then -f: the virtual devices vanish with the daemon (the old
-# touch device's recorder sees it removed), the new daemon sets the controller up again and
-# the next touch is a fresh contact that ends released.
+# SIGKILL with a finger down, then -f: the devices vanish with the daemon, the new one sets
+# the controller up again and the next touch is a fresh contact.
 sigkill() {
     local old=$(pid_file_pid)
     touch_record old.trace
@@ -30,10 +27,8 @@ sigkill() {
     tap
 }
 
-# No uinput node: the set-up fails with the open error, the daemon keeps scanning (DeviceNums
-# 2: with 1 the failed device fills the list and no scan pass follows). A SIGUSR2 (the
-# plug-and-play check) drops the failed device after an unplug; plugged again with the node
-# back, the controller is set up and a touch arrives.
+# No uinput node: set-up fails, scanning goes on (DeviceNums 2: with 1 the failed device fills
+# the list); SIGUSR2 drops it after an unplug; with the node back it is set up again.
 no_uinput() {
     local pid at
     mkdir -p /tmp/saved
@@ -60,8 +55,7 @@ no_uinput() {
     same_pid "$pid"
 }
 
-# Unplug on the first command of set-up, then on the format command after it: each time the
-# daemon lives on, logs the removal and drops the half-made device; plugged again it serves.
+# Unplug on set-up's first command, then on the format command: the half-made device goes.
 unplug_setup() {
     local pid
     received() { grep -c " rx $*" "$OUT/sim.log"; }
@@ -84,11 +78,9 @@ unplug_setup() {
     same_pid "$pid"
 }
 
-# data_dir ro|full MESSAGE: the data folder turns read-only or full (a 1 MiB tmpfs filled)
-# before a controller is plugged whose set-up must add its block to the settings file (its
-# only block names another address). The log is bind-mounted from /tmp to stay writable. The
-# settings file stays byte for byte, MESSAGE is logged, the controller is set up, a touch
-# arrives.
+# data_dir ro|full MESSAGE: /data read-only or full (1 MiB tmpfs filled; the log bind-mounted
+# from /tmp) when a controller needing a new settings block plugs: the file stays byte for
+# byte, MESSAGE is logged, the controller is served.
 data_dir() {
     local size pid log
     size=$(awk '$2 == "/data" { print $4 }' /proc/mounts | tr ',' '\n' | grep '^size=')
@@ -118,10 +110,8 @@ data_dir() {
     cp /tmp/daemon.log "$OUT/daemon.log"
 }
 
-# Unplug while the daemon adds its block to a settings file padded to about 600 KB (the copy
-# into TavrineA.tmp takes a while; the unplug comes as soon as that file appears). The file
-# is then the old one, or the old one with exactly the new block before "[EndOfFile]"; no
-# temporary file is left; the daemon lives on and serves the controller plugged again.
+# Unplug as soon as TavrineA.tmp appears while a block is added to a 600 KB settings file:
+# the file is the old one or has exactly the new block, no temporary file is left.
 unplug_rewrite() {
     local pid tries=0 keep len result
     { sed '/^\[EndOfDevice\]/,$d' /data/TavrineA.ini
@@ -154,5 +144,51 @@ unplug_rewrite() {
     same_pid "$pid"
 }
 
-. ./flood.sh
+# flood: a second controller sends a valid report 5000 times a second for 5 s while the probe
+# controller's touches, every 250 ms, must each reach its device within 20 ms; the daemon's
+# VmRSS grows at most 1024 kB.
+hx() { printf '%02x %02x' $(($1 % 256)) $(($1 / 256)); }
+flood() {
+    local before after i=0 lat pid
+    # The set-up answers of a PCAP4155 controller, read from /tmp; the probe's tx times are
+    # taken before the write; the load starts once the format command ends its set-up.
+    sed "s#^descriptor-file \.\./#descriptor-file $PWD/../#" ../usb-touch/pcap4155.scn > /tmp/pcap.scn
+    { cat /tmp/pcap.scn; printf 'phys usb-probe/input0\nstamp before\n'; } > /tmp/probe.scn
+    { cat /tmp/pcap.scn; printf 'phys usb-load/input0\nwait rx 05 02 timeout 30s\nafter 300 clock\n'
+      printf 'at 0 rate 5000/s for 5s send 06 01 01 00 00 08 00 04\nafter 500 note load ends\n'; } > /tmp/load.scn
+    touch_start /tmp/probe.scn && step "probe controller set up" || step "probe controller not set up"
+    pid=$(pid_file_pid)
+    # The simulator shares the guest's one CPU: its catching up is no daemon latency.
+    for task in /proc/$pid/task/*; do renice -n -10 -p "${task##*/}" > /dev/null; done
+    touch_record probe.trace --check
+    tavrine-sim /tmp/load.scn --log /tmp/load.log --ready /tmp/load.ready &
+    load_pid=$!
+    wait_until 'grep -q "note load ends\|clock" /tmp/load.log 2>/dev/null' 300 || step "load controller not set up"
+    before=$(awk '/^VmRSS:/ { print $2 }' "/proc/$pid/status")
+    # tail, not grep: the load's log grows by thousands of lines a second
+    while ! tail -n 1 /tmp/load.log | grep -q "note load ends"; do
+        i=$((i + 1))
+        sim_do send 06 01 01 00 $(hx $((100 + i))) $(hx 700)
+        sleep 0.25
+    done
+    sim_do send 06 01 00 00 $(hx $((100 + i))) $(hx 700)
+    after=$(awk '/^VmRSS:/ { print $2 }' "/proc/$pid/status")
+    stop_pid "$load_pid"
+    wait_until 'grep -q "USB Device \[/dev/hidraw1\] is removed" "$(daemon_log)"' 100 || step "removal of the load controller not logged"
+    echo "load controller sent $(grep -c ' tx ' /tmp/load.log) reports in 5 s; VmRSS $before -> $after kB" >> "$OUT/figures.txt"
+    step "flood: daemon alive: $(is_daemon "$pid" && echo yes)"
+    [ -n "$before" ] && [ -n "$after" ] && [ "$after" -le $((before + 1024)) ] &&
+        step "flood: VmRSS within 1024 kB of its start" || step "flood: VmRSS $before -> $after kB"
+    sleep 0.3
+    stop_pid "$EVREC_PID"
+    step "probe protocol check status $?"
+    awk -f latency.awk "$OUT/sim.log" "$OUT/probe.trace" > /tmp/lat
+    tail -n 1 /tmp/lat >> "$OUT/figures.txt"
+    lat=$(sed '$d' /tmp/lat | sort -n | tail -n 1)
+    echo "probe latency max ${lat:-?} us; all (us): $(sed '$d' /tmp/lat | tr '\n' ' ')" >> "$OUT/figures.txt"
+    awk '/^sent/ { print ($2 > 0 && $2 == $4) ? "every probe touch arrived" : "probe touches lost: " $0 }' /tmp/lat >> "$OUT/steps.txt"
+    [ -n "$lat" ] && [ "$lat" -le 20000 ] && step "probe touches within 20 ms" || step "probe latency max ${lat:-?} us"
+    step "TavrineD processes: $(daemon_count), same pid: $([ "$(pid_file_pid)" = "$pid" ] && echo yes)"
+    cat "$OUT/figures.txt"
+}
 play_case

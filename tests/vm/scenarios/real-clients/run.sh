@@ -1,34 +1,16 @@
-# Real clients of the daemon's devices: libinput through udev, and a replay of a recorded
-# session; each line of cases is one case (play_case in /bed/lib.sh), which starts its own
-# daemons and controllers.
+# Real clients of the daemon's devices: libinput through udev.
 . /bed/lib.sh
 
-# The daemon's devices read by the desktop's own client: systemd-udevd with
-# Debian's input rules and hwdb classifies them, libinput (debug-events, on
-# the two nodes) reads two fingers, a far-corner tap and a pen stroke. One
-# boot plays every mode of the table: plain Linux (no getprop anywhere on
-# the PATH), Android 2.3 and Android 9 (a getprop stand-in answering the
-# release). Per mode (<mode>.txt): the udev properties and the evdev
-# description of both devices, the events an evdev reader of the touch
-# device gets (protocol check on) and libinput's events without times.
-# On Android 2.3 the multi sync stream is what is compared: a lifted contact
-# is the frame entry with ABS_MT_TOUCH_MAJOR 0, which Android's reader drops;
-# libinput reads the device through mtdev, which takes a contact as lifted
-# only when a frame leaves it out, so its record of that mode is kept apart
-# (android2.3.libinput) for reading, not compared. Then the
-# Linux install of the README: the udev rule from platform/linux and the
-# unit's start and stop commands; libinput's device list shows the kernel's
-# own hid-multitouch node of the controller only while the unit's marker
-# file is absent, and exactly one touch and one tablet device while it is
-# there, also after the controller is unplugged and plugged again; the
-# screen's size given to udev's hwdb reaches libinput.
+# udevd with Debian's rules and hwdb, libinput reading two fingers, a far-corner tap and a pen
+# stroke, on plain Linux (no getprop) and Android 9: per mode (<mode>.txt) udev's properties,
+# the evdev description, the touch events (protocol check on) and libinput's events. Then
+# the README's Linux install: libinput sees the controller's own node only without the unit's
+# marker, one touch and one tablet device with it (also after a re-plug), the hwdb's size.
 libinput_modes() {
     # mode        release (- : no getprop at all)
     MODES="linux -
-    android2.3 2.3
     android9 9"
 
-    # Prints the event node name (eventN) of the input device named $1.
     event_of() {
         grep -l "^$1\$" /sys/class/input/event*/device/name 2>/dev/null | sed 's|^/sys/class/input/\(event[0-9]*\)/.*|\1|'
     }
@@ -39,25 +21,15 @@ libinput_modes() {
     udevadm trigger --action=add && udevadm settle
     pidof systemd-udevd > /dev/null && step "systemd-udevd runs"
 
-    # start_controller MODE RELEASE: plugs the controller, starts the daemon (with
-    # a getprop answering RELEASE first on its PATH, or with no getprop at all)
-    # and waits for its set-up and both virtual devices.
+    # start_controller MODE RELEASE ('-': no getprop at all): controller, daemon, set-up.
     start_controller() {
-        rm -f /data/Tavrine_* /data/TouchPID /tmp/sim.ready /tmp/bed.sim.ctl
-        printf '[TavrineA.ini]\nDebugEnableBits 3\nShowDebugPosition 0\nDeviceNums 1\nScanInterface 1\n[String]\nSerialPath default\n\n[Device_No.0]\nResolX 1919\nResolY 1079\n[EndOfDevice]\n[EndOfFile]' \
-            > /data/TavrineA.ini
+        rm -f /data/Tavrine_* /data/TouchPID /tmp/sim.ready /tmp/bed.sim.ctl /tmp/bin/getprop
+        case_settings bits=3 ResolX=1919 ResolY=1079 android=${2#-}
         tavrine-sim libinput.scn --log "$OUT/$1.sim.log" --ready /tmp/sim.ready --control /tmp/bed.sim.ctl &
         SIM_PID=$!
         wait_until '[ -e /tmp/sim.ready ]' 50 || return 1
-        if [ "$2" = - ]; then
-            command -v getprop > /dev/null && return 1
-            TavrineD -f > /dev/null 2>&1
-        else
-            mkdir -p "/tmp/$1"
-            printf '#!/bin/sh\necho %s\n' "$2" > "/tmp/$1/getprop"
-            chmod 755 "/tmp/$1/getprop"
-            PATH=/tmp/$1:$PATH TavrineD -f > /dev/null 2>&1
-        fi
+        command -v getprop > /dev/null && return 1
+        start_daemon
         wait_until 'grep -q "Device\[/dev/hidraw0\] Setup Done" "$(daemon_log)" 2>/dev/null' 300 &&
             wait_until 'has_input MorvelTouch_VirtualDevice && has_input MorvelTouch_VirtualPen' 50 &&
             udevadm settle
@@ -121,30 +93,21 @@ libinput_modes() {
         {
             echo "# touch device events"
             cat /tmp/touch.events
-            if [ "$mode" = android2.3 ]; then
-                normalize "$OUT/$mode.raw" > "$OUT/$mode.libinput"
-            else
-                echo "# libinput events"
-                normalize "$OUT/$mode.raw"
-            fi
+            echo "# libinput events"
+            normalize "$OUT/$mode.raw"
         } >> "$OUT/$mode.txt"
         wait "$PEN_REC"
         step "$mode: pen events $(grep -c '^E:' /tmp/pen.trace)"
         stop_controller
     done
 
-    # The README's Linux install: the rule where `cmake --install` puts it, the
-    # daemon started as the unit starts it, then the unit's own commands.
+    # The rule where `cmake --install` puts it, the daemon as the unit starts it.
     mkdir -p /usr/lib/udev/rules.d
     cp /bed/platform/linux/70-tavrine.rules /usr/lib/udev/rules.d/
     udevadm control --reload
     unit=/bed/platform/linux/tavrined.service.in
-    # unit_commands KEY: the unit's KEY= command lines, without their prefix characters.
-    unit_commands() {
-        sed -n "s/^$1=[-+!@:]*//p" "$unit"
-    }
-    run_unit() {
-        unit_commands "$1" | while read -r cmd; do
+    run_unit() {  # the unit's $1= command lines, without their prefix characters
+        sed -n "s/^$1=[-+!@:]*//p" "$unit" | while read -r cmd; do
             sh -c "$cmd" || step "unit $1 failed: $cmd"
         done
         udevadm settle
@@ -175,8 +138,7 @@ libinput_modes() {
         udevadm settle
         echo "# the controller unplugged and plugged again"
         libinput_screens
-        # The screen's real size given to udev's hwdb as the README says (480 x 270 mm with
-        # ResolX 1919 and ResolY 1079: 4 units per millimetre on both axes), daemon restarted.
+        # 480 x 270 mm in the hwdb as the README says: 4 units/mm with ResolX 1919, ResolY 1079.
         mkdir -p /etc/udev/hwdb.d
         sed 's/=::[0-9]*$/=::4/' /bed/platform/linux/61-tavrine-screen.hwdb > /etc/udev/hwdb.d/61-tavrine-screen.hwdb
         systemd-hwdb update && udevadm control --reload
@@ -193,148 +155,11 @@ libinput_modes() {
         libinput_screens
     } > "$OUT/install.screens"
     stop_controller
-    # The guest as it was for the scenarios after this one: no udev, no install.
     kill "$(pidof systemd-udevd)" 2>/dev/null
     sleep 0.2
     umount /run
     rm -f /usr/lib/udev/rules.d/70-tavrine.rules /etc/udev/hwdb.d/61-tavrine-screen.hwdb
     systemd-hwdb update
-}
-
-# Field-log replay, one case per port kind: a session is recorded in the daemon's debug log
-# (every category on), then played back with tavrine-sim --from-log into a fresh daemon.
-# Both runs' evdev traces must be the same event for event (times aside), set-up must reach
-# the same outcome, and the tool's command must get the same answer from the replay.
-#
-# Case table: name, ScanInterface, SerialPath, session script, recorded devices, tool command.
-replay_log() {
-    CASES='usb 1 default usb.scn MorvelTouch_VirtualDevice,MorvelTouch_VirtualPen --usb raw 03 01 41
-    rs232 2 /dev/ttyTAV0 rs232.scn MorvelTouch_VirtualDevice --serial raw 0a 01 41'
-
-    # The daemon registers ABS_MT_SLOT only on an Android release above 3; the guest has no
-    # getprop, so one answering "9" goes first on its PATH.
-    mkdir -p /tmp/replaybin
-    printf '#!/bin/sh\necho 9\n' > /tmp/replaybin/getprop
-    chmod 755 /tmp/replaybin/getprop
-
-    # Starts one recorder per device named in $2 (comma-separated) into $OUT/$1-<device>.trace.
-    start_recorders() {
-        RECORDERS=""
-        for dev in $(echo "$2" | tr ',' ' '); do
-            start_evrec "$dev" "$1-$dev.trace" --wait-ms 60000
-            RECORDERS="$RECORDERS $EVREC_PID"
-        done
-    }
-
-    stop_recorders() {
-        for pid in $RECORDERS; do stop_pid "$pid"; done
-    }
-
-    # Starts the daemon with every log category on, for case $1 (ScanInterface $2, SerialPath $3).
-    start_daemon() {
-        write_settings "$2" "$3"
-        sed -i 's/^DebugEnableBits 1$/DebugEnableBits 7fffff/' /data/TavrineA.ini
-        PATH=/tmp/replaybin:$PATH TavrineD -f > "$OUT/$1-start.out" 2>&1
-    }
-
-    # Ends a run: the daemon and the simulator are stopped and /data is emptied.
-    end_run() {
-        TavrineD -k > /dev/null 2>&1
-        wait_until '[ "$(daemon_count)" = 0 ]' 50
-        stop_pid "$SIM_PID"
-        rm -rf /data/*
-    }
-
-    # Prints the times in ms of the reports (reads that are no replies) in daemon log $1.
-    read_times() {
-        grep 'Read from device' "$1" | grep -v 'byte: \[0[3A]\]' |
-            sed 's/^\[\([0-9]*\):\([0-9]*\):\([0-9]*\):\([0-9]*\)\].*/\1 \2 \3 \4/' |
-            awk '{ print (($1 * 60 + $2) * 60 + $3) * 1000 + $4 }'
-    }
-
-    # Prints the times in ms of the reports sent in simulator log $1 (tx lines but replies).
-    sent_times() {
-        awk '$2 == "tx" && $3 != "03" && $3 != "0a" { printf "%d\n", $1 * 1000 }' "$1"
-    }
-
-    # True when the replay (simulator log $2) sent the reports at the offsets from the first
-    # one at which the recorded daemon read them (daemon log $1), each within $3 ms (the guest's
-    # one CPU delays a send now and then). The largest difference is printed.
-    spacing_kept() {
-        read_times "$1" > /tmp/times.rec
-        sent_times "$2" > /tmp/times.rep
-        [ -s /tmp/times.rec ] && [ "$(wc -l < /tmp/times.rec)" = "$(wc -l < /tmp/times.rep)" ] ||
-            return 1
-        paste /tmp/times.rec /tmp/times.rep | awk -v tol="$3" '
-            NR == 1 { f1 = $1; f2 = $2 }
-            { d = ($1 - f1) - ($2 - f2); if (d < 0) d = -d; if (d > max) max = d }
-            END { print "largest difference of offsets: " max + 0 " ms"; exit max > tol }'
-    }
-
-    # Prints set-up's outcome from log $1: identification, series and event protocol.
-    setup_outcome() {
-        grep -E "Type:.*Model|AllocateSeries|EventType =" "$1" | sed 's/^\[[^]]*\]-: [^ ]* //'
-    }
-
-    echo "$CASES" | while read -r name scan path script devices tool; do
-        # The recorded session.
-        start_sim "$script"
-        mv "$OUT/sim.log" "$OUT/$name-sim.log"
-        start_recorders "$name" "$devices"
-        start_daemon "$name" "$scan" "$path"
-        wait_setup 400 || step "$name: recorded session: set-up not done"
-        tavrinectl $tool > "$OUT/$name-tool.txt" 2>&1
-        wait_until 'grep -q "note session done" "$OUT/$name-sim.log"' 300 ||
-            step "$name: recorded session: not played"
-        sleep 0.5
-        stop_recorders
-        cp "$(daemon_log)" "$OUT/$name.log"
-        end_run
-
-        # The replay into a fresh daemon.
-        rm -f /tmp/replay.ready
-        tavrine-sim --from-log "$OUT/$name.log" --log "$OUT/$name-replay-sim.log" \
-            --ready /tmp/replay.ready 2> "$OUT/$name-replay.txt" &
-        SIM_PID=$!
-        wait_until '[ -e /tmp/replay.ready ]' 50
-        start_recorders "$name-replay" "$devices"
-        start_daemon "$name-replay" "$scan" "$path"
-        wait_setup 400 || step "$name: replay: set-up not done"
-        wait_until 'grep -q "note replay done" "$OUT/$name-replay-sim.log"' 300 ||
-            step "$name: replay: not played to its end"
-        sleep 0.5
-        stop_recorders
-        tavrinectl $tool > "$OUT/$name-replay-tool.txt" 2>&1
-        cp "$(daemon_log)" "$OUT/$name-replay.log"
-        end_run
-
-        # The comparisons.
-        setup_outcome "$OUT/$name.log" > /tmp/outcome.rec
-        setup_outcome "$OUT/$name-replay.log" > /tmp/outcome.rep
-        cmp -s /tmp/outcome.rec /tmp/outcome.rep && step "$name: set-up outcome the same:" ||
-            step "$name: set-up outcome differs:"
-        sed "s/^/$name:   /" /tmp/outcome.rep >> "$OUT/steps.txt"
-        for dev in $(echo "$devices" | tr ',' ' '); do
-            rec=$OUT/$name-$dev.trace
-            rep=$OUT/$name-replay-$dev.trace
-            tavrine-evrec check "$rec" > /dev/null 2>&1 || step "$name $dev: recorded trace fails the check"
-            down=$(grep -cE '^E:.*(ABS_MT_TRACKING_ID|BTN_TOUCH)' "$rec")
-            strip_times "$rec" /tmp/rec.nt
-            strip_times "$rep" /tmp/rep.nt
-            sed -i '/^# end:/d' /tmp/rec.nt /tmp/rep.nt
-            if diff -u /tmp/rec.nt /tmp/rep.nt > "$OUT/$name-$dev.diff"; then
-                step "$name $dev: replay the same event for event ($down tracking or touch events in each)"
-            else
-                step "$name $dev: replay differs (see $name-$dev.diff)"
-            fi
-        done
-        spacing_kept "$OUT/$name.log" "$OUT/$name-replay-sim.log" 75 > "$OUT/$name-spacing.txt" &&
-            step "$name: reports sent with the recorded spacing (each within 75 ms)" ||
-            step "$name: reports not sent with the recorded spacing ($(cat "$OUT/$name-spacing.txt"))"
-        [ "$(cat "$OUT/$name-tool.txt")" = "$(cat "$OUT/$name-replay-tool.txt")" ] &&
-            step "$name: tool answer the same: $(cat "$OUT/$name-replay-tool.txt")" ||
-            step "$name: tool answer differs: $(cat "$OUT/$name-tool.txt") / $(cat "$OUT/$name-replay-tool.txt")"
-    done
 }
 
 play_case

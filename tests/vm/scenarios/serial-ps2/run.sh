@@ -1,31 +1,19 @@
-# RS232 and PS/2 controllers: each line of cases is one set-up by a fresh daemon (play_case
-# in /bed/lib.sh); the functions below are the case-specific steps.
+# RS232 and PS/2 controllers, one case a line of cases.
 . /bed/lib.sh
 
-# Line speeds set on the port of simulator log $1 (38400, the pty's own, left out).
-speeds() {
-    sed -n 's/^[0-9.]* line \([0-9]*\) .*/\1/p' "$OUT/$1" | grep -v '^38400$' | uniq | head -n 8 | tr '\n' ' '
-}
+# Line speeds set on the port of sim log $1 (but 38400, the pty's own).
+speeds() { sed -n 's/^[0-9.]* line \([0-9]*\) .*/\1/p' "$OUT/$1" | grep -v '^38400$' | uniq | head -n 8 | tr '\n' ' '; }
 
-# Steps how often each match of the regular expression $1 is in the daemon's log.
-log_lines() {
-    grep -o "$1" "$(daemon_log)" | sort | uniq -c >> "$OUT/steps.txt"
-}
+log_lines() { grep -o "$1" "$(daemon_log)" | sort | uniq -c >> "$OUT/steps.txt"; }
+record() { start_evrec MorvelTouch_VirtualDevice touch.trace --wait-ms 20000 --duration-ms 15000 --count "$1"; }
 
-# record N: records N events of the touch device in the background.
-record() {
-    start_evrec MorvelTouch_VirtualDevice touch.trace --wait-ms 20000 --duration-ms 15000 --count "$1"
-}
-
-# Waits for the simulator's last report and the recorder; the events go to touch.events.
 recorded() {
     wait_until 'grep -q "note reports sent" "$OUT/sim.log"' 250
     wait "$EVREC_PID"
     plain_events "$OUT/touch.trace" "$OUT/touch.events"
 }
 
-# Answers only at 57600: the speed search tries 9600 and 19200 first; 6-byte reports
-# (contact letter in the sixth byte, Y mirrored) reach the touch device.
+# Answers only at 57600, after 9600 and 19200; its 6-byte reports reach the touch device.
 reports() {
     record 31
     recorded
@@ -33,8 +21,7 @@ reports() {
     log_lines 'Set Device \[/dev/ttyTAV0\] BaudRate [0-9]*'
 }
 
-# A boot-loader controller is accepted through its IAP reply at 19200, the only speed where
-# it answers; a port where nothing answers is tried at all four speeds, never accepted.
+# A boot loader answering only at 19200 is accepted; a silent port is tried at four speeds.
 bootloader() {
     wait_until '[ "$(grep -c "failed to check device \[/dev/ttyTAV1\]" "$(daemon_log)")" -ge 2 ]' 250
     step "boot-loader port, line speeds set: $(speeds sim.log)"
@@ -43,8 +30,8 @@ bootloader() {
     log_lines 'Set Device \[[^]]*\] BaudRate [0-9]*'
 }
 
-# A silent controller (NoDeviceCheck 0) is removed by the receive loop's presence check (750
-# empty wake-ups of 20 ms or more, then the loop-back), and found again once it answers.
+# A silent controller is removed by the presence check (750 empty 20 ms wake-ups, then the
+# loop-back) and found again once it answers.
 removal() {
     local log=$(daemon_log)
     wait_until '[ "$(grep -c "Entering DevRxLoop" $log)" -ge 2 ]' 600
@@ -56,11 +43,11 @@ removal() {
     [ "$check" -ge 14500 ] && [ "$check" -le 30000 ] && step "presence check after 14.5-30 s"
     [ "$removal" -gt "$check" ] && [ "$removal" -le $((check + 5000)) ] && step "removed by the loop-back check"
     log_lines 'Found a RS232 device at port \[/dev/ttyTAV0\]'
-    step "loop-backs at 57600: $(grep -c ' match line [678]$' "$OUT/sim.log")"
+    # removal.scn lines 4-6: the loop-back rules
+    step "loop-backs at 57600: $(grep -c ' match line [456]$' "$OUT/sim.log")"
 }
 
-# The tool's reset command (fourth byte ':', fifth 0xFF) on a controller that comes back at
-# another speed: the daemon searches again, follows it to 9600 and reads its 5-byte reports.
+# The tool's reset command: the controller comes back at 9600, the daemon follows it.
 reset() {
     wait_until 'grep -q "rx 0a 02 34 01" "$OUT/sim.log"' 250
     sleep 0.5
@@ -71,8 +58,7 @@ reset() {
     step "line speed now: $(sed -n 's/^[0-9.]* line //p' "$OUT/sim.log" | tail -n 1)"
 }
 
-# The tool's report switch: with 0A 02 34 00 the point reports reach the output pipe as
-# 64-byte packets starting 0x0A and write no input event; 0A 02 34 01 restores touch input.
+# Report switch 0A 02 34 00: points go to the output pipe, not to input; 01 restores input.
 toolswitch() {
     wait_until 'grep -q "rx 0a 02 34 01" "$OUT/sim.log"' 250
     sleep 0.5
@@ -85,9 +71,8 @@ toolswitch() {
     recorded
 }
 
-# Two PS/2 ports (the bed's raw-mode ptys at /dev/serio_raw0 and 1): 0xFA bytes anywhere
-# vanish, 5-byte reports (Y mirrored) reach the touch device (both devices have the same
-# name and reports: either will do); one scan pass adds both ports.
+# Two PS/2 ports (raw-mode ptys at /dev/serio_raw0, 1): 0xFA bytes vanish, 5-byte reports
+# reach a touch device, one scan pass adds both ports.
 ps2() {
     record 10
     recorded

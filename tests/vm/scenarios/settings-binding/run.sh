@@ -1,18 +1,12 @@
-# The self-written settings file and new_id binding (play_case in /bed/lib.sh runs a case).
+# The self-written settings file.
 . /bed/lib.sh
 
-# usb_scn NAME [PHYS [PRODUCT]]: /tmp/NAME.scn, a USB controller that answers nothing.
-usb_scn() {
-    { echo "port usb"; echo "descriptor-file $PWD/../../sim/descriptors/default.hex"
-      [ -n "$2" ] && echo "phys $2"; [ -n "$3" ] && echo "product 0x$3"; } > "/tmp/$1.scn"
-}
+# usb_scn NAME PHYS: /tmp/NAME.scn, a USB controller that answers nothing.
+usb_scn() { printf 'port usb\ndescriptor-file %s\nphys %s\n' "$PWD/../../sim/descriptors/default.hex" "$2" > "/tmp/$1.scn"; }
 
-# inifile: no file: the first device generates it whole. DeviceNums 2 with two controllers
-# on different physical addresses: the first claims the empty address of block 0, the second
-# adds block 1 in front of [EndOfFile]. A third start changes nothing. A fourth start adds
-# three controllers whose physical addresses read as words of the file ([EndOfFile],
-# [Device_No.0], [EndOfDevice]; any process can make such a uhid device): all five are
-# served, and the file stays as it was. -r names a serial path that does not exist.
+# inifile: the first device writes the file whole; with DeviceNums 2 a second address adds
+# block 1; a restart with three more controllers whose addresses read as the file's words
+# ([EndOfFile], [Device_No.0], [EndOfDevice]) serves all five and changes nothing.
 inifile() {
     usb_scn usb-a usb-sim-a/input0
     usb_scn usb-b usb-sim-b/input0
@@ -24,7 +18,7 @@ inifile() {
         SIM_B=$!
         wait_until '[ -e /tmp/b.ready ]' 50
     }
-    # Set-up ends with the report switch-on (command 0x34) to each controller.
+    # Set-up ends with the report switch-on (0x34) to each controller.
     set_up() { for f in "$@"; do grep -q 'rx 03 02 34' "$f" 2>/dev/null || return 1; done; }
     tasks() {  # kept for a hung daemon: its threads and where they wait
         for t in /proc/$(pid_file_pid)/task/*; do echo "$1 $t $(cut -d' ' -f3 $t/stat) $(cat $t/wchan)"; done >> "$OUT/tasks.txt"
@@ -53,14 +47,6 @@ inifile() {
     cp /data/TavrineA.ini "$OUT/two-devices.ini"
     stop_all
 
-    start_sim /tmp/usb-a.scn
-    start_b
-    TavrineD -f -r /dev/ttyTAVnone > "$OUT/start3.out" 2>&1
-    wait_until 'set_up "$OUT/sim.log" "$OUT/sim-b.log"' 200 || tasks phase3
-    cmp -s /data/TavrineA.ini "$OUT/two-devices.ini" && step "third start: file unchanged" || cp /data/TavrineA.ini "$OUT/third.ini"
-    grep -ho 'Found match physical address \[[^]]*\], device figure \[[0-9]\]' /data/Tavrine_*.log | sort >> "$OUT/steps.txt"
-    stop_all
-
     sed -i "s/^\(DeviceNums[[:space:]]*\)2$/\15/" /data/TavrineA.ini
     cp /data/TavrineA.ini /tmp/before-hostile.ini
     start_sim /tmp/usb-a.scn
@@ -72,65 +58,10 @@ inifile() {
     done
     TavrineD -f -r /dev/ttyTAVnone > "$OUT/start4.out" 2>&1
     wait_until 'set_up "$OUT/sim.log" "$OUT/sim-b.log" "$OUT/sim-eof.log" "$OUT/sim-hdr.log" "$OUT/sim-eod.log"' 300 || tasks phase4
-    cmp -s /data/TavrineA.ini /tmp/before-hostile.ini && step "fourth start, five devices: file unchanged" || cp /data/TavrineA.ini "$OUT/fourth.ini"
+    cmp -s /data/TavrineA.ini /tmp/before-hostile.ini && step "restart, five devices: file unchanged" || cp /data/TavrineA.ini "$OUT/fourth.ini"
+    grep -ho 'Found match physical address \[[^]]*\], device figure \[[0-9]\]' /data/Tavrine_*.log | sort >> "$OUT/steps.txt"
     grep -ho 'Physical address \[.*\] cannot be matched, use default setting' /data/Tavrine_*.log | sort >> "$OUT/steps.txt"
     stop_all
-}
-
-# newid: kernel HID driver binding through the real sysfs new_id files. "busybox
-# lsusb" lists 3c7a:0001, which is already an input device and gets no new_id
-# line. The DevPID entry 7e57 is written to hid-generic's and hid-multitouch's
-# new_id files; a 3c7a:7e57 device plugged afterwards is then taken by
-# hid-multitouch, which the kernel prefers over hid-generic once it knows the id.
-# The entry 7e5 (three digits, the settings file takes 1 to 4) is written as
-# 07e5, and a 3c7a:07e5 device is taken by hid-multitouch as well.
-# The guest's busybox shell runs "busybox" as its own applet whatever PATH
-# says, so a wrapper on PATH is never reached. The daemon therefore runs in a
-# private mount namespace where /bin/sh (the busybox binary, through its
-# link) is covered by a script: it defines "busybox" as a shell function that
-# answers "lsusb" with the listing and passes everything else to a copy of the
-# real busybox, and it runs the other applets linked to /bin/busybox as before.
-newid() {
-    mkdir -p /tmp/bbreal
-    cp /bin/busybox /tmp/bbreal/busybox
-    cat > /tmp/shwrap <<'WRAP'
-#!/tmp/bbreal/busybox sh
-busybox() { if [ "$1" = lsusb ]; then echo "Bus 001 Device 004: ID 3c7a:0001"; else /tmp/bbreal/busybox "$@"; fi; }
-case "${0##*/}" in
-sh) [ "$1" = -c ] && { eval "$2"; exit; }; exec /tmp/bbreal/busybox sh "$@" ;;
-*) exec /tmp/bbreal/busybox "${0##*/}" "$@" ;;
-esac
-WRAP
-    chmod 755 /tmp/shwrap
-
-    write_settings 1
-    sed -i -e 's/^DebugEnableBits 1$/DebugEnableBits 3/' -e 's/^SerialPath default$/&\nDevPID 7e57\nDevPID 7e5/' /data/TavrineA.ini
-    usb_scn usb-0001
-    usb_scn usb-7e57 usb-sim-7e57/input0 7e57
-    usb_scn usb-07e5 usb-sim-07e5/input0 07e5
-    start_sim /tmp/usb-0001.scn
-    ls /sys/bus/hid/drivers/hid-generic | grep -q '^0003:3C7A:0001\.' && step "3c7a:0001 bound to hid-generic"
-    unshare -m sh -c 'mount --make-rprivate / && mount --bind /tmp/shwrap /bin/sh && exec TavrineD -f' > "$OUT/start.out" 2>&1
-    log=$(ls /data/Tavrine_*.log | head -n 1)
-    wait_until 'grep -q "Entering DevRxLoop" $log' 250
-    grep -o "In lsusb: Get device \[3c7a\]:\[[0-9a-f]*\]\.\|', match device \[[0-9a-f]*\]\|Dismatch device \[[0-9a-f]*\]\|Entering AddPidTo[A-Za-z]* with VID\[3c7a\] PID\[[0-9a-f]*\]\|Add deviceID into [a-z-]* module failed" "$log" |
-        sort | uniq -c >> "$OUT/steps.txt"
-    SIMS=
-    for pid in 7e57 07e5; do
-        tavrine-sim /tmp/usb-$pid.scn --log "$OUT/sim-$pid.log" --ready /tmp/p-$pid.ready &
-        SIMS="$SIMS $!"
-        wait_until "[ -e /tmp/p-$pid.ready ]" 50
-        ID=$(echo $pid | tr a-f A-F)
-        wait_until "ls /sys/bus/hid/devices | grep -q '^0003:3C7A:$ID\.'" 30
-        for drv in hid-generic hid-multitouch; do
-            ls /sys/bus/hid/drivers/$drv | grep -q "^0003:3C7A:$ID\." && step "3c7a:$pid bound to $drv"
-        done
-    done
-    # The daemon goes first: with 3c7a:0001 unplugged it would teach the drivers
-    # that id on its next pass, and the ids would stay for later scenarios.
-    TavrineD -k > /dev/null 2>&1
-    for pid in $SIMS; do stop_pid "$pid"; done
-    stop_pid "$SIM_PID"
 }
 
 play_case

@@ -1,30 +1,15 @@
-# The USB touch family: each line of cases is one controller, set up by a fresh daemon
-# (see play_case in /bed/lib.sh); the functions below are the case-specific steps.
+# The USB touch path, one case a line of cases.
 . /bed/lib.sh
 
-# Both virtual devices with their names, ids, axes, keys and properties. With ABS_MT_SLOT
-# registered the input core resets the tracking id axis to 0..65535; the pen has no tilt
-# axes (kernel 6.1, Android 9).
-devices() {
-    for dev in MorvelTouch_VirtualDevice MorvelTouch_VirtualPen; do
-        tavrine-evrec record --name "$dev" --out /tmp/dev.trace --duration-ms 200
-        grep -v '^[E#]' /tmp/dev.trace >> "$OUT/devices.txt"
-    done
-    step "TavrineD processes: $(daemon_count)"
-}
+axes() { grep '^A: 3[56] ' "$OUT/touch.trace" | sed 's/^/axis /' >> "$OUT/steps.txt"; }
 
-axes() {
-    grep '^A: 3[56] ' "$OUT/touch.trace" | while read -r line; do step "axis $line"; done
-}
-
-# After the hostile reports the daemon runs on; the truncated one never passed the HID core.
 hostile() {
     dmesg | grep -q 'Event data for report 6 was too short' && step "truncated report dropped by the HID core"
     step "daemon still running: $(is_daemon "$(pid_file_pid)" && echo yes), TavrineD processes: $(daemon_count)"
 }
 
-# Unplug with a finger down: the release, then the device goes away; plugged again it is
-# served; 50 more unplug/plug cycles leave the daemon's descriptors and threads as they were.
+# Unplug with a finger down: the release, the device gone, served when plugged again; 50 more
+# cycles leave the daemon's descriptors and threads as they were.
 unplug() {
     local pid before n=0
     setups() { grep -c 'Device\[/dev/hidraw0\] Setup Done' "$(daemon_log)"; }
@@ -54,52 +39,8 @@ unplug() {
     step "TavrineD processes: $(daemon_count), same pid: $([ "$(pid_file_pid)" = "$pid" ] && echo yes)"
 }
 
-# 10 contacts at 1000 reports per second for 10 s (5000 scans of two 0x06 reports), then a
-# lift of all 10. Every contact moves in every scan (contact k at X = 100 + 350k + (f % 50),
-# contact 0 at X = 100 + (f % 3000), scan f), so the input core filters no frame: the reader
-# must see one frame per scan (5001 with the lift) and contact 0's X 5000 times, in order.
-# A simulator behind time sends at most 4 due reports a wake-up, as a controller polled
-# once a millisecond would.
-SCANS=5000
-load_steps() {
-    awk -v scans=$SCANS 'function le(v) { return sprintf("%02x %02x", v % 256, int(v / 256)) }
-    function slot(state, k, f,   x) {
-        x = (k == 0) ? 100 + (f % 3000) : 100 + 350 * k + (f % 50)
-        return sprintf(" %02x %02x %s %s 00 00 00 00", state, k, le(x), le(500 + 300 * k))
-    }
-    function scan(state, f,   k, a, b) {
-        a = "06 0a"; b = "06 00"
-        for (k = 0; k < 5; k++) a = a slot(state, k, f)
-        for (k = 5; k < 10; k++) b = b slot(state, k, f)
-        printf "at %d send %s\nat %d send %s\n", t, a, t + 1, b
-        t += 2
-    }
-    BEGIN { print "burst 4\nat 4500 note load in 1.5 s"; t = 6000; for (f = 0; f < scans; f++) scan(1, f); scan(0, scans - 1) }'
-}
-
-# The daemon's threads run above the bed's programs (as a touch daemon on a device would),
-# so that a stall of one emulated CPU is not counted as a lost frame.
-load() {
-    local pid=$(pid_file_pid) task
-    for task in /proc/$pid/task/*; do renice -n -10 -p "${task##*/}" > /dev/null; done
-    wait_until 'grep -q "note load in" "$OUT/sim.log"' 100 || step "load not started"
-    rec_touch 2000 ""
-    awk 'BEGIN { slot = "0000" } !/^E:/ { next } $4 == "002f" { slot = $5 }
-         $4 == "0035" && slot == "0000" { x0 = $5; sub(/^0+/, "", x0); print x0 }' "$OUT/touch.trace" > /tmp/x0.got
-    awk -v scans=$SCANS 'BEGIN { for (f = 0; f < scans; f++) print 100 + (f % 3000) }' > /tmp/x0.want
-    step "scans sent: $(grep -c ' tx 06 0a' "$OUT/sim.log"), reports sent: $(grep -c ' tx 06 ' "$OUT/sim.log")"
-    step "frames received: $(grep -c '^SYN_REPORT$' "$OUT/touch.events")"
-    cmp -s /tmp/x0.got /tmp/x0.want && step "contact 0 moves: all $SCANS, in order" ||
-        step "contact 0 moves: $(wc -l < /tmp/x0.got) of $SCANS or out of order"
-    dmesg | grep -q 'Event data for report' && step "kernel dropped reports"
-    # The whole trace and simulator log run to megabytes: only their heads go back.
-    for f in touch.trace sim.log touch.events; do head -n 300 "$OUT/$f" > "$OUT/$f.head" && rm -f "$OUT/$f"; done
-}
-
-# Virtual keys (VKEY_0 BACK, VKEY_1 HOME, VKEYReportMod 3): key reports [03 04 36 2F state
-# index] give a key press every third pressed report (later ones are repeats) and a release
-# once the key was reported pressed three times; a shorter tap sends nothing and its count
-# carries over. Key 2 has no code and is ignored.
+# Virtual keys (BACK, HOME, VKEYReportMod 3): a press every third pressed report [03 04 36 2F
+# state index], a release after three; a shorter tap sends nothing; key 2 has no code.
 vkeys() {
     key() { sim_do send 03 04 36 2f "$1" "$2"; sleep 0.05; }
     start_evrec MorvelTouch_VirtualDevice touch.trace --wait-ms 5000 --duration-ms 15000 --count 12 --ready /tmp/vk.ready
