@@ -2,13 +2,16 @@
 . /bed/lib.sh
 
 # udevd with Debian's rules and hwdb, libinput reading two fingers, a far-corner tap and a pen
-# stroke, on plain Linux (no getprop) and Android 9: per mode (<mode>.txt) udev's properties,
-# the evdev description, the touch events (protocol check on) and libinput's events. Then
-# the README's Linux install: libinput sees the controller's own node only without the unit's
-# marker, one touch and one tablet device with it (also after a re-plug), the hwdb's size.
+# stroke, on plain Linux (no getprop), Android 2.3 and 9: per mode (<mode>.txt) udev's
+# properties, the evdev description, the touch events (protocol check on) and libinput's
+# events. On 2.3 libinput (through mtdev) takes the multi-sync stream's lifts late, so its
+# record there is kept apart, not compared. Then the README's Linux install: libinput sees
+# the controller's own hid-multitouch node only without the unit's marker, one touch and one
+# tablet device with it (also after a re-plug), and the hwdb's screen size.
 libinput_modes() {
     # mode        release (- : no getprop at all)
     MODES="linux -
+    android2.3 2.3
     android9 9"
 
     event_of() {
@@ -23,13 +26,21 @@ libinput_modes() {
 
     # start_controller MODE RELEASE ('-': no getprop at all): controller, daemon, set-up.
     start_controller() {
-        rm -f /data/Tavrine_* /data/TouchPID /tmp/sim.ready /tmp/bed.sim.ctl /tmp/bin/getprop
-        case_settings bits=3 ResolX=1919 ResolY=1079 android=${2#-}
+        rm -f /data/Tavrine_* /data/TouchPID /tmp/sim.ready /tmp/bed.sim.ctl
+        printf '[TavrineA.ini]\nDebugEnableBits 3\nShowDebugPosition 0\nDeviceNums 1\nScanInterface 1\n[String]\nSerialPath default\n\n[Device_No.0]\nResolX 1919\nResolY 1079\n[EndOfDevice]\n[EndOfFile]' \
+            > /data/TavrineA.ini
         tavrine-sim libinput.scn --log "$OUT/$1.sim.log" --ready /tmp/sim.ready --control /tmp/bed.sim.ctl &
         SIM_PID=$!
         wait_until '[ -e /tmp/sim.ready ]' 50 || return 1
-        command -v getprop > /dev/null && return 1
-        start_daemon
+        if [ "$2" = - ]; then
+            command -v getprop > /dev/null && return 1
+            TavrineD -f > /dev/null 2>&1
+        else
+            mkdir -p "/tmp/$1"
+            printf '#!/bin/sh\necho %s\n' "$2" > "/tmp/$1/getprop"
+            chmod 755 "/tmp/$1/getprop"
+            PATH=/tmp/$1:$PATH TavrineD -f > /dev/null 2>&1
+        fi
         wait_until 'grep -q "Device\[/dev/hidraw0\] Setup Done" "$(daemon_log)" 2>/dev/null' 300 &&
             wait_until 'has_input MorvelTouch_VirtualDevice && has_input MorvelTouch_VirtualPen' 50 &&
             udevadm settle
@@ -93,8 +104,12 @@ libinput_modes() {
         {
             echo "# touch device events"
             cat /tmp/touch.events
-            echo "# libinput events"
-            normalize "$OUT/$mode.raw"
+            if [ "$mode" = android2.3 ]; then
+                normalize "$OUT/$mode.raw" > "$OUT/$mode.libinput"
+            else
+                echo "# libinput events"
+                normalize "$OUT/$mode.raw"
+            fi
         } >> "$OUT/$mode.txt"
         wait "$PEN_REC"
         step "$mode: pen events $(grep -c '^E:' /tmp/pen.trace)"
