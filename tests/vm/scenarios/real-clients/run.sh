@@ -177,4 +177,123 @@ libinput_modes() {
     systemd-hwdb update
 }
 
+# A USB and an RS232 session recorded in the daemon's log, replayed by tavrine-sim --from-log
+# into a fresh daemon: the same events (times aside), set-up outcome, report spacing and tool
+# answer. Table: name, ScanInterface, SerialPath, script, recorded devices, tool command.
+replay_log() {
+    CASES='usb 1 default usb.scn MorvelTouch_VirtualDevice,MorvelTouch_VirtualPen --usb raw 03 01 41
+    rs232 2 /dev/ttyTAV0 rs232.scn MorvelTouch_VirtualDevice --serial raw 0a 01 41'
+
+    case_settings android=9  # slots need an Android release above 3
+    # One recorder per device of $2 (comma-separated) into $OUT/$1-<device>.trace.
+    start_recorders() {
+        RECORDERS=""
+        for dev in $(echo "$2" | tr ',' ' '); do
+            start_evrec "$dev" "$1-$dev.trace" --wait-ms 60000
+            RECORDERS="$RECORDERS $EVREC_PID"
+        done
+    }
+
+    stop_recorders() {
+        for pid in $RECORDERS; do stop_pid "$pid"; done
+    }
+
+    start_replay_daemon() {  # NAME SCAN SERIALPATH, every log category on
+        write_settings "$2" "$3"
+        sed -i 's/^DebugEnableBits 1$/DebugEnableBits 7fffff/' /data/TavrineA.ini
+        PATH=/tmp/bin:$PATH TavrineD -f > "$OUT/$1-start.out" 2>&1
+    }
+    end_run() {
+        TavrineD -k > /dev/null 2>&1
+        wait_until '[ "$(daemon_count)" = 0 ]' 50
+        stop_pid "$SIM_PID"
+        rm -rf /data/*
+    }
+
+    # Times in ms of the reports (no replies) read in daemon log $1 and sent in sim log $1.
+    read_times() {
+        grep 'Read from device' "$1" | grep -v 'byte: \[0[3A]\]' |
+            sed 's/^\[\([0-9]*\):\([0-9]*\):\([0-9]*\):\([0-9]*\)\].*/\1 \2 \3 \4/' |
+            awk '{ print (($1 * 60 + $2) * 60 + $3) * 1000 + $4 }'
+    }
+
+    sent_times() {
+        awk '$2 == "tx" && $3 != "03" && $3 != "0a" { printf "%d\n", $1 * 1000 }' "$1"
+    }
+
+    # True when the replay (sim log $2) sent each report at the offset the recorded daemon
+    # (log $1) read it, within $3 ms (the guest's one CPU delays a send now and then).
+    spacing_kept() {
+        read_times "$1" > /tmp/times.rec
+        sent_times "$2" > /tmp/times.rep
+        [ -s /tmp/times.rec ] && [ "$(wc -l < /tmp/times.rec)" = "$(wc -l < /tmp/times.rep)" ] ||
+            return 1
+        paste /tmp/times.rec /tmp/times.rep | awk -v tol="$3" '
+            NR == 1 { f1 = $1; f2 = $2 }
+            { d = ($1 - f1) - ($2 - f2); if (d < 0) d = -d; if (d > max) max = d }
+            END { print "largest difference of offsets: " max + 0 " ms"; exit max > tol }'
+    }
+
+    setup_outcome() {
+        grep -E "Type:.*Model|AllocateSeries|EventType =" "$1" | sed 's/^\[[^]]*\]-: [^ ]* //'
+    }
+
+    echo "$CASES" | while read -r name scan path script devices tool; do
+        start_sim "$script"
+        mv "$OUT/sim.log" "$OUT/$name-sim.log"
+        start_recorders "$name" "$devices"
+        start_replay_daemon "$name" "$scan" "$path"
+        wait_setup 400 || step "$name: recorded session: set-up not done"
+        tavrinectl $tool > "$OUT/$name-tool.txt" 2>&1
+        wait_until 'grep -q "note session done" "$OUT/$name-sim.log"' 300 ||
+            step "$name: recorded session: not played"
+        sleep 0.5
+        stop_recorders
+        cp "$(daemon_log)" "$OUT/$name.log"
+        end_run
+
+        rm -f /tmp/replay.ready
+        tavrine-sim --from-log "$OUT/$name.log" --log "$OUT/$name-replay-sim.log" \
+            --ready /tmp/replay.ready 2> "$OUT/$name-replay.txt" &
+        SIM_PID=$!
+        wait_until '[ -e /tmp/replay.ready ]' 50
+        start_recorders "$name-replay" "$devices"
+        start_replay_daemon "$name-replay" "$scan" "$path"
+        wait_setup 400 || step "$name: replay: set-up not done"
+        wait_until 'grep -q "note replay done" "$OUT/$name-replay-sim.log"' 300 ||
+            step "$name: replay: not played to its end"
+        sleep 0.5
+        stop_recorders
+        tavrinectl $tool > "$OUT/$name-replay-tool.txt" 2>&1
+        cp "$(daemon_log)" "$OUT/$name-replay.log"
+        end_run
+
+        setup_outcome "$OUT/$name.log" > /tmp/outcome.rec
+        setup_outcome "$OUT/$name-replay.log" > /tmp/outcome.rep
+        cmp -s /tmp/outcome.rec /tmp/outcome.rep && step "$name: set-up outcome the same:" ||
+            step "$name: set-up outcome differs:"
+        sed "s/^/$name:   /" /tmp/outcome.rep >> "$OUT/steps.txt"
+        for dev in $(echo "$devices" | tr ',' ' '); do
+            rec=$OUT/$name-$dev.trace
+            rep=$OUT/$name-replay-$dev.trace
+            tavrine-evrec check "$rec" > /dev/null 2>&1 || step "$name $dev: recorded trace fails the check"
+            down=$(grep -cE '^E:.*(ABS_MT_TRACKING_ID|BTN_TOUCH)' "$rec")
+            strip_times "$rec" /tmp/rec.nt
+            strip_times "$rep" /tmp/rep.nt
+            sed -i '/^# end:/d' /tmp/rec.nt /tmp/rep.nt
+            if diff -u /tmp/rec.nt /tmp/rep.nt > "$OUT/$name-$dev.diff"; then
+                step "$name $dev: replay the same event for event ($down tracking or touch events in each)"
+            else
+                step "$name $dev: replay differs (see $name-$dev.diff)"
+            fi
+        done
+        spacing_kept "$OUT/$name.log" "$OUT/$name-replay-sim.log" 75 > "$OUT/$name-spacing.txt" &&
+            step "$name: reports sent with the recorded spacing (each within 75 ms)" ||
+            step "$name: reports not sent with the recorded spacing ($(cat "$OUT/$name-spacing.txt"))"
+        [ "$(cat "$OUT/$name-tool.txt")" = "$(cat "$OUT/$name-replay-tool.txt")" ] &&
+            step "$name: tool answer the same: $(cat "$OUT/$name-replay-tool.txt")" ||
+            step "$name: tool answer differs: $(cat "$OUT/$name-tool.txt") / $(cat "$OUT/$name-replay-tool.txt")"
+    done
+}
+
 play_case
