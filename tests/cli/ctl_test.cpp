@@ -50,31 +50,17 @@ TEST(CtlArgs, CommandLines) {
     for (int i = 0; i < 64; ++i) bytes64 += " 5a", hex64 += "5a";
     for (int i = 0; i < 300; ++i) commas += " ,";  // more words than bytes, none a byte
     const std::pair<std::string, std::string> cases[] = {
-        {"type --serial --timeout 150", "type serial 150 0 "},
-        {"--timeout 600000 version", "version auto 600000 0 "},
-        {"points", "points serial 2000 0 "},
-        {"version --help", "help auto 2000 0 "},
-        {"raw 030141", "raw auto 2000 0 030141"},
-        {"raw 0x0a,0x2:34 0", "raw auto 2000 0 0a023400"},
-        {"raw A FF --timeout 5", "raw auto 5 0 0aff"},
-        {bytes64, "raw auto 2000 0 " + hex64},
-        {bytes64 + " 00", "!at most 64"},
-        {"raw " + std::string(130, '1'), "!at most 64"},
-        {commas, "!"},
-        {"", "!no command"},
-        {"versions", "!unknown command"},
-        {"--verbose version", "!unknown option"},
-        {"version extra", "!unexpected argument"},
-        {"--usb --serial version", "!exclude"},
-        {"--timeout", "!--timeout needs a number"},
-        {"--timeout 600001 version", "!--timeout needs a number"},
-        {"--timeout 99999999999999999999 version", "!--timeout needs a number"},
-        {"--timeout 2s version", "!--timeout needs a number"},
-        {"--count 0 points", "!--count needs a number"},
-        {"--count 3 version", "!only goes with points"},
-        {"--usb points", "!serial"},
-        {"raw", "!no bytes"},
-        {"raw 03 1g", "!not a hexadecimal byte: \"1g\""},
+        {"type --serial --timeout 150", "type serial 150 0 "}, {"points", "points serial 2000 0 "},
+        {"--timeout 600000 version", "version auto 600000 0 "}, {"version --help", "help auto 2000 0 "},
+        {"raw 030141", "raw auto 2000 0 030141"}, {"raw 0x0a,0x2:34 0", "raw auto 2000 0 0a023400"},
+        {"raw A FF --timeout 5", "raw auto 5 0 0aff"}, {bytes64, "raw auto 2000 0 " + hex64},
+        {bytes64 + " 00", "!at most 64"}, {"raw " + std::string(130, '1'), "!at most 64"}, {commas, "!"},
+        {"", "!no command"}, {"versions", "!unknown command"}, {"--verbose version", "!unknown option"},
+        {"version extra", "!unexpected argument"}, {"--usb --serial version", "!exclude"},
+        {"--timeout", "!--timeout needs"}, {"--timeout 600001 version", "!--timeout needs"},
+        {"--timeout 99999999999999999999 version", "!--timeout needs"}, {"--timeout 2s version", "!--timeout needs"},
+        {"--count 0 points", "!--count needs a number"}, {"--count 3 version", "!only goes with points"},
+        {"--usb points", "!serial"}, {"raw", "!no bytes"}, {"raw 03 1g", "!not a hexadecimal byte: \"1g\""},
     };
     const char* const commands[] = {"none", "help", "raw", "version", "model", "type", "points"};
     const char* const buses[] = {"auto", "usb", "serial"};
@@ -101,11 +87,7 @@ TEST(CtlArgs, CommandLines) {
 TEST(CtlReply, FindsTheAskedReplyAmongPacketsOfOneRead) {
     const Bytes loop = P("030141", "", 64), version = P("030644", "V1.23"), type = P("030946", "PCAP6555", 64);
     const Bytes model = P("0A0445", "ABC"), point = P("0A8320084504", "", 64);  // point byte 2: 0x20
-    const struct {
-        Bytes read;
-        uint8_t header, command;
-        int offset;
-    } cases[] = {
+    const struct { Bytes read; uint8_t header, command; int offset; } cases[] = {
         {version, 0x03, 0x44, 0},          {version, 0x0A, 0x44, -1},
         {version, 0x03, 0x45, -1},         {loop + version, 0x03, 0x44, 64},
         {version + loop, 0x03, 0x41, 8},   {version + type, 0x03, 0x46, 8},
@@ -133,20 +115,12 @@ TEST(CtlReply, FindsTheAskedReplyAmongPacketsOfOneRead) {
 TEST(CtlReply, TextOfIdentificationReplies) {
     std::string escaped;  // 63 bytes 0x80 fill the tool's own buffer
     for (int i = 0; i < kCtlTextMax; ++i) escaped += "\\x80";
-    const struct {
-        Bytes reply;
-        size_t size;
-        std::string text;
-    } cases[] = {
-        {P("030946", "PCAP6555", 64), 300, "PCAP6555"},
-        {P("0A0445", "ABCDE"), 300, "ABC"},
-        {P("0A0645", "A") + P("00") + P("", "CDE"), 300, "A"},
-        {P("030144", "", 64), 300, ""},
-        {P("0A3E46", "XY"), 300, "XY"},
-        {P("0A0544", "A") + P("1BFF") + P("", "B"), 300, "A\\x1b\\xffB"},
+    const struct { Bytes reply; size_t size; std::string text; } cases[] = {
+        {P("030946", "PCAP6555", 64), 300, "PCAP6555"}, {P("0A0445", "ABCDE"), 300, "ABC"},
+        {P("0A0645", "A") + P("00") + P("", "CDE"), 300, "A"}, {P("030144", "", 64), 300, ""},
+        {P("0A3E46", "XY"), 300, "XY"}, {P("0A0544", "A") + P("1BFF") + P("", "B"), 300, "A\\x1b\\xffB"},
         {P("036545", std::string(100, 'a')), 300, std::string(63, 'a')},
-        {P("0A0544", "AB") + P("01") + P("", "C"), 5, "AB"},
-        {P("0A0544", "ABCD"), 3, "AB"},
+        {P("0A0544", "AB") + P("01") + P("", "C"), 5, "AB"}, {P("0A0544", "ABCD"), 3, "AB"},
         {P("03FF44", std::string(252, '\x80')), 4 * kCtlTextMax + 1, escaped},
     };
     for (const auto& c : cases) {
@@ -163,12 +137,8 @@ TEST(CtlRun, CutMergedStaleRepliesAndAGoneDaemon) {
     Bytes five = P("0A02330055");  // the switch reply, a stray byte, five points in one write
     for (int i = 0; i < 5; ++i) five = five + Bytes{0x0A, uint8_t(0x83 - (i == 4)), uint8_t(2 * i), 1, 0x10, 2} + Bytes(58, 0);
     const struct {
-        std::string line;
-        bool daemon;
-        Bytes stale;
-        std::map<Bytes, std::vector<Bytes>> answers;
-        int status;
-        std::string out, err;
+        std::string line; bool daemon; Bytes stale;
+        std::map<Bytes, std::vector<Bytes>> answers; int status; std::string out, err;
     } cases[] = {
         {"--usb model", true, {}, {{P("030145"), {P("030141", "", 64), P("030645", "M-1\aZ")}}}, kCtlOk,
          "M-1\\x07Z\n", ""},
@@ -182,9 +152,7 @@ TEST(CtlRun, CutMergedStaleRepliesAndAGoneDaemon) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.line);
         testutil::TempDir dir;
-        std::string pid = std::to_string(getpid()) + " ";
-        pid.resize(10, '\0');  // as the daemon writes it
-        ASSERT_TRUE(testutil::WriteFile(PidFilePath(), pid));
+        ASSERT_TRUE(testutil::WriteFile(PidFilePath(), std::to_string(getpid()) + std::string(" \0", 2)));
         ASSERT_EQ(0, mkfifo(PipeInPath(), 0622) | mkfifo(PipeOutPath(), 0644));
         UniqueFd din, dout;
         std::atomic<bool> running{c.daemon};
@@ -210,18 +178,16 @@ TEST(CtlRun, CutMergedStaleRepliesAndAGoneDaemon) {
         std::vector<const char*> argv = Argv(c.line, &words);
         CtlOptions options;
         char why[256], *out = nullptr, *err = nullptr;
-        size_t out_size = 0, err_size = 0;
+        size_t out_size, err_size;
         EXPECT_EQ(0, ParseCtlArgs(int(argv.size()), argv.data(), &options, why, sizeof(why)));
         FILE *out_file = open_memstream(&out, &out_size), *err_file = open_memstream(&err, &err_size);
         const int64_t start = testutil::NowMs();
         EXPECT_EQ(c.status, RunCtl(options, out_file, err_file, nullptr));
         EXPECT_LT(testutil::NowMs() - start, 2000);  // a gone daemon is not waited out
-        fclose(out_file);
-        fclose(err_file);
+        fclose(out_file), fclose(err_file);
         EXPECT_EQ(c.out, out);
         EXPECT_NE(std::string(err).find(c.err), std::string::npos) << err;
-        free(out);
-        free(err);
+        free(out), free(err);
         running = false;
         daemon.join();
     }
