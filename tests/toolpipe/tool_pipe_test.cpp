@@ -9,6 +9,7 @@
 #include <termios.h>
 
 #include <functional>
+#include <memory>
 
 #include "core/environment.h"
 #include "core/paths.h"
@@ -28,6 +29,13 @@ struct ToolPipeTest : testing::Test {
         dev->m_fdPipeIn.reset(fds[0]);
         EXPECT_EQ(ssize_t(in.size()), write(fds[1], in.data(), in.size()));
         return UniqueFd(fds[1]);
+    }
+    // A device of the series on the controller's port.
+    std::unique_ptr<CDeviceObject> Device(FakeController* controller, uint8_t interface, int series) {
+        std::unique_ptr<CDeviceObject> dev(new CDeviceObject("/dev/ttyS99", &settings));
+        AttachPort(dev.get(), controller, interface);
+        dev->Series = series;
+        return dev;
     }
     const AndroidVersionInfo saved_version = AndroidVersion;
     GlobalSettings settings = DevTestSettings();
@@ -76,12 +84,7 @@ TEST_F(AppPipes, OnPlainLinuxOnlyRootAndTheDirectorysGroupReachThem) {
             return (in.valid() && write(in.get(), "\x0a\x02\x34\x00", 4) == 4) | out.valid() << 1;
         });
     };
-    const struct {
-        int android;
-        mode_t dir_mode, fifo_owner, fifo_mode;
-        bool opened;
-        int other, member;
-    } cases[] = {
+    const struct { int android; unsigned dir_mode, fifo_owner, fifo_mode; bool opened; int other, member; } cases[] = {
         {0, 0755, 0, 0, false, 0, 0},     {0, 01777, 0, 0, false, 0, 0},
         {0, 0750, 0, 0, true, 0, 3},      {0, 0771, 0, 0, true, 0, 3},
         {0, 0750, 0, 0622, false, 0, 2},  {0, 0770, member, 0666, false, 0, 2},
@@ -97,18 +100,15 @@ TEST_F(AppPipes, OnPlainLinuxOnlyRootAndTheDirectorysGroupReachThem) {
         }));
         FakeController controller(false);
         controller.Start();
-        CDeviceObject dev("/dev/ttyS99", &settings);
-        AttachPort(&dev, &controller, DEV_RS232);
-        dev.Series = 5;
-        DevCreateAppPipe(&dev);
-        ASSERT_EQ(c.opened, dev.m_fdPipeIn.valid());
+        auto dev = Device(&controller, DEV_RS232, 5);
+        DevCreateAppPipe(dev.get());
+        ASSERT_EQ(c.opened, dev->m_fdPipeIn.valid());
         EXPECT_EQ(c.other, reach(other, other));  // the other user first, then the member
-        ForwardFromTool(&dev);
-        EXPECT_EQ((c.other & 1) && c.opened, dev.bPointsToTool) << "diverted";
+        ForwardFromTool(dev.get());
+        EXPECT_EQ((c.other & 1) && c.opened, dev->bPointsToTool) << "diverted";
         EXPECT_EQ(c.member, reach(member, group));
-        ForwardFromTool(&dev);
-        EXPECT_EQ(((c.other | c.member) & 1) && c.opened, dev.bPointsToTool);
-        DevCloseAppPipe(&dev);
+        ForwardFromTool(dev.get());
+        EXPECT_EQ(((c.other | c.member) & 1) && c.opened, dev->bPointsToTool);
     }
 }
 
@@ -120,31 +120,26 @@ TEST_F(ForwardTest, RelaysToolPacketsAndSwitchesSerialReports) {
         uint8_t interface, shift, series, before, after;  // before, after: bPointsToTool
         Bytes in, port;                                    // port empty: in
     } cases[] = {
-        {DEV_USB, false, 0, 0, 0, {0x03, 0x01, 0x41}, {}},
-        {DEV_USB, true, 0, 0, 0, {0x03, 0x01, 0x41}, {0x00, 0x03, 0x01, 0x41, 0x00}},
-        {DEV_USB, false, 0, 0, 0, {0x03, 0x03, 0x52, 0x3A, 0xFF}, {}},
-        {DEV_RS232, false, 5, 0, 1, {0x0A, 0x02, 0x34, 0x00}, {}},
-        {DEV_RS232, false, 5, 1, 0, {0x0A, 0x02, 0x34, 0x01}, {}},
-        {DEV_RS232, false, 8, 0, 1, {0x0A, 0x02, 0x34, 0x00}, {}},
-        {DEV_RS232, false, 5, 1, 1, {0x0A, 0x02, 0x34, 0x02}, {}},
-        {DEV_RS232, false, 12, 0, 0, {0x0A, 0x02, 0x34, 0x00}, {}},
+        {DEV_USB, 0, 0, 0, 0, {0x03, 0x01, 0x41}, {}}, {DEV_USB, 0, 0, 0, 0, {0x03, 0x03, 0x52, 0x3A, 0xFF}, {}},
+        {DEV_USB, 1, 0, 0, 0, {0x03, 0x01, 0x41}, {0x00, 0x03, 0x01, 0x41, 0x00}},
+        {DEV_RS232, 0, 5, 0, 1, {0x0A, 0x02, 0x34, 0x00}, {}}, {DEV_RS232, 0, 5, 1, 0, {0x0A, 0x02, 0x34, 0x01}, {}},
+        {DEV_RS232, 0, 8, 0, 1, {0x0A, 0x02, 0x34, 0x00}, {}}, {DEV_RS232, 0, 5, 1, 1, {0x0A, 0x02, 0x34, 0x02}, {}},
+        {DEV_RS232, 0, 12, 0, 0, {0x0A, 0x02, 0x34, 0x00}, {}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << int(c.interface) << " " << c.shift << " " << c.series);
         settings.ShiftByteBothEnd = c.shift;
         FakeController controller(c.interface == DEV_USB);
         controller.Start();
-        CDeviceObject dev("/dev/ttyS99", &settings);
-        AttachPort(&dev, &controller, c.interface);
-        dev.Series = c.series;
-        dev.bPointsToTool = c.before;
-        UniqueFd tool = ToolPipe(&dev, c.in);
-        ForwardFromTool(&dev);
-        ForwardFromTool(&dev);
+        auto dev = Device(&controller, c.interface, c.series);
+        dev->bPointsToTool = c.before;
+        UniqueFd tool = ToolPipe(dev.get(), c.in);
+        ForwardFromTool(dev.get());
+        ForwardFromTool(dev.get());
         ASSERT_TRUE(controller.WaitForPackets(1, 1000));
         usleep(20000);
         EXPECT_EQ(std::vector<Bytes>{c.port.empty() ? c.in : c.port}, controller.Received());
-        EXPECT_EQ(c.after, dev.bPointsToTool);
+        EXPECT_EQ(c.after, dev->bPointsToTool);
     }
 }
 
