@@ -71,9 +71,7 @@ TEST(HidBinding, FromTheListingToTheDrivers) {
     const std::string is1 = "I: Bus=0003 Vendor=3c7a Product=0001 Version=0210\n";
     const std::string is2 = "I: Bus=0003 Vendor=3c7a Product=0002 Version=0210\n";
     const struct {  // input empty: the controller is not an input device
-        std::string lsusb, input;
-        std::vector<std::string> dirs;
-        bool modprobe_fails;
+        std::string lsusb, input; std::vector<std::string> dirs; bool modprobe_fails;
         std::string calls, generic, bus_mt, module;
     } cases[] = {
         {one, "", {kGeneric, kBusMt}, false, "umi", id1, id1, "-"},

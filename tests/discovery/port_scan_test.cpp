@@ -7,7 +7,6 @@
 #include <termios.h>
 
 #include <atomic>
-#include <functional>
 #include <memory>
 #include <thread>
 
@@ -122,12 +121,8 @@ TEST_F(PortScanTest, CustomSerialPathsThatAreNotTerminalsAreNeverWritten) {
 class CheckRS232Device : public PortScanTest {};
 TEST_F(CheckRS232Device, ProbeAtEachSpeed) {
     const struct {
-        uint32_t configured;
-        speed_t loopback_speed, iap_speed;
-        std::string loopback, iap;
-        int result;
-        uint32_t kept;
-        Speeds loopbacks, queries;
+        uint32_t configured; speed_t loopback_speed, iap_speed; std::string loopback, iap;
+        int result; uint32_t kept; Speeds loopbacks, queries;
     } cases[] = {
         {0, B57600, 0, "0A0141", "", 0, 57600, {B9600, B19200, B57600}, {B9600, B19200}},
         {0, 0, B115200, "", "0A0439010000", 0, 115200, kAll, kAll},
@@ -173,12 +168,7 @@ std::pair<int, Bytes> ReadPieces(const std::vector<Bytes>& pieces, uint8_t seria
 // Serial (0A) and USB (03) framing, the leading-byte rule, the tries, fragments.
 TEST(ReadDeviceResponse, Replies) {
     const std::string longest = "0A3E" + std::string(62 * 2, '5'), junk = "202122", wrong = "0303550000";
-    const struct {
-        uint8_t serial;
-        std::vector<std::string> pieces;
-        int result;
-        std::string reply;
-    } cases[] = {
+    const struct { uint8_t serial; std::vector<std::string> pieces; int result; std::string reply; } cases[] = {
         {1, {"0A0439000100"}, 6, "0A0439000100"},    {1, {"0A0439", "000100"}, -1, ""},
         {1, {"0A0439", "030100"}, 6, "0A0439030100"}, {1, {"000A023900"}, 4, "0A023900"},
         {1, {"550A0139"}, 3, "0A0139"},              {1, {"050A0139"}, -1, ""},
@@ -203,12 +193,7 @@ TEST(ReadDeviceResponse, Replies) {
 
 // The IAP query written (zero byte at each end on an old kernel); 0 for a boot loader's reply.
 TEST(IsItBFW, QueryBytesAndReplies) {
-    const struct {
-        int serial, old_kernel;
-        std::string reply;
-        int result;
-        std::string written;
-    } cases[] = {
+    const struct { int serial, old_kernel; std::string reply; int result; std::string written; } cases[] = {
         {1, 0, "0A0439010000", 0, "0A023902"},     {1, 0, "0A0439000200", 0, "0A023902"},
         {1, 1, "0A0439010000", 0, "000A02390200"}, {0, 0, "03053900010000", 0, "03023902"},
         {1, 0, "0A0439000000", -1, "0A023902"},    {1, 0, "0A024100", -1, "0A023902"},
@@ -257,47 +242,35 @@ TEST(WaitDeviceResponse, ReplyNoReplyAndSplitReply) {
 }
 
 // Endless traffic that never completes an awaited reply holds each reader at most its limit:
-// /dev/zero, or a peer thread flooding packets (for it only the upper bound holds).
+// /dev/zero (flood empty), or a peer thread flooding packets (for it only the upper bound holds).
 TEST(ReadDeviceResponse, TimeBoundUnderEndlessTraffic) {
-    const auto probe = [](uint8_t serial) {
-        return [serial](int fd) {
-            ProbeContext context = {};
-            context.bSerialFraming = serial;
-            return ReadDeviceResponse(&context, fd, context.ReplyBuf, 0x41);
-        };
+    const auto run = [](int reader, int fd) {  // 0, 1: ReadDeviceResponse of that framing; 2: WaitDeviceResponse
+        ProbeContext context = {};
+        context.bSerialFraming = uint8_t(reader);
+        ResetSerialReplyParser();
+        return reader == 2 ? WaitDeviceResponse(fd) : ReadDeviceResponse(&context, fd, context.ReplyBuf, 0x41);
     };
-    const auto wait = [](int fd) { return ResetSerialReplyParser(), WaitDeviceResponse(fd); };
-    const struct {
-        std::function<int(int)> reader;
-        int limit_ms, slack_ms, type;
-        std::string flood;  // empty: /dev/zero
-    } cases[] = {
-        {probe(1), kProbeReadLimitMs, 150, SOCK_STREAM, ""},
-        {probe(0), kProbeReadLimitMs, 150, SOCK_STREAM, ""},
-        {probe(1), kProbeReadLimitMs, 150, SOCK_SEQPACKET, "0A3F39"},
-        {wait, kWaitResponseLimitMs, 300, SOCK_STREAM, ""},
-        {wait, kWaitResponseLimitMs, 300, SOCK_STREAM, "0A02420055"},
-    };
+    const std::pair<int, std::string> cases[] = {{1, ""}, {0, ""}, {1, "0A3F39"}, {2, ""}, {2, "0A02420055"}};
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.flood + " " + std::to_string(c.limit_ms));
-        auto pair = Pair(c.type);
-        UniqueFd port(c.flood.empty() ? OpenCloexec("/dev/zero", O_RDONLY) : pair.first.release());
+        SCOPED_TRACE(testing::Message() << c.first << " " << c.second);
+        const int limit = c.first == 2 ? kWaitResponseLimitMs : kProbeReadLimitMs, slack = c.first == 2 ? 300 : 150;
+        auto pair = Pair(c.first < 2 && !c.second.empty() ? SOCK_SEQPACKET : SOCK_STREAM);
+        UniqueFd port(c.second.empty() ? OpenCloexec("/dev/zero", O_RDONLY) : pair.first.release());
         std::atomic<bool> stop{false};
-        const Bytes piece = Hex(c.flood);  // the buffer is filled before the reader starts
-        while (!piece.empty() && send(pair.second.get(), piece.data(), piece.size(), MSG_DONTWAIT) > 0) {
-        }
+        const Bytes piece = Hex(c.second);  // the buffer is filled before the reader starts
+        while (!piece.empty() && send(pair.second.get(), piece.data(), piece.size(), MSG_DONTWAIT) > 0) continue;
         std::thread flood([&] {
             while (!piece.empty() && !stop) {
                 if (send(pair.second.get(), piece.data(), piece.size(), MSG_DONTWAIT) < 0) usleep(500);
             }
         });
         const int64_t start = testutil::NowMs();
-        EXPECT_EQ(-1, c.reader(port.get()));
+        EXPECT_EQ(-1, run(c.first, port.get()));
         const int64_t ms = testutil::NowMs() - start;
         stop = true;
         flood.join();
-        EXPECT_TRUE(!c.flood.empty() || ms >= c.limit_ms - 2) << ms;  // clocks truncated to ms
-        EXPECT_LT(ms, c.limit_ms + c.slack_ms);
+        EXPECT_TRUE(!c.second.empty() || ms >= limit - 2) << ms;  // clocks truncated to ms
+        EXPECT_LT(ms, limit + slack);
     }
 }
 
