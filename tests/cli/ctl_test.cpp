@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include <atomic>
 #include <map>
@@ -130,33 +131,41 @@ TEST(CtlReply, TextOfIdentificationReplies) {
     }
 }
 
-// Runs against a stand-in daemon: a PID file, the FIFOs and (if daemon) a thread holding
-// both open as the daemon does that answers each packet it reads from the map (one write
-// per element; "close" closes the output end); stale waits in the output FIFO beforehand.
+// Runs against a stand-in daemon: a PID file, the FIFOs and (daemon 1) a thread holding both
+// open as the daemon does that answers each packet it reads from the map (one write per
+// element; "close" closes the output end); stale waits in the output FIFO beforehand.
+// daemon 0: nobody reads the FIFOs; 2: a plain file at the output path; 3: the PID file
+// names a process that has exited.
 TEST(CtlRun, CutMergedStaleRepliesAndAGoneDaemon) {
     Bytes five = P("0A02330055");  // the switch reply, a stray byte, five points in one write
     for (int i = 0; i < 5; ++i) five = five + Bytes{0x0A, uint8_t(0x83 - (i == 4)), uint8_t(2 * i), 1, 0x10, 2} + Bytes(58, 0);
     const struct {
-        std::string line; bool daemon; Bytes stale;
+        std::string line; int daemon; Bytes stale;
         std::map<Bytes, std::vector<Bytes>> answers; int status; std::string out, err;
     } cases[] = {
-        {"--usb model", true, {}, {{P("030145"), {P("030141", "", 64), P("030645", "M-1\aZ")}}}, kCtlOk,
+        {"--usb model", 1, {}, {{P("030145"), {P("030141", "", 64), P("030645", "M-1\aZ")}}}, kCtlOk,
          "M-1\\x07Z\n", ""},
-        {"version", true, P("0A0544", "OLD!"), {{P("0A0144"), {P("0A0544", "S2.0")}}}, kCtlOk, "S2.0\n", ""},
-        {"points --count 5", true, {}, {{P("0A023400"), {five}}}, kCtlOk,
+        {"version", 1, P("0A0544", "OLD!"), {{P("0A0144"), {P("0A0544", "S2.0")}}}, kCtlOk, "S2.0\n", ""},
+        {"points --count 5", 1, {}, {{P("0A023400"), {five}}}, kCtlOk,
          "down x=256 y=528\ndown x=258 y=528\ndown x=260 y=528\ndown x=262 y=528\nup x=264 y=528\n", ""},
-        {"--timeout 5000 --usb version", true, {}, {{P("030144"), {P("", "close")}}}, kCtlNoDaemon, "",
+        {"--timeout 5000 --usb version", 1, {}, {{P("030144"), {P("", "close")}}}, kCtlNoDaemon, "",
          "the daemon closed it"},
-        {"raw 03 01 41", false, {}, {}, kCtlNoAnswer, "", "nobody reads"},
+        {"raw 03 01 41", 0, {}, {}, kCtlNoAnswer, "", "nobody reads"},
+        {"type", 2, {}, {}, kCtlNoDaemon, "", "not a FIFO"},
+        {"model", 3, {}, {}, kCtlNoDaemon, "", "is gone"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.line);
         testutil::TempDir dir;
-        ASSERT_TRUE(testutil::WriteFile(PidFilePath(), std::to_string(getpid()) + std::string(" \0", 2)));
+        const pid_t gone = c.daemon == 3 ? fork() : getpid();
+        if (gone == 0) _exit(0);
+        if (c.daemon == 3) waitpid(gone, nullptr, 0);
+        ASSERT_TRUE(testutil::WriteFile(PidFilePath(), std::to_string(gone) + std::string(" \0", 2)));
         ASSERT_EQ(0, mkfifo(PipeInPath(), 0622) | mkfifo(PipeOutPath(), 0644));
+        ASSERT_TRUE(c.daemon != 2 || (unlink(PipeOutPath()) == 0 && testutil::WriteFile(PipeOutPath(), "x")));
         UniqueFd din, dout;
-        std::atomic<bool> running{c.daemon};
-        if (c.daemon) {
+        std::atomic<bool> running{c.daemon == 1};
+        if (c.daemon == 1) {
             din.reset(open(PipeInPath(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
             dout.reset(open(PipeOutPath(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
             ASSERT_EQ(ssize_t(c.stale.size()), write(dout.get(), c.stale.data(), c.stale.size()));
