@@ -59,7 +59,8 @@ TEST(CtlArgs, CommandLines) {
         {"", "!no command"}, {"versions", "!unknown command"}, {"--verbose version", "!unknown option"},
         {"version extra", "!unexpected argument"}, {"--usb --serial version", "!exclude"},
         {"--timeout", "!--timeout needs"}, {"--timeout 600001 version", "!--timeout needs"},
-        {"--timeout 99999999999999999999 version", "!--timeout needs"}, {"--timeout 2s version", "!--timeout needs"},
+        {"--timeout 99999999999999999999 version", "!--timeout needs"},
+        {"--timeout 2s version", "!--timeout needs"},
         {"--count 0 points", "!--count needs a number"}, {"--count 3 version", "!only goes with points"},
         {"--usb points", "!serial"}, {"raw", "!no bytes"}, {"raw 03 1g", "!not a hexadecimal byte: \"1g\""},
     };
@@ -133,12 +134,15 @@ TEST(CtlReply, TextOfIdentificationReplies) {
 
 // Runs against a stand-in daemon: a PID file, the FIFOs and (daemon 1) a thread holding both
 // open as the daemon does that answers each packet it reads from the map (one write per
-// element; "close" closes the output end); stale waits in the output FIFO beforehand.
-// daemon 0: nobody reads the FIFOs; 2: a plain file at the output path; 3: the PID file
-// names a process that has exited.
+// element; "close" closes the output end, "off" marks the points switched back); stale waits
+// in the output FIFO beforehand. daemon 0: nobody reads the FIFOs; 2: a plain file at the
+// output path; 3: the PID file names a process that has exited.
 TEST(CtlRun, CutMergedStaleRepliesAndAGoneDaemon) {
+    const Bytes on = P("0A023400"), off = P("0A023401");  // points to the tool, and back
     Bytes five = P("0A02330055");  // the switch reply, a stray byte, five points in one write
-    for (int i = 0; i < 5; ++i) five = five + Bytes{0x0A, uint8_t(0x83 - (i == 4)), uint8_t(2 * i), 1, 0x10, 2} + Bytes(58, 0);
+    for (uint8_t i = 0; i < 5; ++i) {
+        five = five + Bytes{0x0A, uint8_t(0x83 - (i == 4)), uint8_t(2 * i)} + P("011002", "", 61);
+    }
     const struct {
         std::string line; int daemon; Bytes stale;
         std::map<Bytes, std::vector<Bytes>> answers; int status; std::string out, err;
@@ -146,8 +150,11 @@ TEST(CtlRun, CutMergedStaleRepliesAndAGoneDaemon) {
         {"--usb model", 1, {}, {{P("030145"), {P("030141", "", 64), P("030645", "M-1\aZ")}}}, kCtlOk,
          "M-1\\x07Z\n", ""},
         {"version", 1, P("0A0544", "OLD!"), {{P("0A0144"), {P("0A0544", "S2.0")}}}, kCtlOk, "S2.0\n", ""},
-        {"points --count 5", 1, {}, {{P("0A023400"), {five}}}, kCtlOk,
+        {"points --count 5", 1, {}, {{on, {five}}, {off, {P("", "off")}}}, kCtlOk,
          "down x=256 y=528\ndown x=258 y=528\ndown x=260 y=528\ndown x=262 y=528\nup x=264 y=528\n", ""},
+        {"points --count 2 --timeout 200", 1, {},
+         {{on, {P("0A023300"), P("0A8320084004", "", 64)}}, {off, {P("", "off")}}}, kCtlNoAnswer,
+         "down x=2080 y=1088\n", "no point within 200 ms (1 of 2)"},
         {"--timeout 5000 --usb version", 1, {}, {{P("030144"), {P("", "close")}}}, kCtlNoDaemon, "",
          "the daemon closed it"},
         {"raw 03 01 41", 0, {}, {}, kCtlNoAnswer, "", "nobody reads"},
@@ -164,7 +171,7 @@ TEST(CtlRun, CutMergedStaleRepliesAndAGoneDaemon) {
         ASSERT_EQ(0, mkfifo(PipeInPath(), 0622) | mkfifo(PipeOutPath(), 0644));
         ASSERT_TRUE(c.daemon != 2 || (unlink(PipeOutPath()) == 0 && testutil::WriteFile(PipeOutPath(), "x")));
         UniqueFd din, dout;
-        std::atomic<bool> running{c.daemon == 1};
+        std::atomic<bool> running{c.daemon == 1}, switched_back{false};
         if (c.daemon == 1) {
             din.reset(open(PipeInPath(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
             dout.reset(open(PipeOutPath(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
@@ -179,6 +186,7 @@ TEST(CtlRun, CutMergedStaleRepliesAndAGoneDaemon) {
                 if (n <= 0 || found == c.answers.end()) continue;
                 for (const Bytes& r : found->second) {
                     if (r == P("", "close")) dout.reset();
+                    else if (r == P("", "off")) switched_back = true;
                     else EXPECT_EQ(ssize_t(r.size()), write(dout.get(), r.data(), r.size()));
                 }
             }
@@ -197,6 +205,7 @@ TEST(CtlRun, CutMergedStaleRepliesAndAGoneDaemon) {
         EXPECT_EQ(c.out, out);
         EXPECT_NE(std::string(err).find(c.err), std::string::npos) << err;
         free(out), free(err);
+        EXPECT_TRUE(c.line.find("points") != 0 || testutil::WaitUntil([&] { return switched_back.load(); }, 1000));
         running = false;
         daemon.join();
     }
