@@ -103,6 +103,7 @@ TEST_F(AppPipes, OnPlainLinuxOnlyRootAndTheDirectorysGroupReachThem) {
         auto dev = Device(&controller, DEV_RS232, 5);
         DevCreateAppPipe(dev.get());
         ASSERT_EQ(c.opened, dev->m_fdPipeIn.valid());
+        EXPECT_TRUE(!c.opened || fcntl(dev->m_fdPipeIn.get(), F_GETFD) == FD_CLOEXEC);  // not inherited
         EXPECT_EQ(c.other, reach(other, other));  // the other user first, then the member
         ForwardFromTool(dev.get());
         EXPECT_EQ((c.other & 1) && c.opened, dev->bPointsToTool) << "diverted";
