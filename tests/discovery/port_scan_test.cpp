@@ -154,18 +154,8 @@ std::pair<UniqueFd, UniqueFd> Pair(int type) {
     return {UniqueFd(fds[0]), UniqueFd(fds[1])};
 }
 
-// One reader run over pieces written as packets: the result and max(result, 0) reply bytes.
-std::pair<int, Bytes> ReadPieces(const std::vector<Bytes>& pieces, uint8_t serial, uint8_t cmd) {
-    auto pair = Pair(SOCK_SEQPACKET);
-    for (const Bytes& p : pieces) EXPECT_EQ(ssize_t(p.size()), write(pair.second.get(), p.data(), p.size()));
-    ProbeContext context;
-    memset(&context, 0xCC, sizeof(context));  // the reader must not rely on a clean buffer
-    context.bSerialFraming = serial;
-    const int result = ReadDeviceResponse(&context, pair.first.get(), context.ReplyBuf, cmd);
-    return {result, Bytes(context.ReplyBuf, context.ReplyBuf + std::max(result, 0))};
-}
-
-// Serial (0A) and USB (03) framing, the leading-byte rule, the tries, fragments.
+// Serial (0A) and USB (03) framing, the leading-byte rule, the tries, fragments: each piece
+// is one read; the result and the first max(result, 0) bytes of the reply.
 TEST(ReadDeviceResponse, Replies) {
     const std::string longest = "0A3E" + std::string(62 * 2, '5'), junk = "202122", wrong = "0303550000";
     const struct { uint8_t serial; std::vector<std::string> pieces; int result; std::string reply; } cases[] = {
@@ -175,19 +165,25 @@ TEST(ReadDeviceResponse, Replies) {
         {1, {longest}, 64, longest},                 {1, {"0A3F3900"}, -1, ""},
         {1, {junk, junk, junk, junk, junk, "0A0139"}, 3, "0A0139"},
         {1, {"0A024207"}, 4, "0A024207"},            {1, {}, -1, ""},
-        {0, {wrong, wrong, "0303390100"}, 4, "03023900"},
-        {0, {wrong, wrong, wrong, "0303390100"}, -1, ""},
-        {0, {"0306390102030405"}, 8, "0306390102030405"},
-        {0, {"000306390102030405"}, 8, "0306390102030405"},
+        {0, {wrong, wrong, "0303390100"}, 4, "03023900"}, {0, {wrong, wrong, wrong, "0303390100"}, -1, ""},
+        {0, {"0306390102030405"}, 8, "0306390102030405"}, {0, {"000306390102030405"}, 8, "0306390102030405"},
         {0, {"03043905D1D2", "030400D3D4D5"}, 8, "030639D1D2D3D4D5"},
         {0, {"03043905D1D2", "030455D3D4D5"}, -1, ""}, {0, {"030400D3D4D5"}, -1, ""},
         {0, {"03023900"}, 3, "030139"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::PrintToString(c.pieces));
-        std::vector<Bytes> pieces;
-        for (const std::string& p : c.pieces) pieces.push_back(Hex(p));
-        EXPECT_EQ(std::make_pair(c.result, Hex(c.reply)), ReadPieces(pieces, c.serial, 0x39));
+        auto pair = Pair(SOCK_SEQPACKET);
+        for (const std::string& hex : c.pieces) {
+            const Bytes p = Hex(hex);
+            EXPECT_EQ(ssize_t(p.size()), write(pair.second.get(), p.data(), p.size()));
+        }
+        ProbeContext context;
+        memset(&context, 0xCC, sizeof(context));  // the reader must not rely on a clean buffer
+        context.bSerialFraming = c.serial;
+        const int result = ReadDeviceResponse(&context, pair.first.get(), context.ReplyBuf, 0x39);
+        EXPECT_EQ(c.result, result);
+        EXPECT_EQ(Hex(c.reply), Bytes(context.ReplyBuf, context.ReplyBuf + std::max(result, 0)));
     }
 }
 
