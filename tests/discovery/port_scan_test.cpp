@@ -105,6 +105,7 @@ TEST_F(PortScanTest, CustomSerialPathsThatAreNotTerminalsAreNeverWritten) {
     PtyController owned(B9600);
     manager_.DeviceListHead = new CDeviceObject(owned.path().c_str(), &settings_);
     manager_.DeviceCount = 1;
+    testutil::LogCapture log;
     settings_.CustomPathMask = kCustomSerialPathBit;
     const std::string paths[] = {"/dev/null", lure, ini, owned.path()};
     for (int i = 0; i < 4; ++i) snprintf(settings_.CustomSerialPath[i], kTextMax, "%s", paths[i].c_str());
@@ -114,6 +115,7 @@ TEST_F(PortScanTest, CustomSerialPathsThatAreNotTerminalsAreNeverWritten) {
     EXPECT_TRUE(owned.loopbacks.empty() && owned.queries.empty());
     EXPECT_EQ(lure_bytes, testutil::ReadFile(lure));
     EXPECT_EQ(ini_bytes, testutil::ReadFile(ini));
+    EXPECT_EQ(1, log.Count("Refused device node [/dev/null]: not a terminal"));  // slot 0 is scanned too
 }
 
 // Speeds tried (the configured one only, if set), the boot-loader query after each silent
