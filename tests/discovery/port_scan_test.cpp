@@ -28,11 +28,7 @@ namespace {
 using Speeds = std::vector<speed_t>;
 const Speeds kAll = {B9600, B19200, B57600, B115200};
 
-Bytes Hex(const std::string& hex) {
-    Bytes b;
-    for (size_t i = 0; i + 1 < hex.size(); i += 2) b.push_back(std::stoi(hex.substr(i, 2), 0, 16));
-    return b;
-}
+using testutil::Hex;
 
 // A serial controller on a pty master: answers the loop-back (41) with loopback only at
 // loopback_speed and the IAP query (39) with iap only at iap_speed; records the speeds.
