@@ -219,6 +219,8 @@ TEST_F(CommandTest, RepliesEachCommandAccepts) {
         {"right-click off after a query", true, {{0x35, {fmt}}, {0x34, {done}}}, rclk_off(0), 0, "", "35 34", "030434 070132"},
         {"right-click off, series 2: EEPROM word 0x39", true, {{0x43, {Hex("030443 392301")}}, {0x34, {done}}},
          rclk_off(SERIES_LOMBAR), 0, "", "43 34", "030434 070300"},
+        {"set feature twice: the command lock is released", true, {},
+         [](CDeviceObject* d, std::string*) { return SetFeature(d) > 0 && SetFeature(d) > 0 ? 0 : -1; }, 0, "", "00 00", "050200 000000"},
         {"format on its own thread", true, {{0x34, {Hex("030233 01")}}}, own_thread, 0, "", "34", "030234 010000"},
         {"format on its own thread, silent", true, {}, own_thread, -1, "", "34 34 34", nullptr},
     };
@@ -229,6 +231,7 @@ TEST_F(CommandTest, RepliesEachCommandAccepts) {
         std::string out;
         EXPECT_EQ(c.result, c.call(dev.get(), &out));
         EXPECT_EQ(c.out, out);
+        controller.WaitForPackets(Hex(c.commands).size(), 1000);  // a command without a reply
         EXPECT_EQ(Hex(c.commands), Commands(controller));
         if (c.last) { EXPECT_EQ(Hex(c.last), controller.Received().back()); }
         EXPECT_EQ(0, dev->SelfHookCmd.load());  // unregistered after each command
