@@ -125,8 +125,8 @@ const std::string kHead = Head("1", "1"), kNew = Head("ffffffff", "3"), kEnd = "
 
 class ParamFileTest : public ::testing::Test {
   protected:
+    ParamFileTest() { settings_.MaxDeviceNums = 2; }  // set once: devices start on two threads
     std::unique_ptr<CDeviceObject> NewDevice(const char* address) {
-        settings_.MaxDeviceNums = 2;
         std::unique_ptr<CDeviceObject> dev(new CDeviceObject("/dev/hidraw0", &settings_));
         snprintf(dev->Param.Physical_Address, kTextMax, "%s", address);
         return dev;
