@@ -52,9 +52,11 @@ TEST(DataFileTest, DaemonFilesHardLinkedElsewhereAreNeverWritten) {
     const std::pair<std::string, std::function<void()>> cases[] = {
         {PidFilePath(), [] { WritePidFile(); }},
         {log_file, [] { TLOG(LOG_MAIN, "a line for the log file"); }},
-        {DrvLogPath(), [] {  // the capture is made afresh
-             FILE* out = RunShellCommand("echo o", DrvLogPath());
-             EXPECT_TRUE(out && fgetc(out) == 'o' && !fclose(out));
+        {DrvLogPath(), [] {  // the capture (standard output and error) is made afresh
+             FILE* out = RunShellCommand("echo o; echo e >&2", DrvLogPath());
+             char text[8] = {};
+             EXPECT_TRUE(out && fread(text, 1, sizeof(text) - 1, out) == 4 && !fclose(out));
+             EXPECT_STREQ("o\ne\n", text);
          }}};
     for (const auto& c : cases) {
         unlink(c.first.c_str());  // an earlier row's log lines may have made the log file
