@@ -80,9 +80,9 @@ TEST(PointParse, ReportsToEvents) {
                                              ignored(0x7F)}, ""},
         {"series 11 two contacts", U, 11, 2, 0, {Hex(s11 + " 02")}, "3:1024,512 | 3:1024,512 5:256,128"},
         {"series 11 one contact", U, 11, 1, 0, {Hex(s11 + " 01")}, "3:2048,1024"},
-        // Pen: tip, barrel, in range; tilt 6000 stays, 6001 becomes 6001 - 65536.
-        {"pen sample", U, 22, 3, 0, {Hex("02 23 E8 03 D0 07 00 02 70 17 71 17")}, "",
-         "PEN=1 STYLUS=1 X=1000 Y=2000 TOUCH=1 P=512 TX=6000 TY=-59535"},
+        // Pen: tip, barrel, in range; tilt 6000 stays, 59536 is -6000 in 16 bits.
+        {"pen sample", U, 22, 3, 0, {Hex("02 23 E8 03 D0 07 00 02 70 17 90 E8")}, "",
+         "PEN=1 STYLUS=1 X=1000 Y=2000 TOUCH=1 P=512 TX=6000 TY=-6000"},
         {"pen invert: eraser", U, 23, 1, 0, {Hex("02 25 0A 00 14 00 05 00 00 00 00 00")}, "",
          "X=10 Y=20 P=5 TX=0 TY=0 | RUBBER=0"},
         {"truncated reports: dropped whole", U, 0, 1, 0, {Hex("01 05 10 00 20"), Hex("03"), Hex("04 05 10"),
