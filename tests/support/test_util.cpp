@@ -83,8 +83,6 @@ int LogCapture::Count(const std::string& text) const {
     return n;
 }
 
-
-
 std::string LogCapture::Text() const {
     std::string text;
     for (const LogLine& line : lines()) text += line.message + "\n";

@@ -4,6 +4,7 @@
 // tests that include it depend on the device record.
 #pragma once
 
+#include <ctype.h>
 #include <gtest/gtest.h>
 #include <linux/input.h>
 #include <stdio.h>
@@ -12,12 +13,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <ctype.h>
-
 #include <map>
 #include <memory>
-#include <sstream>
 #include <ostream>
+#include <sstream>
 #include <string>
 #include <vector>
 
