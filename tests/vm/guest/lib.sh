@@ -1,5 +1,4 @@
 # Helpers for run.sh in the VM; OUT, sent back to the host, holds the transcript steps.txt.
-
 step() { echo "$*" >> "$OUT/steps.txt"; }
 
 # write_settings SCAN [SERIALPATH]: a minimal /data/TavrineA.ini.
@@ -12,14 +11,15 @@ write_settings() {
 daemon_pids() {
     local status pid
     for status in /proc/[0-9]*/status; do
-        grep -q '^Name:[[:space:]]*TavrineD$' "$status" 2>/dev/null || continue
-        grep -q '^State:[[:space:]]*Z' "$status" 2>/dev/null && continue
+        grep -q '^Name:[[:space:]]*TavrineD$' "$status" 2> /dev/null || continue
+        grep -q '^State:[[:space:]]*Z' "$status" 2> /dev/null && continue
         pid=${status#/proc/}
         echo "${pid%/status}"
     done
 }
 daemon_count() { daemon_pids | wc -l | tr -d ' '; }
 is_daemon() { daemon_pids | grep -qx "$1"; }
+pid_file_pid() { [ -f /data/TouchPID ] && tr -d '\000' < /data/TouchPID | tr -d ' '; }
 
 # wait_until CMD TENTHS: waits up to TENTHS tenths of a second for CMD to succeed.
 wait_until() {
@@ -30,8 +30,6 @@ wait_until() {
         sleep 0.1
     done
 }
-
-pid_file_pid() { [ -f /data/TouchPID ] && tr -d '\000' < /data/TouchPID | tr -d ' '; }
 
 # start_sim SCRIPT: a simulator (SIM_PID, log $OUT/sim.log) that sim_do ACTION drives.
 start_sim() {
@@ -50,20 +48,20 @@ start_evrec() {
     EVREC_PID=$!
 }
 
-stop_pid() { kill -TERM "$1" 2>/dev/null; wait "$1"; }
+stop_pid() { kill -TERM "$1" 2> /dev/null; wait "$1"; }
 strip_times() { sed -E 's/^E: [0-9]+\.[0-9]+ /E: /' "$1" > "$2"; }
 has_input() { grep -q "^N: Name=\"$1\"$" /proc/bus/input/devices; }
 
 # The daemon's log file (none before it logs) and whether it holds the fixed text $1.
-daemon_log() { ls /data/Tavrine_*.log 2>/dev/null | head -n 1; }
+daemon_log() { ls /data/Tavrine_*.log 2> /dev/null | head -n 1; }
 logged() { [ -n "$(daemon_log)" ] && grep -qF -- "$1" "$(daemon_log)"; }
 wait_setup() { wait_until 'logged "Setup Done -----------------"' "$1"; }
 
 # The daemon with -f, the getprop stand-in of case_settings first on its PATH.
 start_daemon() { PATH=/tmp/bin:$PATH TavrineD -f > "$OUT/start.out" 2>&1; }
 
-# touch_events IN OUT: trace IN as "<code> <value>" lines, "SYN_REPORT" ending a frame.
-# Values are printed "%04d" and busybox awk reads "0500" as octal: zeros are cut as text.
+# touch_events IN OUT: trace IN as "<code> <value>" lines, "SYN_REPORT" ending a frame
+# (busybox awk reads the "%04d" value "0500" as octal: zeros are cut as text).
 touch_events() {
     awk '/^E:/ { name = (NF >= 7) ? $NF : $3 " " $4
                  v = $5; sign = ""
@@ -76,9 +74,8 @@ touch_events() {
 # plain_events IN OUT: the "E: type code value" lines of trace IN without times and names.
 plain_events() { grep "^E:" "$1" | sed -e 's/^E: [0-9.]* /E: /' -e 's/\t#.*//' > "$2"; }
 
-# Contacts a reader still sees down at the end of events file $1 (touch_events format): with
-# slots, slots whose last tracking id is not -1; without (type A and multi-sync streams,
-# which list every contact in each frame), the contacts of the last frame.
+# Contacts a reader still sees down at the end of touch_events file $1: with slots, those whose
+# last tracking id is not -1; without (every contact in each frame), those of the last frame.
 contacts_down() {
     awk '$1 == "ABS_MT_SLOT" { slots = 1; s = $2 }
          $1 == "ABS_MT_TRACKING_ID" { id[s + 0] = $2 + 0; if ($2 + 0 != -1) f++ }
@@ -127,28 +124,17 @@ case_settings() {
     [ -z "$ANDROID" ] || { printf '#!/bin/sh\necho %s\n' "$ANDROID" > /tmp/bin/getprop; chmod 755 /tmp/bin/getprop; }
 }
 
-# check_log 'TEXT;!TEXT;...': steps whether the log has each text ('!': must not).
-check_log() {
-    echo "$1" | tr ';' '\n' | sed 's/^ *//; s/ *$//; /^$/d' | while read -r text; do
-        case "$text" in
-        '!'*) logged "${text#!}" && step "log has, wrongly: ${text#!}" || step "log lacks: ${text#!}" ;;
-        *) logged "$text" && step "log has: $text" || step "log lacks: $text" ;;
-        esac
-    done
-}
-
-# case_script A[+B...]: /tmp/case.scn joined from the files, descriptor paths made absolute.
-case_script() { cat $(echo "$1" | tr '+' ' ') | sed "s#^descriptor-file \.\./#descriptor-file $PWD/../#" > /tmp/case.scn; }
-
 # play_case: settings (field 3; kernel=V fakes /proc/version), a simulator per script of field
-# 2 ('-': none, no daemon), the daemon, the commands of field 4, the log texts of field 5.
+# 2 ('-': none, no daemon; A+B joins files), the daemon, the commands of field 4, then steps
+# whether the log has each text of field 5 ('!text': must not) and keeps the commands received.
 play_case() {
-    local kernel n=0
+    local kernel n=0 text
     kernel=$(case_field 3 | tr ' ' '\n' | sed -n 's/^kernel=//p')
     case_settings $(case_field 3 | tr ' ' '\n' | grep -v '^kernel=')
     if [ "$(case_field 2)" != - ]; then
         set -- $(case_field 2)
-        case_script "$1"
+        # Descriptor paths made absolute: the joined script lives in /tmp.
+        cat $(echo "$1" | tr '+' ' ') | sed "s#^descriptor-file \.\./#descriptor-file $PWD/../#" > /tmp/case.scn
         start_sim /tmp/case.scn || step "simulator not ready"
         shift
         for extra; do
@@ -165,7 +151,12 @@ play_case() {
         wait_setup 300 && step "set-up done" || step "set-up not done"
     fi
     eval "$(case_field 4)"
-    check_log "$(case_field 5)"
+    case_field 5 | tr ';' '\n' | sed 's/^ *//; s/ *$//; /^$/d' | while read -r text; do
+        case "$text" in
+        '!'*) logged "${text#!}" && step "log has, wrongly: ${text#!}" || step "log lacks: ${text#!}" ;;
+        *) logged "$text" && step "log has: $text" || step "log lacks: $text" ;;
+        esac
+    done
     [ -f "$OUT/sim.log" ] && sed -n 's/^[0-9.]* rx //p' "$OUT/sim.log" > "$OUT/cmds.txt"
     return 0
 }

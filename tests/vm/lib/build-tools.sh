@@ -1,24 +1,14 @@
-# Builds the programs statically and installs them by component into a staging prefix, copied
-# to STAGE (sourced by run-vm.sh and check-scripts.sh). Sets SIM_BIN, EVREC_BIN, and unless
-# DAEMON_BIN was given DAEMON_BIN and CTL_BIN (empty when they did not build, DAEMON_WHY why).
+# Builds the programs statically into $BUILD/stage under the build lock and copies it to STAGE
+# (sourced by run-vm.sh and check-scripts.sh). Sets SIM_BIN, EVREC_BIN, and unless DAEMON_BIN
+# was given DAEMON_BIN and CTL_BIN (DAEMON_WHY when the daemon did not build).
 # -Wstringop-overread stays a warning: GCC 12 misreads the inlined write of an input_event.
 
-# Runs "$@" holding the build folder's lock (runs side by side share it).
-with_build_lock() {
-    mkdir -p "$BUILD"
-    (
-        flock 9
-        "$@"
-    ) 9> "$BUILD/build.lock"
-}
-
-# build_component COMPONENT TARGET...: into $BUILD/stage, output in $BUILD/build.log.
+# build_component COMPONENT TARGET...: builds and installs one component into $BUILD/stage.
 build_component() {
     component=$1
     shift
     cmake --build "$BUILD/daemon" -j2 --target "$@" >> "$BUILD/build.log" 2>&1 &&
-        cmake --install "$BUILD/daemon" --prefix "$BUILD/stage" --component "$component" \
-            >> "$BUILD/build.log" 2>&1
+        cmake --install "$BUILD/daemon" --prefix "$BUILD/stage" --component "$component" >> "$BUILD/build.log" 2>&1
 }
 
 # $1: 1 to build the daemon and tavrinectl too; leaves $BUILD/stage.ok-* markers.
@@ -36,25 +26,22 @@ build_programs_locked() {
         build_component tool tavrinectl $man && touch "$BUILD/stage.ok-tool"
     fi
     # A copy of its own: a later run may install again while this one packs.
-    rm -rf "$STAGE"
-    cp -a "$BUILD/stage" "$STAGE"
+    rm -rf "$STAGE" && cp -a "$BUILD/stage" "$STAGE"
 }
 
 build_programs() {
     want_daemon=0
     [ -z "$DAEMON_BIN" ] && want_daemon=1
-    with_build_lock build_programs_locked "$want_daemon" && [ -f "$BUILD/stage.ok-sim" ] ||
+    mkdir -p "$BUILD"
+    # Runs side by side share the build folder: one builds at a time.
+    (flock 9 && build_programs_locked "$want_daemon") 9> "$BUILD/build.lock" && [ -f "$BUILD/stage.ok-sim" ] ||
         { cat "$BUILD/build.log" >&2; return 1; }
-    SIM_BIN=$STAGE/bin/tavrine-sim
-    EVREC_BIN=$STAGE/bin/tavrine-evrec
+    SIM_BIN=$STAGE/bin/tavrine-sim EVREC_BIN=$STAGE/bin/tavrine-evrec
     [ "$want_daemon" = 1 ] || return 0
     CTL_BIN=""
     [ -f "$BUILD/stage.ok-tool" ] && CTL_BIN=$STAGE/bin/tavrinectl
     [ -n "$CTL_BIN" ] || echo "run-vm: tavrinectl did not build statically (log: $BUILD/build.log)" >&2
-    if [ -f "$BUILD/stage.ok-daemon" ]; then
-        DAEMON_BIN=$STAGE/sbin/TavrineD
-    else
+    [ -f "$BUILD/stage.ok-daemon" ] && DAEMON_BIN=$STAGE/sbin/TavrineD ||
         DAEMON_WHY="TavrineD did not build statically (log: $BUILD/build.log)"
-    fi
     return 0
 }

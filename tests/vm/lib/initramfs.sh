@@ -1,6 +1,5 @@
 # Builds the VM's initramfs into INITRAMFS (sourced by run-vm.sh); TAVRINE_VM_EXTRA, a folder
 # copied over the root, brings programs only some scenarios use (tslib for scripts/bench.sh).
-
 MODULES="hid uhid hid-generic hid-multitouch uinput evdev serio_raw serport"
 
 # Copies module $1 as plain .ko into $2 (Debian ships .ko, or .ko.xz from trixie on).
@@ -13,44 +12,29 @@ copy_module() {
 build_initramfs() {
     root=$VMDIR/initramfs-root
     rm -rf "$root"
-    mkdir -p "$root/bin" "$root/sbin" "$root/etc" "$root/dev" "$root/proc" "$root/sys" "$root/lib/modules" \
-        "$root/bed/bin" "$root/bed/scenarios"
+    for d in bin sbin etc dev proc sys lib/modules bed/bin bed/scenarios bed/sim; do mkdir -p "$root/$d"; done
     cp /bin/busybox "$root/bin/busybox"
-    for applet in $(/bin/busybox --list); do
-        [ "$applet" = busybox ] && continue
-        ln -s busybox "$root/bin/$applet"
-    done
+    for applet in $(/bin/busybox --list | grep -vx busybox); do ln -s busybox "$root/bin/$applet"; done
     ln -s /bin/busybox "$root/init"
-    mknod -m 600 "$root/dev/console" c 5 1 2>/dev/null || true
+    mknod -m 600 "$root/dev/console" c 5 1 2> /dev/null
     cp "$BED/guest/inittab" "$root/etc/inittab"
     cp "$BED/guest/guest-init.sh" "$BED/guest/lib.sh" "$root/bed/"
-    for m in $MODULES; do
-        copy_module "$m" "$root/lib/modules" || return 1
-    done
+    for m in $MODULES; do copy_module "$m" "$root/lib/modules" || return 1; done
     cp "$SIM_BIN" "$EVREC_BIN" "$root/bed/bin/"
     [ -n "$DAEMON_BIN" ] && cp "$DAEMON_BIN" "$root/bed/bin/TavrineD"
     [ -n "${CTL_BIN:-}" ] && cp "$CTL_BIN" "$root/bed/bin/tavrinectl"
     # Where scripts name them: ../../sim/descriptors/default.hex from /bed/scenarios/<name>/.
-    mkdir -p "$root/bed/sim"
     cp -r "$STAGE/share/tavrine-sim/descriptors" "$root/bed/sim/descriptors"
-    for dir in $SCENARIO_ROOTS; do
-        [ -d "$dir" ] && cp -r "$dir/." "$root/bed/scenarios/"
-    done
-    if wants_libinput; then
-        add_libinput "$root" || return 1
-    fi
-    if [ -n "${TAVRINE_VM_EXTRA:-}" ]; then
-        cp -a "$TAVRINE_VM_EXTRA/." "$root/" || return 1
-    fi
+    for dir in $SCENARIO_ROOTS; do [ -d "$dir" ] && cp -r "$dir/." "$root/bed/scenarios/"; done
+    if wants_libinput; then add_libinput "$root" || return 1; fi
+    [ -z "${TAVRINE_VM_EXTRA:-}" ] || cp -a "$TAVRINE_VM_EXTRA/." "$root/" || return 1
     INITRAMFS=$VMDIR/initramfs.cpio.gz
-    (cd "$root" && find . | /bin/busybox cpio -o -H newc 2>/dev/null) | gzip -1 > "$INITRAMFS"
+    (cd "$root" && find . | /bin/busybox cpio -o -H newc 2> /dev/null) | gzip -1 > "$INITRAMFS"
     rm -rf "$root"
 }
 
 wants_libinput() {
-    for s in $SCENARIOS; do
-        [ -f "$(scenario_dir "$s")/needs-libinput" ] && return 0
-    done
+    for s in $SCENARIOS; do [ -f "$(scenario_dir "$s")/needs-libinput" ] && return 0; done
     return 1
 }
 
