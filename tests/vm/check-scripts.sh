@@ -5,8 +5,7 @@ set -u
 BED=$(cd "$(dirname "$0")" && pwd)
 REPO=$(cd "$BED/../.." && pwd)
 BUILD=${TAVRINE_VM_BUILD:-$BED/.build}
-WORK=$(mktemp -d)
-trap 'rm -rf "$WORK"' EXIT
+WORK=$(mktemp -d) && trap 'rm -rf "$WORK"' EXIT
 . "$BED/lib/build-tools.sh"
 STAGE=$WORK/stage DAEMON_BIN=none # the simulator only
 build_programs || { echo "vm-scripts: the simulator did not build"; exit 1; }
@@ -16,10 +15,8 @@ cp -r "$STAGE/share/tavrine-sim/descriptors" "$WORK/bed/sim/descriptors"
 for f in "$WORK"/bed/scenarios/*/*.steps; do [ -f "$f" ] && cat "${f%/*}/pcap4155.scn" "$f" > "$f.scn"; done
 passed=0 failed=0
 for scn in "$WORK"/bed/scenarios/*/*.scn; do
-    if "$SIM_BIN" "$scn" --check > "$WORK/out" 2>&1; then passed=$((passed + 1)); else
-        failed=$((failed + 1))
-        echo "FAIL ${scn#"$WORK"/bed/}: $(cat "$WORK/out")"
-    fi
+    "$SIM_BIN" "$scn" --check > "$WORK/out" 2>&1 && passed=$((passed + 1)) ||
+        { failed=$((failed + 1)) && echo "FAIL ${scn#"$WORK"/bed/}: $(cat "$WORK/out")"; }
 done
 echo "vm-scripts: $passed passed, $failed failed"
 [ "$failed" = 0 ] && [ "$passed" -gt 0 ]

@@ -43,16 +43,14 @@ deps=$("$REPO/scripts/install-vm-deps.sh" 2>&1) || die "$(echo "$deps" | tail -n
 # A folder per run: runs started side by side in one work tree share no VM files.
 [ -n "$OUT" ] || OUT=$BUILD/logs/$(date +%Y%m%d-%H%M%S)-$$
 mkdir -p "$OUT" && ln -sfn "$OUT" "$BUILD/logs/latest" 2> /dev/null
-VMDIR=$OUT/.vm
+VMDIR=$OUT/.vm STAGE=$OUT/.vm/stage
 rm -rf "$VMDIR" && mkdir -p "$VMDIR"
-STAGE=$VMDIR/stage
 build_programs || die "the simulator or the recorder did not build"
 [ -n "$DAEMON_BIN" ] || die "$DAEMON_WHY"
 build_initramfs || die "could not build the initramfs"
 
 # Deals the scenarios out, longest limit first to the least loaded VM (vm-i.list).
-VMS=$(echo $SCENARIOS | wc -w)
-[ "$VMS" -gt "$JOBS" ] && VMS=$JOBS
+VMS=$(echo $SCENARIOS | wc -w) && [ "$VMS" -gt "$JOBS" ] && VMS=$JOBS
 for s in $SCENARIOS; do echo "$(limit_of "$s") $s"; done | sort -k1,1nr -k2,2 |
     awk -v vms="$VMS" -v dir="$VMDIR" '{ best = 1
         for (i = 2; i <= vms; i++) if (load[i] < load[best]) best = i
@@ -63,8 +61,7 @@ echo "run-vm: booting $(cat "$CACHE/kernel/ready") in $VMS VM(s), logs in $OUT"
 start=$(date +%s)
 for i in $(seq 1 "$VMS"); do
     list=$(tr '\n' ' ' < "$VMDIR/vm-$i.list") sum=0
-    for s in $list; do sum=$((sum + $(limit_of "$s") + 5)); done
-    [ $sum -gt 1000 ] && sum=1000
+    for s in $list; do sum=$((sum + $(limit_of "$s") + 5)); done && [ $sum -gt 1000 ] && sum=1000
     echo "run-vm: VM $i runs: $list(limit $((60 + sum)) s)"
     timeout -k 5 $((60 + sum)) qemu-system-x86_64 -accel tcg -cpu max -m 512 -smp 1 -nographic \
         -no-reboot -kernel "$CACHE/kernel/vmlinuz" -initrd "$INITRAMFS" \
@@ -74,12 +71,11 @@ for i in $(seq 1 "$VMS"); do
 done
 all_booted=1
 for i in $(seq 1 "$VMS"); do
-    wait "$(cat "$VMDIR/vm-$i.pid")"
-    rc=$? console=$OUT/console-$i.log
+    wait "$(cat "$VMDIR/vm-$i.pid")"; rc=$? console=$OUT/console-$i.log
     tr -d '\r' < "$console" | sed -n "s/.*@@BED-WARN/run-vm: VM $i: guest warning:/p"
     grep -q '@@BED-DONE' "$console" && continue
-    echo "run-vm: VM $i stopped early (qemu status $rc, 124: its time limit); last lines of $console:" >&2
-    tail -n 30 "$console" | tr -d '\r' >&2
+    { echo "run-vm: VM $i stopped early (qemu status $rc, 124: its time limit); last lines of $console:"
+      tail -n 30 "$console" | tr -d '\r'; } >&2
     grep -q '@@BED-BOOTED' "$console" || { echo "run-vm: VM $i never reached its script" >&2; all_booted=0; }
 done
 echo "run-vm: whole run of $VMS VM(s): $(($(date +%s) - start)) s wall"
@@ -95,25 +91,23 @@ awk -v out="$OUT" '
         split(substr($0, RSTART, RLENGTH), w, " ")
         if (w[2] ~ /\.\./ || w[3] ~ /\.\./) next
         file = out "/" w[2] "/" w[3] ".b64"; dir = file; sub(/\/[^\/]*$/, "", dir)
-        system("mkdir -p \"" dir "\""); printf "" > file; next
-    }
+        system("mkdir -p \"" dir "\""); printf "" > file; next }
     file != "" { print > file }' $CONSOLES
 find "$OUT" -name '*.b64' | while read -r f; do
     base64 -d < "$f" > "${f%.b64}" 2> /dev/null || echo "run-vm: could not decode ${f%.b64}" >&2
     rm -f "$f"
 done
 
-# Compares each expected.<name> (expected.<case>.<file> in a family) of scenario $1 into diff.txt.
+# Diffs each expected.<name> (expected.<case>.<file> in a family) of scenario $1 into diff.txt.
 compare_expected() {
     status=0
     for exp in "$(scenario_dir "$1")"/expected.*; do
         [ -f "$exp" ] || continue
         name=${exp##*/expected.} actual=$OUT/$1/${exp##*/expected.}
         [ -d "$OUT/$1/${name%%.*}" ] && actual=$OUT/$1/${name%%.*}/${name#*.}
-        [ -f "$actual" ] || { actual=$OUT/$1/$name.missing; : > "$actual"; }
+        [ -f "$actual" ] || actual=/dev/null
         diff -u --label "expected/$name" --label "actual/$name" "$exp" "$actual" >> "$OUT/$1/diff.txt" || status=1
     done
-    [ -s "$OUT/$1/diff.txt" ] && cat "$OUT/$1/diff.txt"
     return $status
 }
 
@@ -125,22 +119,18 @@ judge_scenario() {
     secs=$(echo "$end" | awk '{ split($2, a, "="); split($3, b, "="); printf "%.1f", b[2] - a[2] }')
     rc=${end%% *} why=""
     [ "$rc" = rc=0 ] || why="run.sh exit status ${rc#rc=} (see $OUT/$1/run.out)"
-    compare_expected "$1" > "$OUT/$1/diff.out" || why="${why:+$why; }output differs from expected"
-    [ -z "$why" ] || cat "$OUT/$1/diff.out"
+    compare_expected "$1" || why="${why:+$why; }output differs from expected"
+    [ -z "$why" ] || cat "$OUT/$1/diff.txt" 2> /dev/null
     if [ -f "$(scenario_dir "$1")/expect-fail" ]; then
-        [ -n "$why" ] && [ -s "$OUT/$1/diff.txt" ] && { echo "PASS $1 ($secs s): failed as it must, with the diff above"; return 0; }
-        echo "FAIL $1 ($secs s): this self-test must fail with a diff, but ${why:-it passed}"
-        return 1
+        [ -s "$OUT/$1/diff.txt" ] && { echo "PASS $1 ($secs s): failed as it must, with the diff above"; return 0; }
+        echo "FAIL $1 ($secs s): this self-test must fail with a diff, but ${why:-it passed}" && return 1
     fi
-    [ -z "$why" ] && { echo "PASS $1 ($secs s)"; return 0; }
-    echo "FAIL $1 ($secs s): $why"
-    return 1
+    [ -z "$why" ] && echo "PASS $1 ($secs s)" || echo "FAIL $1 ($secs s): $why"
+    [ -z "$why" ]
 }
 
 passed=0 failed=0
-for s in $SCENARIOS; do
-    if judge_scenario "$s"; then passed=$((passed + 1)); else failed=$((failed + 1)); fi
-done
+for s in $SCENARIOS; do judge_scenario "$s" && passed=$((passed + 1)) || failed=$((failed + 1)); done
 echo "run-vm: logs in $OUT"
 echo "vm: $passed passed, $failed failed"
 [ "$failed" = 0 ] && [ "$all_booted" = 1 ]

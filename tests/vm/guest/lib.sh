@@ -9,12 +9,10 @@ write_settings() {
 
 # Pids of live (not zombie) processes named TavrineD.
 daemon_pids() {
-    local status pid
-    for status in /proc/[0-9]*/status; do
-        grep -q '^Name:[[:space:]]*TavrineD$' "$status" 2> /dev/null || continue
-        grep -q '^State:[[:space:]]*Z' "$status" 2> /dev/null && continue
-        pid=${status#/proc/}
-        echo "${pid%/status}"
+    local s
+    for s in /proc/[0-9]*/status; do
+        grep -qx 'Name:[[:space:]]*TavrineD' "$s" 2> /dev/null && ! grep -q '^State:[[:space:]]*Z' "$s" 2> /dev/null &&
+            { s=${s%/status}; echo "${s#/proc/}"; }
     done
 }
 daemon_count() { daemon_pids | wc -l | tr -d ' '; }
@@ -24,28 +22,21 @@ pid_file_pid() { [ -f /data/TouchPID ] && tr -d '\000' < /data/TouchPID | tr -d 
 # wait_until CMD TENTHS: waits up to TENTHS tenths of a second for CMD to succeed.
 wait_until() {
     local tries=$2
-    while ! eval "$1"; do
-        tries=$((tries - 1))
-        [ "$tries" -le 0 ] && return 1
-        sleep 0.1
-    done
+    until eval "$1"; do tries=$((tries - 1)) && [ "$tries" -gt 0 ] && sleep 0.1 || return 1; done
 }
 
 # start_sim SCRIPT: a simulator (SIM_PID, log $OUT/sim.log) that sim_do ACTION drives.
 start_sim() {
     rm -f /tmp/bed.sim.ready /tmp/bed.sim.ctl
-    tavrine-sim "$1" --log "$OUT/sim.log" --ready /tmp/bed.sim.ready --control /tmp/bed.sim.ctl &
-    SIM_PID=$!
+    tavrine-sim "$1" --log "$OUT/sim.log" --ready /tmp/bed.sim.ready --control /tmp/bed.sim.ctl & SIM_PID=$!
     wait_until '[ -e /tmp/bed.sim.ready ]' 50
 }
 sim_do() { timeout 2 sh -c 'echo "$1" > /tmp/bed.sim.ctl' sh "$*"; }
 
 # start_evrec NAME FILE [ARGS]: records input device NAME into $OUT/FILE (EVREC_PID).
 start_evrec() {
-    local name=$1 file=$2
-    shift 2
-    tavrine-evrec record --name "$name" --out "$OUT/$file" "$@" &
-    EVREC_PID=$!
+    local name=$1 file=$2 && shift 2
+    tavrine-evrec record --name "$name" --out "$OUT/$file" "$@" & EVREC_PID=$!
 }
 
 stop_pid() { kill -TERM "$1" 2> /dev/null; wait "$1"; }
@@ -63,11 +54,9 @@ start_daemon() { PATH=/tmp/bin:$PATH TavrineD -f > "$OUT/start.out" 2>&1; }
 # touch_events IN OUT: trace IN as "<code> <value>" lines, "SYN_REPORT" ending a frame
 # (busybox awk reads the "%04d" value "0500" as octal: zeros are cut as text).
 touch_events() {
-    awk '/^E:/ { name = (NF >= 7) ? $NF : $3 " " $4
-                 v = $5; sign = ""
+    awk '/^E:/ { name = (NF >= 7) ? $NF : $3 " " $4; v = $5; sign = ""
                  if (substr(v, 1, 1) == "-") { sign = "-"; v = substr(v, 2) }
-                 sub(/^0+/, "", v)
-                 if (v == "") v = "0"
+                 sub(/^0+/, "", v); if (v == "") v = "0"
                  if (name == "SYN_REPORT") print name; else print name, sign v }' "$1" > "$2"
 }
 
@@ -91,8 +80,7 @@ rec_touch() {
     start_evrec MorvelTouch_VirtualDevice touch.trace --check --wait-ms 5000 --idle-ms "$1" --ready /tmp/rec.ready
     wait_until '[ -e /tmp/rec.ready ]' 80
     eval "$2"
-    wait "$EVREC_PID"
-    step "protocol check status $?"
+    wait "$EVREC_PID"; step "protocol check status $?"
     touch_events "$OUT/touch.trace" "$OUT/touch.events"
     step "$(contacts_down "$OUT/touch.events")"
 }
@@ -101,35 +89,30 @@ play() { rec_touch "${1:-1500}" "printf '\003\001\176' > /dev/hidraw0"; }
 # tap: one finger at (2048, 2048) in a 0x06 report, then lifted.
 tap() { rec_touch 1500 "sim_do send 06 01 01 00 00 08 00 08; sleep 0.2; sim_do send 06 01 00 00 00 08 00 08"; }
 
-# ---- Families: run.sh runs once per line of cases, the line in CASE.
+# Families: run.sh runs once per line of cases, the line in CASE; case_field N is its field N.
 case_field() { echo "$CASE" | cut -d'|' -f"$1" | sed 's/^ *//; s/ *$//'; }
 
 # case_settings KEY=VALUE...: /data/TavrineA.ini from bits, scan, nums, serial (repeatable),
 # android (a getprop answering it in /tmp/bin); other pairs go into [Device_No.0].
 case_settings() {
-    local bits=1 scan=1 nums=1 serial="" dev="" kv
-    ANDROID=""
+    local bits=1 scan=1 nums=1 serial="" dev="" kv && ANDROID=""
     for kv; do
         case "$kv" in
-        bits=*) bits=${kv#*=} ;;
-        scan=*) scan=${kv#*=} ;;
-        nums=*) nums=${kv#*=} ;;
+        bits=* | scan=* | nums=*) eval "${kv%%=*}=\${kv#*=}" ;;
         serial=*) serial="${serial}SerialPath ${kv#*=}\n" ;;
         android=*) ANDROID=${kv#*=} ;;
         *) dev="$dev${kv%%=*} ${kv#*=}\n" ;;
         esac
     done
     printf "[TavrineA.ini]\nDebugEnableBits $bits\nShowDebugPosition 0\nDeviceNums $nums\nScanInterface $scan\n[String]\n${serial:-SerialPath default\n}\n[Device_No.0]\n${dev:-VKEYReportMod 1\n}[EndOfDevice]\n[EndOfFile]" > /data/TavrineA.ini
-    mkdir -p /tmp/bin
-    [ -z "$ANDROID" ] || { printf '#!/bin/sh\necho %s\n' "$ANDROID" > /tmp/bin/getprop; chmod 755 /tmp/bin/getprop; }
+    mkdir -p /tmp/bin && [ -z "$ANDROID" ] || { printf '#!/bin/sh\necho %s\n' "$ANDROID" > /tmp/bin/getprop; chmod 755 /tmp/bin/getprop; }
 }
 
 # play_case: settings (field 3; kernel=V fakes /proc/version), a simulator per script of field
 # 2 ('-': none, no daemon; A+B joins files), the daemon, the commands of field 4, then steps
 # whether the log has each text of field 5 ('!text': must not) and keeps the commands received.
 play_case() {
-    local kernel n=0 text
-    kernel=$(case_field 3 | tr ' ' '\n' | sed -n 's/^kernel=//p')
+    local n=0 text wrongly kernel=$(case_field 3 | tr ' ' '\n' | sed -n 's/^kernel=//p')
     case_settings $(case_field 3 | tr ' ' '\n' | grep -v '^kernel=')
     if [ "$(case_field 2)" != - ]; then
         set -- $(case_field 2)
@@ -138,24 +121,19 @@ play_case() {
         start_sim /tmp/case.scn || step "simulator not ready"
         shift
         for extra; do
-            n=$((n + 1))
-            tavrine-sim "$extra" --log "$OUT/sim-$n.log" --ready "/tmp/sim-$n.ready" &
+            n=$((n + 1)); tavrine-sim "$extra" --log "$OUT/sim-$n.log" --ready "/tmp/sim-$n.ready" &
             wait_until "[ -e /tmp/sim-$n.ready ]" 50
         done
-        if [ -n "$kernel" ]; then
+        if [ -z "$kernel" ]; then start_daemon; else
             echo "Linux version $kernel-tavrine (bed@vm) (gcc version 4.4.3) #1 SMP PREEMPT" > /tmp/version
             unshare -m sh -c 'mount --bind /tmp/version /proc/version && exec TavrineD -f' > "$OUT/start.out" 2>&1
-        else
-            start_daemon
         fi
         wait_setup 300 && step "set-up done" || step "set-up not done"
     fi
     eval "$(case_field 4)"
     case_field 5 | tr ';' '\n' | sed 's/^ *//; s/ *$//; /^$/d' | while read -r text; do
-        case "$text" in
-        '!'*) logged "${text#!}" && step "log has, wrongly: ${text#!}" || step "log lacks: ${text#!}" ;;
-        *) logged "$text" && step "log has: $text" || step "log lacks: $text" ;;
-        esac
+        wrongly="" && [ "${text#!}" != "$text" ] && wrongly=", wrongly"
+        logged "${text#!}" && step "log has$wrongly: ${text#!}" || step "log lacks: ${text#!}"
     done
     [ -f "$OUT/sim.log" ] && sed -n 's/^[0-9.]* rx //p' "$OUT/sim.log" > "$OUT/cmds.txt"
     return 0

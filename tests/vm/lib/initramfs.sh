@@ -47,40 +47,27 @@ LIBINPUT_HWDB="60-evdev 60-input-id 65-libwacom 70-mouse 70-pointingstick 70-tou
 add_libinput() {
     src=$CACHE/libinput/root
     [ -x "$src/bin/udevadm" ] || { echo "run-vm: no udev/libinput in $src (scripts/install-vm-deps.sh)" >&2; return 1; }
-    libs=$src/lib/x86_64-linux-gnu:$src/usr/lib/x86_64-linux-gnu
-    mkdir -p "$1/lib/systemd" "$1/lib/udev/rules.d" "$1/lib/udev/hwdb.d" "$1/usr/bin" \
-        "$1/usr/libexec/libinput" "$1/usr/share" "$1/run"
-    cp "$src/bin/udevadm" "$src/bin/systemd-hwdb" "$1/bin/"
+    libs=$src/lib/x86_64-linux-gnu:$src/usr/lib/x86_64-linux-gnu progs=""
+    mkdir -p "$1/lib/systemd" "$1/lib/udev/rules.d" "$1/lib/udev/hwdb.d" "$1/usr/share" "$1/run"
+    for p in bin/udevadm bin/systemd-hwdb usr/bin/libinput usr/libexec/libinput/libinput-debug-events \
+        usr/libexec/libinput/libinput-list-devices lib/udev/libinput-device-group \
+        lib/udev/libinput-fuzz-extract lib/udev/libinput-fuzz-to-zero; do
+        mkdir -p "$1/${p%/*}" && cp "$src/$p" "$1/$p" && progs="$progs $1/$p"
+    done
     ln -sf /bin/udevadm "$1/lib/systemd/systemd-udevd"
-    cp "$src/usr/bin/libinput" "$1/usr/bin/"
-    progs="$1/bin/udevadm $1/bin/systemd-hwdb"
-    for p in debug-events list-devices; do
-        cp "$src/usr/libexec/libinput/libinput-$p" "$1/usr/libexec/libinput/"
-        progs="$progs $1/usr/libexec/libinput/libinput-$p"
-    done
-    for p in libinput-device-group libinput-fuzz-extract libinput-fuzz-to-zero; do
-        cp "$src/lib/udev/$p" "$1/lib/udev/"
-        progs="$progs $1/lib/udev/$p"
-    done
     for r in $LIBINPUT_RULES; do cp "$src/lib/udev/rules.d/$r.rules" "$1/lib/udev/rules.d/"; done
     for h in $LIBINPUT_HWDB; do cp "$src/lib/udev/hwdb.d/$h.hwdb" "$1/lib/udev/hwdb.d/"; done
     LD_LIBRARY_PATH=$libs "$src/bin/systemd-hwdb" --root "$1" update || {
         echo "run-vm: systemd-hwdb could not compile the input hwdb" >&2; return 1; }
     cp -r "$src/usr/share/libinput" "$src/usr/share/libwacom" "$1/usr/share/"
-    # shellcheck disable=SC2086 # $progs: one word per program
     missing=$(LD_LIBRARY_PATH=$libs ldd $progs 2>&1 | grep 'not found' | sort -u)
     [ -z "$missing" ] || { echo "run-vm: libraries missing for udev/libinput: $missing" >&2; return 1; }
-    # shellcheck disable=SC2086
+    # The libraries the programs load, at their paths under the root.
     for lib in $(LD_LIBRARY_PATH=$libs ldd $progs | awk '$2 == "=>" && $3 ~ /^\// { print $3 }
-                                                          $1 ~ /^\// && $2 ~ /^\(0x/ { print $1 }' |
-        sort -u); do
-        dest=${lib#"$src"}
-        mkdir -p "$1$(dirname "$dest")"
-        cp -L "$lib" "$1$dest"
+        $1 ~ /^\// && $2 ~ /^\(0x/ { print $1 }' | sort -u); do
+        dest=${lib#"$src"} && mkdir -p "$1${dest%/*}" && cp -L "$lib" "$1$dest"
     done
-    mkdir -p "$1/bed/platform"
-    cp -r "$REPO/platform/linux" "$1/bed/platform/"
+    mkdir -p "$1/bed/platform" && cp -r "$REPO/platform/linux" "$1/bed/platform/"
     printf 'root:x:0:0:root:/tmp:/bin/sh\nnobody:x:65534:65534:nobody:/:/bin/false\n' > "$1/etc/passwd"
-    printf 'root:x:0:\ninput:x:101:\nvideo:x:44:\naudio:x:29:\nkvm:x:102:\nrender:x:103:\nplugdev:x:46:\nnogroup:x:65534:\n' \
-        > "$1/etc/group"
+    printf '%s:x:%s:\n' root 0 input 101 video 44 audio 29 kvm 102 render 103 plugdev 46 nogroup 65534 > "$1/etc/group"
 }
