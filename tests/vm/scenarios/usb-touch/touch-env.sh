@@ -1,10 +1,8 @@
 # The daemon on USB as on Android 9, for faults, security and bench/vm.
 . /bed/lib.sh
-mkdir -p /tmp/touchbin
-printf '#!/bin/sh\necho 9\n' > /tmp/touchbin/getprop
-chmod 755 /tmp/touchbin/getprop
-
+mkdir -p /tmp/touchbin && printf '#!/bin/sh\necho 9\n' > /tmp/touchbin/getprop && chmod 755 /tmp/touchbin/getprop
 touch_settings() { case_settings "bits=$1"; }
+touch_go() { printf '\003\001\176' > /dev/hidraw0; }  # releases the script's touch steps
 
 # touch_start SCRIPT: controller, daemon, set-up and touch device (status 1 if not).
 touch_start() {
@@ -15,11 +13,8 @@ touch_start() {
 
 # touch_record FILE [ARGS]: records the touch device (protocol check on) once it is open.
 touch_record() {
-    local file=$1
-    shift
+    local file=$1 && shift
     rm -f /tmp/touch.evrec.ready
     start_evrec MorvelTouch_VirtualDevice "$file" --check --ready /tmp/touch.evrec.ready "$@"
     wait_until '[ -e /tmp/touch.evrec.ready ]' 50
 }
-
-touch_go() { printf '\003\001\176' > /dev/hidraw0; }  # releases the script's touch steps
