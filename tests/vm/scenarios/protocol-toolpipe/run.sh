@@ -12,30 +12,21 @@ setup_within() {
 }
 
 # One read (128 bytes at most, $1 s) of the tool's output pipe, as hex.
-read_pipe() {
-    timeout "$1" dd if=/data/MorvelPipe_out bs=128 count=1 2>/dev/null | od -An -tx1 -v | tr -s ' \n' '  ' | sed 's/^ //; s/ $//'
-    echo
-}
+read_pipe() { timeout "$1" dd if=/data/MorvelPipe_out bs=128 count=1 2> /dev/null | od -An -tx1 -v | xargs; }
 
-# Set-up's answers stay off the output pipe; a loop-back is answered; a version in two
-# fragments comes out merged.
+# Set-up's answers stay off the output pipe; a loop-back is answered; a fragmented version merged.
 tool_pipe() {
     step "pipes: $(stat -c %a /data/MorvelPipe_in /data/MorvelPipe_out | tr '\n' ' ')"
     step "output pipe after set-up: [$(read_pipe 1)]"
-    printf '\003\001\101' > /data/MorvelPipe_in
-    read_pipe 3 > "$OUT/tool-loopback.txt"
-    printf '\003\001\104' > /data/MorvelPipe_in
-    read_pipe 3 > "$OUT/tool-version.txt"
+    printf '\003\001\101' > /data/MorvelPipe_in && read_pipe 3 > "$OUT/tool-loopback.txt"
+    printf '\003\001\104' > /data/MorvelPipe_in && read_pipe 3 > "$OUT/tool-version.txt"
     step "output pipe at the end: [$(read_pipe 1)]"
 }
 
 # ctl TAG ARGS: tavrinectl's stdout and stderr in $OUT/TAG.out; steps its status.
 ctl() {
-    local tag=$1
-    shift
-    tavrinectl "$@" > "$OUT/$tag.out" 2> /tmp/ctl.err
-    step "$tag: status $?"
-    cat /tmp/ctl.err >> "$OUT/$tag.out"
+    local tag=$1 && shift
+    tavrinectl "$@" > "$OUT/$tag.out" 2> /tmp/ctl.err; step "$tag: status $?"; cat /tmp/ctl.err >> "$OUT/$tag.out"
 }
 
 # USB: version, loop-back, an unanswered command (status 1); the daemon stopped (status 3).
@@ -45,8 +36,7 @@ cli_usb() {
     sim_do note tool silent
     ctl usb-silent --usb --timeout 800 raw 03 01 4b
     sed -n '/note tool silent/,$p' "$OUT/sim.log" | sed -n 's/^[0-9.]* rx //p' > "$OUT/usb-silent.rx"
-    TavrineD -k > /dev/null 2>&1
-    wait_until '[ "$(daemon_count)" = 0 ]' 50
+    TavrineD -k > /dev/null 2>&1; wait_until '[ "$(daemon_count)" = 0 ]' 50
     ctl stopped version
     grep -q "^tavrinectl: no daemon" "$OUT/stopped.out" && step "stopped: says no daemon"
 }
