@@ -1,22 +1,18 @@
 # The self-written settings file.
 . /bed/lib.sh
 
-# inifile: the first device writes the file whole; with DeviceNums 2 a second address adds
-# block 1; a restart with three more controllers whose addresses read as the file's words
-# ([EndOfFile], [Device_No.0], [EndOfDevice]) serves all five and changes nothing.
+# The first device writes the file whole; with DeviceNums 2 a second address adds block 1; three
+# more whose addresses read as the file's words are served on a restart and change nothing.
 inifile() {
     local n=0 pids=""
     all_on() { for f; do grep -q 'rx 03 02 34' "$f" || return 1; done; }
-    # run NUMS PHYS...: USB controllers that answer nothing, then the daemon with DeviceNums
-    # NUMS (-D: no file yet) until it has switched every controller's reports on.
+    # run NUMS PHYS...: silent USB controllers, the daemon with DeviceNums NUMS, their switch-on.
     run() {
-        local nums=$1 logs="" opt=-D
+        local nums=$1 logs="" opt=-f
         shift
-        if [ -f /data/TavrineA.ini ]; then
-            opt=-f
-            sed -i "s/^\(DeviceNums[[:space:]]*\)[0-9]*$/\1$nums/" /data/TavrineA.ini
-            cp /data/TavrineA.ini /tmp/before.ini
-        fi
+        [ -f /data/TavrineA.ini ] || opt=-D
+        sed -i "s/^\(DeviceNums[[:space:]]*\)[0-9]*$/\1$nums/" /data/TavrineA.ini 2> /dev/null
+        cp /data/TavrineA.ini /tmp/before.ini 2> /dev/null
         for phys; do
             n=$((n + 1))
             printf 'port usb\ndescriptor-file %s\nphys %s\n' "$PWD/../../sim/descriptors/default.hex" "$phys" > /tmp/$n.scn
@@ -30,16 +26,12 @@ inifile() {
     stop_all() { TavrineD -k > /dev/null 2>&1; for p in $pids; do stop_pid "$p"; done; pids=""; }
 
     rm -f /data/TavrineA.ini
-    run 1 usb-sim-a/input0
-    cp /data/TavrineA.ini "$OUT/generated.ini"
-    stop_all
-    run 2 usb-sim-a/input0 usb-sim-b/input0
-    cp /data/TavrineA.ini "$OUT/two-devices.ini"
-    stop_all
+    run 1 usb-sim-a/input0; cp /data/TavrineA.ini "$OUT/generated.ini"; stop_all
+    run 2 usb-sim-a/input0 usb-sim-b/input0; cp /data/TavrineA.ini "$OUT/two-devices.ini"; stop_all
     run 5 usb-sim-a/input0 usb-sim-b/input0 '[EndOfFile]' '[Device_No.0]' '[EndOfDevice]'
     cmp -s /data/TavrineA.ini /tmp/before.ini && step "restart, five devices: file unchanged" || cp /data/TavrineA.ini "$OUT/fourth.ini"
-    grep -ho 'Found match physical address \[[^]]*\], device figure \[[0-9]\]' /data/Tavrine_*.log | sort >> "$OUT/steps.txt"
-    grep -ho 'Physical address \[.*\] cannot be matched, use default setting' /data/Tavrine_*.log | sort >> "$OUT/steps.txt"
+    grep -ho -e 'Found match physical address \[[^]]*\], device figure \[[0-9]\]' \
+        -e 'Physical address \[.*\] cannot be matched, use default setting' /data/Tavrine_*.log | sort >> "$OUT/steps.txt"
     stop_all
 }
 
