@@ -1,10 +1,11 @@
-// Settings file: global values, the per-device blocks (matching, claiming, adding, rewriting),
-// paths never written through, and two devices on the file at once.
+// Settings file: global values, device blocks (matched, claimed, added, rewritten), links.
 #include <gtest/gtest.h>
 #include <stdio.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <iterator>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -28,18 +29,16 @@ std::string ReadChanges(std::string text) {
     Quiet([&] { SetDefaultSettings(&s); });
     LogFilePath[0] = '\0';  // the directory goes with this call
     DebugEnableBits = ShowDebugPosition = 1;
-    auto values = [&s] {
-        auto n = [](std::string name, long long v) { return name + std::to_string(v); };
-        std::vector<std::string> v = {n("bits=", DebugEnableBits), n("pos=", ShowDebugPosition),
-                                      n("baud=", s.BaudRate),      n("nums=", s.MaxDeviceNums),
-                                      n("scan=", s.ScanInterface), n("calib=", s.UseDriverCalib),
-                                      n("skip=", s.SkipFirstByte), n("shift=", s.ShiftByteBothEnd)};
-        for (int i = 0; i < kSerialPathSlots; ++i)
-            v.push_back(n("serial", i) + "=" + s.CustomSerialPath[i]);
-        v.push_back(std::string("uinput=") + s.UinputPath);
-        for (int i = 0; i < kDevPidSlots; ++i) v.push_back(n("pid", i) + "=" + s.DevPID[i]);
-        v.push_back(n("mask=", s.CustomPathMask));
-        return v;
+    const auto values = [&s] {
+        std::ostringstream v;
+        v << "bits=" << DebugEnableBits << " pos=" << +ShowDebugPosition << " baud=" << s.BaudRate
+          << " nums=" << +s.MaxDeviceNums << " scan=" << +s.ScanInterface << " calib="
+          << s.UseDriverCalib << " skip=" << s.SkipFirstByte << " shift=" << s.ShiftByteBothEnd;
+        for (int i = 0; i < kSerialPathSlots; ++i) v << " serial" << i << "=" << s.CustomSerialPath[i];
+        v << " uinput=" << s.UinputPath;
+        for (int i = 0; i < kDevPidSlots; ++i) v << " pid" << i << "=" << s.DevPID[i];
+        std::istringstream split(v.str() + " mask=" + std::to_string(s.CustomPathMask));
+        return std::vector<std::string>{std::istream_iterator<std::string>(split), {}};
     };
     const std::vector<std::string> before = values();
     FILE* stream = fmemopen(&text[0], text.size(), "r");
@@ -62,7 +61,6 @@ TEST(GlobalSettingsTest, FileTextInValuesOut) {
     for (int i = 0; i < 5000; ++i) garbage.push_back(static_cast<char>((i * 131 + 7) & 0xFF));
     for (int i = 1; i <= 11; ++i) pids += " DevPID " + std::to_string(i);  // one too many
     const std::pair<std::string, std::string> cases[] = {
-        // clang-format off
         {"[TavrineB.ini] DebugEnableBits 7 ScanInterface 3", ""}, {w200 + " DebugEnableBits 7", ""},
         {"[TavrineA.ini]\0 DebugEnableBits 7"s, ""},
         {a + "ff Scan 2", "bits=255"}, {a + "0x1F", "bits=31"}, {a + "1FFFFFFFF", ""},
@@ -74,11 +72,9 @@ TEST(GlobalSettingsTest, FileTextInValuesOut) {
         {h + "DeviceNums -1 BaudRate -1 ShowDebugPosition -1", ""},
         {h + "UseDriverCalib 99999999999 DeviceNums 2", "nums=2"},
         {h + "MyBaudRate 9600 baudrate 9600 BaudRate2 9600 DeviceNums 2", "nums=2"},
-        {h + "BaudRate DeviceNums 4 ScanInterface [String] SerialPath /a",
-         "nums=4 serial0=/a mask=1"},
+        {h + "BaudRate DeviceNums 4 ScanInterface [String] SerialPath /a", "nums=4 serial0=/a mask=1"},
         {h + std::string(200, 'k') + " 4 DeviceNums " + w200 + " BaudRate 9600", "baud=9600"},
-        {h + "[String]" + w200 + " 1 ScanInterface 2 [String] SerialPath /a",
-         "scan=2 serial0=/a mask=1"},
+        {h + "[String]" + w200 + " 1 ScanInterface 2 [String] SerialPath /a", "scan=2 serial0=/a mask=1"},
         {h + "[String] SerialPath /dev/" + w200 + " UinputPath " + w200, ""},
         {h + "[String] SerialPath " + q63, "serial0=" + q63 + " mask=1"},
         {h + "[String] SerialPath default MySerialPath /a SerialPath2 /b XSerialPathY /c "
@@ -88,15 +84,12 @@ TEST(GlobalSettingsTest, FileTextInValuesOut) {
         {h + "[String] UinputPath /dev/b\0c Serial\0Path /dev/s"s, ""},
         {h + "[String] DevPID 7e5 DevPID2 ABCD MyDevPIDx 1F DevPID 0001",
          "pid0=07e5 pid1=abcd pid2=001f pid3=0001"},
-        {h + "[String] DevPID 00012 DevPID 12;x DevPID ../ DevPID default devpid 2 DevPID " + w200,
-         ""},
+        {h + "[String] DevPID 00012 DevPID 12;x DevPID ../ DevPID default devpid 2 DevPID " + w200, ""},
         {pids, "pid0=0001 pid1=0002 pid2=0003 pid3=0004 pid4=0005 pid5=0006 pid6=0007 "
                "pid7=0008 pid8=0009 pid9=0010"},
         {h + "[String] SerialPath /a [Device_No.0] SerialPath /b DevPID 1", "serial0=/a mask=1"},
         {h + "DeviceNums 2 [EndOfFile] BaudRate 9600 [String] SerialPath /a", "nums=2"},
-        {h + "DeviceNums 3 BaudRate", "nums=3"}, {h + "DeviceNums 2 " + garbage, "nums=2"},
-        // clang-format on
-    };
+        {h + "DeviceNums 3 BaudRate", "nums=3"}, {h + "DeviceNums 2 " + garbage, "nums=2"}};
     for (const auto& c : cases) EXPECT_EQ(c.second, ReadChanges(c.first)) << c.first;
 }
 
@@ -126,15 +119,15 @@ const std::string kHead = Head("1", "1"), kNew = Head("ffffffff", "3"), kEnd = "
 class ParamFileTest : public ::testing::Test {
   protected:
     ParamFileTest() { settings_.MaxDeviceNums = 2; }  // set once: devices start on two threads
-    std::unique_ptr<CDeviceObject> NewDevice(const char* address) {
+    std::unique_ptr<CDeviceObject> NewDevice(const char* address, int points = 10) {
         std::unique_ptr<CDeviceObject> dev(new CDeviceObject("/dev/hidraw0", &settings_));
         snprintf(dev->Param.Physical_Address, kTextMax, "%s", address);
+        dev->Param.SupportPoints = points;
         return dev;
     }
-    int Start(const char* address) {  // the whole per-device step; the block number
-        auto dev = NewDevice(address);
-        DevIniRoutine(dev.get());
-        return dev->Param.Device_No;
+    int Start(const char* address, int points = 10) {  // the whole per-device step; its block
+        auto dev = NewDevice(address, points);
+        return DevIniRoutine(dev.get()), dev->Param.Device_No;
     }
     TempDir dir_;
     LogCapture silent_{0xFFFFFFFFu, 3};  // every category on, nothing written
@@ -161,15 +154,13 @@ TEST_F(ParamFileTest, DeviceBlocksBytesInBytesOut) {
     };  // clang-format on
     for (const auto& c : cases) {
         SCOPED_TRACE(c.in);
-        std::string out = c.out;
-        if (out.empty()) out = c.in.substr(0, c.in.rfind(kEnd)) + Block(c.no, kB, 7) + kEnd;
+        const std::string out =
+            c.out.empty() ? c.in.substr(0, c.in.rfind(kEnd)) + Block(c.no, kB, 7) + kEnd : c.out;
         ASSERT_TRUE(WriteFile(IniFilePath(), c.in));
-        auto dev = NewDevice(kB);
-        dev->Param.SupportPoints = 7;
+        auto dev = NewDevice(kB, 7);
         DevIniRoutine(dev.get());
         EXPECT_TRUE(dev->Param.Device_No == c.no && dev->Param.SupportPoints == c.points);
-        EXPECT_EQ(ReadFile(IniFilePath()), out);
-        EXPECT_FALSE(FileExists(IniTempPath()));
+        EXPECT_TRUE(ReadFile(IniFilePath()) == out && !FileExists(IniTempPath()));
         EXPECT_EQ(Start(kB), c.no);  // the next start finds the same block, file unchanged
         EXPECT_EQ(ReadFile(IniFilePath()), out);
     }
@@ -209,15 +200,14 @@ TEST_F(ParamFileTest, RewriteReplacesOnlyItsBlock) {
         DevIniRoutine(dev.get());
         ASSERT_TRUE(dev->Param.Device_No == 0 && dev->Param.ReportMode == 2) << keys;
         const uint32_t s = dev->Param.BlockStart, e = dev->Param.BlockEnd, n = file.size();
-        const uint32_t bad[][3] = {{s + 1, e, 0},  {s, e - 1, 0},     {s, e + 1, 0}, {e, s, 0},
+        const uint32_t bad[][3] = {{s + 1, e, 0}, {s, e - 1, 0}, {s, e + 1, 0}, {e, s, 0},
                                    {s, n + 20, 0}, {n + 5, n + 5, 0}, {s, e, 2}};
-        for (const auto& b : bad) {
-            dev->Param.Device_No = b[2];
-            EXPECT_EQ(IniDevParamAddBlock(dev.get(), b[0], b[1]), -1) << b[0] << "," << b[1];
+        for (const auto& [start, end, no] : bad) {
+            dev->Param.Device_No = no;
+            EXPECT_EQ(IniDevParamAddBlock(dev.get(), start, end), -1) << start << "," << end;
         }
         EXPECT_EQ(ReadFile(IniFilePath()), file);
-        dev->Param.Device_No = 0;
-        dev->Param.SupportPoints = 20;
+        dev->Param.Device_No = 0, dev->Param.SupportPoints = 20;
         ASSERT_EQ(IniDevParamAddBlock(dev.get(), s, e), 0);
         EXPECT_EQ(ReadFile(IniFilePath()), before + Block(0, kB, 20) + after) << keys;
     }
@@ -246,19 +236,14 @@ TEST_F(ParamFileTest, LinksAtTheSettingsPathsAreNeverWrittenThrough) {
                       claimable = kHead + Block(0, nullptr) + kEnd;
     ASSERT_TRUE(WriteFile(victim, full));
     const auto fifo = [](const char*, const char* p) { return mkfifo(p, 0600); };
-    const std::pair<int (*)(const char*, const char*), bool> cases[] = {// make, at the copy
-                                                                        {fifo, false},
-                                                                        {symlink, false},
-                                                                        {symlink, true},
-                                                                        {link, false},
-                                                                        {link, true}};
+    const std::pair<int (*)(const char*, const char*), bool> cases[] = {  // make, at the copy
+        {fifo, false}, {symlink, false}, {symlink, true}, {link, false}, {link, true}};
     for (const auto& [make, at_temp] : cases) {
         const char* path = at_temp ? IniTempPath() : IniFilePath();
         if (at_temp) WriteFile(IniFilePath(), claimable);
         ASSERT_EQ(make(victim.c_str(), path), 0);
-        EXPECT_EQ(Start(kB), -1);
-        EXPECT_EQ(ReadFile(victim), full);
-        EXPECT_TRUE(!at_temp || ReadFile(IniFilePath()) == claimable);
+        EXPECT_TRUE(Start(kB) == -1 && ReadFile(victim) == full &&
+                    (!at_temp || ReadFile(IniFilePath()) == claimable));
         ASSERT_EQ(unlink(path), 0);
         unlink(IniFilePath());
     }
@@ -272,9 +257,8 @@ TEST_F(ParamFileTest, ConcurrentDevicesEndWithOneWellFormedFile) {
         std::thread tb([&] { no_b = Start(kB); }), tc([&] { no_c = Start(kC); });
         tb.join(), tc.join();
         ASSERT_TRUE(no_b + no_c == 1 && no_b * no_c == 0) << no_b << no_c;
-        EXPECT_EQ(ReadFile(IniFilePath()),
-                  kNew + Block(0, no_b ? kC : kB) + Block(1, no_b ? kB : kC) + kEnd);
-        EXPECT_FALSE(FileExists(IniTempPath()));
+        EXPECT_TRUE(ReadFile(IniFilePath()) == kNew + Block(0, no_b ? kC : kB) + Block(1, no_b ? kB : kC) + kEnd &&
+                    !FileExists(IniTempPath()));
     }
 }
 
