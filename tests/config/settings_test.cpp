@@ -62,9 +62,9 @@ TEST(GlobalSettingsTest, FileTextInValuesOut) {
     for (int i = 1; i <= 11; ++i) pids += " DevPID " + std::to_string(i);  // one too many
     const std::pair<std::string, std::string> cases[] = {
         {"[TavrineB.ini] DebugEnableBits 7 ScanInterface 3", ""}, {w200 + " DebugEnableBits 7", ""},
-        {"[TavrineA.ini]\0 DebugEnableBits 7"s, ""},
-        {a + "ff Scan 2", "bits=255"}, {a + "0x1F", "bits=31"}, {a + "1FFFFFFFF", ""},
-        {a + "-1 ScanInterface 2", "bits=4294967295 scan=2"}, {a + "010", "bits=16"},
+        {"[TavrineA.ini]\0 DebugEnableBits 7"s, ""}, {a + "ff Scan 2", "bits=255"},
+        {a + "0x1F", "bits=31"}, {a + "1FFFFFFFF", ""}, {a + "010", "bits=16"},
+        {a + "-1 ScanInterface 2", "bits=4294967295 scan=2"},
         {"[TavrineA.ini] ScanInterface 3 ShowDebugPosition 2 DebugEnableBits ff", "pos=2"},
         {h + "DeviceNums 2abc BaudRate 115200 ScanInterface 1x", "baud=115200 nums=2 scan=1"},
         {h + "ShowDebugPosition 258 DeviceNums 200 ScanInterface 259", "pos=2 nums=-56 scan=3"},
@@ -77,16 +77,13 @@ TEST(GlobalSettingsTest, FileTextInValuesOut) {
         {h + "[String]" + w200 + " 1 ScanInterface 2 [String] SerialPath /a", "scan=2 serial0=/a mask=1"},
         {h + "[String] SerialPath /dev/" + w200 + " UinputPath " + w200, ""},
         {h + "[String] SerialPath " + q63, "serial0=" + q63 + " mask=1"},
-        {h + "[String] SerialPath default MySerialPath /a SerialPath2 /b XSerialPathY /c "
-             "SerialPath /d SerialPath /e SerialPath /f serialpath /g",
-         "serial0=/a serial1=/b serial2=/c serial3=/d serial4=/e mask=1"},
+        {h + "[String] SerialPath default MySerialPath /a SerialPath2 /b XSerialPathY /c SerialPath /d "
+             "SerialPath /e SerialPath /f serialpath /g", "serial0=/a serial1=/b serial2=/c serial3=/d serial4=/e mask=1"},
         {h + "[String] MyUinputPath /x uinputpath /y UinputPath /dev/u", "uinput=/dev/u mask=2"},
         {h + "[String] UinputPath /dev/b\0c Serial\0Path /dev/s"s, ""},
-        {h + "[String] DevPID 7e5 DevPID2 ABCD MyDevPIDx 1F DevPID 0001",
-         "pid0=07e5 pid1=abcd pid2=001f pid3=0001"},
+        {h + "[String] DevPID 7e5 DevPID2 ABCD MyDevPIDx 1F DevPID 0001", "pid0=07e5 pid1=abcd pid2=001f pid3=0001"},
         {h + "[String] DevPID 00012 DevPID 12;x DevPID ../ DevPID default devpid 2 DevPID " + w200, ""},
-        {pids, "pid0=0001 pid1=0002 pid2=0003 pid3=0004 pid4=0005 pid5=0006 pid6=0007 "
-               "pid7=0008 pid8=0009 pid9=0010"},
+        {pids, "pid0=0001 pid1=0002 pid2=0003 pid3=0004 pid4=0005 pid5=0006 pid6=0007 pid7=0008 pid8=0009 pid9=0010"},
         {h + "[String] SerialPath /a [Device_No.0] SerialPath /b DevPID 1", "serial0=/a mask=1"},
         {h + "DeviceNums 2 [EndOfFile] BaudRate 9600 [String] SerialPath /a", "nums=2"},
         {h + "DeviceNums 3 BaudRate", "nums=3"}, {h + "DeviceNums 2 " + garbage, "nums=2"}};
@@ -167,7 +164,7 @@ TEST_F(ParamFileTest, DeviceBlocksBytesInBytesOut) {
 }
 
 // Leading numbers stored by the width of their field; -1 keeps a value; a block ends at its
-// end word, or without one at the next header.
+// end word, or without one at the next header (and is then not rewritable).
 TEST_F(ParamFileTest, BlockValuesReadByTheirRule) {
     const std::string blocks =
         "\n[Device_No.0] Physical_Address y ReportMode 1\n[Device_No.1]\nPhysical_Address x\n"
@@ -184,6 +181,9 @@ TEST_F(ParamFileTest, BlockValuesReadByTheirRule) {
                                 p.BtnType, p.RightClickEnable, p.EdgeCompensate, p.BeepFreq,
                                 p.ResolX, p.EdgeLeft, p.SplitRectMode, p.VKEYEnable}),
               (std::vector<int>{44, -56, 4, -127, 127, 1, 0xFFFE, freq, 4096, 1, 9, 1}));
+    dev->Param.Device_No = 0;  // no end word: its bytes (and the next block's) are never rewritten
+    IniDevParamRead(dev.get());
+    EXPECT_EQ(IniDevParamAddBlock(dev.get(), p.BlockStart, p.BlockEnd), -1);
 }
 
 // A rewrite replaces exactly its block's bytes, virtual-key section or not; stale offsets, or
