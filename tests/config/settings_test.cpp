@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <iterator>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -37,18 +36,16 @@ std::string ReadChanges(std::string text) {
         for (int i = 0; i < kSerialPathSlots; ++i) v << " serial" << i << "=" << s.CustomSerialPath[i];
         v << " uinput=" << s.UinputPath;
         for (int i = 0; i < kDevPidSlots; ++i) v << " pid" << i << "=" << s.DevPID[i];
-        std::istringstream split(v.str() + " mask=" + std::to_string(s.CustomPathMask));
-        return std::vector<std::string>{std::istream_iterator<std::string>(split), {}};
+        return v << " mask=" << +s.CustomPathMask, v.str();
     };
-    const std::vector<std::string> before = values();
+    std::istringstream before(values());
     FILE* stream = fmemopen(&text[0], text.size(), "r");
     if (!stream) return "no stream";
     Quiet([&] { ReadGlobalSettingsFrom(stream, &s); });
     fclose(stream);
-    const std::vector<std::string> after = values();
-    std::string out;
-    for (size_t i = 0; i < after.size(); ++i)
-        if (after[i] != before[i]) out += (out.empty() ? "" : " ") + after[i];
+    std::istringstream after(values());
+    std::string was, now, out;
+    while (before >> was && after >> now) if (was != now) out += (out.empty() ? "" : " ") + now;
     return out;
 }
 
