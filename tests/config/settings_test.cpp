@@ -134,8 +134,9 @@ TEST_F(ParamFileTest, DeviceBlocksBytesInBytesOut) {
     const std::string w200(200, 'W'), a0 = kHead + Block(0, kA);
     std::string full = kHead;  // all ten numbers in use
     for (int i = 0; i <= 9; ++i) full += Block(i, ("a" + std::to_string(i)).c_str());
+    const std::string claimable = kHead + Block(0, nullptr) + kEnd;
     // clang-format off
-    const struct { std::string in; int no, points; std::string out; } cases[] = {
+    const struct { std::string in; int no, points; std::string out; const char* address = kB; } cases[] = {
         {a0 + Block(1, kB, 5) + kEnd, 1, 5, a0 + Block(1, kB, 5) + kEnd},  // its own block
         {a0 + Block(1, nullptr) + Block(2, kC) + kEnd, 1, 10,  // an empty address is claimed
          a0 + Block(1, kB) + Block(2, kC) + kEnd},
@@ -145,17 +146,20 @@ TEST_F(ParamFileTest, DeviceBlocksBytesInBytesOut) {
         {kHead + "\n[Device_No.99]" + Block(0, kB).substr(14) + kEnd, 0, 7, ""},
         {kHead + "\n[Device_No.3]\nPhysical_Address" + kEnd, 4, 7, ""},
         {full + kEnd, -1, 7, full + kEnd},  // no number left: file unchanged
+        // An address that is a word of the file, or not one word, takes no block (it would
+        // damage the file), in an existing file or in the one the start makes.
+        {claimable, -1, 7, claimable, "[EndOfFile]"}, {"", -1, 7, kNew + Block(0, nullptr, 7) + kEnd, "usb 1"},
     };  // clang-format on
     for (const auto& c : cases) {
         SCOPED_TRACE(c.in);
         const std::string out =
             c.out.empty() ? c.in.substr(0, c.in.rfind(kEnd)) + Block(c.no, kB, 7) + kEnd : c.out;
-        ASSERT_TRUE(WriteFile(IniFilePath(), c.in));
-        auto dev = NewDevice(kB, 7);
+        ASSERT_TRUE(c.in.empty() ? (unlink(IniFilePath()), true) : WriteFile(IniFilePath(), c.in));
+        auto dev = NewDevice(c.address, 7);
         DevIniRoutine(dev.get());
         EXPECT_TRUE(dev->Param.Device_No == c.no && dev->Param.SupportPoints == c.points);
         EXPECT_TRUE(ReadFile(IniFilePath()) == out && !FileExists(IniTempPath()));
-        EXPECT_EQ(Start(kB), c.no);  // the next start finds the same block, file unchanged
+        EXPECT_EQ(Start(c.address, 7), c.no);  // the next start finds the same block, file unchanged
         EXPECT_EQ(ReadFile(IniFilePath()), out);
     }
 }
@@ -207,22 +211,6 @@ TEST_F(ParamFileTest, RewriteReplacesOnlyItsBlock) {
         dev->Param.Device_No = 0, dev->Param.SupportPoints = 20;
         ASSERT_EQ(IniDevParamAddBlock(dev.get(), s, e), 0);
         EXPECT_EQ(ReadFile(IniFilePath()), before + Block(0, kB, 20) + after) << keys;
-    }
-}
-
-// An address that is not one word, or is a word of the file, never takes a block in an existing
-// or a new file (it would damage the file); a later device still claims the block.
-TEST_F(ParamFileTest, UnmatchableAddressIsNeverMatchedClaimedOrWritten) {
-    for (const char* address : {"", "usb 1", "[EndOfFile]", "SupportPoints"}) {
-        for (const std::string& head : {kHead, kNew}) {
-            SCOPED_TRACE(std::string(address) + head);
-            unlink(IniFilePath());
-            if (head == kHead) WriteFile(IniFilePath(), kHead + Block(0, nullptr) + kEnd);
-            EXPECT_TRUE(Start(address) == -1 && Start(address) == -1);
-            EXPECT_EQ(ReadFile(IniFilePath()), head + Block(0, nullptr) + kEnd);
-            EXPECT_EQ(Start(kB), 0);
-            EXPECT_EQ(ReadFile(IniFilePath()), head + Block(0, kB) + kEnd);
-        }
     }
 }
 
