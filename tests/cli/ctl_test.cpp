@@ -18,6 +18,7 @@
 namespace {
 
 using Bytes = std::vector<uint8_t>;
+using testutil::WriteFile;
 
 // The bytes of hex, then text, zero-padded to pad bytes; n copies of a text.
 Bytes P(const std::string& hex, const std::string& text = "", size_t pad = 0) {
@@ -27,7 +28,7 @@ Bytes P(const std::string& hex, const std::string& text = "", size_t pad = 0) {
     return b;
 }
 Bytes operator+(Bytes a, const Bytes& b) { return a.insert(a.end(), b.begin(), b.end()), a; }
-std::string Repeat(const std::string& text, int n) { return n > 0 ? text + Repeat(text, n - 1) : ""; }
+std::string Repeat(const std::string& text, int n) { return n ? text + Repeat(text, n - 1) : ""; }
 
 // ParseCtlArgs over a command line split at blanks.
 int Parse(const std::string& line, CtlOptions* o) {
@@ -44,10 +45,13 @@ TEST(CtlArgs, CommandLines) {
     const std::string bytes64 = "raw" + Repeat(" 5a", 64), commas = "raw" + Repeat(" ,", 300);
     const std::pair<std::string, std::string> cases[] = {
         {"type --serial --timeout 150", "type serial 150 0 "},
-        {"--count 3 points", "points serial 2000 3 "}, {"raw 030141 0x0a,0x2:34 0", "raw auto 2000 0 0301410a023400"},
-        {"--timeout 600000 version", "version auto 600000 0 "}, {bytes64, "raw auto 2000 0 " + Repeat("5a", 64)},
-        {bytes64 + " 00", "!"}, {"raw " + std::string(130, '1'), "!"}, {commas, "!"} /* more words than bytes */, {"", "!"},
-        {"versions", "!"}, {"--verbose version", "!"}, {"version extra", "!"}, {"--usb --serial version", "!"},
+        {"--count 3 points", "points serial 2000 3 "},
+        {"raw 030141 0x0a,0x2:34 0", "raw auto 2000 0 0301410a023400"},
+        {"--timeout 600000 version", "version auto 600000 0 "},
+        {bytes64, "raw auto 2000 0 " + Repeat("5a", 64)}, {bytes64 + " 00", "!"},
+        {"raw " + std::string(130, '1'), "!"}, {commas, "!"} /* more words than bytes */, {"", "!"},
+        {"versions", "!"}, {"--verbose version", "!"}, {"version extra", "!"},
+        {"--usb --serial version", "!"},
         {"--timeout", "!"}, {"--timeout 600001 version", "!"}, {"--timeout 2s version", "!"},
         {"--timeout 99999999999999999999 version", "!"}, {"--count 0 points", "!"},
         {"--count 3 version", "!"}, {"--usb points", "!"}, {"raw", "!"}, {"raw 03 1g", "!"},
@@ -68,20 +72,23 @@ TEST(CtlArgs, CommandLines) {
 // One read of replies and points back to back: the offset of the asked reply (header, command)
 // or -1; no packet length runs past the read; a cut or foreign point is no point.
 TEST(CtlReply, FindsTheAskedReplyAmongPacketsOfOneRead) {
-    const Bytes loop = P("030141", "", 64), version = P("030644", "V1.23"), type = P("030946", "PCAP6555", 64);
-    const Bytes model = P("0A0445", "ABC"), point = P("0A8320084504", "", 64);  // byte 2: 0x20
+    const Bytes loop = P("030141", "", 64), version = P("030644", "V1.23"),
+                type = P("030946", "PCAP6555", 64), model = P("0A0445", "ABC"),
+                point = P("0A8320084504", "", 64);  // its byte 2 is 0x20
     const struct { Bytes read; uint8_t header, command; int offset; } cases[] = {
-        {version, 0x03, 0x44, 0}, {version, 0x0A, 0x44, -1}, {version, 0x03, 0x45, -1},
-        {loop + version, 0x03, 0x44, 64}, {version + loop, 0x03, 0x41, 8}, {version + type, 0x03, 0x46, 8},
-        {loop + loop + version, 0x03, 0x44, 128}, {point + model, 0x0A, 0x45, 64},
-        {model + point, 0x0A, 0x45, 0}, {P("0A8245000000", "", 64), 0x0A, 0x45, -1},  // X low 0x45
+        {version, 0x0A, 0x44, -1}, {loop + version, 0x03, 0x44, 64}, {version + loop, 3, 0x41, 8},
+        {version + type, 0x03, 0x46, 8}, {loop + loop + version, 0x03, 0x44, 128},
+        {point + model, 0x0A, 0x45, 64}, {model + point, 0x0A, 0x45, 0},
+        {P("0A8245000000", "", 64), 0x0A, 0x45, -1},  // a point whose X low byte is 0x45
         {P("0301"), 0x03, 0x01, -1}, {P("55034400"), 0x03, 0x44, -1},
     };
     for (const auto& c : cases)
         EXPECT_EQ(c.offset, FindReply(c.read.data(), int(c.read.size()), c.header, c.command))
             << testing::PrintToString(c.read);
-    for (const Bytes& b : {P("0A3E44"), P("03FF4400"), P("0A8301"), P("03"), P("770102")})
-        EXPECT_TRUE(CtlPacketLength(b.data(), int(b.size())) >= 1 && CtlPacketLength(b.data(), int(b.size())) <= int(b.size()));
+    for (const Bytes& b : {P("0A3E44"), P("03FF4400"), P("0A8301"), P("03"), P("770102")}) {
+        const int len = CtlPacketLength(b.data(), int(b.size()));
+        EXPECT_TRUE(len >= 1 && len <= int(b.size())) << len;
+    }
     CtlPoint p;
     EXPECT_TRUE(CtlPacketLength(P("0A0233010A0141").data(), 7) == 4 &&
                 DecodeToolPoint(P("0A0433070132").data(), 6, &p) == -1 &&
@@ -113,25 +120,28 @@ TEST(CtlReply, TextOfIdentificationReplies) {
 TEST(CtlRun, CutMergedStaleRepliesAndAGoneDaemon) {
     const Bytes close = P("", "close"), stale = P("030544", "OLD!"), version = P("030144");
     Bytes five = P("0A02330055");  // the switch reply, a stray byte, five points in one write
-    for (uint8_t i = 0; i < 5; ++i)
-        five = five + P("0A") + Bytes{uint8_t(0x83 - (i == 4)), uint8_t(2 * i)} + P("011002", "", 61);
+    for (uint8_t i = 0; i < 5; ++i)  // the last one lifted
+        five = five + Bytes{0x0A, uint8_t(0x83 - (i == 4)), uint8_t(2 * i)} + P("011002", "", 61);
     const struct {
-        std::string line; int daemon; Bytes reply; std::vector<Bytes> sent; int status; std::string text;
+        std::string line; int daemon; Bytes reply; std::vector<Bytes> sent; int status;
+        std::string text;
     } cases[] = {
         {"version", 1, P("030544", "S2.0"), {version}, kCtlOk, "S2.0\n"},
         {"points --count 5", 1, five, {P("0A023400"), P("0A023401")}, kCtlOk,  // on, then off
-         "down x=256 y=528\ndown x=258 y=528\ndown x=260 y=528\ndown x=262 y=528\nup x=264 y=528\n"},
+         "down x=256 y=528\ndown x=258 y=528\ndown x=260 y=528\ndown x=262 y=528\n"
+         "up x=264 y=528\n"},
         {"--timeout 5000 version", 1, close, {version}, kCtlNoDaemon, "the daemon closed it"},
         {"raw 03 01 41", 0, {}, {}, kCtlNoAnswer, "nobody reads"},
-        {"type", 2, {}, {}, kCtlNoDaemon, "not a FIFO"}, {"model", 3, {}, {}, kCtlNoDaemon, "is gone"},
+        {"type", 2, {}, {}, kCtlNoDaemon, "not a FIFO"},
+        {"model", 3, {}, {}, kCtlNoDaemon, "is gone"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.line);
         testutil::TempDir dir;
         const std::string pid = c.daemon == 3 ? "2147483647" : std::to_string(getpid());
-        ASSERT_TRUE(testutil::WriteFile(PidFilePath(), pid + std::string(" \0", 2)));
-        ASSERT_EQ(0, mkfifo(PipeInPath(), 0622) | mkfifo(PipeOutPath(), 0644));
-        ASSERT_TRUE(c.daemon != 2 || (!unlink(PipeOutPath()) && testutil::WriteFile(PipeOutPath(), "x")));
+        ASSERT_TRUE(WriteFile(PidFilePath(), pid + std::string(" \0", 2)));
+        ASSERT_TRUE(!mkfifo(PipeInPath(), 0622) && (c.daemon == 2 ? WriteFile(PipeOutPath(), "x")
+                                                                  : !mkfifo(PipeOutPath(), 0644)));
         UniqueFd din, dout;
         if (c.daemon == 1) {
             din.reset(open(PipeInPath(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
@@ -141,11 +151,13 @@ TEST(CtlRun, CutMergedStaleRepliesAndAGoneDaemon) {
         std::vector<Bytes> sent;
         std::thread daemon([&] {
             uint8_t buf[65];
-            for (pollfd p = {din.get(), POLLIN, 0}; sent.size() < c.sent.size() && poll(&p, 1, 1000) > 0;) {
-                sent.emplace_back(buf, buf + std::max<ssize_t>(read(din.get(), buf, sizeof(buf)), 0));
+            pollfd p = {din.get(), POLLIN, 0};
+            while (sent.size() < c.sent.size() && poll(&p, 1, 1000) > 0) {
+                sent.emplace_back(buf, buf + std::max<ssize_t>(read(din.get(), buf, 65), 0));
                 if (sent.size() > 1) continue;
                 if (c.reply == close) dout.reset();
-                else EXPECT_EQ(ssize_t(c.reply.size()), write(dout.get(), c.reply.data(), c.reply.size()));
+                else
+                    EXPECT_EQ(ssize_t(c.reply.size()), write(dout.get(), &c.reply[0], c.reply.size()));
             }
         });
         CtlOptions options;
