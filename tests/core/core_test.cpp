@@ -36,13 +36,14 @@ TEST(DataFileTest, LinksFifosDirectoriesAndOtherUsersFilesAreRefusedUntouched) {
                 !symlink(dir.File("nowhere").c_str(), dir.File("dangling").c_str()) &&
                 !mkfifo(dir.File("fifo").c_str(), 0600) && !mkdir(dir.File("dir").c_str(), 0700) &&
                 !link(victim.c_str(), dir.File("hard").c_str()));
-    for (const char* name : {"link", "dangling", "fifo", "dir", "hard", root ? "foreign" : "link"}) {
+    for (const char* name : {"link", "dangling", "fifo", "dir", "hard", root ? "foreign" : "dir"}) {
         const std::string path = dir.File(name);
         for (const int flags : {O_RDONLY, O_WRONLY | O_CREAT | O_TRUNC, O_RDWR | O_CREAT | O_EXCL})
             EXPECT_EQ(-1, OpenDataFile(path.c_str(), flags)) << path << flags;
         EXPECT_EQ(nullptr, FopenDataFile(path.c_str(), "w+")) << path;
     }
-    EXPECT_TRUE(ReadFile(victim) == "keep me" && ReadFile(foreign) == "keep me" && !FileExists(dir.File("nowhere")));
+    EXPECT_TRUE(ReadFile(victim) == "keep me" && ReadFile(foreign) == "keep me" &&
+                !FileExists(dir.File("nowhere")));
 }
 
 // PID file and command capture hard-linked elsewhere: that file keeps every byte.
@@ -91,14 +92,16 @@ TEST(ShellTokenTest, TableOfValues) {
     for (const auto& [text, path_ok, id_ok, id_form] : cases) {
         char form[5] = "xxxx";
         EXPECT_TRUE(IsPlainPathToken(text) == path_ok && IsProductIdToken(text) == id_ok &&
-                    NormalizeProductId(text, form) == !id_form.empty() && id_form == form) << (text ? text : "");
+                    NormalizeProductId(text, form) == !id_form.empty() && id_form == form)
+            << (text ? text : "");
     }
 }
 
 // A command past its time limit is killed (-1); a background child does not hold the wait.
 TEST(ShellWait, TimeLimitAndPromptReturn) {
     const int64_t start = NowMs();
-    EXPECT_TRUE(RunShell("sleep 5", 300) == -1 && RunShell("sleep 5 & exit 3", 10000) == W_EXITCODE(3, 0));
+    EXPECT_TRUE(RunShell("sleep 5", 300) == -1 &&
+                RunShell("sleep 5 & exit 3", 10000) == W_EXITCODE(3, 0));
     EXPECT_LT(NowMs() - start, 3000);
 }
 
@@ -108,15 +111,16 @@ TEST(SingleInstanceTest, StalePidFileKillsNothing) {
     TempDir dir;
     const pid_t alive = fork();  // named as this test program
     if (alive == 0) _exit(pause());
-    for (const std::string& pid : std::vector<std::string>{std::to_string(alive), "0", "-1", "x", ""}) {
+    for (const std::string& pid : {std::to_string(alive), std::string("0"), std::string("-1"),
+                                   std::string("x"), std::string()}) {
         unlink(dir.File("TouchPID").c_str());  // "": no PID file
         ASSERT_TRUE(pid.empty() || WriteFile(dir.File("TouchPID"), pid + " "));
         for (const uint8_t kill_running : {1, 0}) {
             GlobalSettings settings{};
             settings.KillRunning = kill_running, settings.ForceRestart = !kill_running;
             const ChildResult child = RunInChild([&] { CheckSingleInstance(&settings); });
-            EXPECT_TRUE(child.exited && child.status == (kill_running && !pid.empty() ? 0 : kReturned))
-                << pid << int(kill_running);
+            const int status = kill_running && !pid.empty() ? 0 : kReturned;
+            EXPECT_TRUE(child.exited && child.status == status) << pid << int(kill_running);
         }
         EXPECT_EQ(0, waitpid(alive, nullptr, WNOHANG)) << pid;  // still running
     }
@@ -127,9 +131,10 @@ TEST(SingleInstanceTest, StalePidFileKillsNothing) {
 // for "Linux" alone, short of the prefix.
 TEST(EnvironmentTest, KernelVersionFromProcVersionText) {
     const std::tuple<std::string, int32_t, int32_t, int32_t, int32_t> kernels[] = {
-        {"2.6.34-xyz (b@h) #1", 2, 6, 34, 1}, {"2.6.35 #2", 2, 6, 35, 0}, {"6.1.0-18-amd64", 6, 1, 0, 0},
-        {"2.4.20 #1", 2, 4, 20, 0}, {"x.y.z", 0, 0, 0, 0}, {"99999999999999999999.1.2", INT32_MAX, 1, 2, 0},
-        {"3..10.1", 3, 10, 1, 0}, {"-", 0, 0, 0, 0}};
+        {"2.6.34-xyz (b@h) #1", 2, 6, 34, 1}, {"2.6.35 #2", 2, 6, 35, 0},
+        {"6.1.0-18-amd64", 6, 1, 0, 0}, {"2.4.20 #1", 2, 4, 20, 0}, {"x.y.z", 0, 0, 0, 0},
+        {"99999999999999999999.1.2", INT32_MAX, 1, 2, 0}, {"3..10.1", 3, 10, 1, 0},
+        {"-", 0, 0, 0, 0}};
     for (const auto& [version, major, minor, patch, old] : kernels) {
         const std::string text = version == "-" ? "Linux" : "Linux version " + version;
         KernelVersionInfo v = {-7, -7, -7};
@@ -179,7 +184,8 @@ TEST(ManagerTest, CheckOfASilentSerialControllerWhileAnotherRequestArrives) {
     });
     drain();  // the lifts written after the last touch
     EXPECT_TRUE(manager.DeviceCount == 0 && manager.DeviceListHead == nullptr &&
-                bDeviceExistCheck.load() == 1 && ids.size() >= 2 && ids.front() >= 0 && ids.back() == -1);
+                bDeviceExistCheck.load() == 1);  // the request raised during the check
+    EXPECT_TRUE(ids.size() >= 2 && ids.front() >= 0 && ids.back() == -1);
     log.Clear();
     Quiet([&] { ScanLoopPass(&manager); });
     EXPECT_EQ("Receive signal SIGUSR2. Set bDeviceExistCheck true.\nEntering DevicePnPCheck\n",
@@ -199,8 +205,9 @@ TEST(ManagerTest, AnsweringSerialControllerIsKept) {
     });
     controller.Start();
     const std::tuple<const char*, uint8_t, int> rows[] = {  // port: none, /dev/null, controller
-        {"/dev/hidraw7", DEV_USB, 0},    {"/dev/ttyS99", DEV_RS232, 2}, {"/nonexistent/hidraw1", DEV_USB, 1},
-        {"/dev/serio_raw0", DEV_PS2, 1}, {"/dev/null", DEV_USB, 1},     {"/dev/ttyS0", DEV_RS232, 0}};
+        {"/dev/hidraw7", DEV_USB, 0}, {"/dev/ttyS99", DEV_RS232, 2},
+        {"/nonexistent/hidraw1", DEV_USB, 1}, {"/dev/serio_raw0", DEV_PS2, 1},
+        {"/dev/null", DEV_USB, 1}, {"/dev/ttyS0", DEV_RS232, 0}};
     CDeviceObject* d[7] = {};
     for (int i = 5; i >= 0; --i) {
         const auto& [path, interface, port] = rows[i];

@@ -22,8 +22,9 @@ struct LogFileFixture : public ::testing::Test {  // this run's log file in a te
 
 // Two threads writing 1000 overlong messages each: every line arrives whole, none is lost.
 TEST_F(LogFileFixture, LinesOfTwoThreadsNeverMix) {
-    const auto writer = [](char c) {  // each message is cut to what a line holds
-        for (int i = 0; i < 1000; ++i) DebugLog(LOG_PIPE, "%c%04d %s", c, i, std::string(2000, 'L').c_str());
+    const std::string longer(2000, 'L');  // each message is cut to what a line holds
+    const auto writer = [&](char c) {
+        for (int i = 0; i < 1000; ++i) DebugLog(LOG_PIPE, "%c%04d %s", c, i, longer.c_str());
     };
     std::thread a(writer, 'a'), b(writer, 'b');
     a.join(), b.join();

@@ -1,5 +1,4 @@
-// Starts the real daemon binary (data directory in the build tree; no port scanned) from a child
-// subreaper: the detached daemon becomes the test's child, killed when the test ends.
+// Starts the real daemon (build-tree data directory, no port scanned); the test is a subreaper.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -31,8 +30,8 @@ class DaemonProcessTest : public ::testing::Test {
                     WriteFile(kDataDir + "/TavrineA.ini", "[TavrineA.ini] DebugEnableBits 3 "
                               "ShowDebugPosition 0 DeviceNums 1 ScanInterface 4\n[EndOfFile]"));
     }
-    void TearDown() override {  // every child left is killed
-        WaitUntil([&] { for (pid_t pid : Children()) kill(pid, SIGKILL); return Children().empty(); }, 3000);
+    void TearDown() override {  // every child left is killed, and what those leave behind
+        WaitUntil([&] { return Children(SIGKILL).empty(); }, 3000);
     }
     // Exit status of the start (0 once detached); inherited >= 0 is left open as descriptor 7.
     int Run(const char* arg, int inherited = -1) {
@@ -42,10 +41,12 @@ class DaemonProcessTest : public ::testing::Test {
             execl(kDaemon.c_str(), kDaemon.c_str(), arg, static_cast<char*>(nullptr));
         }).status;
     }
-    std::vector<pid_t> Children() {  // the live ones, after reaping those that ended
+    std::vector<pid_t> Children(int signal = 0) {  // the live ones (sent signal), ended ones reaped
         while (waitpid(-1, nullptr, WNOHANG) > 0) continue;
-        std::istringstream list(ReadFile("/proc/self/task/" + std::to_string(getpid()) + "/children"));
-        return {std::istream_iterator<pid_t>(list), {}};
+        std::istringstream list(ReadFile("/proc/thread-self/children"));  // the test's one thread
+        const std::vector<pid_t> live{std::istream_iterator<pid_t>(list), {}};
+        for (pid_t pid : live) kill(pid, signal);
+        return live;
     }
     bool Alive(pid_t pid) { return Children(), kill(pid, 0) == 0; }
     pid_t WaitForDaemon(pid_t not_this = -1) {  // the live one the PID file names, -1 after 8 s
@@ -64,9 +65,8 @@ TEST_F(DaemonProcessTest, InheritedDescriptorsAreClosedAtStart) {
     EXPECT_EQ(0, Run(nullptr, write_end.get()));
     write_end.reset();
     const pid_t daemon = WaitForDaemon();
-    const std::string id = std::to_string(daemon) + " ";
-    ASSERT_GT(daemon, 0);
-    EXPECT_EQ(id + std::string(10 - id.size(), '\0'), ReadFile(kPidFile));
+    ASSERT_GT(daemon, 0);  // the PID file: its id, a blank, NULs to 10 bytes
+    EXPECT_EQ((std::to_string(daemon) + " " + std::string(9, 0)).substr(0, 10), ReadFile(kPidFile));
     EXPECT_EQ(std::vector<pid_t>{daemon}, Children());
     struct pollfd end = {read_end.get(), POLLIN, 0};  // the pipe's end, not data
     EXPECT_TRUE(poll(&end, 1, 5000) == 1 && read(read_end.get(), &end, 1) == 0);
