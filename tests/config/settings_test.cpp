@@ -33,9 +33,10 @@ std::string ReadChanges(std::string text) {
         v << "bits=" << DebugEnableBits << " pos=" << +ShowDebugPosition << " baud=" << s.BaudRate
           << " nums=" << +s.MaxDeviceNums << " scan=" << +s.ScanInterface << " calib="
           << s.UseDriverCalib << " skip=" << s.SkipFirstByte << " shift=" << s.ShiftByteBothEnd;
-        for (int i = 0; i < kSerialPathSlots; ++i) v << " serial" << i << "=" << s.CustomSerialPath[i];
+        for (int i = 0; i < kSerialPathSlots; ++i)
+            v << " serial" << i << '=' << s.CustomSerialPath[i];
         v << " uinput=" << s.UinputPath;
-        for (int i = 0; i < kDevPidSlots; ++i) v << " pid" << i << "=" << s.DevPID[i];
+        for (int i = 0; i < kDevPidSlots; ++i) v << " pid" << i << '=' << s.DevPID[i];
         return v << " mask=" << +s.CustomPathMask, v.str();
     };
     std::istringstream before(values());
@@ -69,18 +70,24 @@ TEST(GlobalSettingsTest, FileTextInValuesOut) {
         {h + "DeviceNums -1 BaudRate -1 ShowDebugPosition -1", ""},
         {h + "UseDriverCalib 99999999999 DeviceNums 2", "nums=2"},
         {h + "MyBaudRate 9600 baudrate 9600 BaudRate2 9600 DeviceNums 2", "nums=2"},
-        {h + "BaudRate DeviceNums 4 ScanInterface [String] SerialPath /a", "nums=4 serial0=/a mask=1"},
+        {h + "BaudRate DeviceNums 4 ScanInterface [String] SerialPath /a",
+         "nums=4 serial0=/a mask=1"},
         {h + std::string(200, 'k') + " 4 DeviceNums " + w200 + " BaudRate 9600", "baud=9600"},
-        {h + "[String]" + w200 + " 1 ScanInterface 2 [String] SerialPath /a", "scan=2 serial0=/a mask=1"},
+        {h + "[String]" + w200 + " 1 ScanInterface 2 [String] SerialPath /a",
+         "scan=2 serial0=/a mask=1"},
         {h + "[String] SerialPath /dev/" + w200 + " UinputPath " + w200, ""},
         {h + "[String] SerialPath " + q63, "serial0=" + q63 + " mask=1"},
-        {h + "[String] SerialPath default MySerialPath /a SerialPath2 /b XSerialPathY /c SerialPath /d "
-             "SerialPath /e SerialPath /f serialpath /g", "serial0=/a serial1=/b serial2=/c serial3=/d serial4=/e mask=1"},
+        {h + "[String] SerialPath default MySerialPath /a SerialPath2 /b XSerialPathY /c "
+             "SerialPath /d SerialPath /e SerialPath /f serialpath /g",
+         "serial0=/a serial1=/b serial2=/c serial3=/d serial4=/e mask=1"},
         {h + "[String] MyUinputPath /x uinputpath /y UinputPath /dev/u", "uinput=/dev/u mask=2"},
         {h + "[String] UinputPath /dev/b\0c Serial\0Path /dev/s"s, ""},
-        {h + "[String] DevPID 7e5 DevPID2 ABCD MyDevPIDx 1F DevPID 0001", "pid0=07e5 pid1=abcd pid2=001f pid3=0001"},
-        {h + "[String] DevPID 00012 DevPID 12;x DevPID ../ DevPID default devpid 2 DevPID " + w200, ""},
-        {pids, "pid0=0001 pid1=0002 pid2=0003 pid3=0004 pid4=0005 pid5=0006 pid6=0007 pid7=0008 pid8=0009 pid9=0010"},
+        {h + "[String] DevPID 7e5 DevPID2 ABCD MyDevPIDx 1F DevPID 0001",
+         "pid0=07e5 pid1=abcd pid2=001f pid3=0001"},
+        {h + "[String] DevPID 00012 DevPID 12;x DevPID ../ DevPID default devpid 2 DevPID " + w200,
+         ""},
+        {pids, "pid0=0001 pid1=0002 pid2=0003 pid3=0004 pid4=0005 pid5=0006 pid6=0007 "
+               "pid7=0008 pid8=0009 pid9=0010"},
         {h + "[String] SerialPath /a [Device_No.0] SerialPath /b DevPID 1", "serial0=/a mask=1"},
         {h + "DeviceNums 2 [EndOfFile] BaudRate 9600 [String] SerialPath /a", "nums=2"},
         {h + "DeviceNums 3 BaudRate", "nums=3"}, {h + "DeviceNums 2 " + garbage, "nums=2"}};
@@ -136,7 +143,8 @@ TEST_F(ParamFileTest, DeviceBlocksBytesInBytesOut) {
     for (int i = 0; i <= 9; ++i) full += Block(i, ("a" + std::to_string(i)).c_str());
     const std::string claimable = kHead + Block(0, nullptr) + kEnd;
     // clang-format off
-    const struct { std::string in; int no, points; std::string out; const char* address = kB; } cases[] = {
+    struct Row { std::string in; int no, points; std::string out; const char* address = kB; };
+    const Row cases[] = {
         {a0 + Block(1, kB, 5) + kEnd, 1, 5, a0 + Block(1, kB, 5) + kEnd},  // its own block
         {a0 + Block(1, nullptr) + Block(2, kC) + kEnd, 1, 10,  // an empty address is claimed
          a0 + Block(1, kB) + Block(2, kC) + kEnd},
@@ -148,7 +156,8 @@ TEST_F(ParamFileTest, DeviceBlocksBytesInBytesOut) {
         {full + kEnd, -1, 7, full + kEnd},  // no number left: file unchanged
         // An address that is a word of the file, or not one word, takes no block (it would
         // damage the file), in an existing file or in the one the start makes.
-        {claimable, -1, 7, claimable, "[EndOfFile]"}, {"", -1, 7, kNew + Block(0, nullptr, 7) + kEnd, "usb 1"},
+        {claimable, -1, 7, claimable, "[EndOfFile]"},
+        {"", -1, 7, kNew + Block(0, nullptr, 7) + kEnd, "usb 1"},
     };  // clang-format on
     for (const auto& c : cases) {
         SCOPED_TRACE(c.in);
@@ -159,7 +168,7 @@ TEST_F(ParamFileTest, DeviceBlocksBytesInBytesOut) {
         DevIniRoutine(dev.get());
         EXPECT_TRUE(dev->Param.Device_No == c.no && dev->Param.SupportPoints == c.points);
         EXPECT_TRUE(ReadFile(IniFilePath()) == out && !FileExists(IniTempPath()));
-        EXPECT_EQ(Start(c.address, 7), c.no);  // the next start finds the same block, file unchanged
+        EXPECT_EQ(Start(c.address, 7), c.no);  // a second start finds the same, file unchanged
         EXPECT_EQ(ReadFile(IniFilePath()), out);
     }
 }
@@ -242,8 +251,9 @@ TEST_F(ParamFileTest, ConcurrentDevicesEndWithOneWellFormedFile) {
         std::thread tb([&] { no_b = Start(kB); }), tc([&] { no_c = Start(kC); });
         tb.join(), tc.join();
         ASSERT_TRUE(no_b + no_c == 1 && no_b * no_c == 0) << no_b << no_c;
-        EXPECT_TRUE(ReadFile(IniFilePath()) == kNew + Block(0, no_b ? kC : kB) + Block(1, no_b ? kB : kC) + kEnd &&
-                    !FileExists(IniTempPath()));
+        EXPECT_EQ(ReadFile(IniFilePath()),
+                  kNew + Block(0, no_b ? kC : kB) + Block(1, no_b ? kB : kC) + kEnd);
+        EXPECT_FALSE(FileExists(IniTempPath()));
     }
 }
 
