@@ -50,11 +50,11 @@ TEST(CtlArgs, CommandLines) {
         {"--timeout 600000 version", "version auto 600000 0 "},
         {bytes64, "raw auto 2000 0 " + Repeat("5a", 64)}, {bytes64 + " 00", "!"},
         {"raw " + std::string(130, '1'), "!"}, {commas, "!"} /* more words than bytes */, {"", "!"},
-        {"versions", "!"}, {"--verbose version", "!"}, {"version extra", "!"},
-        {"--usb --serial version", "!"},
-        {"--timeout", "!"}, {"--timeout 600001 version", "!"}, {"--timeout 2s version", "!"},
-        {"--timeout 99999999999999999999 version", "!"}, {"--count 0 points", "!"},
-        {"--count 3 version", "!"}, {"--usb points", "!"}, {"raw", "!"}, {"raw 03 1g", "!"},
+        {"versions", "!"}, {"--verbose version", "!"}, {"version extra", "!"}, {"raw", "!"},
+        {"--usb --serial version", "!"}, {"--timeout", "!"}, {"--timeout 2s version", "!"},
+        {"--timeout 600001 version", "!"}, {"--timeout 99999999999999999999 version", "!"},
+        {"--count 0 points", "!"}, {"--count 3 version", "!"}, {"--usb points", "!"},
+        {"raw 03 1g", "!"},
     };
     const char *const commands[] = {"none", "help", "raw", "version", "model", "type", "points"},
                       *const buses[] = {"auto", "usb", "serial"};
@@ -76,8 +76,9 @@ TEST(CtlReply, FindsTheAskedReplyAmongPacketsOfOneRead) {
                 type = P("030946", "PCAP6555", 64), model = P("0A0445", "ABC"),
                 point = P("0A8320084504", "", 64);  // its byte 2 is 0x20
     const struct { Bytes read; uint8_t header, command; int offset; } cases[] = {
-        {version, 0x0A, 0x44, -1}, {loop + version, 0x03, 0x44, 64}, {version + loop, 3, 0x41, 8},
-        {version + type, 0x03, 0x46, 8}, {loop + loop + version, 0x03, 0x44, 128},
+        {version, 0x0A, 0x44, -1}, {loop + version, 0x03, 0x44, 64},
+        {version + loop, 0x03, 0x41, 8}, {version + type, 0x03, 0x46, 8},
+        {loop + loop + version, 0x03, 0x44, 128},
         {point + model, 0x0A, 0x45, 64}, {model + point, 0x0A, 0x45, 0},
         {P("0A8245000000", "", 64), 0x0A, 0x45, -1},  // a point whose X low byte is 0x45
         {P("0301"), 0x03, 0x01, -1}, {P("55034400"), 0x03, 0x44, -1},
