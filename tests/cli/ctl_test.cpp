@@ -150,22 +150,22 @@ TEST(CtlRun, CutMergedStaleRepliesAndAGoneDaemon) {
             ASSERT_EQ(ssize_t(stale.size()), write(dout.get(), stale.data(), stale.size()));
         }
         std::vector<Bytes> sent;
+        const Bytes& reply = c.reply;
         std::thread daemon([&] {
             uint8_t buf[65];
             pollfd p = {din.get(), POLLIN, 0};
             while (sent.size() < c.sent.size() && poll(&p, 1, 1000) > 0) {
                 sent.emplace_back(buf, buf + std::max<ssize_t>(read(din.get(), buf, 65), 0));
                 if (sent.size() > 1) continue;
-                if (c.reply == close) dout.reset();
-                else
-                    EXPECT_EQ(ssize_t(c.reply.size()), write(dout.get(), &c.reply[0], c.reply.size()));
+                if (reply == close) dout.reset();
+                else EXPECT_EQ(write(dout.get(), &reply[0], reply.size()), ssize_t(reply.size()));
             }
         });
-        CtlOptions options;
+        CtlOptions o;
         char* text = nullptr;  // standard output and error
         size_t size = 0;
         FILE* stream = open_memstream(&text, &size);
-        EXPECT_EQ(c.status, Parse(c.line, &options) ? -1 : RunCtl(options, stream, stream, nullptr));
+        EXPECT_EQ(c.status, Parse(c.line, &o) ? -1 : RunCtl(o, stream, stream, nullptr));
         fclose(stream);
         EXPECT_TRUE(c.status ? strstr(text, c.text.c_str()) != nullptr : c.text == text) << text;
         free(text);
