@@ -1,10 +1,10 @@
-// Settings file: global values, the per-device blocks (matching, claiming, adding, rewriting),
-// paths never written through, and two devices on the file at once.
+// Settings file: global values, device blocks (matched, claimed, added, rewritten), links.
 #include <gtest/gtest.h>
 #include <stdio.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -28,28 +28,25 @@ std::string ReadChanges(std::string text) {
     Quiet([&] { SetDefaultSettings(&s); });
     LogFilePath[0] = '\0';  // the directory goes with this call
     DebugEnableBits = ShowDebugPosition = 1;
-    auto values = [&s] {
-        auto n = [](std::string name, long long v) { return name + std::to_string(v); };
-        std::vector<std::string> v = {n("bits=", DebugEnableBits), n("pos=", ShowDebugPosition),
-                                      n("baud=", s.BaudRate),      n("nums=", s.MaxDeviceNums),
-                                      n("scan=", s.ScanInterface), n("calib=", s.UseDriverCalib),
-                                      n("skip=", s.SkipFirstByte), n("shift=", s.ShiftByteBothEnd)};
+    const auto values = [&s] {
+        std::ostringstream v;
+        v << "bits=" << DebugEnableBits << " pos=" << +ShowDebugPosition << " baud=" << s.BaudRate
+          << " nums=" << +s.MaxDeviceNums << " scan=" << +s.ScanInterface << " calib="
+          << s.UseDriverCalib << " skip=" << s.SkipFirstByte << " shift=" << s.ShiftByteBothEnd;
         for (int i = 0; i < kSerialPathSlots; ++i)
-            v.push_back(n("serial", i) + "=" + s.CustomSerialPath[i]);
-        v.push_back(std::string("uinput=") + s.UinputPath);
-        for (int i = 0; i < kDevPidSlots; ++i) v.push_back(n("pid", i) + "=" + s.DevPID[i]);
-        v.push_back(n("mask=", s.CustomPathMask));
-        return v;
+            v << " serial" << i << '=' << s.CustomSerialPath[i];
+        v << " uinput=" << s.UinputPath;
+        for (int i = 0; i < kDevPidSlots; ++i) v << " pid" << i << '=' << s.DevPID[i];
+        return v << " mask=" << +s.CustomPathMask, v.str();
     };
-    const std::vector<std::string> before = values();
+    std::istringstream before(values());
     FILE* stream = fmemopen(&text[0], text.size(), "r");
     if (!stream) return "no stream";
     Quiet([&] { ReadGlobalSettingsFrom(stream, &s); });
     fclose(stream);
-    const std::vector<std::string> after = values();
-    std::string out;
-    for (size_t i = 0; i < after.size(); ++i)
-        if (after[i] != before[i]) out += (out.empty() ? "" : " ") + after[i];
+    std::istringstream after(values());
+    std::string was, now, out;
+    while (before >> was && after >> now) if (was != now) out += (out.empty() ? "" : " ") + now;
     return out;
 }
 
@@ -62,11 +59,10 @@ TEST(GlobalSettingsTest, FileTextInValuesOut) {
     for (int i = 0; i < 5000; ++i) garbage.push_back(static_cast<char>((i * 131 + 7) & 0xFF));
     for (int i = 1; i <= 11; ++i) pids += " DevPID " + std::to_string(i);  // one too many
     const std::pair<std::string, std::string> cases[] = {
-        // clang-format off
         {"[TavrineB.ini] DebugEnableBits 7 ScanInterface 3", ""}, {w200 + " DebugEnableBits 7", ""},
-        {"[TavrineA.ini]\0 DebugEnableBits 7"s, ""},
-        {a + "ff Scan 2", "bits=255"}, {a + "0x1F", "bits=31"}, {a + "1FFFFFFFF", ""},
-        {a + "-1 ScanInterface 2", "bits=4294967295 scan=2"}, {a + "010", "bits=16"},
+        {"[TavrineA.ini]\0 DebugEnableBits 7"s, ""}, {a + "ff Scan 2", "bits=255"},
+        {a + "0x1F", "bits=31"}, {a + "1FFFFFFFF", ""}, {a + "010", "bits=16"},
+        {a + "-1 ScanInterface 2", "bits=4294967295 scan=2"},
         {"[TavrineA.ini] ScanInterface 3 ShowDebugPosition 2 DebugEnableBits ff", "pos=2"},
         {h + "DeviceNums 2abc BaudRate 115200 ScanInterface 1x", "baud=115200 nums=2 scan=1"},
         {h + "ShowDebugPosition 258 DeviceNums 200 ScanInterface 259", "pos=2 nums=-56 scan=3"},
@@ -94,9 +90,7 @@ TEST(GlobalSettingsTest, FileTextInValuesOut) {
                "pid7=0008 pid8=0009 pid9=0010"},
         {h + "[String] SerialPath /a [Device_No.0] SerialPath /b DevPID 1", "serial0=/a mask=1"},
         {h + "DeviceNums 2 [EndOfFile] BaudRate 9600 [String] SerialPath /a", "nums=2"},
-        {h + "DeviceNums 3 BaudRate", "nums=3"}, {h + "DeviceNums 2 " + garbage, "nums=2"},
-        // clang-format on
-    };
+        {h + "DeviceNums 3 BaudRate", "nums=3"}, {h + "DeviceNums 2 " + garbage, "nums=2"}};
     for (const auto& c : cases) EXPECT_EQ(c.second, ReadChanges(c.first)) << c.first;
 }
 
@@ -126,15 +120,15 @@ const std::string kHead = Head("1", "1"), kNew = Head("ffffffff", "3"), kEnd = "
 class ParamFileTest : public ::testing::Test {
   protected:
     ParamFileTest() { settings_.MaxDeviceNums = 2; }  // set once: devices start on two threads
-    std::unique_ptr<CDeviceObject> NewDevice(const char* address) {
+    std::unique_ptr<CDeviceObject> NewDevice(const char* address, int points = 10) {
         std::unique_ptr<CDeviceObject> dev(new CDeviceObject("/dev/hidraw0", &settings_));
         snprintf(dev->Param.Physical_Address, kTextMax, "%s", address);
+        dev->Param.SupportPoints = points;
         return dev;
     }
-    int Start(const char* address) {  // the whole per-device step; the block number
-        auto dev = NewDevice(address);
-        DevIniRoutine(dev.get());
-        return dev->Param.Device_No;
+    int Start(const char* address, int points = 10) {  // the whole per-device step; its block
+        auto dev = NewDevice(address, points);
+        return DevIniRoutine(dev.get()), dev->Param.Device_No;
     }
     TempDir dir_;
     LogCapture silent_{0xFFFFFFFFu, 3};  // every category on, nothing written
@@ -147,8 +141,10 @@ TEST_F(ParamFileTest, DeviceBlocksBytesInBytesOut) {
     const std::string w200(200, 'W'), a0 = kHead + Block(0, kA);
     std::string full = kHead;  // all ten numbers in use
     for (int i = 0; i <= 9; ++i) full += Block(i, ("a" + std::to_string(i)).c_str());
+    const std::string claimable = kHead + Block(0, nullptr) + kEnd;
     // clang-format off
-    const struct { std::string in; int no, points; std::string out; } cases[] = {
+    struct Row { std::string in; int no, points; std::string out; const char* address = kB; };
+    const Row cases[] = {
         {a0 + Block(1, kB, 5) + kEnd, 1, 5, a0 + Block(1, kB, 5) + kEnd},  // its own block
         {a0 + Block(1, nullptr) + Block(2, kC) + kEnd, 1, 10,  // an empty address is claimed
          a0 + Block(1, kB) + Block(2, kC) + kEnd},
@@ -158,25 +154,27 @@ TEST_F(ParamFileTest, DeviceBlocksBytesInBytesOut) {
         {kHead + "\n[Device_No.99]" + Block(0, kB).substr(14) + kEnd, 0, 7, ""},
         {kHead + "\n[Device_No.3]\nPhysical_Address" + kEnd, 4, 7, ""},
         {full + kEnd, -1, 7, full + kEnd},  // no number left: file unchanged
+        // An address that is a word of the file, or not one word, takes no block (it would
+        // damage the file), in an existing file or in the one the start makes.
+        {claimable, -1, 7, claimable, "[EndOfFile]"},
+        {"", -1, 7, kNew + Block(0, nullptr, 7) + kEnd, "usb 1"},
     };  // clang-format on
     for (const auto& c : cases) {
         SCOPED_TRACE(c.in);
-        std::string out = c.out;
-        if (out.empty()) out = c.in.substr(0, c.in.rfind(kEnd)) + Block(c.no, kB, 7) + kEnd;
-        ASSERT_TRUE(WriteFile(IniFilePath(), c.in));
-        auto dev = NewDevice(kB);
-        dev->Param.SupportPoints = 7;
+        const std::string out =
+            c.out.empty() ? c.in.substr(0, c.in.rfind(kEnd)) + Block(c.no, kB, 7) + kEnd : c.out;
+        ASSERT_TRUE(c.in.empty() ? (unlink(IniFilePath()), true) : WriteFile(IniFilePath(), c.in));
+        auto dev = NewDevice(c.address, 7);
         DevIniRoutine(dev.get());
         EXPECT_TRUE(dev->Param.Device_No == c.no && dev->Param.SupportPoints == c.points);
-        EXPECT_EQ(ReadFile(IniFilePath()), out);
-        EXPECT_FALSE(FileExists(IniTempPath()));
-        EXPECT_EQ(Start(kB), c.no);  // the next start finds the same block, file unchanged
+        EXPECT_TRUE(ReadFile(IniFilePath()) == out && !FileExists(IniTempPath()));
+        EXPECT_EQ(Start(c.address, 7), c.no);  // a second start finds the same, file unchanged
         EXPECT_EQ(ReadFile(IniFilePath()), out);
     }
 }
 
 // Leading numbers stored by the width of their field; -1 keeps a value; a block ends at its
-// end word, or without one at the next header.
+// end word, or without one at the next header (and is then not rewritable).
 TEST_F(ParamFileTest, BlockValuesReadByTheirRule) {
     const std::string blocks =
         "\n[Device_No.0] Physical_Address y ReportMode 1\n[Device_No.1]\nPhysical_Address x\n"
@@ -193,6 +191,9 @@ TEST_F(ParamFileTest, BlockValuesReadByTheirRule) {
                                 p.BtnType, p.RightClickEnable, p.EdgeCompensate, p.BeepFreq,
                                 p.ResolX, p.EdgeLeft, p.SplitRectMode, p.VKEYEnable}),
               (std::vector<int>{44, -56, 4, -127, 127, 1, 0xFFFE, freq, 4096, 1, 9, 1}));
+    dev->Param.Device_No = 0;  // no end word: its bytes (and the next block's) are never rewritten
+    IniDevParamRead(dev.get());
+    EXPECT_EQ(IniDevParamAddBlock(dev.get(), p.BlockStart, p.BlockEnd), -1);
 }
 
 // A rewrite replaces exactly its block's bytes, virtual-key section or not; stale offsets, or
@@ -209,33 +210,16 @@ TEST_F(ParamFileTest, RewriteReplacesOnlyItsBlock) {
         DevIniRoutine(dev.get());
         ASSERT_TRUE(dev->Param.Device_No == 0 && dev->Param.ReportMode == 2) << keys;
         const uint32_t s = dev->Param.BlockStart, e = dev->Param.BlockEnd, n = file.size();
-        const uint32_t bad[][3] = {{s + 1, e, 0},  {s, e - 1, 0},     {s, e + 1, 0}, {e, s, 0},
+        const uint32_t bad[][3] = {{s + 1, e, 0}, {s, e - 1, 0}, {s, e + 1, 0}, {e, s, 0},
                                    {s, n + 20, 0}, {n + 5, n + 5, 0}, {s, e, 2}};
-        for (const auto& b : bad) {
-            dev->Param.Device_No = b[2];
-            EXPECT_EQ(IniDevParamAddBlock(dev.get(), b[0], b[1]), -1) << b[0] << "," << b[1];
+        for (const auto& [start, end, no] : bad) {
+            dev->Param.Device_No = no;
+            EXPECT_EQ(IniDevParamAddBlock(dev.get(), start, end), -1) << start << "," << end;
         }
         EXPECT_EQ(ReadFile(IniFilePath()), file);
-        dev->Param.Device_No = 0;
-        dev->Param.SupportPoints = 20;
+        dev->Param.Device_No = 0, dev->Param.SupportPoints = 20;
         ASSERT_EQ(IniDevParamAddBlock(dev.get(), s, e), 0);
         EXPECT_EQ(ReadFile(IniFilePath()), before + Block(0, kB, 20) + after) << keys;
-    }
-}
-
-// An address that is not one word, or is a word of the file, never takes a block in an existing
-// or a new file (it would damage the file); a later device still claims the block.
-TEST_F(ParamFileTest, UnmatchableAddressIsNeverMatchedClaimedOrWritten) {
-    for (const char* address : {"", "usb 1", "[EndOfFile]", "SupportPoints"}) {
-        for (const std::string& head : {kHead, kNew}) {
-            SCOPED_TRACE(std::string(address) + head);
-            unlink(IniFilePath());
-            if (head == kHead) WriteFile(IniFilePath(), kHead + Block(0, nullptr) + kEnd);
-            EXPECT_TRUE(Start(address) == -1 && Start(address) == -1);
-            EXPECT_EQ(ReadFile(IniFilePath()), head + Block(0, nullptr) + kEnd);
-            EXPECT_EQ(Start(kB), 0);
-            EXPECT_EQ(ReadFile(IniFilePath()), head + Block(0, kB) + kEnd);
-        }
     }
 }
 
@@ -246,19 +230,14 @@ TEST_F(ParamFileTest, LinksAtTheSettingsPathsAreNeverWrittenThrough) {
                       claimable = kHead + Block(0, nullptr) + kEnd;
     ASSERT_TRUE(WriteFile(victim, full));
     const auto fifo = [](const char*, const char* p) { return mkfifo(p, 0600); };
-    const std::pair<int (*)(const char*, const char*), bool> cases[] = {// make, at the copy
-                                                                        {fifo, false},
-                                                                        {symlink, false},
-                                                                        {symlink, true},
-                                                                        {link, false},
-                                                                        {link, true}};
+    const std::pair<int (*)(const char*, const char*), bool> cases[] = {  // make, at the copy
+        {fifo, false}, {symlink, false}, {symlink, true}, {link, false}, {link, true}};
     for (const auto& [make, at_temp] : cases) {
         const char* path = at_temp ? IniTempPath() : IniFilePath();
         if (at_temp) WriteFile(IniFilePath(), claimable);
         ASSERT_EQ(make(victim.c_str(), path), 0);
-        EXPECT_EQ(Start(kB), -1);
-        EXPECT_EQ(ReadFile(victim), full);
-        EXPECT_TRUE(!at_temp || ReadFile(IniFilePath()) == claimable);
+        EXPECT_TRUE(Start(kB) == -1 && ReadFile(victim) == full &&
+                    (!at_temp || ReadFile(IniFilePath()) == claimable));
         ASSERT_EQ(unlink(path), 0);
         unlink(IniFilePath());
     }
