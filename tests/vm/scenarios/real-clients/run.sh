@@ -17,8 +17,7 @@ libinput_modes() {
             step "$1: set-up done" || step "$1: set-up not done"
     }
     stop_controller() {
-        TavrineD -k > /dev/null 2>&1
-        stop_pid "$SIM_PID"
+        TavrineD -k > /dev/null 2>&1; stop_pid "$SIM_PID"
         wait_until '! has_input MorvelTouch_VirtualDevice' 50 && udevadm settle
         mv "$OUT/sim.log" "$OUT/$1.sim.log"
     }
@@ -35,16 +34,14 @@ libinput_modes() {
         start_evrec MorvelTouch_VirtualDevice "$mode.touch.trace" --check --idle-ms 3000 --ready /tmp/touch.ready
         wait_until '[ -e /tmp/touch.ready ]' 50
         /usr/libexec/libinput/libinput-debug-events --device "/dev/input/$TOUCH" --device "/dev/input/$PEN" \
-            > "$OUT/$mode.raw" 2>&1 &
-        LI_PID=$!
+            > "$OUT/$mode.raw" 2>&1 & LI_PID=$!
         sleep 2   # its output is buffered: give it time to add both devices
         printf '\003\001\176' > /dev/hidraw0
         wait_until "grep -q 'gesture done' '$OUT/sim.log'" 200 || step "$mode: gesture not played"
         kill -INT "$LI_PID"; wait "$LI_PID"; step "$mode: libinput debug-events status $?"
         grep -qi 'bug\|error\|warn' "$OUT/$mode.raw" && step "$mode: libinput complained"
         wait "$EVREC_PID"; step "$mode: touch protocol check status $?"
-        echo "# touch device events" >> "$OUT/$mode.txt"
-        touch_events "$OUT/$mode.touch.trace" /tmp/touch.events && cat /tmp/touch.events >> "$OUT/$mode.txt"
+        touch_events "$OUT/$mode.touch.trace" /tmp/te && { echo "# touch device events"; cat /tmp/te; } >> "$OUT/$mode.txt"
         # libinput's events as "<role> <event> <details>": no times, no device groups.
         sed -e "s/\<$TOUCH\>/touch/; s/\<$PEN\>/pen/" -e 's/^[- ]//' -e 's/+[0-9]*\.[0-9]*s//' \
             -e 's/ group[0-9]* / /' -e 's/[[:space:]][[:space:]]*/ /g' -e 's/ $//' "$OUT/$mode.raw" > /tmp/li
@@ -99,22 +96,17 @@ replay_log() {
     session() {  # TAG SCRIPT END_NOTE: controller, recorders, daemon; the log kept as TAG.log
         local recs="" dev
         start_sim "$2" && mv "$OUT/sim.log" "$OUT/$1-sim.log"
-        for dev in $(echo "$devices" | tr , ' '); do
-            start_evrec "$dev" "$1-$dev.trace" --wait-ms 60000
-            recs="$recs $EVREC_PID"
-        done
+        for dev in $(echo "$devices" | tr , ' '); do start_evrec "$dev" "$1-$dev.trace" --wait-ms 60000; recs="$recs $EVREC_PID"; done
         write_settings "$scan" "$path" && sed -i 's/^DebugEnableBits 1$/DebugEnableBits 7fffff/' /data/TavrineA.ini
         start_daemon && wait_setup 400 || step "$1: set-up not done"
         [ "$1" = "$name" ] && tavrinectl $tool > "$OUT/$1-tool.txt" 2>&1  # starts the session
         wait_until "grep -q '$3' '$OUT/$1-sim.log'" 300 || step "$1: not played to its end"
-        sleep 0.5
-        for dev in $recs; do stop_pid "$dev"; done
+        sleep 0.5 && for dev in $recs; do stop_pid "$dev"; done
         [ "$1" = "$name" ] || tavrinectl $tool > "$OUT/$1-tool.txt" 2>&1
         cp "$(daemon_log)" "$OUT/$1.log"
         TavrineD -k > /dev/null 2>&1 && wait_until '[ "$(daemon_count)" = 0 ]' 50
         stop_pid "$SIM_PID"; rm -rf /data/*
     }
-    outcome() { grep -E "Type:.*Model|AllocateSeries|EventType =" "$1" | sed 's/^\[[^]]*\]-: [^ ]* //'; }
     # name, ScanInterface, SerialPath, script, recorded devices, tool command
     echo 'usb 1 default usb.scn MorvelTouch_VirtualDevice,MorvelTouch_VirtualPen --usb raw 03 01 41
           rs232 2 /dev/ttyTAV0 rs232.scn MorvelTouch_VirtualDevice --serial raw 0a 01 41' |
@@ -124,7 +116,7 @@ replay_log() {
         session "$name-replay" "$OUT/$name-replay.scn" "note replay done"
 
         for tag in "$name" "$name-replay"; do  # the same outcome and answer in both runs
-            outcome "$OUT/$tag.log" | sed "s/^/$tag: /" >> "$OUT/steps.txt"
+            grep -E "Type:.*Model|AllocateSeries|EventType =" "$OUT/$tag.log" | sed "s/^\[[^]]*\]-: [^ ]* /$tag: /" >> "$OUT/steps.txt"
             step "$tag: tool answer: $(cat "$OUT/$tag-tool.txt")"
         done
         for dev in $(echo "$devices" | tr , ' '); do

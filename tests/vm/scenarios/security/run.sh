@@ -1,8 +1,7 @@
 # Local users' attacks on the daemon, and the descriptors commands it starts inherit.
 . /bed/lib.sh
 
-# Local users (attacker 65534; system 1000, who may write /data as on Android), one attack on a
-# fresh /data and daemon a round: files aimed at unchanged, touches arrive, refusals logged.
+# Local users (attacker 65534, system 1000 as on Android), one attack a round on a fresh daemon.
 attacks() {
     SEC=/tmp/sec
     root_mode=$(stat -c %a /) hardlinks=$(cat /proc/sys/fs/protected_hardlinks)
@@ -12,18 +11,14 @@ attacks() {
           grep -q " $SEC " /proc/mounts && umount /data && umount $SEC; chown 0:0 /data; chmod 0771 /data' EXIT
     chmod 755 /  # the initramfs root is 0700: every attack would fail for the wrong reason
     printf 'attacker:x:65534:65534::/tmp:/bin/sh\nsystem:x:1000:1000::/tmp:/bin/sh\n' >> /etc/passwd
-    step "modes relied on: / $(stat -c %a /), /tmp $(stat -c %a /tmp), /bed/bin $(stat -c %a /bed/bin), TavrineD $(stat -c %a /bed/bin/TavrineD)"
 
     as() {  # USER COMMAND: "ok" or "failed: <error>" (a write to a FIFO nobody reads ends after 3 s)
-        local out
         out=$(timeout 3 su -s /bin/sh "$1" -c "$2" 2>&1) && echo ok || echo "failed: ${out:-no reader (ended after 3 s)}" | sed 's/: .*: /: /'
     }
     note() { step "$NAME: $*"; }
     switch_by() { note "$1 writes the report switch: $(as "$1" "printf '\012\002\064\000' > /data/MorvelPipe_in")"; }
-    refusals() {
-        grep -o 'Refused [^:]*: .*\|Tool pipe [^:]*refused: .*\|Unable to open assigned uninput path.*' "$1" 2>/dev/null |
-            sort -u | sed "s|^|$NAME: logged: |" >> "$OUT/steps.txt"
-    }
+    refusals() { grep -o 'Refused [^:]*: .*\|Tool pipe [^:]*refused: .*\|Unable to open assigned uninput path.*' "$1" |
+        sort -u | sed "s|^|$NAME: logged: |" >> "$OUT/steps.txt"; }
     same_settings() { cmp -s "$SEC/settings.copy" /data/TavrineA.ini && note "settings file unchanged" || note "settings file changed"; }
     # hook PHASE: attack NAME's steps before the start, once the receive loop runs, after the touch.
     hook() {
@@ -35,8 +30,7 @@ attacks() {
         # Android: the system user makes the input pipe first, mode 0666.
         plant/pipe-planted)
             chgrp 1000 /data
-            su -s /bin/sh system -c 'mkfifo /data/MorvelPipe_in && chmod 666 /data/MorvelPipe_in'
-            note "planted: $(stat -c '%a %u' /data/MorvelPipe_in)" ;;
+            su -s /bin/sh system -c 'mkfifo /data/MorvelPipe_in && chmod 666 /data/MorvelPipe_in' ;;
         attack/pipe-planted)
             note "output pipe: $(stat -c '%a %u' /data/MorvelPipe_out 2>&1)"
             switch_by attacker ;;
@@ -44,24 +38,18 @@ attacks() {
         plant/serial-files)
             printf '\001\002\003\012\001\101\012\001\101' > "$SEC/lure"
             cp /data/TavrineA.ini "$SEC/settings.copy" ;;
-        attack/serial-files)
-            same_settings
-            note "lure: $([ -f "$SEC/lure" ] && echo still there || echo removed)" ;;
+        attack/serial-files) same_settings ;;
         plant/uinput-file) echo keep > "$SEC/uinput" ;;
-        attack/uinput-file) note "uinput lure: $(wc -c < "$SEC/uinput" 2>/dev/null) bytes" ;;
         # /data 0777, no protected_hardlinks: PID file and settings copy linked outside /data before
         # the start (through the tmpfs's own mount: the bind mount refuses links), the log after.
         plant/hardlinks)
             echo 0 > /proc/sys/fs/protected_hardlinks
-            note "fs.protected_hardlinks: $(cat /proc/sys/fs/protected_hardlinks)"
-            for v in pid tmp log; do echo "$v-victim" > "$SEC/$v-victim"; done
-            chmod 644 "$SEC"/*-victim
+            for v in pid tmp log; do echo "$v-victim" > "$SEC/$v-victim" && chmod 644 "$SEC/$v-victim"; done
             note "attacker links TouchPID: $(as attacker "ln $SEC/pid-victim $SEC/data/TouchPID")"
             note "attacker links TavrineA.tmp: $(as attacker "ln $SEC/tmp-victim $SEC/data/TavrineA.tmp")"
             cp /data/TavrineA.ini "$SEC/settings.copy" ;;
         attack/hardlinks)
-            log=$(daemon_log)
-            refusals "$log"  # the attack removes this log
+            log=$(daemon_log) && refusals "$log"  # the attack removes this log
             same_settings
             note "attacker links the log file: $(as attacker "rm -f $log && ln $SEC/log-victim $SEC/data/${log##*/}")"
             sleep 1 ;;
@@ -106,9 +94,7 @@ attacks() {
             { note "files outside /data changed:"; diff /tmp/sums.before /tmp/sums.after >> "$OUT/steps.txt"; }
         note "daemon running: $(is_daemon "$PID" && echo yes || echo no)"
         refusals "$(daemon_log)"
-        cp "$(daemon_log)" "$OUT/daemon-$NAME.log" 2>/dev/null
-        kill -9 $(daemon_pids) 2>/dev/null
-        stop_pid "$SIM_PID" && wait_until '[ ! -e /dev/hidraw0 ]' 30
+        kill -9 $(daemon_pids) 2>/dev/null; stop_pid "$SIM_PID" && wait_until '[ ! -e /dev/hidraw0 ]' 30
         rm -rf /data/*  # hardlinks comes last: the exit trap undoes its mounts
     done
 }
@@ -143,8 +129,7 @@ fd_inheritance() {
         grep -q -- "-> .*$what" "$OUT/daemon-fds.txt" && printf ' %s' "$what"; done)"
 
     # A second controller's receive thread runs commands while the daemon holds all the above.
-    before=$(lines)
-    tavrine-sim loopback.scn --log "$OUT/sim2.log" &
+    before=$(lines); tavrine-sim loopback.scn --log "$OUT/sim2.log" &
     wait_until '[ "$(touches)" -ge 2 ]' 300
     [ "$(lines)" -gt "$before" ] && step "commands started with a device open: 1 or more" ||
         step "commands started with a device open: none"
@@ -153,7 +138,6 @@ fd_inheritance() {
     ln -sf busybox /bin/sh
     grep -q ' 1=/data/tmpDrvLog .* 2=/data/tmpDrvLog' "$LOG" &&
         step "captured output: standard output and error on /data/tmpDrvLog" || step "captured output: not seen"
-    cp "$LOG" "$OUT/fd-probe.log"
     extras > "$OUT/extras.txt"
     [ -s "$OUT/extras.txt" ] && step "descriptors beyond 0, 1, 2: see extras.txt" || step "descriptors beyond 0, 1, 2: none"
 }
