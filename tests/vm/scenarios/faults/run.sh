@@ -8,10 +8,9 @@ alive() { is_daemon "$1" && echo yes; }
 no_virtual() { ! has_input MorvelTouch_VirtualDevice && ! has_input MorvelTouch_VirtualPen; }
 set_up() { wait_until "$1 && has_input MorvelTouch_VirtualDevice" 300 && step "$2"; }
 same_pid() { step "TavrineD processes: $(daemon_count), same pid: $([ "$(pid_file_pid)" = "$1" ] && echo yes)"; }
-record() {  # FILE: the touch device's events, protocol check on, from now on
-    rm -f /tmp/rec.ready && start_evrec MorvelTouch_VirtualDevice "$1" --check --ready /tmp/rec.ready
-    wait_until '[ -e /tmp/rec.ready ]' 50
-}
+record() { rm -f /tmp/rec.ready && start_evrec MorvelTouch_VirtualDevice "$1" --check --ready /tmp/rec.ready &&
+    wait_until '[ -e /tmp/rec.ready ]' 50; }  # FILE: the touch device's events, protocol check on
+joined() { cat "$@" | sed "s#^descriptor-file \.\./#descriptor-file $PWD/../#" > /tmp/case.scn; }  # one script
 # replug_tap N: plugged again, the N-th set-up is done, a tap, and PID is the daemon still.
 replug_tap() { sim_do plug; set_up "[ \"\$(setups)\" -ge $1 ]" "plugged again: set up"; tap; same_pid "$PID"; }
 start_watched() {  # SCRIPT ('-': none): controller and daemon, PID the daemon's
@@ -53,7 +52,7 @@ no_uinput() {
 # Unplug on set-up's first command, then on the format command: the half-made device goes.
 unplug_setup() {
     local n=0
-    case_script unplug-setup.rules+$PCAP && start_watched /tmp/case.scn
+    joined unplug-setup.rules $PCAP && start_watched /tmp/case.scn
     for at in '03 02 39' '05 02'; do
         n=$((n + 1))
         wait_until 'grep -q " rx $at" "$OUT/sim.log"' 300 && step "$at received"
@@ -112,7 +111,7 @@ rss() { awk '/^VmRSS:/ { print $2 }' "/proc/$PID/status"; }
 flood() {
     local before i=0 lat
     # The probe's tx times are taken before the write; the load starts after its format command.
-    case_script $PCAP
+    joined $PCAP
     { cat /tmp/case.scn; printf 'phys usb-probe/input0\nstamp before\n'; } > /tmp/probe.scn
     { cat /tmp/case.scn; printf 'phys usb-load/input0\nwait rx 05 02 timeout 30s\nafter 300 clock\n'
       printf 'at 0 rate 5000/s for 5s send 06 01 01 00 00 08 00 04\nafter 500 note load ends\n'; } > /tmp/load.scn
