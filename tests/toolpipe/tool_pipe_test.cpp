@@ -29,17 +29,20 @@ struct ToolPipeTest : testing::Test {
     UniqueFd tool;
 };
 using AppPipes = ToolPipeTest;
+using CreateFifo = ToolPipeTest;
 using ForwardTest = ToolPipeTest;
 
-// A file, links and a terminal at a pipe path are refused untouched.
-TEST(CreateFifo, RefusesWhatIsNotAFifo) {
+// A file, links and a terminal at a pipe path are refused untouched; so is a FIFO that cannot be
+// made (no directory; on Android, where no directory check comes first).
+TEST_F(CreateFifo, RefusesWhatIsNotAFifo) {
+    AndroidVersion = {9, 0};
     testutil::TempDir data;
     testutil::Pty pty;
     const std::string file = data.File("file"), link = data.File("link"), none = data.File("none");
     ASSERT_TRUE(testutil::WriteFile(file, "x") && mkfifo(data.File("fifo").c_str(), 0600) == 0 && testutil::OpenPty(&pty) &&
                 symlink("fifo", link.c_str()) == 0 && symlink(none.c_str(), data.File("dangling").c_str()) == 0);
-    for (const std::string& path : {file, link, data.File("dangling"), pty.slave_path})
-        EXPECT_EQ(-1, CreateFifo(path.c_str(), kPipeInMode, O_RDWR | O_NONBLOCK)) << path;
+    for (const std::string& path : {file, link, data.File("dangling"), pty.slave_path, data.File("no/fifo")})
+        EXPECT_EQ(-1, ::CreateFifo(path.c_str(), kPipeInMode, O_RDWR | O_NONBLOCK)) << path;
     EXPECT_TRUE(testutil::ReadFile(file) == "x" && !testutil::FileExists(none));
 }
 
@@ -57,23 +60,23 @@ int Reach() {  // 1: wrote the report switch into the input pipe, 2: opened the 
 }
 
 // Who reaches a serial controller's tool pipes (and so diverts its touches): on plain Linux only
-// root and the directory's group. Rows: Android, directory mode, owner and mode of a FIFO at the
-// input path, input opened, what the other user and the member Reach().
+// root and the directory's group. Rows: Android, directory owner and mode, owner and mode of a FIFO
+// at the input path, input opened, what the other user and the member Reach().
 TEST_F(AppPipes, OnPlainLinuxOnlyRootAndTheDirectorysGroupReachThem) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to act as other users";
     const gid_t group = 4242;
     const uid_t member = 4243, other = 65534;
-    const struct { int android; unsigned dir_mode, fifo_owner, fifo_mode; bool opened; int other, member; } cases[] = {
-        {0, 0755, 0, 0, false, 0, 0},     {0, 01777, 0, 0, false, 0, 0},
-        {0, 0750, 0, 0, true, 0, 3},      {0, 0771, 0, 0, true, 0, 3},
-        {0, 0750, 0, 0622, false, 0, 2},  {0, 0770, member, 0666, false, 0, 2},
-        {9, 0755, 0, 0, true, 3, 3},      {9, 0777, other, 0666, false, 2, 2},
+    const struct { int android; unsigned dir_owner, dir_mode, fifo_owner, fifo_mode; bool opened; int other, member; } cases[] = {
+        {0, 0, 0755, 0, 0, false, 0, 0},        {0, 0, 01777, 0, 0, false, 0, 0},
+        {0, 0, 0750, 0, 0, true, 0, 3},         {0, 0, 0771, 0, 0, true, 0, 3},     {0, 1, 0750, 0, 0, false, 0, 0},
+        {0, 0, 0750, 0, 0622, false, 0, 2},     {0, 0, 0770, member, 0666, false, 0, 2},
+        {9, 0, 0755, 0, 0, true, 3, 3},         {9, 0, 0777, other, 0666, false, 2, 2},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(testing::Message() << c.android << std::oct << " " << c.dir_mode << " " << c.fifo_mode);
+        SCOPED_TRACE(testing::Message() << c.android << " " << c.dir_owner << std::oct << " " << c.dir_mode << " " << c.fifo_mode);
         AndroidVersion = {c.android, 0};
         testutil::TempDir data;
-        ASSERT_EQ(0, chown(data.path().c_str(), 0, group) | chmod(data.path().c_str(), c.dir_mode));
+        ASSERT_EQ(0, chown(data.path().c_str(), c.dir_owner, group) | chmod(data.path().c_str(), c.dir_mode));
         ASSERT_EQ(0, c.fifo_mode == 0 ? 0 : AsUser(c.fifo_owner, group, [&c] {
             return mkfifo(PipeInPath(), 0) || chmod(PipeInPath(), c.fifo_mode);
         }));
