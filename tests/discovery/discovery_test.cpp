@@ -46,7 +46,8 @@ struct PtyController {
             const speed_t speed = tcgetattr(master, &now) == 0 ? cfgetospeed(&now) : B0;
             (packet[2] == 0x41 ? loopbacks : queries).push_back(speed);  // read after Stop()
             const bool loop = packet[2] == 0x41 && speed == loopback_speed;
-            return std::vector<TimedReply>(loop || (packet[2] == 0x39 && speed == iap_speed), {0, Hex(loop ? loopback : iap)});
+            const bool answer = loop || (packet[2] == 0x39 && speed == iap_speed);
+            return std::vector<TimedReply>(answer, {0, Hex(loop ? loopback : iap)});
         });
         line_at_start = Line();
         controller->Start();
@@ -100,7 +101,8 @@ TEST_F(PortScanTest, CustomSerialPathsThatAreNotTerminalsAreNeverWritten) {
 class CheckRS232Device : public PortScanTest {};
 TEST_F(CheckRS232Device, ProbeAtEachSpeed) {
     const struct {
-        uint32_t configured; speed_t loopback_speed, iap_speed; std::string loopback, iap; int result; uint32_t kept; Speeds loopbacks, queries;
+        uint32_t configured; speed_t loopback_speed, iap_speed; std::string loopback, iap;
+        int result; uint32_t kept; Speeds loopbacks, queries;
     } cases[] = {
         {0, B57600, 0, "0A0141", "", 0, 57600, {B9600, B19200, B57600}, {B9600, B19200}},
         {0, 0, B115200, "", "0A0439010000", 0, 115200, kAll, kAll},
@@ -176,7 +178,8 @@ TEST(IsItBFW, QueryBytesAndReplies) {
         EXPECT_EQ(c.result, IsItBFW(&context, port.first.get(), 1));
         Bytes written;
         uint8_t b[64];
-        for (ssize_t n; (n = recv(port.second.get(), b, sizeof(b), MSG_DONTWAIT)) > 0;) written.insert(written.end(), b, b + n);
+        for (ssize_t n; (n = recv(port.second.get(), b, sizeof(b), MSG_DONTWAIT)) > 0;)
+            written.insert(written.end(), b, b + n);
         EXPECT_EQ(Hex(c.old_kernel ? "000A02390200" : "0A023902"), written);
     }
     bOldKernel = saved;
@@ -203,7 +206,8 @@ TEST(ReadDeviceResponse, TimeBoundUnderEndlessTraffic) {
         context.bSerialFraming = uint8_t(reader);
         ResetSerialReplyParser();
         const int64_t start = testutil::NowMs();
-        EXPECT_EQ(-1, reader == 2 ? WaitDeviceResponse(zero.get()) : ReadDeviceResponse(&context, zero.get(), context.ReplyBuf, 0x41));
+        EXPECT_EQ(-1, reader == 2 ? WaitDeviceResponse(zero.get())
+                                  : ReadDeviceResponse(&context, zero.get(), context.ReplyBuf, 0x41));
         const int64_t ms = testutil::NowMs() - start, limit = reader == 2 ? kWaitResponseLimitMs : kProbeReadLimitMs;
         EXPECT_TRUE(ms >= limit - 2 && ms < limit + (reader == 2 ? 300 : 150)) << ms;  // clocks truncated to ms
     }
@@ -260,7 +264,8 @@ TEST(HidBinding, FromTheListingToTheDrivers) {
     const std::string is1 = "I: Bus=0003 Vendor=3c7a Product=0001 Version=0210\n";
     const std::string is2 = "I: Bus=0003 Vendor=3c7a Product=0002 Version=0210\n";
     const struct {  // input empty: the controller is not an input device
-        std::string lsusb, input; std::vector<std::string> dirs; bool modprobe_fails; std::string calls, generic, bus_mt, module;
+        std::string lsusb, input; std::vector<std::string> dirs; bool modprobe_fails;
+        std::string calls, generic, bus_mt, module;
     } cases[] = {
         {one, "", {kGeneric, kBusMt}, false, "umi", id1, id1, "-"},
         {"Bus 001 Device 001: ID 1d6b:0002 Hub\n", "", {kGeneric, kBusMt}, false, "u", "-", "-", "-"},
@@ -270,7 +275,8 @@ TEST(HidBinding, FromTheListingToTheDrivers) {
         {one, is2, {kGeneric, kBusMt}, false, "umi", id1, id1, "-"},
         {one, "I: Bus=0003 Vendor=046d Product=0001 Version=0210\n", {kGeneric, kBusMt}, false, "umi", id1, id1, "-"},
         {one, "I: Bus=0003 Vendor=3c7a\n", {kGeneric, kBusMt}, false, "umi", id1, id1, "-"},
-        {"Bus 001 Device 004: ID 3c7a:000a A\n", "I: Bus=0003 Vendor=3c7a Product=000A\n", {kGeneric, kBusMt}, false, "umi", a, a, "-"},
+        {"Bus 001 Device 004: ID 3c7a:000a A\n", "I: Bus=0003 Vendor=3c7a Product=000A\n", {kGeneric, kBusMt}, false,
+         "umi", a, a, "-"},
         {one, "", {}, true, "umipm", "-", "-", "-"},
         {"Bus 001 Device 004: ID 3c7a:00ab A\n", "", {kGeneric, kBusMt + "/0003:3C7A:00AB.0001"}, false, "umi", ab, "-", "-"},
         {"Bus 001 Device 004: ID 3c7a:0002 A\nBus 002 Device 003: ID 3c7a:0001 B\n", "", {kGeneric},
@@ -304,8 +310,9 @@ TEST(HidBinding, IdsAreOneToFourHexDigitsInTheKernelsForm) {
         {"3c7a", "00012"}, {"3c7a", "zz01"}, {"3c7a", ""}, {"3c7a;touch " + marker, "0001"}, {"3c7", "0001"}};
     for (const auto& ids : bad) {
         const char *vid = ids.first.c_str(), *pid = ids.second.c_str();
-        EXPECT_EQ(std::vector<int>(4, -1), (std::vector<int>{AddPIDintoModuleRoutine(vid, pid), AddPidToSysHIDGeneric(vid, pid),
-                                                            AddPidToSysModule(vid, pid), AddPidToModule(vid, pid)})) << vid << ":" << pid;
+        const std::vector<int> results = {AddPIDintoModuleRoutine(vid, pid), AddPidToSysHIDGeneric(vid, pid),
+                                          AddPidToSysModule(vid, pid), AddPidToModule(vid, pid)};
+        EXPECT_EQ(std::vector<int>(4, -1), results) << vid << ":" << pid;
     }
     EXPECT_EQ(-1, CheckModuleInSystem("usb;reboot", "usbtouchscreen"));
     EXPECT_EQ("", rig.Calls());

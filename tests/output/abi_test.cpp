@@ -32,6 +32,7 @@ TEST(KernelRecordLayout, UinputUserDevPerProtocolAndVersion) {
         {ABS_MT_WIDTH_MAJOR, "WIDTH"}, {ABS_MT_POSITION_X, "MX"}, {ABS_MT_POSITION_Y, "MY"},
         {ABS_MT_TOOL_TYPE, "TOOL"}, {ABS_MT_TRACKING_ID, "ID"}};
     const std::string old = "MAJOR=1 WIDTH=1 MX=", tilt = "TX=-6000:6000 TY=-6000:6000 TOOL=1";
+    const std::string pen = "X=4095 Y=4095 P=1023 ";
     // clang-format off
     const struct { bool pen; int android, kmajor, kminor, type, resol_x, resol_y; std::string axes; } cases[] = {
         {false, 9, 4, 19, 2, -1, -1, "SLOT=20 MX=4095 MY=4095 TOOL=1 ID=20"},
@@ -39,8 +40,8 @@ TEST(KernelRecordLayout, UinputUserDevPerProtocolAndVersion) {
         {false, 3, 4, 19, 2, -1, -1, old + "4095 MY=4095 TOOL=1 ID=20"},
         {false, 9, 4, 19, 4, -1, 799, "MX=4095 MY=799 TOOL=1"}, {false, 0, 4, 19, 4, -1, -1, "MX=4095 MY=4095 TOOL=1"},
         {false, 0, 4, 19, 1, 1919, -1, "X=1919 Y=4095 SLOT=20 MX=1919 MY=4095 TOOL=1 ID=20"},
-        {true, 9, 3, 2, 2, -1, -1, "X=4095 Y=4095 P=1023 " + tilt}, {true, 9, 4, 1, 2, -1, -1, "X=4095 Y=4095 P=1023 TOOL=1"},
-        {true, 9, 2, 6, 2, -1, -1, "X=4095 Y=4095 P=1023 TOOL=1"}, {true, 0, 2, 6, 2, -1, -1, "X=4095 Y=4095 P=1023 " + tilt},
+        {true, 9, 3, 2, 2, -1, -1, pen + tilt}, {true, 9, 4, 1, 2, -1, -1, pen + "TOOL=1"},
+        {true, 9, 2, 6, 2, -1, -1, pen + "TOOL=1"}, {true, 0, 2, 6, 2, -1, -1, pen + tilt},
         {true, 9, 4, 19, 2, 1919, 1079, "X=1919 Y=1079 P=1023 " + tilt},
     };
     // clang-format on

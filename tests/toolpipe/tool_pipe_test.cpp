@@ -39,8 +39,9 @@ TEST_F(CreateFifo, RefusesWhatIsNotAFifo) {
     testutil::TempDir data;
     testutil::Pty pty;
     const std::string file = data.File("file"), link = data.File("link"), none = data.File("none");
-    ASSERT_TRUE(testutil::WriteFile(file, "x") && mkfifo(data.File("fifo").c_str(), 0600) == 0 && testutil::OpenPty(&pty) &&
-                symlink("fifo", link.c_str()) == 0 && symlink(none.c_str(), data.File("dangling").c_str()) == 0);
+    ASSERT_TRUE(testutil::WriteFile(file, "x") && mkfifo(data.File("fifo").c_str(), 0600) == 0 &&
+                testutil::OpenPty(&pty) && symlink("fifo", link.c_str()) == 0 &&
+                symlink(none.c_str(), data.File("dangling").c_str()) == 0);
     for (const std::string& path : {file, link, data.File("dangling"), pty.slave_path, data.File("no/fifo")})
         EXPECT_EQ(-1, ::CreateFifo(path.c_str(), kPipeInMode, O_RDWR | O_NONBLOCK)) << path;
     EXPECT_TRUE(testutil::ReadFile(file) == "x" && !testutil::FileExists(none));
@@ -55,7 +56,8 @@ int AsUser(uid_t uid, gid_t group, const std::function<int()>& body) {
 }
 
 int Reach() {  // 1: wrote the report switch into the input pipe, 2: opened the output pipe
-    UniqueFd in(OpenCloexec(PipeInPath(), O_WRONLY | O_NONBLOCK)), out(OpenCloexec(PipeOutPath(), O_RDONLY | O_NONBLOCK));
+    UniqueFd in(OpenCloexec(PipeInPath(), O_WRONLY | O_NONBLOCK));
+    UniqueFd out(OpenCloexec(PipeOutPath(), O_RDONLY | O_NONBLOCK));
     return (in.valid() && write(in.get(), "\x0a\x02\x34\x00", 4) == 4) | out.valid() << 1;
 }
 
@@ -66,14 +68,17 @@ TEST_F(AppPipes, OnPlainLinuxOnlyRootAndTheDirectorysGroupReachThem) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to act as other users";
     const gid_t group = 4242;
     const uid_t member = 4243, other = 65534;
-    const struct { int android; unsigned dir_owner, dir_mode, fifo_owner, fifo_mode; bool opened; int other, member; } cases[] = {
+    const struct {
+        int android; unsigned dir_owner, dir_mode, fifo_owner, fifo_mode; bool opened; int other, member;
+    } cases[] = {
         {0, 0, 0755, 0, 0, false, 0, 0},        {0, 0, 01777, 0, 0, false, 0, 0},
         {0, 0, 0750, 0, 0, true, 0, 3},         {0, 0, 0771, 0, 0, true, 0, 3},     {0, 1, 0750, 0, 0, false, 0, 0},
         {0, 0, 0750, 0, 0622, false, 0, 2},     {0, 0, 0770, member, 0666, false, 0, 2},
         {9, 0, 0755, 0, 0, true, 3, 3},         {9, 0, 0777, other, 0666, false, 2, 2},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(testing::Message() << c.android << " " << c.dir_owner << std::oct << " " << c.dir_mode << " " << c.fifo_mode);
+        SCOPED_TRACE(testing::Message() << c.android << " " << c.dir_owner << std::oct << " " << c.dir_mode
+                                        << " " << c.fifo_mode);
         AndroidVersion = {c.android, 0};
         testutil::TempDir data;
         ASSERT_EQ(0, chown(data.path().c_str(), c.dir_owner, group) | chmod(data.path().c_str(), c.dir_mode));
