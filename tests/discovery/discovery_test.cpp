@@ -9,9 +9,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <thread>
 
 #include "config/global_settings.h"
 #include "core/environment.h"
@@ -197,19 +199,31 @@ TEST(WaitDeviceResponse, ReplyNoReplyAndSplitReply) {
     }
 }
 
-// Endless bytes never completing a reply (/dev/zero) hold each reader (0, 1: framing) its limit.
+// Endless bytes never completing a reply hold each reader its limit: /dev/zero for the probe
+// reader (0, 1: framing) and the serial waiter (2), and other packets a thread floods (3).
 TEST(ReadDeviceResponse, TimeBoundUnderEndlessTraffic) {
-    for (int reader : {0, 1, 2}) {
+    for (int reader : {0, 1, 2, 3}) {
         SCOPED_TRACE(reader);
+        auto port = Port({});
+        const Bytes p = Hex("0A02420055");  // the buffer is full before the reader starts
+        while (reader == 3 && send(port.second.get(), p.data(), p.size(), MSG_DONTWAIT) > 0) continue;
+        std::atomic<bool> stop{false};
+        std::thread flood([&] {
+            while (reader == 3 && !stop) {
+                if (send(port.second.get(), p.data(), p.size(), MSG_DONTWAIT) < 0) usleep(500);
+            }
+        });
         UniqueFd zero(OpenCloexec("/dev/zero", O_RDONLY));
+        const int fd = reader == 3 ? port.first.get() : zero.get();
         ProbeContext context = {};
         context.bSerialFraming = uint8_t(reader);
         ResetSerialReplyParser();
         const int64_t start = testutil::NowMs();
-        EXPECT_EQ(-1, reader == 2 ? WaitDeviceResponse(zero.get())
-                                  : ReadDeviceResponse(&context, zero.get(), context.ReplyBuf, 0x41));
-        const int64_t ms = testutil::NowMs() - start, limit = reader == 2 ? kWaitResponseLimitMs : kProbeReadLimitMs;
-        EXPECT_TRUE(ms >= limit - 2 && ms < limit + (reader == 2 ? 300 : 150)) << ms;  // clocks truncated to ms
+        EXPECT_EQ(-1, reader >= 2 ? WaitDeviceResponse(fd) : ReadDeviceResponse(&context, fd, context.ReplyBuf, 0x41));
+        const int64_t ms = testutil::NowMs() - start, limit = reader >= 2 ? kWaitResponseLimitMs : kProbeReadLimitMs;
+        stop = true;
+        flood.join();
+        EXPECT_TRUE(ms >= limit - 2 && ms < limit + (reader >= 2 ? 300 : 150)) << ms;  // clocks truncated to ms
     }
 }
 
