@@ -16,7 +16,6 @@
 #include <thread>
 
 #include "config/global_settings.h"
-#include "core/environment.h"
 #include "core/manager.h"
 #include "core/paths.h"
 #include "device/device_object.h"
@@ -37,7 +36,7 @@ using Speeds = std::vector<speed_t>;
 const Speeds kAll = {B9600, B19200, B57600, B115200};
 
 // A serial controller on a pty master: answers the loop-back (41) with loopback only at
-// loopback_speed and the IAP query (39) with iap only at iap_speed; records the speeds.
+// loopback_speed and the IAP query (0A 02 39 02) with iap only at iap_speed; records the speeds.
 struct PtyController {
     PtyController(speed_t loopback_speed, std::string loopback, speed_t iap_speed = 0, std::string iap = "") {
         EXPECT_TRUE(testutil::OpenPty(&pty));  // the slave held open keeps the line up
@@ -48,7 +47,7 @@ struct PtyController {
             const speed_t speed = tcgetattr(master, &now) == 0 ? cfgetospeed(&now) : B0;
             (packet[2] == 0x41 ? loopbacks : queries).push_back(speed);  // read after Stop()
             const bool loop = packet[2] == 0x41 && speed == loopback_speed;
-            const bool answer = loop || (packet[2] == 0x39 && speed == iap_speed);
+            const bool answer = loop || (packet == Hex("0A023902") && speed == iap_speed);
             return std::vector<TimedReply>(answer, {0, Hex(loop ? loopback : iap)});
         });
         line_at_start = Line();
@@ -99,7 +98,8 @@ TEST_F(PortScanTest, CustomSerialPathsThatAreNotTerminalsAreNeverWritten) {
 }
 
 // Speeds tried (the configured one only, if set), the boot-loader query after each silent
-// loop-back, the speed kept (1234: untouched), and the line left as it was found.
+// loop-back and its reply (39, not 00 00 for a boot loader), the speed kept (1234: untouched),
+// and the line left as it was found.
 class CheckRS232Device : public PortScanTest {};
 TEST_F(CheckRS232Device, ProbeAtEachSpeed) {
     const struct {
@@ -107,8 +107,8 @@ TEST_F(CheckRS232Device, ProbeAtEachSpeed) {
         int result; uint32_t kept; Speeds loopbacks, queries;
     } cases[] = {
         {0, B57600, 0, "0A0141", "", 0, 57600, {B9600, B19200, B57600}, {B9600, B19200}},
-        {0, 0, B115200, "", "0A0439010000", 0, 115200, kAll, kAll},
-        {0, 0, 0, "", "", -1, 1234, kAll, kAll},
+        {0, 0, B115200, "", "0A0439000200", 0, 115200, kAll, kAll},
+        {0, 0, B9600, "", "0A0442000200", -1, 1234, kAll, kAll},
         {0, B9600, B9600, "0A0142", "0A0439000000", -1, 1234, kAll, kAll},
         {0, B19200, 0, "0A00", "", -1, 1234, kAll, kAll},
         {19200, B57600, 0, "0A0141", "", -1, 1234, {B19200}, {B19200}},
@@ -164,27 +164,6 @@ TEST(ReadDeviceResponse, Replies) {
         EXPECT_EQ(c.result, result);
         EXPECT_EQ(Hex(c.reply), Bytes(context.ReplyBuf, context.ReplyBuf + std::max(result, 0)));
     }
-}
-
-// The IAP query written (a zero byte at each end on an old kernel); 0 for a boot loader's reply.
-TEST(IsItBFW, QueryBytesAndReplies) {
-    const struct { int old_kernel; std::string reply; int result; } cases[] = {{0, "0A0439010000", 0}, {0, "0A0439000200", 0},
-        {1, "0A0439010000", 0}, {0, "0A0439000000", -1}, {0, "0A024100", -1}, {0, "0A0400010100", -1}, {0, "", -1}};
-    const int32_t saved = bOldKernel;
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.reply);
-        auto port = Port({c.reply});
-        bOldKernel = c.old_kernel;
-        ProbeContext context = {};
-        context.bSerialFraming = 1;
-        EXPECT_EQ(c.result, IsItBFW(&context, port.first.get(), 1));
-        Bytes written;
-        uint8_t b[64];
-        for (ssize_t n; (n = recv(port.second.get(), b, sizeof(b), MSG_DONTWAIT)) > 0;)
-            written.insert(written.end(), b, b + n);
-        EXPECT_EQ(Hex(c.old_kernel ? "000A02390200" : "0A023902"), written);
-    }
-    bOldKernel = saved;
 }
 
 // 0 once a loop-back or a boot loader's IAP reply is whole (over reads), never for other packets.
