@@ -261,21 +261,19 @@ TEST(HidBinding, FromTheListingToTheDrivers) {
         std::string calls, generic, bus_mt, module;
     } cases[] = {
         {one, "", {kGeneric, kBusMt}, false, "umi", id1, id1, "-"},
-        {"Bus 001 Device 001: ID 1d6b:0002 Hub\n", "", {kGeneric, kBusMt}, false, "u", "-", "-", "-"},
         {one, is1, {kGeneric, kBusMt}, false, "umi", "-", "-", "-"},
         {one, "", {kGeneric}, false, "umipgm", id1, "-", id1},
         {one, is2 + "N: Name=\"x\"\n" + is1, {kGeneric, kBusMt}, false, "umi", "-", "-", "-"},
-        {one, is2, {kGeneric, kBusMt}, false, "umi", id1, id1, "-"},
-        {one, "I: Bus=0003 Vendor=046d Product=0001 Version=0210\n", {kGeneric, kBusMt}, false, "umi", id1, id1, "-"},
-        {one, "I: Bus=0003 Vendor=3c7a\n", {kGeneric, kBusMt}, false, "umi", id1, id1, "-"},
+        {one, is2 + "I: Bus=0003 Vendor=046d Product=0001 Version=0210\nI: Bus=0003 Vendor=3c7a\n", {kGeneric, kBusMt},
+         false, "umi", id1, id1, "-"},  // another product, another vendor's 0001, a cut line
         {"Bus 001 Device 004: ID 3c7a:000a A\n", "I: Bus=0003 Vendor=3c7a Product=000A\n", {kGeneric, kBusMt}, false,
          "umi", a, a, "-"},
         {one, "", {}, true, "umipm", "-", "-", "-"},
         {"Bus 001 Device 004: ID 3c7a:00ab A\n", "", {kGeneric, kBusMt + "/0003:3C7A:00AB.0001"}, false, "umi", ab, "-", "-"},
         {"Bus 001 Device 004: ID 3c7a:0002 A\nBus 002 Device 003: ID 3c7a:0001 B\n", "", {kGeneric},
          false, "umipgmim", id1, "-", id1},
-        {"Bus 001 Device 004: ID 3c7a:01\nBus 001 Device 005: ID 3c7a:0;id\n", "", {kGeneric, kBusMt},
-         false, "u", "-", "-", "-"},
+        {"Bus 001 Device 001: ID 1d6b:0002 Hub\nBus 001 Device 004: ID 3c7a:01\nBus 001 Device 005: ID 3c7a:0;id\n",
+         "", {kGeneric, kBusMt}, false, "u", "-", "-", "-"},  // no controller, malformed ids
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.lsusb + c.input);
