@@ -122,7 +122,6 @@ TEST_F(ForwardTest, RelaysToolPacketsAndSwitchesSerialReports) {
         ToolSends(&dev, c.in);
         ForwardFromTool(&dev);
         ASSERT_TRUE(controller.WaitForPackets(1, 1000));
-        usleep(20000);  // nothing more comes
         EXPECT_EQ(std::vector<Bytes>{c.port.empty() ? c.in : c.port}, controller.Received());
         EXPECT_EQ(c.after, dev.bPointsToTool);
     }
