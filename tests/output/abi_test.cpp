@@ -1,12 +1,7 @@
-// The records the daemon hands to the kernel, read byte by byte (little-endian) at the
-// offsets the kernel reads them from, never through the structures the code uses, so a 32-bit
-// build (4-byte long and time_t) proves the same layout as a 64-bit one.
-// input_event: two kernel longs (seconds, microseconds), type u16, code u16, value s32.
-// uinput_user_dev: name[80], id (bustype, vendor, product, version: u16 each) at 80,
-// ff_effects_max u32 at 88, absmax[64] at 92, absmin at 348, absfuzz at 604, absflat at 860.
+// Records handed to uinput, read at the kernel's little-endian offsets (not through the code's
+// structures: a 32-bit build proves the same layout); events as in the touch tests.
 #include <gtest/gtest.h>
 #include <linux/uinput.h>
-#include <time.h>
 
 #include <map>
 #include <sstream>
@@ -18,116 +13,188 @@
 
 using namespace touchtest;
 
-namespace {
-
-constexpr size_t kLong = sizeof(unsigned long);
-constexpr size_t kEventSize = 2 * kLong + 8;
-static_assert(sizeof(struct input_event) == kEventSize && sizeof(struct uinput_user_dev) == 1116,
-              "kernel records");
-#if !defined(__ANDROID__)
-// stat() of the data files and directory listings must not fail with EOVERFLOW on 32-bit
-// targets (large files, 64-bit inode numbers): the build asks for 64-bit offsets.
+static_assert(sizeof(input_event) == 2 * sizeof(long) + 8 && sizeof(uinput_user_dev) == 1116, "");
+#if !defined(__ANDROID__)  // stat() on 32-bit targets must not fail with EOVERFLOW
 static_assert(sizeof(off_t) == 8 && sizeof(ino_t) == 8, "64-bit file offsets and inodes");
 #endif
 
-int64_t Le(const uint8_t* p, size_t width) {
+static int64_t Le(const uint8_t* p, size_t width) {
     uint64_t v = 0;
     for (size_t i = 0; i < width; ++i) v |= static_cast<uint64_t>(p[i]) << (8 * i);
     return width == 4 ? static_cast<int32_t>(v) : static_cast<int64_t>(v);
 }
 
-}  // namespace
-
-// Events of one emitter call: whole records per write, each with the same stamp (seconds
-// between before and after, microseconds below 10^6) and its type, code and signed value.
-TEST(KernelRecordLayout, InputEventBytesAtTheKernelOffsets) {
-    const Ev cases[] = {{EV_ABS, ABS_MT_POSITION_X, 4095}, {EV_ABS, ABS_MT_TRACKING_ID, -1},
-                        {EV_ABS, ABS_TILT_Y, -59535},      {EV_KEY, BTN_TOOL_RUBBER, 1},
-                        {EV_MSC, MSC_SCAN, 0x7FFFFFFF},    {EV_SYN, SYN_REPORT, 0}};
-    TouchRig rig;
-    const int64_t before = time(nullptr);
-    StampEventTime(rig.dev.get());
-    for (const Ev& c : cases)
-        WriteInputEvent(rig.dev.get(), rig.dev->UinputTouchFd.get(), c.type, c.code, c.value);
-    const int64_t after = time(nullptr);
-    uint8_t buffer[16 * kEventSize];
-    const ssize_t n = recv(rig.TouchFd(), buffer, sizeof(buffer), MSG_DONTWAIT);
-    ASSERT_EQ(static_cast<ssize_t>(sizeof(cases) / sizeof(cases[0]) * kEventSize), n);
-    for (size_t i = 0; i < sizeof(cases) / sizeof(cases[0]); ++i) {
-        SCOPED_TRACE(i);
-        const uint8_t* r = buffer + i * kEventSize;
-        const uint8_t* tail = r + 2 * kLong;
-        const Ev got = {static_cast<uint16_t>(Le(tail, 2)), static_cast<uint16_t>(Le(tail + 2, 2)),
-                        static_cast<int32_t>(Le(tail + 4, 4))};
-        EXPECT_EQ(cases[i], got);
-        EXPECT_TRUE(Le(r, kLong) >= before && Le(r, kLong) <= after &&
-                    Le(r + kLong, kLong) < 1000000);
-        EXPECT_EQ(0, memcmp(buffer, r, 2 * kLong)) << "one stamp per call";
-    }
-}
-
-// The touch record per protocol and Android version, and the pen record's tilt condition,
-// written to a regular file standing in for the uinput node (the ioctls then fail, so
-// nothing counts as created). Axes "name=max" or "name=min:max" (names as in touch/rows.h);
-// every other axis all 0.
+// uinput_user_dev (name[80], id, ff_effects_max, absmax[64] at 92, absmin, absfuzz, absflat) per
+// type, Android and kernel version, in a file for the uinput node. Axes "name=max|min:max".
 TEST(KernelRecordLayout, UinputUserDevPerProtocolAndVersion) {
+    const std::map<int, std::string> names = {{ABS_X, "X"}, {ABS_Y, "Y"}, {ABS_PRESSURE, "P"},
+        {ABS_TILT_X, "TX"}, {ABS_TILT_Y, "TY"}, {ABS_MT_SLOT, "SLOT"}, {ABS_MT_TOUCH_MAJOR, "MAJOR"},
+        {ABS_MT_WIDTH_MAJOR, "WIDTH"}, {ABS_MT_POSITION_X, "MX"}, {ABS_MT_POSITION_Y, "MY"},
+        {ABS_MT_TOOL_TYPE, "TOOL"}, {ABS_MT_TRACKING_ID, "ID"}};
+    const std::string old = "MAJOR=1 WIDTH=1 MX=", tilt = "TX=-6000:6000 TY=-6000:6000 TOOL=1";
+    const std::string pen = "X=4095 Y=4095 P=1023 ";
     // clang-format off
-    const std::map<std::string, int> names = {
-        {"MX", ABS_MT_POSITION_X}, {"MY", ABS_MT_POSITION_Y}, {"TOOL", ABS_MT_TOOL_TYPE},
-        {"SLOT", ABS_MT_SLOT}, {"ID", ABS_MT_TRACKING_ID}, {"MAJOR", ABS_MT_TOUCH_MAJOR},
-        {"WIDTH", ABS_MT_WIDTH_MAJOR}, {"X", ABS_X}, {"Y", ABS_Y}, {"P", ABS_PRESSURE},
-        {"TX", ABS_TILT_X}, {"TY", ABS_TILT_Y}};
-    const std::string mt = "TOOL=1 SLOT=20 ID=20", old = "TOOL=1 ID=20 MAJOR=1 WIDTH=1";
-    const std::string pen = "X=4095 Y=4095 TOOL=1 P=1023", tilt = " TX=-6000:6000 TY=-6000:6000";
-    const struct { bool pen; int android, kernel_major, kernel_minor, type, resol_x, resol_y; std::string axes; } cases[] = {
-        // Android 4+, slot protocol; Android 2 and 3: no slot, the touch major that marks a lift.
-        {false, 9, 4, 19, 2, -1, -1, "MX=4095 MY=4095 " + mt}, {false, 2, 4, 19, 1, 1919, 1079, "MX=1919 MY=1079 " + old},
-        {false, 3, 4, 19, 2, -1, -1, "MX=4095 MY=4095 " + old}, {false, 9, 4, 19, 4, -1, 799, "MX=4095 MY=799 TOOL=1"},
-        // Plain Linux: slots, and ABS_X/ABS_Y of the single-touch view in the output range.
-        {false, 0, 4, 19, 1, 1919, -1, "MX=1919 MY=4095 X=1919 Y=4095 " + mt},
-        {false, 0, 4, 19, 4, -1, -1, "MX=4095 MY=4095 TOOL=1"},
-        // Pen: tilt from kernel 3.2 on (major above 2, minor above 1), or with no Android found;
-        // positions in the output range.
-        {true, 9, 3, 2, 2, -1, -1, pen + tilt}, {true, 9, 4, 1, 2, -1, -1, pen}, {true, 9, 2, 6, 2, -1, -1, pen},
-        {true, 0, 2, 6, 2, -1, -1, pen + tilt},
-        {true, 9, 4, 19, 2, 1919, 1079, "X=1919 Y=1079 TOOL=1 P=1023" + tilt},
+    const struct { bool pen; int android, kmajor, kminor, type, resol_x, resol_y; std::string axes; } cases[] = {
+        {false, 9, 4, 19, 2, -1, -1, "SLOT=20 MX=4095 MY=4095 TOOL=1 ID=20"},
+        {false, 2, 4, 19, 1, 1919, 1079, old + "1919 MY=1079 TOOL=1 ID=20"},
+        {false, 3, 4, 19, 2, -1, -1, old + "4095 MY=4095 TOOL=1 ID=20"},
+        {false, 9, 4, 19, 4, -1, 799, "MX=4095 MY=799 TOOL=1"}, {false, 0, 4, 19, 4, -1, -1, "MX=4095 MY=4095 TOOL=1"},
+        {false, 0, 4, 19, 1, 1919, -1, "X=1919 Y=4095 SLOT=20 MX=1919 MY=4095 TOOL=1 ID=20"},
+        {true, 9, 3, 2, 2, -1, -1, pen + tilt}, {true, 9, 4, 1, 2, -1, -1, pen + "TOOL=1"},
+        {true, 9, 2, 6, 2, -1, -1, pen + "TOOL=1"}, {true, 0, 2, 6, 2, -1, -1, pen + tilt},
+        {true, 9, 4, 19, 2, 1919, 1079, "X=1919 Y=1079 P=1023 " + tilt},
     };
     // clang-format on
     testutil::TempDir dir;
-    const std::string path = dir.File("uinput");
     for (const auto& c : cases) {
         SCOPED_TRACE(c.axes);
-        VersionGuard version(c.android, c.kernel_major, c.kernel_minor);
+        VersionGuard version(c.android, c.kmajor, c.kminor);
         TouchRig rig;
-        rig.dev->Param.EventType = static_cast<int8_t>(c.type);
+        rig.dev->Param.EventType = int8_t(c.type);
         rig.dev->Param.ResolX = c.resol_x, rig.dev->Param.ResolY = c.resol_y;
         (c.pen ? rig.dev->UinputPenFd : rig.dev->UinputTouchFd) =
-            UniqueFd(OpenCloexec(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600));
+            UniqueFd(OpenCloexec(dir.File("u").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600));
         EXPECT_EQ(-1, c.pen ? SetUpPenDevice(rig.dev.get()) : SetUpTouchDevice(rig.dev.get()));
-        EXPECT_FALSE(rig.dev->bTouchDeviceCreated || rig.dev->bPenDeviceCreated);
-        const std::string text = testutil::ReadFile(path);
+        const std::string text = testutil::ReadFile(dir.File("u"));
         ASSERT_EQ(1116u, text.size()) << "exactly one record written";
         const uint8_t* r = reinterpret_cast<const uint8_t*>(text.data());
         const std::string name = c.pen ? "MorvelTouch_VirtualPen" : "MorvelTouch_VirtualDevice";
-        EXPECT_EQ(name + std::string(80 - name.size(), '\0'), text.substr(0, 80));
-        const std::vector<int64_t> id = {Le(r + 80, 2), Le(r + 82, 2), Le(r + 84, 2),
-                                         Le(r + 86, 2)};
-        EXPECT_EQ((std::vector<int64_t>{BUS_VIRTUAL, 0x3C7A, c.pen ? 0x30 : 0x20, 1}), id);
-        EXPECT_EQ(0, Le(r + 88, 4)) << "ff_effects_max";
-        std::map<int, std::vector<int64_t>> want;  // axis -> absmax, absmin, absfuzz, absflat
-        std::istringstream in(c.axes);
-        for (std::string axis; in >> axis;) {
-            const size_t eq = axis.find('='), colon = axis.find(':');
-            const bool min = colon != std::string::npos;
-            const int max = std::stoi(axis.substr(min ? colon + 1 : eq + 1));
-            want[names.at(axis.substr(0, eq))] = {max, min ? std::stoi(axis.substr(eq + 1)) : 0, 0,
-                                                  0};
-        }
+        const char id[] = {BUS_VIRTUAL, 0, 0x7A, 0x3C, char(c.pen ? 0x30 : 0x20), 0, 1, 0, 0, 0, 0, 0};
+        EXPECT_EQ(name + std::string(80 - name.size(), '\0') + std::string(id, 12), text.substr(0, 92));
+        std::string axes;
         for (int axis = 0; axis < ABS_CNT; ++axis) {
-            const uint8_t* a = r + 92 + 4 * axis;
-            const std::vector<int64_t> got = {Le(a, 4), Le(a + 256, 4), Le(a + 512, 4),
-                                              Le(a + 768, 4)};
-            EXPECT_EQ(want.count(axis) ? want[axis] : std::vector<int64_t>(4, 0), got) << axis;
+            const int64_t max = Le(r + 92 + 4 * axis, 4), min = Le(r + 348 + 4 * axis, 4);
+            EXPECT_EQ(0, Le(r + 604 + 4 * axis, 4) | Le(r + 860 + 4 * axis, 4)) << "fuzz, flat " << axis;
+            if (max == 0 && min == 0) continue;
+            axes += (axes.empty() ? "" : " ") + (names.count(axis) ? names.at(axis) : std::to_string(axis)) + "=" +
+                    (min ? std::to_string(min) + ":" : "") + std::to_string(max);
         }
+        EXPECT_EQ(c.axes, axes);
+    }
+}
+
+// Configured uinput paths (bit 1 of CustomPathMask) that are not the uinput device are refused
+// before a byte is written and kept; a missing unconfigured one falls back to "/dev/uinput".
+TEST(UinputOpen, PathThatIsNotTheUinputDeviceIsRefusedUntouched) {
+    testutil::TempDir dir;
+    const std::string file = dir.File("uinput"), link = dir.File("link"), missing = dir.File("none");
+    ASSERT_TRUE(testutil::WriteFile(file, "settings") && symlink(file.c_str(), link.c_str()) == 0);
+    const struct { std::string path; bool configured; std::string kept; } cases[] = {
+        {file, true, file}, {link, true, link}, {"/dev/null", true, "/dev/null"},
+        {missing, true, missing}, {missing, false, "/dev/uinput"}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.path);
+        if (!c.configured && access("/dev/uinput", F_OK) == 0) continue;  // it would be opened
+        TouchRig rig;
+        rig.settings.CustomPathMask = c.configured ? kCustomUinputPathBit : 0;
+        snprintf(rig.settings.UinputPath, sizeof(rig.settings.UinputPath), "%s", c.path.c_str());
+        EXPECT_TRUE(CreateTouchDevice(rig.dev.get()) == -1 && CreatePenDevice(rig.dev.get()) == -1);
+        EXPECT_FALSE(rig.dev->UinputTouchFd.valid() || rig.dev->UinputPenFd.valid());
+        EXPECT_EQ(c.kept, rig.settings.UinputPath);
+    }
+    EXPECT_EQ("settings", testutil::ReadFile(file));
+    EXPECT_FALSE(testutil::FileExists(missing));
+}
+
+// Steps "ops => events": "id state x y" a contact ("other id ..." on a second device), "begin",
+// "end" a counted scan, "release" all; per protocol and Android (0: plain Linux, for libinput).
+TEST(EmitTouch, StepsToFrames) {
+    // clang-format off
+    const struct { int android, type, resol_x, resol_y; const char* steps; } cases[] = {
+        {9, 2, -1, -1, "0 1 100 200 => 0:100,200; 1 1 300 400 => 0:100,200 1:300,400;"
+                       "0 1 110 210 => 0:110,210 1:300,400; 1 1 310 410 => ; 0 0 110 210 => 0- 1:310,410;"
+                       "1 1 320 420 => ; 1 0 320 420 => 1-"},
+        {0, 2, -1, -1, "0 1 100 200 => 0:100,200 TOUCH=1 X=100 Y=200;"
+                       "1 1 300 400 => 0:100,200 1:300,400 TOUCH=1 X=100 Y=200;"
+                       "0 0 100 200 => 0- 1:300,400 TOUCH=1 X=300 Y=400; 1 0 300 400 => 1- TOUCH=0"},
+        {9, 2, -1, -1, "begin 0 1 100 200 1 1 300 400 => ; end => 0:100,200 1:300,400;"
+                       "begin 0 0 100 200 1 0 300 400 => ; begin => 0- 1-; end => "},
+        {3, 2, -1, -1, "begin 0 1 100 200 1 1 300 400 end"
+                       " => ID=0 MAJOR=1 MX=100 MY=200 WIDTH=0 mt ID=1 MAJOR=1 MX=300 MY=400 WIDTH=0 mt;"
+                       "begin 0 0 100 200 1 0 300 400 begin"
+                       " => ID=0 MAJOR=0 MX=100 MY=200 WIDTH=0 mt ID=1 MAJOR=0 MX=300 MY=400 WIDTH=0 mt"},
+        {9, 4, -1, -1, "begin 0 1 100 200 1 1 300 400 end => MX=100 MY=200 mt MX=300 MY=400 mt;"
+                       "begin 0 0 100 200 1 0 300 400 begin => MX=100 MY=200 mt MX=300 MY=400 mt | mt; end => "},
+        {0, 4, -1, -1, "begin 0 1 100 200 end => MX=100 MY=200 mt; begin 0 0 100 200 end => MX=100 MY=200 mt | mt"},
+        {9, 2, -1, -1, "0 1 1 1 1 1 2 2 other 0 1 3 3 1 1 2 3 => 0:1,1 | 0:1,1 1:2,2 | 0:1,1 1:2,3"},  // per device
+        {9, 2, 1919, 1079, "0 1 4095 2048 1 1 2048 4095 => 0:1919,539 | 0:1919,539 1:959,1079"},  // scaled
+        // Each contact written as touching is lifted once; a scan still open is written first.
+        {9, 2, -1, -1, "0 1 100 200 2 1 300 400 => 0:100,200 | 0:100,200 2:300,400;"
+                       "release => 0- 2:300,400 | 2-; release => ; 0 1 100 200 begin 1 1 300 400 => 0:100,200;"
+                       "release => 0:100,200 1:300,400 | 0- 1:300,400 | 1-"},
+    };
+    // clang-format on
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.steps);
+        VersionGuard version(c.android);
+        TouchRig rig, other;
+        rig.dev->Param.EventType = int8_t(c.type);
+        rig.dev->Param.ResolX = c.resol_x, rig.dev->Param.ResolY = c.resol_y;
+        std::istringstream steps(c.steps);
+        for (std::string step; std::getline(steps, step, ';');) {
+            SCOPED_TRACE(step);
+            std::istringstream ops(step.substr(0, step.find("=>")));
+            for (std::string op; ops >> op;) {
+                if (op == "begin" || op == "end" || op == "release") {
+                    (op == "begin" ? BeginTouchScan : op == "end" ? EndTouchScan : ReleaseAllContacts)(rig.dev.get());
+                    continue;
+                }
+                TouchPoint p = {};
+                op == "other" ? void(ops >> p.ID) : void(p.ID = std::stoi(op));
+                ops >> p.State >> p.X >> p.Y;
+                DispatchTouchEvent((op == "other" ? other : rig).dev.get(), &p);
+            }
+            EXPECT_EQ(F(step.substr(step.find("=>") + 2)), rig.TouchEvents());
+        }
+    }
+}
+
+// Contact numbers a settings file claiming 255 contacts lets through (20 on) never index the
+// 20-entry tables, by any emitter; a frame ends at the tables' end.
+TEST(EmitTouch, ContactNumbersBeyondTheTablesAreDropped) {
+    VersionGuard version(9);
+    TouchRig rig;
+    rig.dev->Param.SupportPoints = 255;
+    TouchPoint p = {};
+    p.State = 1, p.X = 5, p.Y = 6;
+    for (int id : {20, 21, 100, 255, -1})
+        for (auto emit : {EmitSlotEvent, EmitTypeAEvent, EmitAndroidMultiSyncEvent, EmitPenEvent, EmitEraserEvent})
+            p.ID = id, emit(rig.dev.get(), &p);
+    EXPECT_TRUE(rig.TouchEvents().empty() && rig.PenEvents().empty());
+    p.ID = 19;
+    DispatchTouchEvent(rig.dev.get(), &p);
+    EXPECT_EQ(F("19:5,6"), rig.TouchEvents());
+}
+
+// Pen and eraser samples in turn: one tool is lifted before the other comes in, a released eraser
+// switch touches until its pressure is 0; Android 2, 3 make a pen a contact unless type A.
+TEST(EmitPen, PenAndEraserSamples) {
+    const std::string at = " X=1000 Y=2000 ", tilt = " TX=-30 TY=40";
+    // clang-format off
+    const struct { int android, type; const char* set; int z; std::string pen, touch; } steps[] = {
+        {9, 2, "pen state inrange tip barrel", 500, "PEN=1 STYLUS=1" + at + "TOUCH=1 P=500" + tilt, ""},
+        {9, 2, "pen state inrange tip invert", 500, "PEN=0 TOUCH=0 | RUBBER=1 STYLUS=0" + at + "TOUCH=1 P=500" + tilt, ""},
+        {9, 2, "pen", 0, "RUBBER=0 TOUCH=0 | PEN=0 STYLUS=0" + at + "TOUCH=0 P=0" + tilt, ""},
+        {9, 2, "eraser switch", 300, "RUBBER=1" + at + "TOUCH=1 P=300" + tilt, ""},
+        {9, 2, "eraser", 7, at + "P=7" + tilt + " | RUBBER=0", ""},
+        {9, 2, "eraser", 0, at + "TOUCH=0 P=0" + tilt + " | RUBBER=0", ""},
+        {2, 2, "pen state inrange tip", 9, "", "ID=0 MAJOR=1 MX=1000 MY=2000 WIDTH=0 mt"},
+        {2, 4, "pen state inrange tip", 9, "PEN=1 STYLUS=0" + at + "TOUCH=1 P=9" + tilt, ""},
+        {2, 4, "eraser switch", 9, "RUBBER=1" + at + "TOUCH=1 P=9" + tilt, ""},
+    };
+    // clang-format on
+    TouchRig rig;
+    for (const auto& s : steps) {
+        SCOPED_TRACE(testing::Message() << s.android << " " << s.type << ": " << s.set);
+        VersionGuard version(s.android);
+        rig.dev->Param.EventType = int8_t(s.type);
+        TouchPoint p = {};
+        p.X = 1000, p.Y = 2000, p.Z = s.z, p.tilt_x = -30, p.tilt_y = 40;
+        const auto has = [&s](const char* flag) { return strstr(s.set, flag) != nullptr; };
+        p.bPen = has("pen"), p.State = has("state"), p.inrange = has("inrange"), p.tip = has("tip");
+        p.barrel = has("barrel"), p.invert = has("invert"), p.bEraser = has("eraser"), p.eraser = has("switch");
+        DispatchTouchEvent(rig.dev.get(), &p);
+        EXPECT_EQ(F(s.pen), rig.PenEvents());
+        EXPECT_EQ(F(s.touch), rig.TouchEvents());
     }
 }
