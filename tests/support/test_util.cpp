@@ -99,18 +99,13 @@ TtyResult OpenOfTerminalAcquiresIt(const std::function<int(const char*)>& open_p
     Pty pty;
     if (!OpenPty(&pty)) return TtyResult::kSkipped;
     pty.slave.reset();  // only the child opens the terminal
-    const pid_t child = fork();
-    if (child == 0) {
+    const ChildResult child = RunInChild([&] {
         if (setsid() < 0) _exit(3);
         UniqueFd opened(open_path(pty.slave_path.c_str()));
         _exit(UniqueFd(OpenCloexec("/dev/tty", O_RDWR | O_NOCTTY)).valid() ? 1 : 0);
-    }
-    int status = 0;
-    if (child < 0 || waitpid(child, &status, 0) != child || !WIFEXITED(status) ||
-        WEXITSTATUS(status) > 1) {
-        return TtyResult::kSkipped;
-    }
-    return WEXITSTATUS(status) == 1 ? TtyResult::kAcquired : TtyResult::kNotAcquired;
+    });
+    if (!child.exited || child.status > 1) return TtyResult::kSkipped;
+    return child.status == 1 ? TtyResult::kAcquired : TtyResult::kNotAcquired;
 }
 
 bool MakePipe(UniqueFd* read_end, UniqueFd* write_end) {
