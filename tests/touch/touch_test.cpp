@@ -1,6 +1,5 @@
-// The touch data path on a bare device record: point reports and the contact pipeline, the
-// reception step, the serial splitter, command replies and virtual keys. Events are read
-// back from socketpairs standing in for the uinput devices; Android 9 (slot protocol).
+// The touch data path on a bare device record, its events read back from socketpairs that
+// stand in for the uinput devices (Android 9: the slot protocol).
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sched.h>
@@ -66,18 +65,20 @@ void Configure(CDeviceObject* d, const std::string& text) {
         if (key == "dir") in >> p.Direction;
         if (key == "turn") in >> p.Orientation;
         if (key == "raw" && in >> n) d->SendRawPoints = static_cast<uint8_t>(n);
-        if (key == "hook" && in >> std::hex >> n) d->SelfHookCmd = static_cast<uint8_t>(n);
+        if (key == "hook" && in >> std::hex >> n >> std::dec)
+            d->SelfHookCmd = static_cast<uint8_t>(n);
+        if (key == "sub" && in >> n) d->SelfHookSubCmd = static_cast<uint16_t>(n);
         p.EdgeCompensate |= key == "edge";
         d->pSettings->SkipFirstByte |= key == "skip";
         d->bPointsToTool |= key == "tool";
+        d->bPCAP |= key == "pcap";
     }
 }
 
 }  // namespace
 
-// Each report layout with the shift and declared maximum that apply to it (setting s shifts
-// by s - 1; 0x04 by s from series 9, not before; 0x17 and pen never), ids without a layout,
-// truncated reports and the serial layouts (7-bit, Y mirrored, 0xA1 with a contact letter).
+// Each report layout with its shift (s - 1; 0x04 s from series 9, else none; 0x17, pen none)
+// and declared maximum, ids without a layout, truncated reports and the serial layouts.
 TEST(PointParse, ReportsToEvents) {
     VersionGuard version(9);
     const uint8_t U = DEV_USB, R = DEV_RS232;
@@ -126,10 +127,8 @@ TEST(PointParse, ReportsToEvents) {
     }
 }
 
-// Whatever frame packets were lost or over-counted, every slot with a valid id is served and
-// no contact stays down once the controller lifts them all; a later tap still works. Each
-// step: the slots down at the reader after it ("held": frame open, nothing written); an
-// empty packet is silence.
+// Frames with lost or over-counted packets: each step gives the slots down at the reader
+// ("held": frame open, nothing written; no packet: silence); a later tap still works.
 TEST(PointParseFrame, LostAndOverCountedPacketsLeaveNoContactDown) {
     VersionGuard version(9);
     // clang-format off
@@ -246,11 +245,9 @@ namespace {
 
 volatile sig_atomic_t g_usr2_count = 0;
 
-// Reception steps in a child with its own process group (the unplug signals it): nothing
-// ready, a datagram of 200 bytes (read as 65), then the controller gone. make, if given,
-// first fills a private empty /dev. Returns the failure bits: 1 a result, 2 still running,
-// 4 no stop request, 8 no SIGUSR2, 16 the port path not removed (removed 1) or removed (0),
-// 32 set-up failed, 64 no exit, 128 the report's events.
+// In a child of its own process group, after make fills a private /dev: reception steps with
+// nothing ready, a 200-byte datagram (read as 65), then the controller gone. Failure bits: 1
+// result, 2 running, 4 stop, 8 SIGUSR2, 16 path (not) removed, 32 set-up, 64 exit, 128 events.
 int RunEmptyReadInChild(const std::string& port, int removed, const std::function<bool()>& make) {
     const pid_t child = fork();
     if (child == 0) {
@@ -286,9 +283,8 @@ int RunEmptyReadInChild(const std::string& port, int removed, const std::functio
 
 }  // namespace
 
-// Whatever the port path, an empty read stops the thread and signals the unplug; the stale
-// node is deleted only when it is a device node under /dev, never a file elsewhere, a link, a
-// regular file that took a port's name, or a second file named in a path of several words.
+// An empty read is an unplug whatever the port path; only a device node under /dev is deleted,
+// never a link, a regular file, a file elsewhere or a second file named in the path.
 TEST(ReceiveStep, EmptyReadIsAnUnplugAndRemovesOnlyADeviceNodeUnderDev) {
     testutil::TempDir dir;
     const std::string node = dir.File("hidraw7"), victim = dir.File("victim");
@@ -312,9 +308,8 @@ TEST(ReceiveStep, EmptyReadIsAnUnplugAndRemovesOnlyADeviceNodeUnderDev) {
         EXPECT_EQ(0, RunEmptyReadInChild(c.port, c.removed, c.make)) << c.port;
 }
 
-// Where the bytes of a read go. Serial and PS/2 streams are fed in one read and one byte per
-// read, with one outcome and nothing left half-split; a USB read is one report. The reply is
-// what the self hook (command 55 unless "hook") got.
+// Where the bytes of a read go (serial streams whole and byte by byte, nothing left half-split);
+// the reply is what the self hook (command 55 unless "hook") got.
 TEST(PortBytes, PointsAndRepliesWhateverTheReadBoundaries) {
     VersionGuard version(9);
     Bytes longest = Hex("0A FF 55");  // length byte 0xFF: 64 bytes, not 0xFF + 2 wrapped
@@ -362,79 +357,49 @@ TEST(PortBytes, PointsAndRepliesWhateverTheReadBoundaries) {
     }
 }
 
-// Fragmented USB replies merged in the 128-byte reply buffer: every packet but the last
-// returns 0; the last gives the result, the buffer's start (CC: untouched) and whether a
-// merge stays open ('E' opens one of 13 bytes).
-TEST(MergeReply, Sequences) {
+// USB fragments merged in the 128-byte buffer ('E' opens 13 bytes), the reply routed to the
+// self hook ("hook", "sub" else any) or, exactly its length, to the tool.
+TEST(ParseCmdReply, FragmentsMergedThenRouted) {
     const std::string E = "03 04 45 0A D0 D1, ";
-    std::string exact = "03 04 45 7D 01 02", past = exact;  // 'E' with n = 125: 128 bytes
-    for (int i = 0; i < 41; ++i) exact += ", 03 04 00 00 AB CD";
+    std::string exact = "03 04 45 7D 01 02", past = exact, whole = "03 7E 45 01 02";  // 128 bytes
+    for (int i = 0; i < 41; ++i) exact += ", 03 04 00 00 AB CD", whole += " 00 AB CD";
     for (int i = 0; i < 121; ++i) past += ", 03 02 00 44";
     past += ", 03 04 00 91 92 93";              // to 129
     std::string wide, long_reply = "03 3E 45";  // 200 bytes; 64 with L above 4
     for (int i = 0; i < 200; ++i) wide += "0A", long_reply += i < 61 ? "5A" : "";
     // clang-format off
-    const struct { std::string packets; int result; const char* reply; bool merging, pcap; } cases[] = {
-        {"03 04 45 0A A0 A1 FF FF, 03 04 00 B0 B1 B2 EE, 03 04 00 B3 B4 B5, 03 04 00 B6 B7 B8", 13,
-         "03 0B 45 A0 A1 B0 B1 B2 B3 B4 B5 B6 B7", false, false},
-        {"03 04 44 02 11 22", 5, "03 03 44 11 22", false, false},
-        {"03 04 46 02 11 22", 5, "03 03 46 11 22", false, false},
-        {"03 02 45 0A 11 22", 0, "03 0B 45 CC CC", true, false},  // L 2: L + 1 header bytes
-        {"03 04 00 01 02 03", 6, "03 04 00 01 02 03", false, false},  // a continuation alone
-        {long_reply, 64, long_reply.c_str(), false, false},  // whole
-        {"81 0F 7F 05", -1, "CC CC", false, false},  // a serial report too short
-        {E + "55 04 00 01 02 03", -1, "", true, false},  // unknown header: merge untouched
-        {E + "0A 02 41 42", 4, "", false, false}, {E + "81 01 02 03 04", 64, "", false, false},
-        {E + "03 05 00 01 02 03 04", 7, "", false, false}, {E + "03 04 31 01 02 03", -1, "", false, false},
-        {E + "03 00 00", -1, "", false, false}, {E + "03 04 00 01", -1, "", false, false},
-        {"03 04 45 0A D0 D1", 6, "03 04 45 0A D0 D1", false, true},  // the capacitive family never merges
-        {"03 04 45 7E 01 02", -1, "", false, false}, {wide, -1, "", false, false},
-        {exact, 128, "03 7E 45 01 02 00 AB CD", false, false}, {past, -1, "", false, false},
+    const struct { const char* set; std::string packets, routed; bool merging; } cases[] = {
+        {"", "03 04 45 0A A0 A1 FF FF, 03 04 00 B0 B1 B2 EE, 03 04 00 B3 B4 B5, 03 04 00 B6 B7 B8",
+         "03 0B 45 A0 A1 B0 B1 B2 B3 B4 B5 B6 B7", false},
+        {"", "03 04 44 02 11 22", "03 03 44 11 22", false}, {"", "03 04 46 02 11 22", "03 03 46 11 22", false},
+        {"", "03 04 00 01 02 03", "03 04 00 01 02 03", false},  // a continuation alone
+        {"", long_reply, long_reply, false}, {"", "81 0F 7F 05", "", false},  // a serial report too short
+        {"", E + "55 04 00 01 02 03", "", true},  // an unknown header leaves the merge alone
+        {"", E + "0A 02 41 42", "0A 02 41 42", false},  // the rest reset it
+        {"", E + "03 05 00 01 02 03 04", "03 05 00 01 02 03 04", false}, {"", E + "03 04 31 01 02 03", "", false},
+        {"", E + "03 00 00", "", false}, {"", E + "03 04 00 01", "", false},
+        {"pcap", "03 04 45 0A D0 D1", "03 04 45 0A D0 D1", false},  // the capacitive family never merges
+        {"", "03 04 45 7E 01 02", "", false}, {"", wide, "", false}, {"", exact, whole, false}, {"", past, "", false},
+        {"hook 41 sub 2", "03 03 41 01 02", "03 03 41 01 02", false},
+        {"hook 41 sub 2", "03 03 41 02 02", "hooked", false}, {"hook 41", "0A 03 41 7E 00", "hooked", false},
     };
     // clang-format on
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.packets.substr(0, 60));
+        SCOPED_TRACE(c.set + (" " + c.packets.substr(0, 60)));
         TouchRig rig;
-        memset(rig.dev->CmdReplyBuf, 0xCC, sizeof(rig.dev->CmdReplyBuf));
-        rig.dev->bPCAP = c.pcap;
-        const std::vector<Bytes> packets = Packets(c.packets);
-        for (size_t i = 0; i < packets.size(); ++i) {
-            const int result = MergeCommandPacket(rig.dev.get(), packets[i].data(),
-                                                  static_cast<int>(packets[i].size()));
-            EXPECT_EQ(i + 1 < packets.size() ? 0 : c.result, result);
-        }
-        const Bytes reply = Hex(c.reply);
-        EXPECT_EQ(reply, Bytes(rig.dev->CmdReplyBuf, rig.dev->CmdReplyBuf + reply.size()));
-        EXPECT_EQ(c.merging, rig.dev->bMerging == 1);
-        EXPECT_EQ(c.merging, rig.dev->CurIndex + rig.dev->RealLen > 0);
-    }
-}
-
-// A complete reply wakes the sender blocked on it (SigHook), else answers a polling one
-// (SelfHook, sub-command matched unless any), else goes to the tool, exactly its length; an
-// incomplete merge routes nothing.
-TEST(ParseCmdReply, RoutingToHooksAndTool) {
-    TouchRig rig;
-    UniqueFd tool;
-    MakeEventPair(&rig.dev->m_fdPipeOut, &tool);
-    rig.dev->SigHookCmd = 0x99;
-    // clang-format off
-    const struct { uint8_t hook; uint16_t sub; Bytes reply; bool hooked; } steps[] = {
-        {0x99, 0x02, Hex("03 03 41 01 02"), false}, {0x41, 0x02, Hex("03 03 41 01 02"), false},
-        {0x41, 0x02, Hex("03 03 41 02 02"), true},  {0x41, kAnySubCmd, Hex("0A 03 41 7E 00"), true},
-        {0x45, kAnySubCmd, Hex("03 04 45 0A 01 02"), false},  // the first fragment of a merge
-    };
-    // clang-format on
-    for (const auto& s : steps) {
-        SCOPED_TRACE(testing::PrintToString(s.reply));
-        rig.dev->SelfHookCmd = s.hook, rig.dev->SelfHookSubCmd = s.sub,
-        rig.dev->bSelfHookReplied = 0;
-        ParseCmdPacket(rig.dev.get(), s.reply.data(), static_cast<int>(s.reply.size()));
-        EXPECT_EQ(s.hooked, rig.dev->bSelfHookReplied.load() == 1);
+        UniqueFd tool;
+        MakeEventPair(&rig.dev->m_fdPipeOut, &tool);
+        rig.dev->SigHookCmd = rig.dev->SelfHookCmd = 0x99, rig.dev->SelfHookSubCmd = kAnySubCmd;
+        Configure(rig.dev.get(), c.set);
+        for (const Bytes& b : Packets(c.packets))
+            ParseCmdPacket(rig.dev.get(), b.data(), static_cast<int>(b.size()));
         uint8_t buffer[256];
         const ssize_t n = recv(tool.get(), buffer, sizeof(buffer), MSG_DONTWAIT);
-        EXPECT_EQ(s.hooked || s.hook == 0x45 ? Bytes{} : s.reply,
+        EXPECT_EQ(c.routed == "hooked" ? Bytes{} : Hex(c.routed),
                   Bytes(buffer, buffer + std::max<ssize_t>(n, 0)));
+        EXPECT_EQ(c.routed == "hooked", rig.dev->bSelfHookReplied.load() == 1);
+        EXPECT_EQ(c.merging ? 2 : 0,
+                  (rig.dev->bMerging == 1) + (rig.dev->CurIndex + rig.dev->RealLen > 0));
     }
 }
 
@@ -459,58 +424,42 @@ TEST(ParseCmdReply, SignalHookWinsOverSelfHook) {
     EXPECT_EQ(reply, Bytes(rig.dev->SigReplyBuf, rig.dev->SigReplyBuf + 5));
 }
 
-// "VKEY_<n>" values: key names, hexadecimal or decimal codes; a later line replaces an
-// earlier one ("HOME"), one that is none of these unmaps the key; other keys change nothing.
-TEST(VKeyIni, KeysAndValues) {
+// "VKEY_<n>" settings and key reports ("state:index", hex) counted against VKEYReportMod: a
+// press at every mod-th report, a release only after a press; series 22 has its own form.
+TEST(VirtualKeys, SettingsAndReports) {
     // clang-format off
-    const struct { const char* key; const char* value; int index, code; } cases[] = {
-        {"VKEY_0", "BACK", 0, 158}, {"VKEY_5", "0x2FF", 5, 0x2FF}, {"VKEY_6", "114", 6, 114},
-        {"VKEY_7", "home", 7, -1},  {"VKEY_8", "0x", 8, -1},       {"VKEY_9", "12abc", 9, 12},
-        {"VKEY_9", "", 9, -1},      {"VKEY_9", "0x300", 9, -1},    {"VKEY_9", "-5", 9, -1},
-        {"VKEY_9", "99999999999999999999", 9, -1}, {"VKEY_9", nullptr, 9, -1},
-        {"VKEY_10", "BACK", -1, 0}, {"VKEY_x", "BACK", -1, 0},     {"KEY_1", "BACK", -1, 0},
+    const struct { int series, modulus; bool form22; const char *keys, *steps; } cases[] = {
+        {0, 1, false, "VKEY_0=BACK VKEY_5=0x2FF VKEY_6=114 VKEY_7=home VKEY_8=0x VKEY_9=HOME VKEY_9=12abc",
+         "1:0 K158=1 1:5 K767=1 1:6 K114=1 1:7 . 1:8 . 1:9 K12=1"},
+        {0, 1, false, "VKEY_1=BACK VKEY_1= VKEY_2=0x300 VKEY_3=-5 VKEY_4=99999999999999999999 VKEY_5=BACK VKEY_5 "
+                      "VKEY_10=BACK VKEY_x=BACK KEY_6=BACK", "1:0 . 1:1 . 1:2 . 1:3 . 1:4 . 1:5 . 1:0A . 1:6 ."},
+        {0, 1, false, "VKEY_2=BACK", "1:2 K158=1 1:2 K158=1 0:2 K158=0 0:2 ."},
+        {0, 3, false, "VKEY_1=HOME VKEY_4=MENU",
+         "1:1 . 1:1 . 0:1 . 1:1 K102=1 1:1 . 1:1 . 1:1 K102=1 1:4 . 0:1 K102=0 1:4 . 1:4 . 1:4 K139=1"},
+        {0, 0, false, "VKEY_0=SEARCH", "1:0 K217=1 0:0 K217=0"},  // modulus 0 and below: 1
+        {0, -3, false, "VKEY_0=SEARCH", "1:0 K217=1 0:0 K217=0"},
+        {0, 1, false, "VKEY_9=BACK", "1:0C . 1:FF . 1:0A . 1:3 . 1:9 K158=1"},  // unmapped, out of range
+        {22, 1, true, "VKEY_5=MENU", "1:5 K139=1 0:5 K139=0"}, {0, 1, true, "VKEY_5=MENU", "1:5 ."},
+        {22, 1, false, "VKEY_5=MENU", "1:5 ."},
     };
     // clang-format on
     for (const auto& c : cases) {
-        SCOPED_TRACE(testing::Message() << c.key << "=" << (c.value ? c.value : "(none)"));
-        TouchRig rig;
-        ParseVKEYini(rig.dev.get(), c.key, "HOME");
-        ParseVKEYini(rig.dev.get(), c.key, c.value);
-        for (int i = 0; i < kVKeyCount; ++i)
-            EXPECT_EQ(i == c.index ? c.code : -1, rig.dev->VKeyCode[i]) << i;
-    }
-}
-
-// Key reports counted against VKEYReportMod: a press at every mod-th report of a held key,
-// a release only after a press, clearing every count; series 22 has a form of its own and
-// knows no other. Steps: "state:index" (hex), then the key written ("K158=1") or ".".
-TEST(VKeyReport, ReportSequences) {
-    // clang-format off
-    const struct { int series, modulus; bool form22; const char* steps; } cases[] = {
-        {0, 1, false, "1:2 K158=1 1:2 K158=1 0:2 K158=0 0:2 ."},
-        {0, 3, false, "1:1 . 1:1 . 0:1 . 1:1 K102=1 1:1 . 1:1 . 1:1 K102=1 1:4 . 0:1 K102=0 1:4 . 1:4 . 1:4 K139=1"},
-        {0, 0, false, "1:0 K217=1 0:0 K217=0"}, {0, -3, false, "1:0 K217=1 0:0 K217=0"},  // counted as 1
-        {0, 1, false, "1:0C . 1:FF . 1:0A . 1:3 . 1:9 K158=1"},  // unmapped and out-of-range keys
-        {22, 1, true, "1:5 K139=1 0:5 K139=0"}, {0, 1, true, "1:5 ."}, {22, 1, false, "1:5 ."},
-    };
-    // clang-format on
-    const int codes[kVKeyCount] = {KEY_SEARCH, KEY_HOME, KEY_BACK, -1, KEY_MENU,
-                                   KEY_MENU,   -1,       -1,       -1, KEY_BACK};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.steps);
+        SCOPED_TRACE(testing::Message() << c.keys << ": " << c.steps);
         TouchRig rig;
         rig.dev->Series = c.series;
         rig.dev->Param.VKEYReportMod = c.modulus;
-        std::copy(codes, codes + kVKeyCount, rig.dev->VKeyCode);
-        std::istringstream in(c.steps);
+        std::istringstream keys(c.keys), in(c.steps);
+        for (std::string k; keys >> k;) {
+            const size_t eq = k.find('=');
+            ParseVKEYini(rig.dev.get(), k.substr(0, eq).c_str(),
+                         eq == k.npos ? nullptr : &k[eq + 1]);
+        }
         for (std::string report, want; in >> report >> want;) {
             SCOPED_TRACE(report);
-            // Common form: byte 4 bit 0 state, byte 5 index; series 22: bytes 3 and 4.
-            const std::string index = report.substr(2);
-            const std::string fields =
-                "0" + report.substr(0, 1) + (index.size() < 2 ? " 0" : " ") + index;
-            const Bytes packet =
-                Hex(c.form22 ? "03 04 2F " + fields + " 00" : "03 04 36 2F " + fields);
+            uint8_t state = 0, index = 0;  // common form: bytes 4 and 5; series 22: 3 and 4
+            sscanf(report.c_str(), "%hhx:%hhx", &state, &index);
+            const Bytes packet = c.form22 ? Bytes{3, 4, 0x2F, state, index, 0}
+                                          : Bytes{3, 4, 0x36, 0x2F, state, index};
             ParseCmdPacket(rig.dev.get(), packet.data(), 6);
             EXPECT_EQ(F(want == "." ? "" : want), rig.TouchEvents());
         }
