@@ -34,7 +34,6 @@
 namespace {
 
 using Script = std::map<uint8_t, std::vector<Bytes>>;  // command byte -> reply packets
-using Responder = std::function<std::vector<TimedReply>(const Bytes&)>;
 using testutil::Hex;
 using testutil::NowMs;
 using testutil::Pty;
@@ -58,7 +57,9 @@ class CommandTest : public testing::Test {
     void TearDown() override { KernelVersion = saved_kernel_; }
     // A device on the daemon end of a started controller stand-in; script answers each
     // command byte with its packets.
-    std::unique_ptr<CDeviceObject> Device(FakeController* controller, bool usb, Responder respond) {
+    std::unique_ptr<CDeviceObject> Device(
+        FakeController* controller, bool usb,
+        std::function<std::vector<TimedReply>(const Bytes&)> respond) {
         controller->SetResponder(respond);
         controller->Start();
         auto dev =
@@ -80,92 +81,73 @@ class CommandTest : public testing::Test {
     KernelVersionInfo saved_kernel_ = KernelVersion;
 };
 
-// The polling exchange writes again only after a silent 500 ms, three times at most, and ends
-// after 3 s even under endless other traffic; a missing port pauses instead.
-TEST_F(CommandTest, SelfRecvWritesAgainOnlyAfterASilentPeriod) {
+// Both command exchanges, the controller answering the `answer`th write after delay_ms.
+// Polling on this thread writes again only after a silent 500 ms, three times at most, ends
+// after 3 s under endless other traffic ("chatter") and pauses on a missing port. Blocking,
+// from another thread and served by a real receive thread, leaves no wake counted; the
+// thread then stops at once on one signal, and only once.
+TEST_F(CommandTest, ExchangesWriteAgainOnlyAfterASilentPeriod) {
     // clang-format off
-    const struct { int reply_ms, answered_write; bool chatter, no_port; size_t min_writes, writes; int min_ms, max_ms; } cases[] = {
-        {10, 1, false, false, 1, 1, 0, 500}, {600, 1, false, false, 1, 2, 550, 1100},
-        {10, 2, false, false, 2, 2, 450, 1000}, {-1, 1, false, false, 3, 3, 1450, 1500},
-        {-1, 1, true, false, 1, 1, 2900, 3000}, {-1, 1, false, true, 0, 0, 1450, 1500},
+    const struct { std::string mode; const char* reply; int delay_ms, answer, result; size_t min_writes, writes; int min_ms, max_ms; } cases[] = {
+        {"poll", "030141", 10, 1, 1, 1, 1, 0, 500}, {"poll", "030141", 600, 1, 1, 1, 2, 550, 1100},
+        {"poll", "030141", 10, 2, 1, 2, 2, 450, 1000}, {"poll", "", 0, 1, 0, 3, 3, 1450, 1500},
+        {"poll chatter", "", 0, 1, 0, 1, 1, 2900, 3000}, {"poll no port", "", 0, 1, 0, 0, 0, 1450, 1500},
+        {"loopback", "0a0141", 5, 1, 0, 1, 1, 0, 400}, {"loopback", "0a0141", 750, 1, 0, 2, 2, 0, 1500},
+        {"loopback", "0a0141", 5, 2, 0, 2, 2, 0, 900}, {"loopback", "0a0141 0a0141", 5, 1, 0, 1, 1, 0, 400},
+        {"loopback", "", 0, 1, ETIMEDOUT, 3, 3, 0, 1800}, {"format", "0a023301", 5, 1, 0, 1, 1, 0, 400},
+        {"format", "0a023302", 5, 1, ETIMEDOUT, 1, 3, 0, 10000},  // another format never wakes the sender
     };
     // clang-format on
     for (const auto& c : cases) {
-        SCOPED_TRACE(testing::Message() << c.reply_ms << " ms to write " << c.answered_write);
-        FakeController controller(true);
-        int writes = 0;
-        auto dev = Device(&controller, true, [&c, &writes](const Bytes&) {
+        SCOPED_TRACE(testing::Message()
+                     << c.mode << ": " << c.reply << " after " << c.delay_ms << " ms");
+        const bool poll = c.mode.rfind("poll", 0) == 0, format = c.mode == "format";
+        const Bytes command = Hex(poll ? "030141" : format ? "0a023401" : "0a0141");
+        testutil::LogCapture log;
+        int seen = 0;
+        FakeController controller(poll);
+        auto dev = Device(&controller, poll, [&c, &seen, command](const Bytes& packet) {
             std::vector<TimedReply> replies;
-            if (++writes == c.answered_write && c.reply_ms >= 0)
-                replies.push_back({c.reply_ms, Hex("030141")});
-            for (int i = 0; c.chatter && writes == 1 && i < 60; ++i)
+            if (packet == command && ++seen == c.answer && *c.reply)
+                replies.push_back({c.delay_ms, Hex(c.reply)});
+            for (int i = 0; c.mode == "poll chatter" && seen == 1 && i < 60; ++i)
                 replies.push_back({100, Hex("030144")});
             return replies;
         });
-        if (c.no_port) dev->m_Port_fd.reset();
-        dev->SelfHookSubCmd = kAnySubCmd, dev->SelfHookCmd = 0x41;
-        memcpy(dev->CmdSendBuf, Hex("030141").data(), 3);
+        int result = -100;
         const int64_t start = NowMs();
-        SelfRecv(dev.get(), 3);
+        if (poll) {
+            if (c.mode == "poll no port") dev->m_Port_fd.reset();
+            dev->SelfHookSubCmd = kAnySubCmd, dev->SelfHookCmd = 0x41;
+            memcpy(dev->CmdSendBuf, command.data(), 3);
+            SelfRecv(dev.get(), 3);
+            result = dev->bSelfHookReplied.load() && dev->CmdReplyBuf[2] == 0x41;
+        } else {
+            dev->NoDeviceCheck = 1;
+            StartRxLoopThread(dev.get());
+            std::thread([&] {
+                result = format ? SetFormat(dev.get(), 1) : SetLoopback(dev.get());
+            }).join();
+        }
         const int64_t elapsed = NowMs() - start;
-        controller.Stop();
-        EXPECT_EQ(c.reply_ms >= 0, dev->bSelfHookReplied.load() && dev->CmdReplyBuf[2] == 0x41);
+        EXPECT_EQ(c.result, result);
         // A loaded host may delay the late reply's window edge; never a write too many.
         EXPECT_GE(controller.ReceivedCount(), c.min_writes);
-        EXPECT_EQ(std::vector<Bytes>(controller.ReceivedCount(), Hex("030141")),
-                  controller.Received());
         EXPECT_LE(controller.ReceivedCount(), c.writes);
+        EXPECT_EQ(std::vector<Bytes>(controller.ReceivedCount(), command), controller.Received());
         EXPECT_GE(elapsed, c.min_ms);
         EXPECT_LE(elapsed, c.max_ms + kLoadSlackMs);
-    }
-}
-
-// A command from another thread, its reply (sent to the `answer`th write) delivered by a real
-// receive thread, which then stops at once on one signal and only once.
-TEST_F(CommandTest, BlockingChannelCommandFromAnotherThread) {
-    // clang-format off
-    const struct { bool format; const char* reply; int delay_ms, answer, result; size_t commands; int max_ms; } cases[] = {
-        {false, "0a0141", 5, 1, 0, 1, 400}, {false, "0a0141", 750, 1, 0, 2, 1500},  // late: the second takes it
-        {false, "0a0141", 5, 2, 0, 2, 900}, {false, "0a0141 0a0141", 5, 1, 0, 1, 400},
-        {false, "", 0, 1, ETIMEDOUT, 3, 1800}, {true, "0a023301", 5, 1, 0, 1, 400},
-        {true, "0a023302", 5, 1, ETIMEDOUT, 0, 10000},  // another format never wakes the sender
-    };
-    // clang-format on
-    for (const auto& c : cases) {
-        SCOPED_TRACE(testing::Message() << c.reply << " after " << c.delay_ms << " ms");
-        testutil::LogCapture log;
-        int seen = 0;
-        FakeController controller(false);
-        auto dev = Device(&controller, false, [&c, &seen](const Bytes& packet) {
-            std::vector<TimedReply> replies;
-            if (packet.size() >= 3 && packet[2] == (c.format ? 0x34 : 0x41) && ++seen == c.answer &&
-                *c.reply)
-                replies.push_back({c.delay_ms, Hex(c.reply)});
-            return replies;
-        });
-        dev->NoDeviceCheck = 1;
-        StartRxLoopThread(dev.get());
-        int result = -100;
-        int64_t start = NowMs();
-        std::thread([&] {
-            result = c.format ? SetFormat(dev.get(), 1) : SetLoopback(dev.get());
-        }).join();
-        EXPECT_EQ(c.result, result);
-        EXPECT_LE(NowMs() - start, c.max_ms + kLoadSlackMs);
-        if (c.commands) {
-            EXPECT_EQ(c.commands, controller.ReceivedCount());
+        if (!poll) {
+            EXPECT_EQ(0, dev->SigHookCmd.load());
+            usleep(50000);  // no wake is left counted (a late or doubled reply)
+            EXPECT_EQ(ETIMEDOUT, CmdTimedWait(dev.get(), 0, 50));
+            const int64_t stop = NowMs();
+            EXPECT_EQ(0, StopReadThread(dev.get()));
+            EXPECT_LT(NowMs() - stop, kStopBoundMs);
+            EXPECT_FALSE(dev->bThreadCreated ||
+                         log.Contains("Call pthread_kill"));  // it was signalled
+            EXPECT_EQ(0, StopReadThread(dev.get()));
         }
-        ASSERT_GE(controller.ReceivedCount(), 1u);
-        EXPECT_EQ(Hex(c.format ? "0a023401" : "0a0141"), controller.Received()[0]);
-        EXPECT_EQ(0, dev->SigHookCmd.load());
-        usleep(50000);  // no wake is left counted (a late or doubled reply)
-        EXPECT_EQ(ETIMEDOUT, CmdTimedWait(dev.get(), 0, 50));
-        start = NowMs();
-        EXPECT_EQ(0, StopReadThread(dev.get()));
-        EXPECT_LT(NowMs() - start, kStopBoundMs);
-        EXPECT_FALSE(dev->bThreadCreated ||
-                     log.Contains("Call pthread_kill"));  // the signal reached it
-        EXPECT_EQ(0, StopReadThread(dev.get()));
         controller.Stop();
     }
 }

@@ -72,6 +72,7 @@ void Configure(CDeviceObject* d, const std::string& text) {
         d->pSettings->SkipFirstByte |= key == "skip";
         d->bPointsToTool |= key == "tool";
         d->bPCAP |= key == "pcap";
+        if (key == "hold") p.HoldFilterEnable = 1, p.SupportPoints = 255;
     }
 }
 
@@ -182,62 +183,53 @@ TEST(PointParseFrame, LostAndOverCountedPacketsLeaveNoContactDown) {
     }
 }
 
-// Edge compensation (bands of 205 units stretched by the percents), direction, orientation
-// and the split rectangles (9: the custom one), applied in that order.
-TEST(ContactPipeline, Transforms) {
+// The contact pipeline, on one device while a row's settings stay the same: edge bands of 205
+// units, direction, orientation, split rectangles (9: custom) in that order; "hold": HoldRange
+// 20 from the last position that passed, a lift or another contact always pass; ids 20 and up
+// or below 0 never. Out: the position written, "-" nothing, "*" something.
+TEST(ContactPipeline, SettingsShapeContacts) {
     VersionGuard version(9);
     // clang-format off
-    const struct { const char* set; int x, y, out_x, out_y; } cases[] = {
-        {"edge 150 100 100 100", 100, 2000, 48, 2000},  {"edge 100 150 100 100", 3991, 1, 4041, 1},
-        {"edge 100 100 50 200", 3000, 105, 3000, 155},  {"edge 100 100 100 120", 3000, 3900, 3000, 3901},
-        {"edge 0 0 0 0", 10, 4000, 205, 3891},          {"edge -100 100 100 100", 100, 2000, 310, 2000},
-        // Hostile percentages wrap as 32-bit values and still end inside 0-4095.
-        {"edge 2147483647 2147483647 -2147483648 -2147483648", 0, 4095, 0, 3891},
-        {"dir 1", 100, 200, 3994, 200}, {"dir 2", 100, 200, 100, 3894}, {"dir 3", 100, 200, 3994, 3894},
-        {"dir 4", 100, 200, 200, 100},  {"dir 5", 100, 200, 3894, 100}, {"dir 6", 100, 200, 200, 3994},
-        {"dir -1", 100, 200, 100, 200}, {"turn 1", 100, 200, 3894, 100}, {"turn 2", 100, 200, 3994, 3894},
-        {"turn 3", 100, 200, 200, 3994}, {"split 1", 4095, 4095, 4094, 2047}, {"split 2", 4095, 4095, 2047, 2047},
-        {"split 3", 4095, 4095, 2047, 4094}, {"split 4", 4095, 4095, 4094, 4094}, {"split 5", 4095, 4095, 4095, 2047},
-        {"split 6", 4095, 4095, 4095, 4094}, {"split 7", 4095, 4095, 4094, 4095}, {"split 8", 4095, 4095, 2047, 4095},
-        {"split 10", 4095, 4095, 4095, 4095}, {"split 9 rect 1000 3000 100 200", 0, 2048, 1000, 150},
-        {"split 9 rect 3000 1000 0 4095", 1, 1, 3000, 1},  // a reversed rectangle mirrors
-        {"split 9 rect 500 500 0 4095", 1234, 2345, 1234, 2345},  // no width: unchanged
-        {"edge 150 100 100 100 dir 1 turn 2 split 2", 100, 1000, 24, 1547},
+    const struct { const char* set; int id, state, x, y, z; const char* out; } cases[] = {
+        {"edge 150 100 100 100", 3, 1, 100, 2000, 0, "48,2000"}, {"edge 100 150 100 100", 3, 1, 3991, 1, 0, "4041,1"},
+        {"edge 100 100 50 200", 3, 1, 3000, 105, 0, "3000,155"}, {"edge 100 100 100 120", 3, 1, 3000, 3900, 0, "3000,3901"},
+        {"edge 0 0 0 0", 3, 1, 10, 4000, 0, "205,3891"}, {"edge -100 100 100 100", 3, 1, 100, 2000, 0, "310,2000"},
+        {"edge 2147483647 2147483647 -2147483648 -2147483648", 3, 1, 0, 4095, 0, "0,3891"},  // wraps, stays inside
+        {"dir 1", 3, 1, 100, 200, 0, "3994,200"}, {"dir 2", 3, 1, 100, 200, 0, "100,3894"},
+        {"dir 3", 3, 1, 100, 200, 0, "3994,3894"}, {"dir 4", 3, 1, 100, 200, 0, "200,100"},
+        {"dir 5", 3, 1, 100, 200, 0, "3894,100"}, {"dir 6", 3, 1, 100, 200, 0, "200,3994"},
+        {"dir -1", 3, 1, 100, 200, 0, "100,200"}, {"turn 1", 3, 1, 100, 200, 0, "3894,100"},
+        {"turn 2", 3, 1, 100, 200, 0, "3994,3894"}, {"turn 3", 3, 1, 100, 200, 0, "200,3994"},
+        {"split 1", 3, 1, 4095, 4095, 0, "4094,2047"}, {"split 2", 3, 1, 4095, 4095, 0, "2047,2047"},
+        {"split 3", 3, 1, 4095, 4095, 0, "2047,4094"}, {"split 4", 3, 1, 4095, 4095, 0, "4094,4094"},
+        {"split 5", 3, 1, 4095, 4095, 0, "4095,2047"}, {"split 6", 3, 1, 4095, 4095, 0, "4095,4094"},
+        {"split 7", 3, 1, 4095, 4095, 0, "4094,4095"}, {"split 8", 3, 1, 4095, 4095, 0, "2047,4095"},
+        {"split 10", 3, 1, 4095, 4095, 0, "4095,4095"}, {"split 9 rect 1000 3000 100 200", 3, 1, 0, 2048, 0, "1000,150"},
+        {"split 9 rect 3000 1000 0 4095", 3, 1, 1, 1, 0, "3000,1"},  // a reversed rectangle mirrors
+        {"split 9 rect 500 500 0 4095", 3, 1, 1234, 2345, 0, "1234,2345"},  // no width: unchanged
+        {"edge 150 100 100 100 dir 1 turn 2 split 2", 3, 1, 100, 1000, 0, "24,1547"},
+        {"hold", 0, 1, 1000, 1000, 0, "*"}, {"hold", 0, 1, 1015, 1000, 0, "-"}, {"hold", 0, 1, 1000, 981, 0, "-"},
+        {"hold", 0, 1, 1000, 1000, 19, "-"}, {"hold", 1, 1, 1000, 1000, 0, "*"}, {"hold", 0, 1, 1020, 1000, 0, "*"},
+        {"hold", 0, 1, 1035, 1000, 0, "-"}, {"hold", 0, 1, 1020, 1000, 20, "*"}, {"hold", 0, 0, 1021, 1000, 0, "*"},
+        {"hold", 20, 1, 100, 100, 0, "-"}, {"hold", -1, 1, 100, 100, 0, "-"},
     };
     // clang-format on
+    std::unique_ptr<TouchRig> rig;
     for (const auto& c : cases) {
-        SCOPED_TRACE(testing::Message() << c.set << " at " << c.x << "," << c.y);
-        TouchRig rig;
-        Configure(rig.dev.get(), c.set);
+        SCOPED_TRACE(testing::Message()
+                     << c.set << ": " << c.id << " at " << c.x << "," << c.y << "," << c.z);
+        if (!rig || c.set != cases[&c - cases - 1].set)
+            rig.reset(new TouchRig), Configure(rig->dev.get(), c.set);
         TouchPoint p = {};
-        p.ID = 3, p.State = 1, p.X = c.x, p.Y = c.y;
-        HandleContact(rig.dev.get(), &p);
-        EXPECT_EQ(F("3:" + std::to_string(c.out_x) + "," + std::to_string(c.out_y)),
-                  rig.TouchEvents());
-    }
-}
-
-// HoldRange 20: a finger less than 20 units (X, Y or Z) from the last position that passed
-// produces nothing; a lift and another contact always pass; ids 20 and up or below 0 never.
-TEST(ContactPipeline, HoldFilterAndContactNumbers) {
-    VersionGuard version(9);
-    TouchRig rig;
-    rig.dev->Param.HoldFilterEnable = 1;
-    rig.dev->Param.SupportPoints = 255;
-    // clang-format off
-    const struct { int id, state, x, y, z; bool passes; } steps[] = {
-        {0, 1, 1000, 1000, 0, true}, {0, 1, 1015, 1000, 0, false}, {0, 1, 1000, 981, 0, false},
-        {0, 1, 1000, 1000, 19, false}, {1, 1, 1000, 1000, 0, true}, {0, 1, 1020, 1000, 0, true},
-        {0, 1, 1035, 1000, 0, false}, {0, 1, 1020, 1000, 20, true}, {0, 0, 1021, 1000, 0, true},
-        {20, 1, 100, 100, 0, false}, {-1, 1, 100, 100, 0, false},
-    };
-    // clang-format on
-    for (const auto& s : steps) {
-        SCOPED_TRACE(testing::Message() << s.id << ": " << s.x << "," << s.y << "," << s.z);
-        TouchPoint p = {};
-        p.ID = s.id, p.State = s.state, p.X = s.x, p.Y = s.y, p.Z = s.z;
-        HandleContact(rig.dev.get(), &p);
-        EXPECT_EQ(s.passes, !rig.TouchEvents().empty());
+        p.ID = c.id, p.State = c.state, p.X = c.x, p.Y = c.y, p.Z = c.z;
+        HandleContact(rig->dev.get(), &p);
+        const std::vector<Ev> events = rig->TouchEvents();
+        const std::string out = c.out;
+        if (out == "-" || out == "*") {
+            EXPECT_EQ(out == "*", !events.empty());
+        } else {
+            EXPECT_EQ(F(std::to_string(c.id) + ":" + out), events);
+        }
     }
 }
 
