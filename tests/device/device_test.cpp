@@ -81,11 +81,9 @@ class CommandTest : public testing::Test {
     KernelVersionInfo saved_kernel_ = KernelVersion;
 };
 
-// Both command exchanges, the controller answering the `answer`th write after delay_ms.
-// Polling on this thread writes again only after a silent 500 ms, three times at most, ends
-// after 3 s under endless other traffic ("chatter") and pauses on a missing port. Blocking,
-// from another thread and served by a real receive thread, leaves no wake counted; the
-// thread then stops at once on one signal, and only once.
+// Both exchanges, the `answer`th write answered after delay_ms: polling writes again only after
+// a silent 500 ms, three times at most, bounded under endless traffic; blocking, served by a real
+// receive thread, leaves no wake counted, and the thread then stops at once, and only once.
 TEST_F(CommandTest, ExchangesWriteAgainOnlyAfterASilentPeriod) {
     // clang-format off
     const struct { std::string mode; const char* reply; int delay_ms, answer, result; size_t min_writes, writes; int min_ms, max_ms; } cases[] = {
@@ -158,12 +156,11 @@ int RunCommand(CDeviceObject* d, const std::string& call, std::string* out) {
     uint8_t id = 0, on = 0, count = 0;
     uint16_t word = 0xBEEF;
     int ret = 0;
-    if (call == "fw") ret = GetFWVersion(d, text), *out = text;
-    if (call == "model") ret = GetModelName(d, text), *out = text;
-    if (call == "type") ret = GetTypeName(d, text), *out = text;
-    if (call == "ee 39" || call == "ee 10")
-        ret = GetEEData(d, call == "ee 39" ? 0x39 : 0x10, &word);
-    if (call == "ee 39" || call == "ee 10") *out = std::to_string(word);
+    const auto get = call == "fw" ? GetFWVersion : call == "model" ? GetModelName : GetTypeName;
+    if (call == "fw" || call == "model" || call == "type") ret = get(d, text), *out = text;
+    if (call.rfind("ee ", 0) == 0)
+        ret = GetEEData(d, std::stoi(call.substr(3), nullptr, 16), &word);
+    if (call.rfind("ee ", 0) == 0) *out = std::to_string(word);
     if (call == "rclk") ret = GetRCLKFormat(d, &id, &on, &count);
     if (call == "rclk")
         *out = std::to_string(id) + " " + std::to_string(on) + " " + std::to_string(count);
@@ -179,10 +176,8 @@ int RunCommand(CDeviceObject* d, const std::string& call, std::string* out) {
     return ret;
 }
 
-// Replies each command takes: text limits (length byte, a 0 byte, 63 characters), a reply for
-// another command or address, the right-click format (the long press a user turns off), the
-// command lock released, the format polled on the device's own thread, and set-up up to the
-// virtual devices (none here): the commands in order, what the device learns.
+// Replies each command takes (text limits, another command or address, the right-click format
+// a user turns off) and set-up up to the missing uinput: the commands in order, what it learns.
 TEST_F(CommandTest, RepliesEachCommandAccepts) {
     const Bytes fmt = Hex("030433 078132"), done = Hex("030433");
     std::vector<Bytes> long_text = {Hex("030444 64 5656")};  // 100 'V' in fragments
@@ -229,8 +224,7 @@ TEST_F(CommandTest, RepliesEachCommandAccepts) {
     }
 }
 
-// Runs the current test again in a fresh process image with `marker` set (and `stack` as
-// its stack limit).
+// Runs the current test again in a fresh process image with `marker` set, under `stack`.
 void RunInFreshProcess(const char* marker, rlim_t stack) {
     const testing::TestInfo* test = testing::UnitTest::GetInstance()->current_test_info();
     const std::string filter =
