@@ -200,6 +200,7 @@ TEST_F(CommandTest, RepliesEachCommandAccepts) {
         {true, 0, {}, "feature twice", 0, "", "00 00", "050200 000000"},
         {true, 0, {{0x34, {Hex("030233 01")}}}, "format on its own thread", 0, "", "34", "030234 010000"},
         {true, 0, {}, "format on its own thread", -1, "", "34 34 34", nullptr},
+        {true, 0, {{0x34, {Hex("030233 02")}}}, "format on its own thread", -1, "", "34 34 34", nullptr},  // another format
         {false, 0, {{0x39, {Hex("0a0439 040000")}}, {0x46, {Hex("0a0646 5043415036")}}, {0x44, {Hex("0a0344 3132")}},
           {0x45, {Hex("0a0345 4d31")}}}, "setup", -1, "PCAP6 12 M1 1 2", "39 46 44 45 46", nullptr},
         {false, 0, {{0x39, {Hex("0a0439 040200")}}}, "setup", -1, unreachable + " 0 2", "39", "0a023902"},  // boot firmware
