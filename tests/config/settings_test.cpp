@@ -41,7 +41,6 @@ std::string ReadChanges(std::string text) {
     };
     std::istringstream before(values());
     FILE* stream = fmemopen(&text[0], text.size(), "r");
-    if (!stream) return "no stream";
     Quiet([&] { ReadGlobalSettingsFrom(stream, &s); });
     fclose(stream);
     std::istringstream after(values());
