@@ -82,8 +82,7 @@ TEST(GlobalSettingsTest, FileTextInValuesOut) {
         {h + "[String] UinputPath /dev/b\0c Serial\0Path /dev/s"s, ""},
         {h + "[String] DevPID 7e5 DevPID2 ABCD MyDevPIDx 1F DevPID 0001",
          "pid0=07e5 pid1=abcd pid2=001f pid3=0001"},
-        {h + "[String] DevPID 00012 DevPID 12;x DevPID ../ DevPID default devpid 2 DevPID " + w200,
-         ""},
+        {h + "[String] DevPID 12;x DevPID default devpid 2 DevPID " + w200, ""},
         {pids, "pid0=0001 pid1=0002 pid2=0003 pid3=0004 pid4=0005 pid5=0006 pid6=0007 "
                "pid7=0008 pid8=0009 pid9=0010"},
         {h + "[String] SerialPath /a [Device_No.0] SerialPath /b DevPID 1", "serial0=/a mask=1"},
