@@ -76,7 +76,7 @@ TEST_F(DaemonProcessTest, InheritedDescriptorsAreClosedAtStart) {
 }
 
 // A second start without -f ends and leaves the first daemon; -f replaces it.
-TEST_F(DaemonProcessTest, SecondStartEndsForceReplacesKillStops) {
+TEST_F(DaemonProcessTest, SecondStartEndsForceReplaces) {
     EXPECT_EQ(0, Run(nullptr));
     const pid_t first = WaitForDaemon();
     ASSERT_TRUE(first > 0 && Run(nullptr) == 0);
