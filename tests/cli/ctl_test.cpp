@@ -69,16 +69,13 @@ TEST(CtlArgs, CommandLines) {
     }
 }
 
-// One read of replies and points back to back: the offset of the asked reply (header, command)
-// or -1; no packet length runs past the read; a cut or foreign point is no point.
+// Replies and points in one read: the asked reply's offset or -1; cut packets are no packets.
 TEST(CtlReply, FindsTheAskedReplyAmongPacketsOfOneRead) {
     const Bytes loop = P("030141", "", 64), version = P("030644", "V1.23"),
-                type = P("030946", "PCAP6555", 64), model = P("0A0445", "ABC"),
-                point = P("0A8320084504", "", 64);  // its byte 2 is 0x20
+                model = P("0A0445", "ABC"), point = P("0A8320084504", "", 64);  // byte 2: 0x20
     const struct { Bytes read; uint8_t header, command; int offset; } cases[] = {
-        {version, 0x0A, 0x44, -1}, {loop + version, 0x03, 0x44, 64},
-        {version + loop, 0x03, 0x41, 8}, {version + type, 0x03, 0x46, 8},
-        {loop + loop + version, 0x03, 0x44, 128},
+        {version, 0x0A, 0x44, -1}, {loop + loop + version, 0x03, 0x44, 128},
+        {version + loop, 0x03, 0x41, 8},
         {point + model, 0x0A, 0x45, 64}, {model + point, 0x0A, 0x45, 0},
         {P("0A8245000000", "", 64), 0x0A, 0x45, -1},  // a point whose X low byte is 0x45
         {P("0301"), 0x03, 0x01, -1}, {P("55034400"), 0x03, 0x44, -1},
@@ -96,8 +93,7 @@ TEST(CtlReply, FindsTheAskedReplyAmongPacketsOfOneRead) {
                 DecodeToolPoint(P("0A83200840").data(), 5, &p) == -1);
 }
 
-// A reply's text: up to its length byte, the read and the first 0 byte, at most 63
-// characters, non-printable bytes escaped, whole characters in the caller's buffer.
+// A reply's text: bounded by length byte, read, NUL, 63 characters and buffer; bytes escaped.
 TEST(CtlReply, TextOfIdentificationReplies) {
     const struct { Bytes reply; size_t size; std::string text; } cases[] = {
         {P("030946", "PCAP6555", 64), 300, "PCAP6555"}, {P("0A0445", "ABCDE"), 300, "ABC"},
@@ -114,10 +110,7 @@ TEST(CtlReply, TextOfIdentificationReplies) {
     }
 }
 
-// Against a stand-in daemon. daemon 1: a thread holds both FIFOs open (a stale version reply
-// waits in the output one), answers the first packet with reply in one write ("close": closes
-// the output end) and keeps the packets sent; 0: nobody reads the FIFOs; 2: a plain file at
-// the output path; 3: the PID file names no process.
+// Stand-in daemon 1 answers after a stale reply, 0 never reads, 2 is a plain file, 3 is gone.
 TEST(CtlRun, CutMergedStaleRepliesAndAGoneDaemon) {
     const Bytes close = P("", "close"), stale = P("030544", "OLD!"), version = P("030144");
     Bytes five = P("0A02330055");  // the switch reply, a stray byte, five points in one write

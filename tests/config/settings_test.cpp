@@ -41,7 +41,6 @@ std::string ReadChanges(std::string text) {
     };
     std::istringstream before(values());
     FILE* stream = fmemopen(&text[0], text.size(), "r");
-    if (!stream) return "no stream";
     Quiet([&] { ReadGlobalSettingsFrom(stream, &s); });
     fclose(stream);
     std::istringstream after(values());
@@ -50,8 +49,7 @@ std::string ReadChanges(std::string text) {
     return out;
 }
 
-// Settings-file text in, changed values out: the exact header, hexadecimal debug bits only as
-// the first key, exact keys, numbers by their width, overlong words skipped, slots, NULs, ends.
+// Settings-file text in, changed values out; hostile and malformed words change nothing.
 TEST(GlobalSettingsTest, FileTextInValuesOut) {
     using namespace std::string_literals;
     const std::string a = "[TavrineA.ini] DebugEnableBits ", h = a + "1 ", w200(200, '7');
@@ -60,8 +58,8 @@ TEST(GlobalSettingsTest, FileTextInValuesOut) {
     for (int i = 1; i <= 11; ++i) pids += " DevPID " + std::to_string(i);  // one too many
     const std::pair<std::string, std::string> cases[] = {
         {"[TavrineB.ini] DebugEnableBits 7 ScanInterface 3", ""}, {w200 + " DebugEnableBits 7", ""},
-        {"[TavrineA.ini]\0 DebugEnableBits 7"s, ""}, {a + "ff Scan 2", "bits=255"},
-        {a + "0x1F", "bits=31"}, {a + "1FFFFFFFF", ""}, {a + "010", "bits=16"},
+        {"[TavrineA.ini]\0 DebugEnableBits 7"s, ""}, {a + "0x1F", "bits=31"},
+        {a + "1FFFFFFFF", ""}, {a + "010", "bits=16"},
         {a + "-1 ScanInterface 2", "bits=4294967295 scan=2"},
         {"[TavrineA.ini] ScanInterface 3 ShowDebugPosition 2 DebugEnableBits ff", "pos=2"},
         {h + "DeviceNums 2abc BaudRate 115200 ScanInterface 1x", "baud=115200 nums=2 scan=1"},
@@ -84,8 +82,7 @@ TEST(GlobalSettingsTest, FileTextInValuesOut) {
         {h + "[String] UinputPath /dev/b\0c Serial\0Path /dev/s"s, ""},
         {h + "[String] DevPID 7e5 DevPID2 ABCD MyDevPIDx 1F DevPID 0001",
          "pid0=07e5 pid1=abcd pid2=001f pid3=0001"},
-        {h + "[String] DevPID 00012 DevPID 12;x DevPID ../ DevPID default devpid 2 DevPID " + w200,
-         ""},
+        {h + "[String] DevPID 12;x DevPID default devpid 2 DevPID " + w200, ""},
         {pids, "pid0=0001 pid1=0002 pid2=0003 pid3=0004 pid4=0005 pid5=0006 pid6=0007 "
                "pid7=0008 pid8=0009 pid9=0010"},
         {h + "[String] SerialPath /a [Device_No.0] SerialPath /b DevPID 1", "serial0=/a mask=1"},
@@ -135,8 +132,7 @@ class ParamFileTest : public ::testing::Test {
     GlobalSettings settings_{};
 };
 
-// File in, block number, points read and file out. The device (address kB) asks for 7 points,
-// so 7 read back means a new block was written for it; out "" is body + that block + end word.
+// File in, block number, points read, file out ("": a 7-point block for kB added at the end).
 TEST_F(ParamFileTest, DeviceBlocksBytesInBytesOut) {
     const std::string w200(200, 'W'), a0 = kHead + Block(0, kA);
     std::string full = kHead;  // all ten numbers in use
@@ -154,8 +150,7 @@ TEST_F(ParamFileTest, DeviceBlocksBytesInBytesOut) {
         {kHead + "\n[Device_No.99]" + Block(0, kB).substr(14) + kEnd, 0, 7, ""},
         {kHead + "\n[Device_No.3]\nPhysical_Address" + kEnd, 4, 7, ""},
         {full + kEnd, -1, 7, full + kEnd},  // no number left: file unchanged
-        // An address that is a word of the file, or not one word, takes no block (it would
-        // damage the file), in an existing file or in the one the start makes.
+        // An address that is a word of the file, or not one word, takes no block.
         {claimable, -1, 7, claimable, "[EndOfFile]"},
         {"", -1, 7, kNew + Block(0, nullptr, 7) + kEnd, "usb 1"},
     };  // clang-format on
@@ -168,13 +163,10 @@ TEST_F(ParamFileTest, DeviceBlocksBytesInBytesOut) {
         DevIniRoutine(dev.get());
         EXPECT_TRUE(dev->Param.Device_No == c.no && dev->Param.SupportPoints == c.points);
         EXPECT_TRUE(ReadFile(IniFilePath()) == out && !FileExists(IniTempPath()));
-        EXPECT_EQ(Start(c.address, 7), c.no);  // a second start finds the same, file unchanged
-        EXPECT_EQ(ReadFile(IniFilePath()), out);
     }
 }
 
-// Leading numbers stored by the width of their field; -1 keeps a value; a block ends at its
-// end word, or without one at the next header (and is then not rewritable).
+// Numbers stored by their field's width, -1 keeps a value; a block without end word stays.
 TEST_F(ParamFileTest, BlockValuesReadByTheirRule) {
     const std::string blocks =
         "\n[Device_No.0] Physical_Address y ReportMode 1\n[Device_No.1]\nPhysical_Address x\n"
@@ -196,8 +188,7 @@ TEST_F(ParamFileTest, BlockValuesReadByTheirRule) {
     EXPECT_EQ(IniDevParamAddBlock(dev.get(), p.BlockStart, p.BlockEnd), -1);
 }
 
-// A rewrite replaces exactly its block's bytes, virtual-key section or not; stale offsets, or
-// those of another block number, change nothing.
+// A rewrite replaces exactly its block's bytes; stale offsets or another number change nothing.
 TEST_F(ParamFileTest, RewriteReplacesOnlyItsBlock) {
     for (const std::string keys : {"VKEYReportMod 1\nVKEY_0 HOME\n", ""}) {
         const std::string before = kHead + "  # a note\n",
@@ -223,8 +214,7 @@ TEST_F(ParamFileTest, RewriteReplacesOnlyItsBlock) {
     }
 }
 
-// Links and FIFOs at the settings paths: the file a link names is never read or written, a
-// FIFO never blocks, and no start takes a block through them.
+// Links and FIFOs at the settings paths: never written through, never waited on, no block.
 TEST_F(ParamFileTest, LinksAtTheSettingsPathsAreNeverWrittenThrough) {
     const std::string victim = dir_.File("victim.ini"), full = kHead + Block(0, kA) + kEnd,
                       claimable = kHead + Block(0, nullptr) + kEnd;

@@ -66,18 +66,6 @@ TEST(DataFileTest, DaemonFilesHardLinkedElsewhereAreNeverWritten) {
     }
 }
 
-// A plain open of a terminal makes it the controlling terminal; a data-file open never does.
-TEST(DataFileTest, TerminalIsRefusedWithoutBecomingTheControllingTerminal) {
-    const TtyResult control =
-        OpenOfTerminalAcquiresIt([](const char* path) { return OpenCloexec(path, O_RDWR); });
-    if (control == TtyResult::kSkipped) GTEST_SKIP() << "no pseudo-terminal";
-    EXPECT_EQ(TtyResult::kAcquired, control);
-    EXPECT_EQ(TtyResult::kNotAcquired, OpenOfTerminalAcquiresIt([](const char* path) {
-                  if (OpenDataFile(path, O_WRONLY | O_CREAT | O_APPEND) >= 0) _exit(4);
-                  return -1;
-              }));
-}
-
 // Settings values for a command line: IsPlainPathToken, IsProductIdToken, NormalizeProductId.
 TEST(ShellTokenTest, TableOfValues) {
     const std::string longest = "/" + std::string(62, 'a'), too_long = longest + "a";
@@ -85,9 +73,7 @@ TEST(ShellTokenTest, TableOfValues) {
         {"/dev/ttyUSB-0.1", 1, 0, ""}, {"relative/path_1", 1, 0, ""}, {longest.c_str(), 1, 0, ""},
         {too_long.c_str(), 0, 0, ""}, {"3c7a", 1, 1, "3c7a"}, {"00AB", 1, 1, "00ab"},
         {"E5", 1, 0, "00e5"}, {"3c7a0", 1, 0, ""}, {"3c7g", 1, 0, ""}, {"0x3c", 1, 0, ""},
-        {" 3c7", 0, 0, ""}, {"/dev/ttyS0;reboot", 0, 0, ""}, {"/dev/tty\n", 0, 0, ""},
-        {"/dev/$(id)", 0, 0, ""}, {"/dev/`id`", 0, 0, ""}, {"a|sh", 0, 0, ""}, {"a>x", 0, 0, ""},
-        {"a*", 0, 0, ""}, {"'a'", 0, 0, ""}, {"a\\x", 0, 0, ""}, {"~/a", 0, 0, ""},
+        {" 3c7", 0, 0, ""}, {"/dev/ttyS0;reboot", 0, 0, ""}, {"/dev/$(id)", 0, 0, ""},
         {"/dev/\xc3\xa9", 0, 0, ""}, {"-rf", 0, 0, ""}, {"", 0, 0, ""}, {nullptr, 0, 0, ""}};
     for (const auto& [text, path_ok, id_ok, id_form] : cases) {
         char form[5] = "xxxx";
@@ -105,8 +91,7 @@ TEST(ShellWait, TimeLimitAndPromptReturn) {
     EXPECT_LT(NowMs() - start, 3000);
 }
 
-// A PID file that is missing or names no other daemon (a live process of another name, 0 and
-// -1 that kill(2) takes as process groups, no number): nothing is killed; -k exits 0, -f goes on.
+// A PID file missing or naming no daemon (0 and -1 are groups): no kill; -k exits 0, -f goes on.
 TEST(SingleInstanceTest, StalePidFileKillsNothing) {
     TempDir dir;
     const pid_t alive = fork();  // named as this test program
@@ -127,8 +112,7 @@ TEST(SingleInstanceTest, StalePidFileKillsNothing) {
     kill(alive, SIGKILL), waitpid(alive, nullptr, 0);
 }
 
-// Missing pieces are 0, empty pieces skipped as strtok does, huge numbers clamped; "-" stands
-// for "Linux" alone, short of the prefix.
+// Missing pieces are 0, empty ones skipped, huge ones clamped; "-" is "Linux" without version.
 TEST(EnvironmentTest, KernelVersionFromProcVersionText) {
     const std::tuple<std::string, int32_t, int32_t, int32_t, int32_t> kernels[] = {
         {"2.6.34-xyz (b@h) #1", 2, 6, 34, 1}, {"2.6.35 #2", 2, 6, 35, 0},
@@ -144,8 +128,7 @@ TEST(EnvironmentTest, KernelVersionFromProcVersionText) {
     }
 }
 
-// A silent RS232 controller mid-touch and a second request raised during its check: the last
-// frame lifts the contact, and the request is answered (and logged once) by the next pass.
+// A silent RS232 controller mid-touch is lifted; a request raised during its check waits a pass.
 TEST(ManagerTest, CheckOfASilentSerialControllerWhileAnotherRequestArrives) {
     ASSERT_EQ(0, InstallSigUsr2Handler());
     GlobalSettings settings = DevTestSettings();
@@ -193,8 +176,7 @@ TEST(ManagerTest, CheckOfASilentSerialControllerWhileAnotherRequestArrives) {
     EXPECT_EQ(0, bDeviceExistCheck.load());
 }
 
-// The check unlinks devices without a port or USB node and keeps the rest in order; a serial
-// controller that answers the loop-back keeps its receive thread.
+// The check drops devices without port or USB node; an answering serial controller stays.
 TEST(ManagerTest, AnsweringSerialControllerIsKept) {
     GlobalSettings settings = DevTestSettings();
     CManager manager(&settings);
