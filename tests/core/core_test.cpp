@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "core/data_file.h"
+#include "core/device_node.h"
 #include "core/environment.h"
 #include "core/manager.h"
 #include "core/paths.h"
@@ -44,6 +45,18 @@ TEST(DataFileTest, LinksFifosDirectoriesAndOtherUsersFilesAreRefusedUntouched) {
     }
     EXPECT_TRUE(ReadFile(victim) == "keep me" && ReadFile(foreign) == "keep me" &&
                 !FileExists(dir.File("nowhere")));
+}
+
+// A serial port the daemon opens never becomes its controlling terminal (the port's hang-up
+// would SIGHUP the daemon); a plain open of the same terminal does, as the control.
+TEST(DeviceNodeTest, SerialPortNeverBecomesTheControllingTerminal) {
+    const TtyResult control =
+        OpenOfTerminalAcquiresIt([](const char* p) { return OpenCloexec(p, O_RDWR); });
+    if (control == TtyResult::kSkipped) GTEST_SKIP() << "no pseudo-terminal";
+    EXPECT_EQ(TtyResult::kAcquired, control);
+    EXPECT_EQ(TtyResult::kNotAcquired, OpenOfTerminalAcquiresIt([](const char* p) {
+                  return OpenDeviceNode(p, O_RDWR | O_NONBLOCK, kNodeTerminal);
+              }));
 }
 
 // PID file and command capture hard-linked elsewhere: that file keeps every byte.
