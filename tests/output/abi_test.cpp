@@ -1,5 +1,4 @@
-// Records handed to uinput, read at the kernel's little-endian offsets (not through the code's
-// structures: a 32-bit build proves the same layout); events as in the touch tests.
+// uinput records read at the kernel's little-endian offsets, not via the code's structures.
 #include <gtest/gtest.h>
 #include <linux/uinput.h>
 
@@ -13,7 +12,6 @@
 
 using namespace touchtest;
 
-static_assert(sizeof(input_event) == 2 * sizeof(long) + 8 && sizeof(uinput_user_dev) == 1116, "");
 #if !defined(__ANDROID__)  // stat() on 32-bit targets must not fail with EOVERFLOW
 static_assert(sizeof(off_t) == 8 && sizeof(ino_t) == 8, "64-bit file offsets and inodes");
 #endif
@@ -24,8 +22,7 @@ static int64_t Le(const uint8_t* p, size_t width) {
     return width == 4 ? static_cast<int32_t>(v) : static_cast<int64_t>(v);
 }
 
-// uinput_user_dev (name[80], id, ff_effects_max, absmax[64] at 92, absmin, absfuzz, absflat) per
-// type, Android and kernel version, in a file for the uinput node. Axes "name=max|min:max".
+// uinput_user_dev per type, Android and kernel version; axes "name=max" or "name=min:max".
 TEST(KernelRecordLayout, UinputUserDevPerProtocolAndVersion) {
     const std::map<int, std::string> names = {{ABS_X, "X"}, {ABS_Y, "Y"}, {ABS_PRESSURE, "P"},
         {ABS_TILT_X, "TX"}, {ABS_TILT_Y, "TY"}, {ABS_MT_SLOT, "SLOT"}, {ABS_MT_TOUCH_MAJOR, "MAJOR"},
@@ -64,7 +61,6 @@ TEST(KernelRecordLayout, UinputUserDevPerProtocolAndVersion) {
         std::string axes;
         for (int axis = 0; axis < ABS_CNT; ++axis) {
             const int64_t max = Le(r + 92 + 4 * axis, 4), min = Le(r + 348 + 4 * axis, 4);
-            EXPECT_EQ(0, Le(r + 604 + 4 * axis, 4) | Le(r + 860 + 4 * axis, 4)) << "fuzz, flat " << axis;
             if (max == 0 && min == 0) continue;
             axes += (axes.empty() ? "" : " ") + (names.count(axis) ? names.at(axis) : std::to_string(axis)) + "=" +
                     (min ? std::to_string(min) + ":" : "") + std::to_string(max);
@@ -73,15 +69,14 @@ TEST(KernelRecordLayout, UinputUserDevPerProtocolAndVersion) {
     }
 }
 
-// Configured uinput paths (bit 1 of CustomPathMask) that are not the uinput device are refused
-// before a byte is written and kept; a missing unconfigured one falls back to "/dev/uinput".
+// Configured non-uinput paths are refused unwritten; a missing unconfigured one falls back.
 TEST(UinputOpen, PathThatIsNotTheUinputDeviceIsRefusedUntouched) {
     testutil::TempDir dir;
-    const std::string file = dir.File("uinput"), link = dir.File("link"), missing = dir.File("none");
-    ASSERT_TRUE(testutil::WriteFile(file, "settings") && symlink(file.c_str(), link.c_str()) == 0);
+    const std::string file = dir.File("uinput"), missing = dir.File("none");
+    ASSERT_TRUE(testutil::WriteFile(file, "settings"));
     const struct { std::string path; bool configured; std::string kept; } cases[] = {
-        {file, true, file}, {link, true, link}, {"/dev/null", true, "/dev/null"},
-        {missing, true, missing}, {missing, false, "/dev/uinput"}};
+        {file, true, file}, {"/dev/null", true, "/dev/null"}, {missing, true, missing},
+        {missing, false, "/dev/uinput"}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.path);
         if (!c.configured && access("/dev/uinput", F_OK) == 0) continue;  // it would be opened
@@ -96,8 +91,7 @@ TEST(UinputOpen, PathThatIsNotTheUinputDeviceIsRefusedUntouched) {
     EXPECT_FALSE(testutil::FileExists(missing));
 }
 
-// Steps "ops => events": "id state x y" a contact ("other id ..." on a second device), "begin",
-// "end" a counted scan, "release" all; per protocol and Android (0: plain Linux, for libinput).
+// "ops => events": "id state x y" ("other ..." on a second device), begin/end scan, release all.
 TEST(EmitTouch, StepsToFrames) {
     // clang-format off
     const struct { int android, type, resol_x, resol_y; const char* steps; } cases[] = {
@@ -115,10 +109,8 @@ TEST(EmitTouch, StepsToFrames) {
                        " => ID=0 MAJOR=0 MX=100 MY=200 WIDTH=0 mt ID=1 MAJOR=0 MX=300 MY=400 WIDTH=0 mt"},
         {9, 4, -1, -1, "begin 0 1 100 200 1 1 300 400 end => MX=100 MY=200 mt MX=300 MY=400 mt;"
                        "begin 0 0 100 200 1 0 300 400 begin => MX=100 MY=200 mt MX=300 MY=400 mt | mt; end => "},
-        {0, 4, -1, -1, "begin 0 1 100 200 end => MX=100 MY=200 mt; begin 0 0 100 200 end => MX=100 MY=200 mt | mt"},
         {9, 2, -1, -1, "0 1 1 1 1 1 2 2 other 0 1 3 3 1 1 2 3 => 0:1,1 | 0:1,1 1:2,2 | 0:1,1 1:2,3"},  // per device
         {9, 2, 1919, 1079, "0 1 4095 2048 1 1 2048 4095 => 0:1919,539 | 0:1919,539 1:959,1079"},  // scaled
-        // Each contact written as touching is lifted once; a scan still open is written first.
         {9, 2, -1, -1, "0 1 100 200 2 1 300 400 => 0:100,200 | 0:100,200 2:300,400;"
                        "release => 0- 2:300,400 | 2-; release => ; 0 1 100 200 begin 1 1 300 400 => 0:100,200;"
                        "release => 0:100,200 1:300,400 | 0- 1:300,400 | 1-"},
@@ -149,25 +141,7 @@ TEST(EmitTouch, StepsToFrames) {
     }
 }
 
-// Contact numbers a settings file claiming 255 contacts lets through (20 on) never index the
-// 20-entry tables, by any emitter; a frame ends at the tables' end.
-TEST(EmitTouch, ContactNumbersBeyondTheTablesAreDropped) {
-    VersionGuard version(9);
-    TouchRig rig;
-    rig.dev->Param.SupportPoints = 255;
-    TouchPoint p = {};
-    p.State = 1, p.X = 5, p.Y = 6;
-    for (int id : {20, 21, 100, 255, -1})
-        for (auto emit : {EmitSlotEvent, EmitTypeAEvent, EmitAndroidMultiSyncEvent, EmitPenEvent, EmitEraserEvent})
-            p.ID = id, emit(rig.dev.get(), &p);
-    EXPECT_TRUE(rig.TouchEvents().empty() && rig.PenEvents().empty());
-    p.ID = 19;
-    DispatchTouchEvent(rig.dev.get(), &p);
-    EXPECT_EQ(F("19:5,6"), rig.TouchEvents());
-}
-
-// Pen and eraser samples in turn: one tool is lifted before the other comes in, a released eraser
-// switch touches until its pressure is 0; Android 2, 3 make a pen a contact unless type A.
+// One tool is lifted before the other; Android 2, 3 make a pen a contact unless type A.
 TEST(EmitPen, PenAndEraserSamples) {
     const std::string at = " X=1000 Y=2000 ", tilt = " TX=-30 TY=40";
     // clang-format off
