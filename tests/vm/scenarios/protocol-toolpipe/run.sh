@@ -1,5 +1,4 @@
-# Set-up commands, the tool pipes and tavrinectl, one case a line of cases. A silent command goes
-# out three times 500 ms apart; on 2.6.32 set-feature and format as 7 bytes behind 0x00.
+# Set-up commands, the tool pipes and tavrinectl, one case a line of cases.
 . /bed/lib.sh
 
 # setup_within LOW HIGH: from the node found to "Setup Done" took LOW..HIGH ms.
