@@ -24,7 +24,6 @@ unplug() {
     sleep 0.5
     step "cycles completed: $n, TavrineD processes: $(daemon_count), same pid: $([ "$(pid_file_pid)" = "$pid" ] && echo yes)"
     step "descriptors and threads: $([ "$before" = "$(counts "$pid")" ] && echo as before || echo "$before -> $(counts "$pid")")"
-    step "virtual devices: $(grep -c '^N: Name="MorvelTouch_Virtual' /proc/bus/input/devices)"
 }
 
 # Keys BACK and HOME of the settings reach evdev: pressed at the third held report, then released.
