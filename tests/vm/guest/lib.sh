@@ -38,9 +38,13 @@ start_evrec() {
     local name=$1 file=$2 && shift 2
     tavrine-evrec record --name "$name" --out "$OUT/$file" "$@" & EVREC_PID=$!
 }
+# rec_ready FILE [ARGS]: records the touch device once the recorder is ready.
+rec_ready() {
+    rm -f /tmp/rec.ready && start_evrec MorvelTouch_VirtualDevice "$@" --ready /tmp/rec.ready
+    wait_until '[ -e /tmp/rec.ready ]' 80
+}
 
 stop_pid() { kill -TERM "$1" 2> /dev/null; wait "$1"; }
-strip_times() { sed -E 's/^E: [0-9]+\.[0-9]+ /E: /' "$1" > "$2"; }
 has_input() { grep -q "^N: Name=\"$1\"$" /proc/bus/input/devices; }
 
 # The daemon's log file (none before it logs) and whether it holds the fixed text $1.
@@ -51,8 +55,7 @@ wait_setup() { wait_until 'logged "Setup Done -----------------"' "$1"; }
 # The daemon with -f, the getprop stand-in of case_settings first on its PATH.
 start_daemon() { PATH=/tmp/bin:$PATH TavrineD -f > "$OUT/start.out" 2>&1; }
 
-# touch_events IN OUT: trace IN as "<code> <value>" lines, "SYN_REPORT" ending a frame
-# (busybox awk reads the "%04d" value "0500" as octal: zeros are cut as text).
+# touch_events IN OUT: trace IN as "<code> <value>" lines (busybox awk reads "0500" as octal).
 touch_events() {
     awk '/^E:/ { name = (NF >= 7) ? $NF : $3 " " $4; v = $5; sign = ""
                  if (substr(v, 1, 1) == "-") { sign = "-"; v = substr(v, 2) }
@@ -63,8 +66,7 @@ touch_events() {
 # plain_events IN OUT: the "E: type code value" lines of trace IN without times and names.
 plain_events() { grep "^E:" "$1" | sed -e 's/^E: [0-9.]* /E: /' -e 's/\t#.*//' > "$2"; }
 
-# Contacts a reader still sees down at the end of touch_events file $1: with slots, those whose
-# last tracking id is not -1; without (every contact in each frame), those of the last frame.
+# Contacts still down at the end of touch_events file $1 (slots, or else the last frame's).
 contacts_down() {
     awk '$1 == "ABS_MT_SLOT" { slots = 1; s = $2 }
          $1 == "ABS_MT_TRACKING_ID" { id[s + 0] = $2 + 0; if ($2 + 0 != -1) f++ }
@@ -73,12 +75,9 @@ contacts_down() {
                print "contacts down at the end: " n }' "$1"
 }
 
-# rec_touch IDLE_MS GO: records the touch device (protocol check on) while GO runs; steps the
-# check's status and the contacts left down.
+# rec_touch IDLE_MS GO: steps the protocol check's status and contacts left down after GO.
 rec_touch() {
-    rm -f /tmp/rec.ready
-    start_evrec MorvelTouch_VirtualDevice touch.trace --check --wait-ms 5000 --idle-ms "$1" --ready /tmp/rec.ready
-    wait_until '[ -e /tmp/rec.ready ]' 80
+    rec_ready touch.trace --check --wait-ms 5000 --idle-ms "$1"
     eval "$2"
     wait "$EVREC_PID"; step "protocol check status $?"
     touch_events "$OUT/touch.trace" "$OUT/touch.events"
@@ -89,11 +88,12 @@ play() { rec_touch "${1:-1500}" "printf '\003\001\176' > /dev/hidraw0"; }
 # tap: one finger at (2048, 2048) in a 0x06 report, then lifted.
 tap() { rec_touch 1500 "sim_do send 06 01 01 00 00 08 00 08; sleep 0.2; sim_do send 06 01 00 00 00 08 00 08"; }
 
+# join_scn FILE...: one script in /tmp/case.scn, its descriptor paths made absolute.
+join_scn() { cat "$@" | sed "s#^descriptor-file \.\./#descriptor-file $PWD/../#" > /tmp/case.scn; }
 # Families: run.sh runs once per line of cases, the line in CASE; case_field N is its field N.
 case_field() { echo "$CASE" | cut -d'|' -f"$1" | sed 's/^ *//; s/ *$//'; }
 
-# case_settings KEY=VALUE...: /data/TavrineA.ini from bits, scan, nums, serial (repeatable),
-# android (a getprop answering it in /tmp/bin); other pairs go into [Device_No.0].
+# case_settings KEY=VALUE...: /data/TavrineA.ini and a getprop in /tmp/bin (tests/vm/README.md).
 case_settings() {
     local bits=1 scan=1 nums=1 serial="" dev="" kv && ANDROID=""
     for kv; do
@@ -108,16 +108,13 @@ case_settings() {
     mkdir -p /tmp/bin && [ -z "$ANDROID" ] || { printf '#!/bin/sh\necho %s\n' "$ANDROID" > /tmp/bin/getprop; chmod 755 /tmp/bin/getprop; }
 }
 
-# play_case: settings (field 3; kernel=V fakes /proc/version), a simulator per script of field
-# 2 ('-': none, no daemon; A+B joins files), the daemon, the commands of field 4, then steps
-# whether the log has each text of field 5 ('!text': must not) and keeps the commands received.
+# play_case: one line of a family's cases file, as tests/vm/README.md describes.
 play_case() {
     local n=0 text wrongly kernel=$(case_field 3 | tr ' ' '\n' | sed -n 's/^kernel=//p')
     case_settings $(case_field 3 | tr ' ' '\n' | grep -v '^kernel=')
     if [ "$(case_field 2)" != - ]; then
         set -- $(case_field 2)
-        # Descriptor paths made absolute: the joined script lives in /tmp.
-        cat $(echo "$1" | tr '+' ' ') | sed "s#^descriptor-file \.\./#descriptor-file $PWD/../#" > /tmp/case.scn
+        join_scn $(echo "$1" | tr '+' ' ')
         start_sim /tmp/case.scn || step "simulator not ready"
         shift
         for extra; do

@@ -8,9 +8,6 @@ alive() { is_daemon "$1" && echo yes; }
 no_virtual() { ! has_input MorvelTouch_VirtualDevice && ! has_input MorvelTouch_VirtualPen; }
 set_up() { wait_until "$1 && has_input MorvelTouch_VirtualDevice" 300 && step "$2"; }
 same_pid() { step "TavrineD processes: $(daemon_count), same pid: $([ "$(pid_file_pid)" = "$1" ] && echo yes)"; }
-record() { rm -f /tmp/rec.ready && start_evrec MorvelTouch_VirtualDevice "$1" --check --ready /tmp/rec.ready &&
-    wait_until '[ -e /tmp/rec.ready ]' 50; }  # FILE: the touch device's events, protocol check on
-joined() { cat "$@" | sed "s#^descriptor-file \.\./#descriptor-file $PWD/../#" > /tmp/case.scn; }  # one script
 # replug_tap N: plugged again, the N-th set-up is done, a tap, and PID is the daemon still.
 replug_tap() { sim_do plug; set_up "[ \"\$(setups)\" -ge $1 ]" "plugged again: set up"; tap; same_pid "$PID"; }
 start_watched() {  # SCRIPT ('-': none): controller and daemon, PID the daemon's
@@ -22,7 +19,7 @@ start_watched() {  # SCRIPT ('-': none): controller and daemon, PID the daemon's
 # SIGKILL with a finger down: the devices go with the daemon; a new one sets the controller up.
 sigkill() {
     local old=$(pid_file_pid)
-    record old.trace
+    rec_ready old.trace --check
     sim_do send 06 01 01 00 e8 03 d0 07
     wait_until 'grep -q ABS_MT_POSITION_Y "$OUT/old.trace"' 30 && step "finger down on the old touch device"
     kill -KILL "$old"; wait "$EVREC_PID"; step "old recorder status $?"
@@ -52,7 +49,7 @@ no_uinput() {
 # Unplug on set-up's first command, then on the format command: the half-made device goes.
 unplug_setup() {
     local n=0
-    joined unplug-setup.rules $PCAP && start_watched /tmp/case.scn
+    join_scn unplug-setup.rules $PCAP && start_watched /tmp/case.scn
     for at in '03 02 39' '05 02'; do
         n=$((n + 1))
         wait_until 'grep -q " rx $at" "$OUT/sim.log"' 300 && step "$at received"
@@ -96,7 +93,7 @@ unplug_rewrite() {
     sim_do unplug && echo "temporary file seen after $tries polls" > "$OUT/timing.txt"
     wait_until '[ "$(removals)" = 1 ]' 300 && step "device removed"
     step "daemon alive: $(alive "$PID"), no temporary file left: $([ ! -e /data/TavrineA.tmp ] && echo yes)"
-    # Whole: the old file, or the old one up to its "\n[EndOfFile]" (12 bytes) and one new block.
+    # Whole: the old file, or it up to its "\n[EndOfFile]" (12 bytes) and one new block.
     keep=$(($(wc -c < /tmp/ini.orig) - 12))
     { cmp -s /tmp/ini.orig /data/TavrineA.ini || { [ "$(head -c $keep /data/TavrineA.ini | md5sum)" = "$(head -c $keep /tmp/ini.orig | md5sum)" ] &&
         tail -c +$((keep + 1)) /data/TavrineA.ini | tr '\n' '|' |
@@ -110,8 +107,7 @@ hx() { printf '%02x %02x' $(($1 % 256)) $(($1 / 256)); }
 rss() { awk '/^VmRSS:/ { print $2 }' "/proc/$PID/status"; }
 flood() {
     local before i=0 lat
-    # The probe's tx times are taken before the write; the load starts after its format command.
-    joined $PCAP
+    join_scn $PCAP  # the probe's tx times are taken before the write
     { cat /tmp/case.scn; printf 'phys usb-probe/input0\nstamp before\n'; } > /tmp/probe.scn
     { cat /tmp/case.scn; printf 'phys usb-load/input0\nwait rx 05 02 timeout 30s\nafter 300 clock\n'
       printf 'at 0 rate 5000/s for 5s send 06 01 01 00 00 08 00 04\nafter 500 note load ends\n'; } > /tmp/load.scn
@@ -119,7 +115,7 @@ flood() {
     set_up 'logged "Device[/dev/hidraw0] Setup Done"' "probe controller set up"
     # The simulator shares the guest's one CPU: its catching up is no daemon latency.
     for task in /proc/$PID/task/*; do renice -n -10 -p "${task##*/}" > /dev/null; done
-    record probe.trace
+    rec_ready probe.trace --check
     tavrine-sim /tmp/load.scn --log /tmp/load.log & load_pid=$!
     wait_until 'grep -q "note load ends\|clock" /tmp/load.log 2>/dev/null' 300 || step "load controller not set up"
     before=$(rss)

@@ -3,8 +3,7 @@
 event_of() { grep -l "^$1\$" /sys/class/input/event*/device/name | sed 's|.*/\(event[0-9]*\)/.*|\1|'; }
 both_up() { wait_until 'has_input MorvelTouch_VirtualDevice && has_input MorvelTouch_VirtualPen' 50; }
 
-# Under udevd, on plain Linux (no getprop), Android 2.3 and 9: udev's properties, the events and
-# libinput's view of libinput.scn (2.3: libinput through mtdev lifts late, its record kept apart).
+# udev's and libinput's view of libinput.scn on plain Linux, Android 2.3 (kept apart: mtdev) and 9.
 libinput_modes() {
     mkdir -p /run /usr/lib/udev/rules.d /etc/udev/hwdb.d && mount -t tmpfs run /run
     /lib/systemd/systemd-udevd --daemon > "$OUT/udevd.out" 2>&1
@@ -30,9 +29,7 @@ libinput_modes() {
         for role in touch:$TOUCH pen:$PEN; do
             udevadm info --query=property --name="/dev/input/${role#*:}" | grep '^ID_INPUT' | sed "s/^/${role%:*} /"
         done >> "$OUT/$mode.txt"
-        rm -f /tmp/touch.ready
-        start_evrec MorvelTouch_VirtualDevice "$mode.touch.trace" --check --idle-ms 3000 --ready /tmp/touch.ready
-        wait_until '[ -e /tmp/touch.ready ]' 50
+        rec_ready "$mode.touch.trace" --check --idle-ms 3000
         /usr/libexec/libinput/libinput-debug-events --device "/dev/input/$TOUCH" --device "/dev/input/$PEN" \
             > "$OUT/$mode.raw" 2>&1 & LI_PID=$!
         sleep 2   # its output is buffered: give it time to add both devices
@@ -89,8 +86,7 @@ libinput_modes() {
     rm -f /usr/lib/udev/rules.d/70-tavrine.rules /etc/udev/hwdb.d/61-tavrine-screen.hwdb && systemd-hwdb update
 }
 
-# A USB and an RS232 session recorded in the daemon's log, replayed by tavrine-sim --from-log
-# into a fresh daemon: the same events (times aside), set-up outcome and tool answer.
+# USB and RS232 sessions replayed from the daemon's log: the same events, set-up and tool answer.
 replay_log() {
     case_settings android=9  # slots need an Android release above 3
     session() {  # TAG SCRIPT END_NOTE: controller, recorders, daemon; the log kept as TAG.log
@@ -121,7 +117,7 @@ replay_log() {
         done
         for dev in $(echo "$devices" | tr , ' '); do
             for tag in "$name" "$name-replay"; do
-                strip_times "$OUT/$tag-$dev.trace" "/tmp/$tag.nt" && sed -i '/^# end:/d' "/tmp/$tag.nt"
+                sed -E -e 's/^E: [0-9]+\.[0-9]+ /E: /' -e '/^# end:/d' "$OUT/$tag-$dev.trace" > "/tmp/$tag.nt"
             done
             diff -u "/tmp/$name.nt" "/tmp/$name-replay.nt" > "$OUT/$name-$dev.diff" &&
                 step "$name $dev: replay the same event for event ($(grep -cE '^E:.*(ABS_MT_TRACKING_ID|BTN_TOUCH)' "/tmp/$name.nt") tracking or touch events in each)" ||

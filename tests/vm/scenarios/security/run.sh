@@ -40,8 +40,7 @@ attacks() {
             cp /data/TavrineA.ini "$SEC/settings.copy" ;;
         attack/serial-files) same_settings ;;
         plant/uinput-file) echo keep > "$SEC/uinput" ;;
-        # /data 0777, no protected_hardlinks: PID file and settings copy linked outside /data before
-        # the start (through the tmpfs's own mount: the bind mount refuses links), the log after.
+        # /data 0777, unprotected hard links to files outside /data (made through the tmpfs mount).
         plant/hardlinks)
             echo 0 > /proc/sys/fs/protected_hardlinks
             for v in pid tmp log; do echo "$v-victim" > "$SEC/$v-victim" && chmod 644 "$SEC/$v-victim"; done
@@ -99,8 +98,7 @@ attacks() {
     done
 }
 
-# Each command the daemon starts inherits descriptors 0-2 only, while it holds hidraw, uinput,
-# both FIFOs, the syslog socket and two its starter left open; fd-probe.sh logs them as /bin/sh.
+# Commands the daemon starts (fd-probe.sh as /bin/sh logs them) inherit descriptors 0-2 only.
 fd_inheritance() {
     PROBE=/tmp/fd-probe/sh LOG=/tmp/fd-probe.log
     syslogd -n -O /tmp/messages &  # the daemon's syslog socket stays connected only to a listener

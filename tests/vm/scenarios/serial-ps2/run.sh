@@ -25,8 +25,7 @@ toolswitch() {
     od -An -tx1 -v /tmp/pipe_out.bin | awk '{for (i = 1; i <= NF; i++) printf "%s%s", $i, (++n % 64 ? " " : "\n")}' > "$OUT/pipe-out.hex"
 }
 
-# Two PS/2 ports (raw-mode ptys at /dev/serio_raw0, 1: a pty never gets the kernel node): 0xFA
-# bytes vanish, 5-byte reports reach a touch device, one scan pass adds both ports.
+# Two PS/2 ports (raw-mode ptys at /dev/serio_raw0, 1): 0xFA bytes vanish, reports arrive.
 ps2() {
     record 10
     grep -o 'Scan PS2 Path \[[^]]*\]\|Add device \[[^]]*\], current device amount = [0-9]*' "$(daemon_log)" |

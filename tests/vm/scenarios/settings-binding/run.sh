@@ -1,8 +1,7 @@
 # The self-written settings file.
 . /bed/lib.sh
 
-# The first device writes the file whole; with DeviceNums 2 a second address adds block 1; three
-# more whose addresses read as the file's words are served on a restart and change nothing.
+# The file written whole, block 1 added, then addresses that read as its words change nothing.
 inifile() {
     local n=0 pids=""
     all_on() { for f; do grep -q 'rx 03 02 34' "$f" || return 1; done; }

@@ -12,9 +12,4 @@ touch_start() {
 }
 
 # touch_record FILE [ARGS]: records the touch device (protocol check on) once it is open.
-touch_record() {
-    local file=$1 && shift
-    rm -f /tmp/touch.evrec.ready
-    start_evrec MorvelTouch_VirtualDevice "$file" --check --ready /tmp/touch.evrec.ready "$@"
-    wait_until '[ -e /tmp/touch.evrec.ready ]' 50
-}
+touch_record() { rec_ready "$@" --check; }
