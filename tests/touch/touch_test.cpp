@@ -185,9 +185,9 @@ TEST(ContactPipeline, SettingsShapeContacts) {
     VersionGuard version(9);
     // clang-format off
     const struct { const char* set; int id, state, x, y, z; const char* out; } cases[] = {
-        {"edge 150 100 100 100", 3, 1, 100, 2000, 0, "48,2000"}, {"edge 100 150 100 100", 3, 1, 3991, 1, 0, "4041,1"},
-        {"edge 100 100 50 200", 3, 1, 3000, 105, 0, "3000,155"}, {"edge 100 100 100 120", 3, 1, 3000, 3900, 0, "3000,3901"},
-        {"edge 0 0 0 0", 3, 1, 10, 4000, 0, "205,3891"}, {"edge -100 100 100 100", 3, 1, 100, 2000, 0, "310,2000"},
+        {"edge 100 150 100 100", 3, 1, 3991, 1, 0, "4041,1"}, {"edge 100 100 50 200", 3, 1, 3000, 105, 0, "3000,155"},
+        {"edge 100 100 100 120", 3, 1, 3000, 3900, 0, "3000,3901"}, {"edge 0 0 0 0", 3, 1, 10, 4000, 0, "205,3891"},
+        {"edge -100 100 100 100", 3, 1, 100, 2000, 0, "310,2000"},
         {"edge 2147483647 2147483647 -2147483648 -2147483648", 3, 1, 0, 4095, 0, "0,3891"},  // wraps, stays inside
         {"dir 1", 3, 1, 100, 200, 0, "3994,200"}, {"dir 2", 3, 1, 100, 200, 0, "100,3894"},
         {"dir 5", 3, 1, 100, 200, 0, "3894,100"}, {"dir -1", 3, 1, 100, 200, 0, "100,200"},
@@ -302,8 +302,8 @@ TEST(PortBytes, PointsAndRepliesWhateverTheReadBoundaries) {
     const uint8_t U = DEV_USB, R = DEV_RS232, P = DEV_PS2;
     // clang-format off
     const struct { uint8_t iface; uint32_t baud; const char *set, *touch; Bytes stream, reply; } cases[] = {
-        {U, 0, "", "", reply, reply}, {U, 0, "", "", Hex("00 03 02 55 01"), reply},
-        {U, 0, "skip", "", Hex("7E 03 02 55 01"), reply}, {U, 0, "", "0:16,32", report, none},
+        {U, 0, "", "", Hex("00 03 02 55 01"), reply}, {U, 0, "skip", "", Hex("7E 03 02 55 01"), reply},
+        {U, 0, "", "0:16,32", report, none},
         // Raw points: 0x03 is a point from byte 1 0x80 on, else a reply; 2 drops everything.
         {U, 0, "raw 1", "0:16,32", Hex("03 81 10 00 20 00"), none}, {U, 0, "raw 1", "", reply, reply},
         {U, 0, "raw 1", "", serial, serial}, {U, 0, "raw 1", "0:16,32", report, none},
