@@ -56,10 +56,9 @@ std::vector<LogLine> LogCapture::lines() const {
     return captured;
 }
 
-int LogCapture::Matches(const std::string& text, bool exact) const {
+int LogCapture::Count(const std::string& text) const {
     int n = 0;
-    for (const LogLine& l : lines())
-        n += exact ? l.message == text : l.message.find(text) != std::string::npos;
+    for (const LogLine& l : lines()) n += l.message.find(text) != std::string::npos;
     return n;
 }
 

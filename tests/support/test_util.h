@@ -40,14 +40,12 @@ class LogCapture {
     explicit LogCapture(uint32_t categories = ~uint32_t{LOG_EVENT}, uint8_t position = 1);
     ~LogCapture();
     std::vector<LogLine> lines() const;
-    int CountExact(const std::string& text) const { return Matches(text, true); }
-    int Count(const std::string& text) const { return Matches(text, false); }  // containing text
+    int Count(const std::string& text) const;  // messages containing text
     bool Contains(const std::string& text) const { return Count(text) > 0; }
     std::string Text() const;  // every message, one per line
     void Clear();
 
   private:
-    int Matches(const std::string& text, bool exact) const;
     uint32_t saved_bits_;
     uint8_t saved_position_;
 };

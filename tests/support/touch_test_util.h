@@ -103,7 +103,6 @@ class TouchRig {
 
     std::vector<Ev> TouchEvents() { return Drain(touch_.get()); }
     std::vector<Ev> PenEvents() { return Drain(pen_.get()); }
-    int TouchFd() const { return touch_.get(); }
 
     GlobalSettings settings{};
     std::unique_ptr<CDeviceObject> dev;
