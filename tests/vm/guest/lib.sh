@@ -22,25 +22,33 @@ pid_file_pid() { [ -f /data/TouchPID ] && tr -d '\000' < /data/TouchPID | tr -d 
 # wait_until CMD TENTHS: waits up to TENTHS tenths of a second for CMD to succeed.
 wait_until() {
     local tries=$2
-    until eval "$1"; do tries=$((tries - 1)) && [ "$tries" -gt 0 ] && sleep 0.1 || return 1; done
+    while ! eval "$1"; do
+        tries=$((tries - 1))
+        [ "$tries" -le 0 ] && return 1
+        sleep 0.1
+    done
 }
 
 # start_sim SCRIPT: a simulator (SIM_PID, log $OUT/sim.log) that sim_do ACTION drives.
 start_sim() {
     rm -f /tmp/bed.sim.ready /tmp/bed.sim.ctl
-    tavrine-sim "$1" --log "$OUT/sim.log" --ready /tmp/bed.sim.ready --control /tmp/bed.sim.ctl & SIM_PID=$!
+    tavrine-sim "$1" --log "$OUT/sim.log" --ready /tmp/bed.sim.ready --control /tmp/bed.sim.ctl &
+    SIM_PID=$!
     wait_until '[ -e /tmp/bed.sim.ready ]' 50
 }
 sim_do() { timeout 2 sh -c 'echo "$1" > /tmp/bed.sim.ctl' sh "$*"; }
 
 # start_evrec NAME FILE [ARGS]: records input device NAME into $OUT/FILE (EVREC_PID).
 start_evrec() {
-    local name=$1 file=$2 && shift 2
-    tavrine-evrec record --name "$name" --out "$OUT/$file" "$@" & EVREC_PID=$!
+    local name=$1 file=$2
+    shift 2
+    tavrine-evrec record --name "$name" --out "$OUT/$file" "$@" &
+    EVREC_PID=$!
 }
 # rec_ready FILE [ARGS]: records the touch device once the recorder is ready.
 rec_ready() {
-    rm -f /tmp/rec.ready && start_evrec MorvelTouch_VirtualDevice "$@" --ready /tmp/rec.ready
+    rm -f /tmp/rec.ready
+    start_evrec MorvelTouch_VirtualDevice "$@" --ready /tmp/rec.ready
     wait_until '[ -e /tmp/rec.ready ]' 80
 }
 
@@ -79,7 +87,8 @@ contacts_down() {
 rec_touch() {
     rec_ready touch.trace --check --wait-ms 5000 --idle-ms "$1"
     eval "$2"
-    wait "$EVREC_PID"; step "protocol check status $?"
+    wait "$EVREC_PID"
+    step "protocol check status $?"
     touch_events "$OUT/touch.trace" "$OUT/touch.events"
     step "$(contacts_down "$OUT/touch.events")"
 }
@@ -95,7 +104,8 @@ case_field() { echo "$CASE" | cut -d'|' -f"$1" | sed 's/^ *//; s/ *$//'; }
 
 # case_settings KEY=VALUE...: /data/TavrineA.ini and a getprop in /tmp/bin (tests/vm/README.md).
 case_settings() {
-    local bits=1 scan=1 nums=1 serial="" dev="" kv && ANDROID=""
+    local bits=1 scan=1 nums=1 serial="" dev="" kv
+    ANDROID=""
     for kv; do
         case "$kv" in
         bits=* | scan=* | nums=*) eval "${kv%%=*}=\${kv#*=}" ;;
@@ -104,8 +114,14 @@ case_settings() {
         *) dev="$dev${kv%%=*} ${kv#*=}\n" ;;
         esac
     done
-    printf "[TavrineA.ini]\nDebugEnableBits $bits\nShowDebugPosition 0\nDeviceNums $nums\nScanInterface $scan\n[String]\n${serial:-SerialPath default\n}\n[Device_No.0]\n${dev:-VKEYReportMod 1\n}[EndOfDevice]\n[EndOfFile]" > /data/TavrineA.ini
-    mkdir -p /tmp/bin && [ -z "$ANDROID" ] || { printf '#!/bin/sh\necho %s\n' "$ANDROID" > /tmp/bin/getprop; chmod 755 /tmp/bin/getprop; }
+    printf "[TavrineA.ini]\nDebugEnableBits $bits\nShowDebugPosition 0\nDeviceNums $nums\n" > /data/TavrineA.ini
+    printf "ScanInterface $scan\n[String]\n${serial:-SerialPath default\n}\n" >> /data/TavrineA.ini
+    printf "[Device_No.0]\n${dev:-VKEYReportMod 1\n}[EndOfDevice]\n[EndOfFile]" >> /data/TavrineA.ini
+    mkdir -p /tmp/bin
+    if [ -n "$ANDROID" ]; then
+        printf '#!/bin/sh\necho %s\n' "$ANDROID" > /tmp/bin/getprop
+        chmod 755 /tmp/bin/getprop
+    fi
 }
 
 # play_case: one line of a family's cases file, as tests/vm/README.md describes.
