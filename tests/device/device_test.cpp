@@ -1,7 +1,6 @@
 // The device object against a controller stand-in (socketpair or pty).
 #include <gtest/gtest.h>
 #include <string.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
@@ -21,14 +20,6 @@
 #include "device/setup.h"
 #include "support/dev_test_util.h"
 #include "support/test_util.h"
-
-#if defined(__SANITIZE_THREAD__)
-#define DEV_UNDER_TSAN 1
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define DEV_UNDER_TSAN 1
-#endif
-#endif
 
 namespace {
 
@@ -213,16 +204,14 @@ TEST_F(CommandTest, RepliesEachCommandAccepts) {
     }
 }
 
-// Runs the current test again in a fresh process image with `marker` set, under `stack`.
-void RunInFreshProcess(const char* marker, rlim_t stack) {
+// Runs the current test again in a fresh process image with `marker` set.
+void RunInFreshProcess(const char* marker) {
     const testing::TestInfo* test = testing::UnitTest::GetInstance()->current_test_info();
     const std::string filter =
         std::string("--gtest_filter=") + test->test_suite_name() + "." + test->name();
     const pid_t child = fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
-        struct rlimit limit = {stack, stack};
-        if (stack != 0) setrlimit(RLIMIT_STACK, &limit);
         setenv(marker, "1", 1);
         execl("/proc/self/exe", "device_tests", filter.c_str(), static_cast<char*>(nullptr));
         _exit(127);
@@ -232,29 +221,9 @@ void RunInFreshProcess(const char* marker, rlim_t stack) {
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }
 
-// Thread creation fails (a huge stack limit, in a fresh process image): no device.
-TEST(CreatedDevice, ThreadCreationFailureGivesNoDevice) {
-#ifdef DEV_UNDER_TSAN
-    GTEST_SKIP() << "ThreadSanitizer cannot start under a huge stack limit";
-#endif
-    if (!getenv("TAVRINE_DEV_HUGE_STACK_CHILD"))  // 2^45 bytes, or the largest 32-bit limit
-        return RunInFreshProcess("TAVRINE_DEV_HUGE_STACK_CHILD",
-                                 std::min<unsigned long long>(1ULL << 45, RLIM_INFINITY - 1));
-    pthread_t probe;
-    if (pthread_create(
-            &probe, nullptr, [](void*) -> void* { return nullptr; }, nullptr) == 0) {
-        pthread_join(probe, nullptr);
-        GTEST_SKIP() << "threads can still be created under this limit";
-    }
-    Pty pty;
-    ASSERT_TRUE(testutil::OpenPty(&pty));
-    GlobalSettings settings = DevTestSettings();
-    EXPECT_EQ(nullptr, CDeviceObject::Create(pty.slave_path.c_str(), &settings));
-}
-
 // Fresh process: a restore before any save is refused; open at the speed, close restores; no tty.
 TEST(SerialPort, OpenAtConfiguredSpeedAndRestoreOnClose) {
-    if (!getenv("TAVRINE_DEV_FRESH_CHILD")) return RunInFreshProcess("TAVRINE_DEV_FRESH_CHILD", 0);
+    if (!getenv("TAVRINE_DEV_FRESH_CHILD")) return RunInFreshProcess("TAVRINE_DEV_FRESH_CHILD");
     Pty pty;
     ASSERT_TRUE(testutil::OpenPty(&pty));
     struct termios original, line, restored;
@@ -313,28 +282,6 @@ TEST_F(CommandTest, DestroyDuringOrAfterSetupLeavesNothingBehind) {
     EXPECT_EQ(nullptr, CDeviceObject::Create("/dev/hidraw_missing_for_test", &settings_));
     EXPECT_EQ(fds, count("/proc/self/fd"));
     EXPECT_EQ(tasks, count("/proc/self/task"));
-}
-
-// Lines set and restored from two threads at once (scan probe and speed recheck).
-TEST(SetPortBaudRate, SavesAndRestoresFromTwoThreads) {
-    Pty a, b;
-    ASSERT_TRUE(testutil::OpenPty(&a) && testutil::OpenPty(&b));
-    struct termios original, line;
-    ASSERT_EQ(0, tcgetattr(a.master.get(), &original));
-    const auto work = [](int fd, uint32_t rate, int* failures) {
-        for (int i = 0; i < 200; ++i)
-            *failures += (SetPortBaudRate(fd, rate, 1) != 0) + (SetPortBaudRate(fd, 0, 0) != 0);
-    };
-    int failures_a = 0, failures_b = 0;
-    std::thread other(work, b.slave.get(), 115200u, &failures_b);
-    work(a.slave.get(), 9600u, &failures_a);
-    other.join();
-    EXPECT_EQ(0, failures_a + failures_b);
-    for (Pty* pty : {&a, &b}) {
-        ASSERT_EQ(0, tcgetattr(pty->master.get(), &line));
-        const speed_t speed = cfgetospeed(&line);
-        EXPECT_TRUE(speed == B9600 || speed == B115200 || speed == cfgetospeed(&original)) << speed;
-    }
 }
 
 }  // namespace
