@@ -32,9 +32,6 @@ built=$(date +%s)
 # Tests that user-mode emulation cannot run (each is a limit of qemu-arm on this host, not
 # of the target; the native host suite and the VM test bed run them):
 emulator_limits=(
-    # Re-executes itself through /proc/self/exe: an emulated program cannot start another
-    # ARM program without a binfmt_misc handler.
-    'CreatedDevice\.ThreadCreationFailureGivesNoDevice'
     # qemu-user 7.2 copies only the first 4 bytes of the 18-byte struct termio for
     # TCGETA/TCSETA*: the speed and control flags never reach the pty.
     'CheckRS232Device\.'

@@ -284,4 +284,26 @@ TEST_F(CommandTest, DestroyDuringOrAfterSetupLeavesNothingBehind) {
     EXPECT_EQ(tasks, count("/proc/self/task"));
 }
 
+// Lines set and restored from two threads at once (scan probe and speed recheck).
+TEST(SetPortBaudRate, SavesAndRestoresFromTwoThreads) {
+    Pty a, b;
+    ASSERT_TRUE(testutil::OpenPty(&a) && testutil::OpenPty(&b));
+    struct termios original, line;
+    ASSERT_EQ(0, tcgetattr(a.master.get(), &original));
+    const auto work = [](int fd, uint32_t rate, int* failures) {
+        for (int i = 0; i < 200; ++i)
+            *failures += (SetPortBaudRate(fd, rate, 1) != 0) + (SetPortBaudRate(fd, 0, 0) != 0);
+    };
+    int failures_a = 0, failures_b = 0;
+    std::thread other(work, b.slave.get(), 115200u, &failures_b);
+    work(a.slave.get(), 9600u, &failures_a);
+    other.join();
+    EXPECT_EQ(0, failures_a + failures_b);
+    for (Pty* pty : {&a, &b}) {
+        ASSERT_EQ(0, tcgetattr(pty->master.get(), &line));
+        const speed_t speed = cfgetospeed(&line);
+        EXPECT_TRUE(speed == B9600 || speed == B115200 || speed == cfgetospeed(&original)) << speed;
+    }
+}
+
 }  // namespace

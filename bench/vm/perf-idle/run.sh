@@ -8,7 +8,7 @@
 #     until the scan loop finds its node and sends the first set-up command.
 # Windows of $win s; the forks the scenario itself makes in a window are
 # measured first, without the daemon, and taken off. Writes $OUT/bench.rows.
-. ../usb-touch/touch-env.sh
+. ../touch-env.sh
 
 win=10
 hz=100

@@ -13,11 +13,11 @@
 # Latency = SYN_REPORT event time of the first frame that carries the scan's
 # last finger at its new position on the output device (reader with
 # CLOCK_MONOTONIC) minus the simulator's time before it wrote the scan's
-# first report. ts_uinput and the daemon run at nice -10 (as usb-touch's load case does
+# first report. ts_uinput and the daemon run at nice -10 (as the faults family's flood case does
 # for the daemon), the recorders at 0; their CPU is taken per phase. Writes
 # $OUT/bench.rows and $OUT/figures.txt; the big logs stay in the guest
 # (their heads come back).
-. ../usb-touch/touch-env.sh
+. ../touch-env.sh
 
 lead_ms=5000
 gap_ms=1500

@@ -1,4 +1,4 @@
-# Builds the static programs into $BUILD/stage, copied to STAGE (for run-vm.sh, check-scripts.sh):
+# Builds the static programs into $BUILD/stage, copied to STAGE (sourced by run-vm.sh):
 # SIM_BIN, EVREC_BIN, and unless given DAEMON_BIN, with CTL_BIN (DAEMON_WHY if it did not build).
 # -Wstringop-overread stays a warning: GCC 12 misreads the inlined write of an input_event.
 

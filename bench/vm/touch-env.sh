@@ -1,4 +1,4 @@
-# The daemon on USB as on Android 9, for faults, security and bench/vm.
+# The daemon on USB as on Android 9, for the benchmarks (sourced from a bench folder).
 . /bed/lib.sh
 mkdir -p /tmp/touchbin && printf '#!/bin/sh\necho 9\n' > /tmp/touchbin/getprop && chmod 755 /tmp/touchbin/getprop
 touch_settings() { case_settings "bits=$1"; }
