@@ -7,18 +7,11 @@
 # two contacts that both lift, one pen stroke.
 . /bed/lib.sh
 
-# The daemon registers ABS_MT_SLOT only on an Android release above 3; the
-# guest has no getprop, so one answering "9" goes first on its PATH.
-mkdir -p /tmp/demobin
-printf '#!/bin/sh\necho 9\n' > /tmp/demobin/getprop
-chmod 755 /tmp/demobin/getprop
-
-has_input() { grep -q "^N: Name=\"$1\"$" /proc/bus/input/devices; }
-
 start_sim sim.scn
-write_settings 1
-sed -i 's/^DebugEnableBits 1$/DebugEnableBits fffffff/' /data/TavrineA.ini
-PATH=/tmp/demobin:$PATH TavrineD -f > "$OUT/start.out" 2>&1
+# The daemon registers ABS_MT_SLOT only on an Android release above 3; the
+# guest has no getprop, so case_settings puts one answering "9" on its PATH.
+case_settings bits=fffffff android=9
+start_daemon
 wait_setup 300 && wait_until 'has_input MorvelTouch_VirtualPen' 50 && step "set-up done" || step "set-up not done"
 
 for what in version model type; do

@@ -19,7 +19,10 @@ run_one() {
         echo "@@BED-WARN rmmod $m before $out: $(cat /tmp/rmmod.err)"; done
     for m in hid_generic hid_multitouch; do grep -q "^$m " /proc/modules || insmod "/lib/modules/$(echo $m | tr _ -).ko"; done
     mkdir -p "$out/data" && dmesg -c > /dev/null
-    (cd "$dir" && OUT=$out SCENARIO=${dir##*/} CASE=$4 timeout -s KILL "$limit" sh ./run.sh > "$out/run.out" 2>&1)
+    # A family's run.sh only defines its cases' functions: play_case (lib.sh) plays the line.
+    run='sh ./run.sh' && [ -n "$4" ] && run="sh -c '. /bed/lib.sh && . ./run.sh && play_case'"
+    (cd "$dir" && export OUT=$out SCENARIO=${dir##*/} CASE=$4 &&
+        eval "timeout -s KILL $limit $run" > "$out/run.out" 2>&1)
     RC=$? && [ "$RC" = 137 ] && echo "killed after $limit s" >> "$out/run.out"
     killall -9 TavrineD tavrine-sim tavrine-evrec systemd-udevd libinput-debug-events 2> /dev/null  # leftovers
     sleep 0.2 && dmesg > "$out/dmesg.txt"

@@ -1,12 +1,6 @@
 # Helpers for run.sh in the VM; OUT, sent back to the host, holds the transcript steps.txt.
 step() { echo "$*" >> "$OUT/steps.txt"; }
 
-# write_settings SCAN [SERIALPATH]: a minimal /data/TavrineA.ini.
-write_settings() {
-    printf '[TavrineA.ini]\nDebugEnableBits 1\nShowDebugPosition 0\nDeviceNums 1\nScanInterface %s\n[String]\nSerialPath %s\n[EndOfFile]\n' \
-        "$1" "${2:-default}" > /data/TavrineA.ini
-}
-
 # Pids of live (not zombie) processes named TavrineD.
 daemon_pids() {
     local s
@@ -104,17 +98,17 @@ case_field() { echo "$CASE" | cut -d'|' -f"$1" | sed 's/^ *//; s/ *$//'; }
 
 # case_settings KEY=VALUE...: /data/TavrineA.ini and a getprop in /tmp/bin (tests/vm/README.md).
 case_settings() {
-    local bits=1 scan=1 nums=1 serial="" dev="" kv
+    local bits=1 pos=0 scan=1 nums=1 serial="" dev="" kv
     ANDROID=""
     for kv; do
         case "$kv" in
-        bits=* | scan=* | nums=*) eval "${kv%%=*}=\${kv#*=}" ;;
+        bits=* | pos=* | scan=* | nums=*) eval "${kv%%=*}=\${kv#*=}" ;;
         serial=*) serial="${serial}SerialPath ${kv#*=}\n" ;;
         android=*) ANDROID=${kv#*=} ;;
         *) dev="$dev${kv%%=*} ${kv#*=}\n" ;;
         esac
     done
-    printf "[TavrineA.ini]\nDebugEnableBits $bits\nShowDebugPosition 0\nDeviceNums $nums\n" > /data/TavrineA.ini
+    printf "[TavrineA.ini]\nDebugEnableBits $bits\nShowDebugPosition $pos\nDeviceNums $nums\n" > /data/TavrineA.ini
     printf "ScanInterface $scan\n[String]\n${serial:-SerialPath default\n}\n" >> /data/TavrineA.ini
     printf "[Device_No.0]\n${dev:-VKEYReportMod 1\n}[EndOfDevice]\n[EndOfFile]" >> /data/TavrineA.ini
     mkdir -p /tmp/bin

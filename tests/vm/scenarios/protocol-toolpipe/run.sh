@@ -1,5 +1,4 @@
 # Set-up commands, the tool pipes and tavrinectl, one case a line of cases.
-. /bed/lib.sh
 
 # setup_within LOW HIGH: from the node found to "Setup Done" took LOW..HIGH ms.
 setup_within() {
@@ -37,5 +36,3 @@ cli_usb() {
     TavrineD -k > /dev/null 2>&1; wait_until '[ "$(daemon_count)" = 0 ]' 50
     ctl stopped version
 }
-
-play_case

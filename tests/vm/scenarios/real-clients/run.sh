@@ -1,5 +1,4 @@
 # Real clients of the daemon's devices: libinput through udev, and a field log replayed.
-. /bed/lib.sh
 event_of() { grep -l "^$1\$" /sys/class/input/event*/device/name | sed 's|.*/\(event[0-9]*\)/.*|\1|'; }
 both_up() { wait_until 'has_input MorvelTouch_VirtualDevice && has_input MorvelTouch_VirtualPen' 50; }
 
@@ -86,14 +85,13 @@ libinput_modes() {
     rm -f /usr/lib/udev/rules.d/70-tavrine.rules /etc/udev/hwdb.d/61-tavrine-screen.hwdb && systemd-hwdb update
 }
 
-# USB and RS232 sessions replayed from the daemon's log: the same events, set-up and tool answer.
+# A USB session replayed from the daemon's log: the same events, set-up and tool answer.
 replay_log() {
-    case_settings android=9  # slots need an Android release above 3
     session() {  # TAG SCRIPT END_NOTE: controller, recorders, daemon; the log kept as TAG.log
         local recs="" dev
         start_sim "$2" && mv "$OUT/sim.log" "$OUT/$1-sim.log"
         for dev in $(echo "$devices" | tr , ' '); do start_evrec "$dev" "$1-$dev.trace" --wait-ms 60000; recs="$recs $EVREC_PID"; done
-        write_settings "$scan" "$path" && sed -i 's/^DebugEnableBits 1$/DebugEnableBits 7fffff/' /data/TavrineA.ini
+        case_settings android=9 bits=7fffff scan="$scan" serial="$path"  # slots: Android above 3
         start_daemon && wait_setup 400 || step "$1: set-up not done"
         [ "$1" = "$name" ] && tavrinectl $tool > "$OUT/$1-tool.txt" 2>&1  # starts the session
         wait_until "grep -q '$3' '$OUT/$1-sim.log'" 300 || step "$1: not played to its end"
@@ -104,8 +102,7 @@ replay_log() {
         stop_pid "$SIM_PID"; rm -rf /data/*
     }
     # name, ScanInterface, SerialPath, script, recorded devices, tool command
-    echo 'usb 1 default usb.scn MorvelTouch_VirtualDevice,MorvelTouch_VirtualPen --usb raw 03 01 41
-          rs232 2 /dev/ttyTAV0 rs232.scn MorvelTouch_VirtualDevice --serial raw 0a 01 41' |
+    echo 'usb 1 default usb.scn MorvelTouch_VirtualDevice,MorvelTouch_VirtualPen --usb raw 03 01 41' |
     while read -r name scan path script devices tool; do
         session "$name" "$script" "note session done"
         tavrine-sim --from-log "$OUT/$name.log" --dump > "$OUT/$name-replay.scn" 2> "$OUT/$name-replay.txt"
@@ -125,5 +122,3 @@ replay_log() {
         done
     done
 }
-
-play_case

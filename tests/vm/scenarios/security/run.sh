@@ -1,5 +1,4 @@
 # Local users' attacks on the daemon, and the descriptors commands it starts inherit.
-. /bed/lib.sh
 
 # Local users (attacker 65534, system 1000 as on Android), one attack a round on a fresh daemon.
 attacks() {
@@ -117,8 +116,7 @@ fd_inheritance() {
     rm -f "$LOG"
 
     # Two devices, logging to syslog too.
-    write_settings 1
-    sed -i 's/^DeviceNums 1$/DeviceNums 2/; s/^ShowDebugPosition 0$/ShowDebugPosition 2/; s/^DebugEnableBits 1$/DebugEnableBits 3/' /data/TavrineA.ini
+    case_settings bits=3 pos=2 nums=2
     start_sim loopback.scn
     TavrineD -f > "$OUT/start.out" 2>&1 7< /proc/version 9> /tmp/inherited.txt
     wait_until 'has_input MorvelTouch_VirtualPen && [ -e /data/MorvelPipe_in ] && [ -e /data/MorvelPipe_out ]' 300
@@ -139,5 +137,3 @@ fd_inheritance() {
     extras > "$OUT/extras.txt"
     [ -s "$OUT/extras.txt" ] && step "descriptors beyond 0, 1, 2: see extras.txt" || step "descriptors beyond 0, 1, 2: none"
 }
-
-play_case

@@ -1,10 +1,8 @@
 # RS232 and PS/2 controllers, one case a line of cases.
-. /bed/lib.sh
 
-# record N [GO]: records N events of the touch device while GO runs, until the script's note.
+# record N: records N events of the touch device, until the script's note.
 record() {
     start_evrec MorvelTouch_VirtualDevice touch.trace --wait-ms 20000 --duration-ms 15000 --count "$1"
-    eval "${2:-}"
     wait_until 'grep -q "note reports sent" "$OUT/sim.log"' 250
     wait "$EVREC_PID"
     plain_events "$OUT/touch.trace" "$OUT/touch.events"
@@ -17,19 +15,9 @@ reports() {
     grep -o 'Set Device \[/dev/ttyTAV0\] BaudRate [0-9]*' "$(daemon_log)" | sort | uniq -c >> "$OUT/steps.txt"
 }
 
-# Report switch 0A 02 34 00: points go to the output pipe, not to input; 01 restores input.
-toolswitch() {
-    wait_until 'grep -q "rx 0a 02 34 01" "$OUT/sim.log"' 250 && sleep 0.5
-    record 10 "timeout 10 head -c 128 /data/MorvelPipe_out > /tmp/pipe_out.bin & printf '\012\002\064\000' > /data/MorvelPipe_in
-        wait \$!; printf '\012\002\064\001' > /data/MorvelPipe_in"
-    od -An -tx1 -v /tmp/pipe_out.bin | awk '{for (i = 1; i <= NF; i++) printf "%s%s", $i, (++n % 64 ? " " : "\n")}' > "$OUT/pipe-out.hex"
-}
-
 # Two PS/2 ports (raw-mode ptys at /dev/serio_raw0, 1): 0xFA bytes vanish, reports arrive.
 ps2() {
     record 10
     grep -o 'Scan PS2 Path \[[^]]*\]\|Add device \[[^]]*\], current device amount = [0-9]*' "$(daemon_log)" |
         sed -n '1,/amount = 2/p' >> "$OUT/steps.txt"
 }
-
-play_case

@@ -1,5 +1,4 @@
 # The self-written settings file.
-. /bed/lib.sh
 
 # The file written whole, block 1 added, then addresses that read as its words change nothing.
 inifile() {
@@ -33,5 +32,3 @@ inifile() {
         -e 'Physical address \[.*\] cannot be matched, use default setting' /data/Tavrine_*.log | sort >> "$OUT/steps.txt"
     stop_all
 }
-
-play_case
