@@ -35,16 +35,14 @@ if [[ $what == all || $what == tsan ]]; then
     echo "run-sanitizers: threaded tests under ThreadSanitizer"
     CC=clang CXX=clang++ cmake -S . -B "$tsan_dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
         -DTAVRINE_SANITIZERS=thread >/dev/null
-    cmake --build "$tsan_dir" -j2 --target device_tests config_tests log_tests touch_tests \
-        discovery_tests core_tests
+    cmake --build "$tsan_dir" -j2 --target device_tests config_tests log_tests discovery_tests core_tests
     export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
     # Test executable and gtest filter of each group of threaded tests.
     groups=(
         "device_tests *"
         "config_tests ParamFileTest.ConcurrentDevices*"
         "log_tests LogFileFixture.LinesOfTwoThreadsNeverMix"
-        "touch_tests ParseCmdReply.*"
-        "discovery_tests ReadDeviceResponse.*:WaitDeviceResponse.*"
+        "discovery_tests ReadDeviceResponse.*"
         "core_tests ManagerTest.CheckOfASilentSerialControllerWhileAnotherRequestArrives:ManagerTest.AnsweringSerialControllerIsKept"
     )
     for group in "${groups[@]}"; do

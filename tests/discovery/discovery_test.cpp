@@ -161,18 +161,6 @@ TEST(ReadDeviceResponse, Replies) {
     }
 }
 
-// 0 once a loop-back or a boot loader's IAP reply is whole (over reads), never for other packets.
-TEST(WaitDeviceResponse, ReplyNoReplyAndSplitReply) {
-    const struct { std::vector<std::string> pieces; int result; } cases[] = {
-        {{}, -1}, {{"000A0141"}, 0}, {{"0A01", "41"}, 0}, {{"0A024200"}, -1}, {{"0A0439", "010000"}, 0},
-        {{"0A03390000"}, -1}, {{"330A033900", "00770A0141"}, 0}};
-    for (const auto& c : cases) {
-        auto port = Port(c.pieces);
-        ResetSerialReplyParser();
-        EXPECT_EQ(c.result, WaitDeviceResponse(port.first.get())) << testing::PrintToString(c.pieces);
-    }
-}
-
 // Endless bytes hold each reader its limit: /dev/zero (0, 1: framing; 2: waiter), a flood (3).
 TEST(ReadDeviceResponse, TimeBoundUnderEndlessTraffic) {
     for (int reader : {0, 1, 2, 3}) {

@@ -1,6 +1,5 @@
 // The touch data path on a bare device record; socketpairs stand in for the uinput devices.
 #include <gtest/gtest.h>
-#include <pthread.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
@@ -9,7 +8,6 @@
 #include <sys/wait.h>
 
 #include <functional>
-#include <thread>
 
 #include "device/cmd_channel.h"
 #include "support/touch_test_util.h"
@@ -382,27 +380,6 @@ TEST(ParseCmdReply, FragmentsMergedThenRouted) {
         EXPECT_EQ(c.merging ? 2 : 0,
                   (rig.dev->bMerging == 1) + (rig.dev->CurIndex + rig.dev->RealLen > 0));
     }
-}
-
-// A reply matching both hooks wakes the blocked sender only.
-TEST(ParseCmdReply, SignalHookWinsOverSelfHook) {
-    TouchRig rig;
-    rig.dev->SigHookCmd = rig.dev->SelfHookCmd = 0x41;
-    rig.dev->SigHookSubCmd = kAnySubCmd, rig.dev->SelfHookSubCmd = 0x01;
-    int wait_result = -2;
-    std::thread sender([&rig, &wait_result] { wait_result = CmdTimedWait(rig.dev.get(), 5, 0); });
-    for (int i = 0, waiters = 0; i < 2000 && waiters == 0; ++i) {  // until the sender sleeps
-        usleep(1000);
-        pthread_mutex_lock(&rig.dev->CmdMutex);
-        waiters = rig.dev->WaiterCount;
-        pthread_mutex_unlock(&rig.dev->CmdMutex);
-    }
-    const Bytes reply = Hex("03 03 41 01 5A");
-    ParseCmdPacket(rig.dev.get(), reply.data(), static_cast<int>(reply.size()));
-    sender.join();
-    EXPECT_EQ(0, wait_result);
-    EXPECT_EQ(0, rig.dev->bSelfHookReplied.load());
-    EXPECT_EQ(reply, Bytes(rig.dev->SigReplyBuf, rig.dev->SigReplyBuf + 5));
 }
 
 // "VKEY_<n>" settings, then key reports ("state:index", hex) counted against VKEYReportMod.
