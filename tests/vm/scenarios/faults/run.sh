@@ -15,21 +15,6 @@ start_watched() {  # SCRIPT ('-': none): controller and daemon, PID the daemon's
     PID=$(pid_file_pid)
 }
 
-# No uinput node (DeviceNums 2: one failed device would fill the list): SIGUSR2 drops it unplugged.
-no_uinput() {
-    mkdir -p /tmp/saved
-    restore() { for f in /tmp/saved/*; do [ -e "$f" ] && mv "$f" "$(basename "$f" | tr _ /)"; done; }
-    for n in /dev/uinput /dev/input/uinput; do [ -e $n ] && mv $n /tmp/saved/$(echo $n | tr / _); done
-    trap restore EXIT
-    start_watched $PCAP
-    wait_until '[ "$(count "DevSetup failed with return -1")" -ge 1 ]' 300 && step "set-up failed"
-    step "daemon alive: $(alive "$PID"), virtual devices: $(grep -c '^N: Name="MorvelTouch_Virtual' /proc/bus/input/devices)"
-    restore
-    sim_do unplug && wait_until '[ ! -e /dev/hidraw0 ]' 50 && kill -USR2 "$PID"
-    wait_until '[ "$(removals)" = 1 ]' 50 && step "failed device removed on the plug-and-play check"
-    replug_tap 1
-}
-
 # Unplug on set-up's first command, then on the format command: the half-made device goes.
 unplug_setup() {
     local n=0
