@@ -30,8 +30,8 @@ unplug_setup() {
     replug_tap 2
 }
 
-# data_dir MESSAGE: /data full, a new device's settings block cannot be saved; MESSAGE says so.
-data_dir() {
+# data_full MESSAGE: /data full, a new device's settings block cannot be saved; MESSAGE says so.
+data_full() {
     SIZE=$(awk '$2 == "/data" { print $4 }' /proc/mounts | tr ',' '\n' | grep '^size=')
     trap 'umount /data/Tavrine_*.log; rm -f /data/filler
           mount -o "remount,${SIZE:-size=50%}" /data' EXIT

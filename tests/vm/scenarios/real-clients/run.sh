@@ -87,38 +87,34 @@ libinput_modes() {
 
 # A USB session replayed from the daemon's log: the same events, set-up and tool answer.
 replay_log() {
+    local devices="MorvelTouch_VirtualDevice MorvelTouch_VirtualPen" tool="--usb raw 03 01 41" tag dev
     session() {  # TAG SCRIPT END_NOTE: controller, recorders, daemon; the log kept as TAG.log
-        local recs="" dev
+        local recs=""
         start_sim "$2" && mv "$OUT/sim.log" "$OUT/$1-sim.log"
-        for dev in $(echo "$devices" | tr , ' '); do start_evrec "$dev" "$1-$dev.trace" --wait-ms 60000; recs="$recs $EVREC_PID"; done
-        case_settings android=9 bits=7fffff scan="$scan" serial="$path"  # slots: Android above 3
+        for dev in $devices; do start_evrec "$dev" "$1-$dev.trace" --wait-ms 60000; recs="$recs $EVREC_PID"; done
+        case_settings android=9 bits=7fffff  # slots need an Android release above 3
         start_daemon && wait_setup 400 || step "$1: set-up not done"
-        [ "$1" = "$name" ] && tavrinectl $tool > "$OUT/$1-tool.txt" 2>&1  # starts the session
+        [ "$1" = usb ] && tavrinectl $tool > "$OUT/$1-tool.txt" 2>&1  # starts the session
         wait_until "grep -q '$3' '$OUT/$1-sim.log'" 300 || step "$1: not played to its end"
         sleep 0.5 && for dev in $recs; do stop_pid "$dev"; done
-        [ "$1" = "$name" ] || tavrinectl $tool > "$OUT/$1-tool.txt" 2>&1
+        [ "$1" = usb ] || tavrinectl $tool > "$OUT/$1-tool.txt" 2>&1
         cp "$(daemon_log)" "$OUT/$1.log"
         TavrineD -k > /dev/null 2>&1 && wait_until '[ "$(daemon_count)" = 0 ]' 50
         stop_pid "$SIM_PID"; rm -rf /data/*
     }
-    # name, ScanInterface, SerialPath, script, recorded devices, tool command
-    echo 'usb 1 default usb.scn MorvelTouch_VirtualDevice,MorvelTouch_VirtualPen --usb raw 03 01 41' |
-    while read -r name scan path script devices tool; do
-        session "$name" "$script" "note session done"
-        tavrine-sim --from-log "$OUT/$name.log" --dump > "$OUT/$name-replay.scn" 2> "$OUT/$name-replay.txt"
-        session "$name-replay" "$OUT/$name-replay.scn" "note replay done"
-
-        for tag in "$name" "$name-replay"; do  # the same outcome and answer in both runs
-            grep -E "Type:.*Model|AllocateSeries|EventType =" "$OUT/$tag.log" | sed "s/^\[[^]]*\]-: [^ ]* /$tag: /" >> "$OUT/steps.txt"
-            step "$tag: tool answer: $(cat "$OUT/$tag-tool.txt")"
+    session usb usb.scn "note session done"
+    tavrine-sim --from-log "$OUT/usb.log" --dump > "$OUT/usb-replay.scn" 2> "$OUT/usb-replay.txt"
+    session usb-replay "$OUT/usb-replay.scn" "note replay done"
+    for tag in usb usb-replay; do  # the same outcome and answer in both runs
+        grep -E "Type:.*Model|AllocateSeries|EventType =" "$OUT/$tag.log" | sed "s/^\[[^]]*\]-: [^ ]* /$tag: /" >> "$OUT/steps.txt"
+        step "$tag: tool answer: $(cat "$OUT/$tag-tool.txt")"
+    done
+    for dev in $devices; do
+        for tag in usb usb-replay; do
+            sed -E -e 's/^E: [0-9]+\.[0-9]+ /E: /' -e '/^# end:/d' "$OUT/$tag-$dev.trace" > "/tmp/$tag.nt"
         done
-        for dev in $(echo "$devices" | tr , ' '); do
-            for tag in "$name" "$name-replay"; do
-                sed -E -e 's/^E: [0-9]+\.[0-9]+ /E: /' -e '/^# end:/d' "$OUT/$tag-$dev.trace" > "/tmp/$tag.nt"
-            done
-            diff -u "/tmp/$name.nt" "/tmp/$name-replay.nt" > "$OUT/$name-$dev.diff" &&
-                step "$name $dev: replay the same event for event ($(grep -cE '^E:.*(ABS_MT_TRACKING_ID|BTN_TOUCH)' "/tmp/$name.nt") tracking or touch events in each)" ||
-                step "$name $dev: replay differs (see $name-$dev.diff)"
-        done
+        diff -u /tmp/usb.nt /tmp/usb-replay.nt > "$OUT/usb-$dev.diff" &&
+            step "usb $dev: replay the same event for event ($(grep -cE '^E:.*(ABS_MT_TRACKING_ID|BTN_TOUCH)' /tmp/usb.nt) tracking or touch events in each)" ||
+            step "usb $dev: replay differs (see usb-$dev.diff)"
     done
 }
