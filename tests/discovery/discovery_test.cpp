@@ -27,6 +27,7 @@
 #include "discovery/usb_bus_watch.h"
 #include "support/dev_test_util.h"
 #include "support/test_util.h"
+#include "support/touch_test_util.h"
 
 namespace {
 
@@ -124,13 +125,13 @@ TEST_F(CheckRS232Device, ProbeAtEachSpeed) {
 
 // A port stand-in (SOCK_SEQPACKET: each piece, in hex, is one read) and its far end.
 std::pair<UniqueFd, UniqueFd> Port(const std::vector<std::string>& pieces) {
-    int fds[2];
-    EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, fds));
+    std::pair<UniqueFd, UniqueFd> port;
+    touchtest::MakeEventPair(&port.first, &port.second);
     for (const std::string& hex : pieces) {
         const Bytes p = Hex(hex);
-        EXPECT_EQ(ssize_t(p.size()), p.empty() ? 0 : write(fds[1], p.data(), p.size()));
+        EXPECT_EQ(ssize_t(p.size()), p.empty() ? 0 : write(port.second.get(), p.data(), p.size()));
     }
-    return {UniqueFd(fds[0]), UniqueFd(fds[1])};
+    return port;
 }
 
 // Serial (0A), USB (03) framing, leading byte, tries, fragments: result, first max(result, 0) bytes.
