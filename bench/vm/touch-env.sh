@@ -1,13 +1,12 @@
 # The daemon on USB as on Android 9, for the benchmarks (sourced from a bench folder).
 . /bed/lib.sh
-mkdir -p /tmp/touchbin && printf '#!/bin/sh\necho 9\n' > /tmp/touchbin/getprop && chmod 755 /tmp/touchbin/getprop
-touch_settings() { case_settings "bits=$1"; }
+touch_settings() { case_settings "bits=$1" android=9; }  # getprop answers 9, in /tmp/bin
 touch_go() { printf '\003\001\176' > /dev/hidraw0; }  # releases the script's touch steps
 
 # touch_start SCRIPT: controller, daemon, set-up and touch device (status 1 if not).
 touch_start() {
     start_sim "$1" || return 1
-    PATH=/tmp/touchbin:$PATH TavrineD -f > "$OUT/start.out" 2>&1
+    start_daemon
     wait_until 'logged "Device[/dev/hidraw0] Setup Done"' 300 && wait_until 'has_input MorvelTouch_VirtualDevice' 50
 }
 

@@ -71,7 +71,7 @@ window() {
 }
 start_daemon() {
     rm -f /data/TouchPID
-    PATH=/tmp/touchbin:$PATH TavrineD -f > "$OUT/start-$1.out" 2>&1
+    PATH=/tmp/bin:$PATH TavrineD -f > "$OUT/start-$1.out" 2>&1
     wait_until '[ -n "$(pid_file_pid)" ] && [ -d "/proc/$(pid_file_pid)" ]' 100
     pid_file_pid
 }
