@@ -4,7 +4,6 @@
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <termios.h>
 
 #include <functional>
@@ -48,10 +47,10 @@ TEST_F(CreateFifo, RefusesWhatIsNotAFifo) {
 
 // Runs body in a child as uid (supplementary group group): its exit status.
 int AsUser(uid_t uid, gid_t group, const std::function<int()>& body) {
-    const pid_t child = fork();
-    if (child == 0) _exit(setgroups(1, &group) || setresgid(uid, uid, uid) || setresuid(uid, uid, uid) ? 100 : body());
-    int status = 0;
-    return waitpid(child, &status, 0) == child && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    const testutil::ChildResult child = testutil::RunInChild([&] {
+        _exit(setgroups(1, &group) || setresgid(uid, uid, uid) || setresuid(uid, uid, uid) ? 100 : body());
+    });
+    return child.exited ? child.status : -1;
 }
 
 int Reach() {  // 1: wrote the report switch into the input pipe, 2: opened the output pipe

@@ -5,7 +5,6 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
-#include <sys/wait.h>
 
 #include <functional>
 
@@ -232,8 +231,7 @@ volatile sig_atomic_t g_usr2_count = 0;
 // nothing ready, a 200-byte datagram (read as 65), then the controller gone. Failure bits: 1
 // result, 2 running, 4 stop, 8 SIGUSR2, 16 path (not) removed, 32 set-up, 64 exit, 128 events.
 int RunEmptyReadInChild(const std::string& port, int removed, const std::function<bool()>& make) {
-    const pid_t child = fork();
-    if (child == 0) {
+    const testutil::ChildResult child = testutil::RunInChild([&] {
         setpgid(0, 0);
         if (make && !(unshare(CLONE_NEWNS) == 0 &&
                       mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
@@ -258,10 +256,8 @@ int RunEmptyReadInChild(const std::string& port, int removed, const std::functio
         struct stat st;
         if (removed >= 0 && (lstat(port.c_str(), &st) != 0) != (removed == 1)) code |= 16;
         _exit(code);
-    }
-    int status = 0;
-    const bool exited = child > 0 && waitpid(child, &status, 0) == child && WIFEXITED(status);
-    return exited ? WEXITSTATUS(status) : 64;
+    });
+    return child.exited ? child.status : 64;
 }
 
 }  // namespace
