@@ -1,7 +1,6 @@
 // The device object against a controller stand-in (socketpair or pty).
 #include <gtest/gtest.h>
 #include <string.h>
-#include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -209,16 +208,12 @@ void RunInFreshProcess(const char* marker) {
     const testing::TestInfo* test = testing::UnitTest::GetInstance()->current_test_info();
     const std::string filter =
         std::string("--gtest_filter=") + test->test_suite_name() + "." + test->name();
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
+    const testutil::ChildResult child = testutil::RunInChild([&] {
         setenv(marker, "1", 1);
         execl("/proc/self/exe", "device_tests", filter.c_str(), static_cast<char*>(nullptr));
         _exit(127);
-    }
-    int status = 0;
-    ASSERT_EQ(child, waitpid(child, &status, 0));
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    });
+    EXPECT_TRUE(child.exited && child.status == 0) << child.status << "\n" << child.out;
 }
 
 // Fresh process: a restore before any save is refused; open at the speed, close restores; no tty.
